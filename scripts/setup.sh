@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs every Debian package the project needs. Idempotent, no prompts.
+# Runs as root (or through sudo when it is available).
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build ccache pkg-config git
+  libsqlite3-dev sqlite3 libssl-dev libplist-dev libcurl4-openssl-dev
+  libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+# Extra groups, asked for by the scripts that need them.
+if [[ " $* " == *" --gui "* ]]; then
+  packages+=(qt6-base-dev qt6-svg-dev libgl-dev)
+fi
+if [[ " $* " == *" --bench "* ]]; then
+  packages+=(clamav time)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+if ((${#missing[@]} == 0)); then
+  exit 0
+fi
+
+as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  as_root=(sudo)
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "platform/VkResult.h"
+
+// Path and file helpers with the platform's path-string semantics.
+namespace VkFile {
+
+// Joins a component to a folder path with exactly one "/" between them; an empty
+// component leaves the folder as it is ("/" + "x" is "/x").
+std::string join(const std::string& folder, const std::string& component);
+// The last component ("/a/b.txt" -> "b.txt"; trailing slashes ignored; "/" -> "/").
+std::string lastPathComponent(const std::string& path);
+// The folder part ("/a/b.txt" -> "/a"; "b.txt" -> ""; "/b" -> "/").
+std::string deletingLastPathComponent(const std::string& path);
+// Extension of the last component without the dot ("a.tar.gz" -> "gz"; ".profile" -> "").
+std::string pathExtension(const std::string& path);
+// The path without the extension of its last component.
+std::string deletingPathExtension(const std::string& path);
+// Splits a path into its non-empty components.
+std::vector<std::string> components(const std::string& path);
+
+// True when something exists at the path (links followed); isDirectory tells what.
+bool exists(const std::string& path, bool* isDirectory = nullptr);
+// True when something exists at the path itself (a dangling link counts).
+bool existsNoFollow(const std::string& path);
+// Creates a folder; with parents, every missing parent too. True when it exists after.
+bool createDirectory(const std::string& path, bool withParents, mode_t mode = 0755);
+// Names inside a folder, in the order the file system lists them (no "." and "..").
+VkResult<std::vector<std::string>> listDirectory(const std::string& path);
+
+// Reads a whole file (links followed), refusing files larger than maxBytes.
+VkResult<std::string> readAll(const std::string& path, size_t maxBytes = 64u << 20);
+// Writes bytes to a temporary file beside the target, flushes it and renames it over
+// the target, so readers see either the old or the new contents, never a mix.
+VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_t size,
+                               mode_t mode = 0644);
+VkResult<void> writeAtomically(const std::string& path, const std::string& bytes,
+                               mode_t mode = 0644);
+// Copies a regular file; fails when the target exists.
+VkResult<void> copyFile(const std::string& from, const std::string& to);
+// Removes a file, link or folder tree without following links.
+VkResult<void> removeTree(const std::string& path);
+
+}  // namespace VkFile

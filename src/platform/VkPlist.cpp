@@ -1,0 +1,441 @@
+#include "platform/VkPlist.h"
+
+#include <plist/plist.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "platform/VkFileUtil.h"
+#include "platform/VkHandle.h"
+
+namespace {
+
+using PlistHandle = VkHandle<void, plist_free>;
+
+// ---- Guards run before libplist sees the bytes -------------------------------------
+// libplist parses recursively and copies shared binary objects; a hostile file could
+// exhaust the stack or memory. These checks bound both.
+
+bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
+    size_t depth = 0;
+    for (size_t i = 0; i + 1 < n; ++i) {
+        if (p[i] != '<') continue;
+        if (p[i + 1] == '!' || p[i + 1] == '?') continue;
+        bool closing = p[i + 1] == '/';
+        size_t nameStart = i + (closing ? 2 : 1);
+        size_t j = nameStart;
+        while (j < n && p[j] != '>' && p[j] != ' ' && p[j] != '/') ++j;
+        std::string_view name(p + nameStart, j - nameStart);
+        if (name != "array" && name != "dict") continue;
+        size_t close = j;
+        while (close < n && p[close] != '>') ++close;
+        if (close >= n) return true;  // truncated; libplist will refuse it
+        bool selfClosing = close > 0 && p[close - 1] == '/';
+        if (selfClosing) continue;
+        if (closing) {
+            if (depth > 0) --depth;
+        } else if (++depth > maxDepth) {
+            return false;
+        }
+    }
+    return true;
+}
+
+uint64_t readBigEndian(const uint8_t* p, size_t width) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < width; ++i) v = (v << 8) | p[i];
+    return v;
+}
+
+// Checks the binary layout: trailer, offset table, object headers and references in
+// range; no reference cycles; nesting depth and the size of the expanded tree bounded.
+bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes) {
+    if (size < 8 + 32) return false;
+    const uint8_t* trailer = data + size - 32;
+    size_t offsetSize = trailer[6];
+    size_t refSize = trailer[7];
+    uint64_t numObjects = readBigEndian(trailer + 8, 8);
+    uint64_t topObject = readBigEndian(trailer + 16, 8);
+    uint64_t tableOffset = readBigEndian(trailer + 24, 8);
+    if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8) return false;
+    if (numObjects == 0 || topObject >= numObjects) return false;
+    if (numObjects > (size - 40)) return false;
+    if (tableOffset < 8 || tableOffset > size - 32) return false;
+    if ((size - 32 - tableOffset) / offsetSize < numObjects) return false;
+
+    auto objectOffset = [&](uint64_t index) {
+        return readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
+    };
+    // Reads a container's references; false when the object is malformed.
+    auto childrenOf = [&](uint64_t index, std::vector<uint64_t>& out) -> bool {
+        out.clear();
+        uint64_t off = objectOffset(index);
+        if (off < 8 || off >= tableOffset) return false;
+        uint8_t marker = data[off];
+        uint8_t kind = marker >> 4;
+        if (kind != 0xA && kind != 0xC && kind != 0xD) return true;
+        uint64_t count = marker & 0x0F;
+        uint64_t pos = off + 1;
+        if (count == 0x0F) {
+            if (pos >= tableOffset) return false;
+            uint8_t intMarker = data[pos];
+            if ((intMarker >> 4) != 0x1) return false;
+            size_t width = size_t{1} << (intMarker & 0x0F);
+            if (width > 8 || pos + 1 + width > tableOffset) return false;
+            count = readBigEndian(data + pos + 1, width);
+            pos += 1 + width;
+        }
+        uint64_t refs = kind == 0xD ? count * 2 : count;
+        if (count > tableOffset || refs > (tableOffset - pos) / refSize) return false;
+        out.reserve(refs);
+        for (uint64_t i = 0; i < refs; ++i) {
+            uint64_t ref = readBigEndian(data + pos + i * refSize, refSize);
+            if (ref >= numObjects) return false;
+            out.push_back(ref);
+        }
+        return true;
+    };
+
+    // Iterative depth-first walk: colour 0 unseen, 1 on the path, 2 done.
+    std::vector<uint8_t> colour(numObjects, 0);
+    std::vector<uint64_t> depthOf(numObjects, 0);
+    std::vector<uint64_t> nodesOf(numObjects, 0);
+    struct Frame {
+        uint64_t index;
+        std::vector<uint64_t> children;
+        size_t next = 0;
+    };
+    std::vector<Frame> stack;
+    stack.push_back({topObject, {}, 0});
+    if (!childrenOf(topObject, stack.back().children)) return false;
+    colour[topObject] = 1;
+    while (!stack.empty()) {
+        Frame& f = stack.back();
+        if (f.next < f.children.size()) {
+            uint64_t child = f.children[f.next++];
+            if (colour[child] == 1) return false;  // cycle
+            if (colour[child] == 2) continue;
+            if (stack.size() >= maxDepth) return false;
+            Frame nf{child, {}, 0};
+            if (!childrenOf(child, nf.children)) return false;
+            colour[child] = 1;
+            stack.push_back(std::move(nf));
+            continue;
+        }
+        uint64_t depth = 1;
+        uint64_t nodes = 1;
+        for (uint64_t c : f.children) {
+            depth = std::max<uint64_t>(depth, depthOf[c] + 1);
+            nodes += nodesOf[c];
+            if (nodes > maxNodes) return false;
+        }
+        if (depth > maxDepth) return false;
+        depthOf[f.index] = depth;
+        nodesOf[f.index] = nodes;
+        colour[f.index] = 2;
+        stack.pop_back();
+    }
+    return true;
+}
+
+// ---- Conversion ---------------------------------------------------------------------
+
+VkPlist fromNode(plist_t node) {
+    switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            uint8_t v = 0;
+            plist_get_bool_val(node, &v);
+            return VkPlist::boolean(v != 0);
+        }
+        case PLIST_UINT: {
+            uint64_t v = 0;
+            plist_get_uint_val(node, &v);
+            return VkPlist::integer(static_cast<int64_t>(v));
+        }
+        case PLIST_REAL: {
+            double v = 0;
+            plist_get_real_val(node, &v);
+            return VkPlist::real(v);
+        }
+        case PLIST_STRING:
+        case PLIST_KEY: {
+            char* s = nullptr;
+            if (plist_get_node_type(node) == PLIST_KEY) {
+                plist_get_key_val(node, &s);
+            } else {
+                plist_get_string_val(node, &s);
+            }
+            std::string text = s ? s : "";
+            free(s);
+            return VkPlist(std::move(text));
+        }
+        case PLIST_DATE: {
+            int32_t sec = 0, usec = 0;
+            plist_get_date_val(node, &sec, &usec);
+            return VkPlist(VkDate{VkDate::kReferenceDateOffset + sec + usec / 1e6});
+        }
+        case PLIST_DATA: {
+            char* bytes = nullptr;
+            uint64_t length = 0;
+            plist_get_data_val(node, &bytes, &length);
+            VkPlist::Data data(reinterpret_cast<uint8_t*>(bytes),
+                               reinterpret_cast<uint8_t*>(bytes) + length);
+            free(bytes);
+            return VkPlist(std::move(data));
+        }
+        case PLIST_ARRAY: {
+            VkPlist::Array items;
+            uint32_t n = plist_array_get_size(node);
+            items.reserve(n);
+            for (uint32_t i = 0; i < n; ++i) items.push_back(fromNode(plist_array_get_item(node, i)));
+            return VkPlist(std::move(items));
+        }
+        case PLIST_DICT: {
+            VkPlist::Dictionary items;
+            plist_dict_iter it = nullptr;
+            plist_dict_new_iter(node, &it);
+            for (;;) {
+                char* key = nullptr;
+                plist_t value = nullptr;
+                plist_dict_next_item(node, it, &key, &value);
+                if (!key) break;
+                items[key] = fromNode(value);
+                free(key);
+            }
+            free(it);
+            return VkPlist(std::move(items));
+        }
+        case PLIST_UID: {
+            uint64_t v = 0;
+            plist_get_uid_val(node, &v);
+            return VkPlist::uid(v);
+        }
+        default:
+            return VkPlist();
+    }
+}
+
+plist_t toNode(const VkPlist& value) {
+    switch (value.type()) {
+        case VkPlist::Type::None:
+            return plist_new_string("");
+        case VkPlist::Type::Boolean:
+            return plist_new_bool(*value.asBool() ? 1 : 0);
+        case VkPlist::Type::Integer:
+            return plist_new_uint(static_cast<uint64_t>(*value.asInt64()));
+        case VkPlist::Type::Real:
+            return plist_new_real(*value.asDouble());
+        case VkPlist::Type::String:
+            return plist_new_string(value.asString()->c_str());
+        case VkPlist::Type::Date: {
+            double rel = value.asDate()->secondsSince1970 - VkDate::kReferenceDateOffset;
+            double sec = std::floor(rel);
+            auto usec = static_cast<int32_t>(std::llround((rel - sec) * 1e6));
+            if (usec >= 1000000) {
+                sec += 1;
+                usec -= 1000000;
+            }
+            return plist_new_date(static_cast<int32_t>(sec), usec);
+        }
+        case VkPlist::Type::Data: {
+            const auto& d = *value.asData();
+            return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
+        }
+        case VkPlist::Type::Array: {
+            plist_t node = plist_new_array();
+            for (const auto& item : *value.asArray()) plist_array_append_item(node, toNode(item));
+            return node;
+        }
+        case VkPlist::Type::Dictionary: {
+            plist_t node = plist_new_dict();
+            for (const auto& [k, v] : *value.asDictionary()) plist_dict_set_item(node, k.c_str(), toNode(v));
+            return node;
+        }
+        case VkPlist::Type::Uid:
+            return plist_new_uid(*value.asUid());
+    }
+    return plist_new_string("");
+}
+
+}  // namespace
+
+VkPlist VkPlist::boolean(bool v) {
+    VkPlist p;
+    p.value_ = v;
+    return p;
+}
+VkPlist VkPlist::integer(int64_t v) {
+    VkPlist p;
+    p.value_ = v;
+    return p;
+}
+VkPlist VkPlist::unsignedInteger(uint64_t v) { return integer(static_cast<int64_t>(v)); }
+VkPlist VkPlist::real(double v) {
+    VkPlist p;
+    p.value_ = v;
+    return p;
+}
+VkPlist VkPlist::uid(uint64_t v) {
+    VkPlist p;
+    p.value_ = Uid{v};
+    return p;
+}
+VkPlist VkPlist::array(std::initializer_list<VkPlist> items) { return VkPlist(Array(items)); }
+VkPlist VkPlist::dictionary(std::initializer_list<std::pair<const std::string, VkPlist>> items) {
+    return VkPlist(Dictionary(items));
+}
+
+bool VkPlist::isNumber() const {
+    Type t = type();
+    return t == Type::Boolean || t == Type::Integer || t == Type::Real;
+}
+
+const std::string* VkPlist::asString() const { return std::get_if<std::string>(&value_); }
+const VkPlist::Array* VkPlist::asArray() const { return std::get_if<Array>(&value_); }
+VkPlist::Array* VkPlist::asArray() { return std::get_if<Array>(&value_); }
+const VkPlist::Dictionary* VkPlist::asDictionary() const { return std::get_if<Dictionary>(&value_); }
+VkPlist::Dictionary* VkPlist::asDictionary() { return std::get_if<Dictionary>(&value_); }
+const VkPlist::Data* VkPlist::asData() const { return std::get_if<Data>(&value_); }
+
+std::optional<bool> VkPlist::asBool() const {
+    if (auto b = std::get_if<bool>(&value_)) return *b;
+    if (auto i = std::get_if<int64_t>(&value_)) return *i != 0;
+    if (auto d = std::get_if<double>(&value_)) return *d != 0.0;
+    return std::nullopt;
+}
+
+std::optional<int64_t> VkPlist::asInt64() const {
+    if (auto i = std::get_if<int64_t>(&value_)) return *i;
+    if (auto b = std::get_if<bool>(&value_)) return *b ? 1 : 0;
+    if (auto d = std::get_if<double>(&value_)) {
+        if (std::isnan(*d)) return 0;
+        if (*d >= 9.2e18) return std::numeric_limits<int64_t>::max();
+        if (*d <= -9.2e18) return std::numeric_limits<int64_t>::min();
+        return static_cast<int64_t>(*d);
+    }
+    return std::nullopt;
+}
+
+std::optional<uint64_t> VkPlist::asUInt64() const {
+    if (auto d = std::get_if<double>(&value_)) {
+        if (std::isnan(*d) || *d <= 0) return 0;
+        if (*d >= 1.8e19) return std::numeric_limits<uint64_t>::max();
+        return static_cast<uint64_t>(*d);
+    }
+    auto i = asInt64();
+    if (!i) return std::nullopt;
+    return static_cast<uint64_t>(*i);
+}
+
+std::optional<double> VkPlist::asDouble() const {
+    if (auto d = std::get_if<double>(&value_)) return *d;
+    if (auto i = std::get_if<int64_t>(&value_)) return static_cast<double>(*i);
+    if (auto b = std::get_if<bool>(&value_)) return *b ? 1.0 : 0.0;
+    return std::nullopt;
+}
+
+std::optional<VkDate> VkPlist::asDate() const {
+    if (auto d = std::get_if<VkDate>(&value_)) return *d;
+    return std::nullopt;
+}
+
+std::optional<uint64_t> VkPlist::asUid() const {
+    if (auto u = std::get_if<Uid>(&value_)) return u->value;
+    return std::nullopt;
+}
+
+const VkPlist* VkPlist::get(const std::string& key) const {
+    const Dictionary* d = asDictionary();
+    if (!d) return nullptr;
+    auto it = d->find(key);
+    return it == d->end() ? nullptr : &it->second;
+}
+
+const std::string* VkPlist::getString(const std::string& key) const {
+    const VkPlist* v = get(key);
+    return v ? v->asString() : nullptr;
+}
+
+void VkPlist::set(const std::string& key, VkPlist value) {
+    if (isNone()) value_ = Dictionary{};
+    if (Dictionary* d = asDictionary()) (*d)[key] = std::move(value);
+}
+
+void VkPlist::append(VkPlist value) {
+    if (isNone()) value_ = Array{};
+    if (Array* a = asArray()) a->push_back(std::move(value));
+}
+
+bool VkPlist::operator==(const VkPlist& other) const { return value_ == other.value_; }
+
+VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
+    if (size == 0) return VkError{"empty property list"};
+    if (size > std::numeric_limits<uint32_t>::max()) return VkError{"property list too large"};
+    const char* p = static_cast<const char*>(bytes);
+    bool binary = size >= 8 && std::memcmp(p, "bplist00", 8) == 0;
+    if (binary) {
+        if (!binaryPlistIsSafe(reinterpret_cast<const uint8_t*>(p), size, kMaxDepth, kMaxNodes)) {
+            return VkError{"malformed or oversized binary property list"};
+        }
+    } else if (!xmlNestingWithin(p, size, kMaxDepth)) {
+        return VkError{"property list nested too deeply"};
+    }
+    plist_t root = nullptr;
+    if (binary) {
+        plist_from_bin(p, static_cast<uint32_t>(size), &root);
+    } else {
+        // libplist's XML reader expects to find the document start itself; give it the
+        // bytes as they are.
+        plist_from_xml(p, static_cast<uint32_t>(size), &root);
+    }
+    PlistHandle owner(root);
+    if (!root) return VkError{binary ? "not a valid binary property list" : "not a valid property list"};
+    return fromNode(root);
+}
+
+VkResult<VkPlist> VkPlist::readFile(const std::string& path, size_t maxBytes) {
+    auto bytes = VkFile::readAll(path, maxBytes);
+    if (!bytes) return VkError{bytes.error()};
+    auto parsed = parse(bytes->data(), bytes->size());
+    if (!parsed) return VkError{path + ": " + parsed.error()};
+    return parsed;
+}
+
+std::optional<VkPlist> VkPlist::contentsOfFile(const std::string& path) {
+    auto r = readFile(path);
+    if (!r) return std::nullopt;
+    return std::move(r).value();
+}
+
+std::string VkPlist::toXml() const {
+    PlistHandle node(toNode(*this));
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(node.get(), &xml, &length);
+    std::string out = xml ? std::string(xml, length) : std::string();
+    if (xml) plist_to_xml_free(xml);
+    return out;
+}
+
+std::vector<uint8_t> VkPlist::toBinary() const {
+    PlistHandle node(toNode(*this));
+    char* bin = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(node.get(), &bin, &length);
+    std::vector<uint8_t> out;
+    if (bin) {
+        out.assign(reinterpret_cast<uint8_t*>(bin), reinterpret_cast<uint8_t*>(bin) + length);
+        plist_to_bin_free(bin);
+    }
+    return out;
+}
+
+VkResult<void> VkPlist::writeXmlFile(const std::string& path) const {
+    return VkFile::writeAtomically(path, toXml());
+}
+
+VkResult<void> VkPlist::writeBinaryFile(const std::string& path) const {
+    auto bytes = toBinary();
+    return VkFile::writeAtomically(path, bytes.data(), bytes.size());
+}
