@@ -1,14 +1,41 @@
-#include <CLI/CLI.hpp>
-
+#include <clocale>
 #include <cstdio>
 
+#include <CLI/CLI.hpp>
+
+#include "VkCli.h"
+
+#ifndef VK_VERSION
+#define VK_VERSION "0.1.0"
+#endif
+
 int main(int argc, char** argv) {
+    std::setlocale(LC_ALL, "");
     CLI::App app{"vksecurity: finds, removes and quarantines known Mac trojans"};
-    app.set_version_flag("--version", std::string("vksecurity 0.1.0"));
+    app.set_version_flag("--version", std::string("vksecurity ") + VK_VERSION);
     app.require_subcommand(0, 1);
-    CLI11_PARSE(app, argc, argv);
+    app.fallthrough();
+
+    VkCli cli;
+    app.add_option("--root", cli.systemRoot,
+                   "Inspect the system below this folder (a mounted Mac volume or a test tree)");
+    app.add_option("--data-dir", cli.dataFolder,
+                   "Folder of signature databases, logs and quarantine (default: VK_DATA_DIR, "
+                   "else the user's data folder)");
+    app.add_option("--user", cli.userName, "Login name of the inspected system's user");
+    app.add_option("--home", cli.homeDirectory, "Home folder of the inspected system's user");
+    app.add_flag("--json", cli.json, "Machine-readable output");
+
+    VkCliCommand::setupAll(app, cli);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        int code = app.exit(e);
+        return code == 0 ? kExitClean : kExitError;
+    }
     if (app.get_subcommands().empty()) {
         std::fputs(app.help().c_str(), stdout);
     }
-    return 0;
+    return cli.exitCode;
 }

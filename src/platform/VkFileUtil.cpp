@@ -1,14 +1,13 @@
 #include "platform/VkFileUtil.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/VkHandle.h"
 
@@ -18,7 +17,8 @@ namespace {
 
 std::string stripTrailingSlashes(const std::string& path) {
     std::string p = path;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
     return p;
 }
 
@@ -29,38 +29,49 @@ std::string errnoText(const std::string& what, const std::string& path) {
 }  // namespace
 
 std::string join(const std::string& folder, const std::string& component) {
-    if (component.empty()) return folder;
+    if (component.empty())
+        return folder;
     std::string left = stripTrailingSlashes(folder);
     size_t start = 0;
-    while (start < component.size() && component[start] == '/') ++start;
+    while (start < component.size() && component[start] == '/')
+        ++start;
     std::string right = stripTrailingSlashes(component.substr(start));
-    if (right == "/") right.clear();
-    if (left.empty()) return start > 0 ? "/" + right : right;
-    if (left == "/") return "/" + right;
-    if (right.empty()) return left;
+    if (right == "/")
+        right.clear();
+    if (left.empty())
+        return start > 0 ? "/" + right : right;
+    if (left == "/")
+        return "/" + right;
+    if (right.empty())
+        return left;
     return left + "/" + right;
 }
 
 std::string lastPathComponent(const std::string& path) {
     std::string p = stripTrailingSlashes(path);
-    if (p == "/") return p;
+    if (p == "/")
+        return p;
     size_t slash = p.rfind('/');
     return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
 std::string deletingLastPathComponent(const std::string& path) {
     std::string p = stripTrailingSlashes(path);
-    if (p == "/") return p;
+    if (p == "/")
+        return p;
     size_t slash = p.rfind('/');
-    if (slash == std::string::npos) return "";
-    if (slash == 0) return "/";
+    if (slash == std::string::npos)
+        return "";
+    if (slash == 0)
+        return "/";
     return p.substr(0, slash);
 }
 
 std::string pathExtension(const std::string& path) {
     std::string last = lastPathComponent(path);
     size_t dot = last.rfind('.');
-    if (dot == std::string::npos || dot == 0) return "";
+    if (dot == std::string::npos || dot == 0)
+        return "";
     return last.substr(dot + 1);
 }
 
@@ -70,7 +81,8 @@ std::string deletingPathExtension(const std::string& path) {
     if (ext.empty()) {
         // A name ending in a lone "." loses that dot, as the platform does.
         std::string last = lastPathComponent(p);
-        if (last.size() > 1 && last.back() == '.') return p.substr(0, p.size() - 1);
+        if (last.size() > 1 && last.back() == '.')
+            return p.substr(0, p.size() - 1);
         return p;
     }
     return p.substr(0, p.size() - ext.size() - 1);
@@ -81,8 +93,10 @@ std::vector<std::string> components(const std::string& path) {
     size_t i = 0;
     while (i < path.size()) {
         size_t j = path.find('/', i);
-        if (j == std::string::npos) j = path.size();
-        if (j > i) out.push_back(path.substr(i, j - i));
+        if (j == std::string::npos)
+            j = path.size();
+        if (j > i)
+            out.push_back(path.substr(i, j - i));
         i = j + 1;
     }
     return out;
@@ -91,10 +105,12 @@ std::vector<std::string> components(const std::string& path) {
 bool exists(const std::string& path, bool* isDirectory) {
     struct stat st {};
     if (path.empty() || ::stat(path.c_str(), &st) != 0) {
-        if (isDirectory) *isDirectory = false;
+        if (isDirectory)
+            *isDirectory = false;
         return false;
     }
-    if (isDirectory) *isDirectory = S_ISDIR(st.st_mode);
+    if (isDirectory)
+        *isDirectory = S_ISDIR(st.st_mode);
     return true;
 }
 
@@ -104,25 +120,31 @@ bool existsNoFollow(const std::string& path) {
 }
 
 bool createDirectory(const std::string& path, bool withParents, mode_t mode) {
-    if (path.empty()) return false;
+    if (path.empty())
+        return false;
     bool isDir = false;
-    if (exists(path, &isDir)) return isDir;
+    if (exists(path, &isDir))
+        return isDir;
     if (withParents) {
         std::string parent = deletingLastPathComponent(path);
         if (!parent.empty() && parent != path && !exists(parent)) {
-            if (!createDirectory(parent, true, mode)) return false;
+            if (!createDirectory(parent, true, mode))
+                return false;
         }
     }
-    if (::mkdir(path.c_str(), mode) == 0) return true;
+    if (::mkdir(path.c_str(), mode) == 0)
+        return true;
     return errno == EEXIST && exists(path, &isDir) && isDir;
 }
 
 VkResult<std::vector<std::string>> listDirectory(const std::string& path) {
     VkHandle<DIR, ::closedir> dir(::opendir(path.c_str()));
-    if (!dir) return VkError{errnoText("cannot list", path)};
+    if (!dir)
+        return VkError{errnoText("cannot list", path)};
     std::vector<std::string> names;
     while (struct dirent* entry = ::readdir(dir.get())) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
         names.emplace_back(entry->d_name);
     }
     return names;
@@ -130,22 +152,29 @@ VkResult<std::vector<std::string>> listDirectory(const std::string& path) {
 
 VkResult<std::string> readAll(const std::string& path, size_t maxBytes) {
     VkFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd.valid()) return VkError{errnoText("cannot open", path)};
+    if (!fd.valid())
+        return VkError{errnoText("cannot open", path)};
     struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) return VkError{errnoText("cannot stat", path)};
-    if (!S_ISREG(st.st_mode)) return VkError{"not a regular file: " + path};
-    if (static_cast<uint64_t>(st.st_size) > maxBytes) return VkError{"file too large: " + path};
+    if (::fstat(fd.get(), &st) != 0)
+        return VkError{errnoText("cannot stat", path)};
+    if (!S_ISREG(st.st_mode))
+        return VkError{"not a regular file: " + path};
+    if (static_cast<uint64_t>(st.st_size) > maxBytes)
+        return VkError{"file too large: " + path};
     std::string out;
     out.reserve(static_cast<size_t>(st.st_size));
     char buf[65536];
     for (;;) {
         ssize_t n = ::read(fd.get(), buf, sizeof buf);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             return VkError{errnoText("cannot read", path)};
         }
-        if (n == 0) break;
-        if (out.size() + static_cast<size_t>(n) > maxBytes) return VkError{"file too large: " + path};
+        if (n == 0)
+            break;
+        if (out.size() + static_cast<size_t>(n) > maxBytes)
+            return VkError{"file too large: " + path};
         out.append(buf, static_cast<size_t>(n));
     }
     return out;
@@ -160,13 +189,15 @@ VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_
                                 "." + std::to_string(counter.fetch_add(1)));
     {
         VkFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
-        if (!fd.valid()) return VkError{errnoText("cannot create", temp)};
+        if (!fd.valid())
+            return VkError{errnoText("cannot create", temp)};
         const char* p = static_cast<const char*>(bytes);
         size_t left = size;
         while (left > 0) {
             ssize_t n = ::write(fd.get(), p, left);
             if (n < 0) {
-                if (errno == EINTR) continue;
+                if (errno == EINTR)
+                    continue;
                 std::string message = errnoText("cannot write", temp);
                 ::unlink(temp.c_str());
                 return VkError{message};
@@ -205,7 +236,8 @@ VkResult<void> removeTree(const std::string& path) {
     std::error_code ec;
     // remove_all does not follow symbolic links: a link is removed, not its target.
     std::filesystem::remove_all(path, ec);
-    if (ec) return VkError{"cannot remove " + path + ": " + ec.message()};
+    if (ec)
+        return VkError{"cannot remove " + path + ": " + ec.message()};
     return {};
 }
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <memory>
+#include <unistd.h>
 #include <utility>
 
 // Owns a C handle and releases it with Deleter when it goes out of scope.
 template <class T, auto Deleter>
 struct VkHandleDeleter {
     void operator()(T* p) const {
-        if (p) Deleter(p);
+        if (p)
+            Deleter(p);
     }
 };
 template <class T, auto Deleter>
@@ -17,7 +17,7 @@ using VkHandle = std::unique_ptr<T, VkHandleDeleter<T, Deleter>>;
 
 // Owns a file descriptor.
 class VkFd {
-public:
+  public:
     VkFd() = default;
     explicit VkFd(int fd) : fd_(fd) {}
     VkFd(VkFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
@@ -36,10 +36,11 @@ public:
     bool valid() const { return fd_ >= 0; }
     int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0)
+            ::close(fd_);
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };

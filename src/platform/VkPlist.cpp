@@ -1,10 +1,10 @@
 #include "platform/VkPlist.h"
 
-#include <plist/plist.h>
-
 #include <cmath>
 #include <cstring>
 #include <limits>
+
+#include <plist/plist.h>
 
 #include "platform/VkFileUtil.h"
 #include "platform/VkHandle.h"
@@ -20,21 +20,29 @@ using PlistHandle = VkHandle<void, plist_free>;
 bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
     size_t depth = 0;
     for (size_t i = 0; i + 1 < n; ++i) {
-        if (p[i] != '<') continue;
-        if (p[i + 1] == '!' || p[i + 1] == '?') continue;
+        if (p[i] != '<')
+            continue;
+        if (p[i + 1] == '!' || p[i + 1] == '?')
+            continue;
         bool closing = p[i + 1] == '/';
         size_t nameStart = i + (closing ? 2 : 1);
         size_t j = nameStart;
-        while (j < n && p[j] != '>' && p[j] != ' ' && p[j] != '/') ++j;
+        while (j < n && p[j] != '>' && p[j] != ' ' && p[j] != '/')
+            ++j;
         std::string_view name(p + nameStart, j - nameStart);
-        if (name != "array" && name != "dict") continue;
+        if (name != "array" && name != "dict")
+            continue;
         size_t close = j;
-        while (close < n && p[close] != '>') ++close;
-        if (close >= n) return true;  // truncated; libplist will refuse it
+        while (close < n && p[close] != '>')
+            ++close;
+        if (close >= n)
+            return true;  // truncated; libplist will refuse it
         bool selfClosing = close > 0 && p[close - 1] == '/';
-        if (selfClosing) continue;
+        if (selfClosing)
+            continue;
         if (closing) {
-            if (depth > 0) --depth;
+            if (depth > 0)
+                --depth;
         } else if (++depth > maxDepth) {
             return false;
         }
@@ -44,25 +52,32 @@ bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
 
 uint64_t readBigEndian(const uint8_t* p, size_t width) {
     uint64_t v = 0;
-    for (size_t i = 0; i < width; ++i) v = (v << 8) | p[i];
+    for (size_t i = 0; i < width; ++i)
+        v = (v << 8) | p[i];
     return v;
 }
 
 // Checks the binary layout: trailer, offset table, object headers and references in
 // range; no reference cycles; nesting depth and the size of the expanded tree bounded.
 bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes) {
-    if (size < 8 + 32) return false;
+    if (size < 8 + 32)
+        return false;
     const uint8_t* trailer = data + size - 32;
     size_t offsetSize = trailer[6];
     size_t refSize = trailer[7];
     uint64_t numObjects = readBigEndian(trailer + 8, 8);
     uint64_t topObject = readBigEndian(trailer + 16, 8);
     uint64_t tableOffset = readBigEndian(trailer + 24, 8);
-    if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8) return false;
-    if (numObjects == 0 || topObject >= numObjects) return false;
-    if (numObjects > (size - 40)) return false;
-    if (tableOffset < 8 || tableOffset > size - 32) return false;
-    if ((size - 32 - tableOffset) / offsetSize < numObjects) return false;
+    if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8)
+        return false;
+    if (numObjects == 0 || topObject >= numObjects)
+        return false;
+    if (numObjects > (size - 40))
+        return false;
+    if (tableOffset < 8 || tableOffset > size - 32)
+        return false;
+    if ((size - 32 - tableOffset) / offsetSize < numObjects)
+        return false;
 
     auto objectOffset = [&](uint64_t index) {
         return readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
@@ -71,27 +86,34 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     auto childrenOf = [&](uint64_t index, std::vector<uint64_t>& out) -> bool {
         out.clear();
         uint64_t off = objectOffset(index);
-        if (off < 8 || off >= tableOffset) return false;
+        if (off < 8 || off >= tableOffset)
+            return false;
         uint8_t marker = data[off];
         uint8_t kind = marker >> 4;
-        if (kind != 0xA && kind != 0xC && kind != 0xD) return true;
+        if (kind != 0xA && kind != 0xC && kind != 0xD)
+            return true;
         uint64_t count = marker & 0x0F;
         uint64_t pos = off + 1;
         if (count == 0x0F) {
-            if (pos >= tableOffset) return false;
+            if (pos >= tableOffset)
+                return false;
             uint8_t intMarker = data[pos];
-            if ((intMarker >> 4) != 0x1) return false;
+            if ((intMarker >> 4) != 0x1)
+                return false;
             size_t width = size_t{1} << (intMarker & 0x0F);
-            if (width > 8 || pos + 1 + width > tableOffset) return false;
+            if (width > 8 || pos + 1 + width > tableOffset)
+                return false;
             count = readBigEndian(data + pos + 1, width);
             pos += 1 + width;
         }
         uint64_t refs = kind == 0xD ? count * 2 : count;
-        if (count > tableOffset || refs > (tableOffset - pos) / refSize) return false;
+        if (count > tableOffset || refs > (tableOffset - pos) / refSize)
+            return false;
         out.reserve(refs);
         for (uint64_t i = 0; i < refs; ++i) {
             uint64_t ref = readBigEndian(data + pos + i * refSize, refSize);
-            if (ref >= numObjects) return false;
+            if (ref >= numObjects)
+                return false;
             out.push_back(ref);
         }
         return true;
@@ -108,17 +130,22 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     };
     std::vector<Frame> stack;
     stack.push_back({topObject, {}, 0});
-    if (!childrenOf(topObject, stack.back().children)) return false;
+    if (!childrenOf(topObject, stack.back().children))
+        return false;
     colour[topObject] = 1;
     while (!stack.empty()) {
         Frame& f = stack.back();
         if (f.next < f.children.size()) {
             uint64_t child = f.children[f.next++];
-            if (colour[child] == 1) return false;  // cycle
-            if (colour[child] == 2) continue;
-            if (stack.size() >= maxDepth) return false;
+            if (colour[child] == 1)
+                return false;  // cycle
+            if (colour[child] == 2)
+                continue;
+            if (stack.size() >= maxDepth)
+                return false;
             Frame nf{child, {}, 0};
-            if (!childrenOf(child, nf.children)) return false;
+            if (!childrenOf(child, nf.children))
+                return false;
             colour[child] = 1;
             stack.push_back(std::move(nf));
             continue;
@@ -128,9 +155,11 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
         for (uint64_t c : f.children) {
             depth = std::max<uint64_t>(depth, depthOf[c] + 1);
             nodes += nodesOf[c];
-            if (nodes > maxNodes) return false;
+            if (nodes > maxNodes)
+                return false;
         }
-        if (depth > maxDepth) return false;
+        if (depth > maxDepth)
+            return false;
         depthOf[f.index] = depth;
         nodesOf[f.index] = nodes;
         colour[f.index] = 2;
@@ -188,7 +217,8 @@ VkPlist fromNode(plist_t node) {
             VkPlist::Array items;
             uint32_t n = plist_array_get_size(node);
             items.reserve(n);
-            for (uint32_t i = 0; i < n; ++i) items.push_back(fromNode(plist_array_get_item(node, i)));
+            for (uint32_t i = 0; i < n; ++i)
+                items.push_back(fromNode(plist_array_get_item(node, i)));
             return VkPlist(std::move(items));
         }
         case PLIST_DICT: {
@@ -199,7 +229,8 @@ VkPlist fromNode(plist_t node) {
                 char* key = nullptr;
                 plist_t value = nullptr;
                 plist_dict_next_item(node, it, &key, &value);
-                if (!key) break;
+                if (!key)
+                    break;
                 items[key] = fromNode(value);
                 free(key);
             }
@@ -244,12 +275,14 @@ plist_t toNode(const VkPlist& value) {
         }
         case VkPlist::Type::Array: {
             plist_t node = plist_new_array();
-            for (const auto& item : *value.asArray()) plist_array_append_item(node, toNode(item));
+            for (const auto& item : *value.asArray())
+                plist_array_append_item(node, toNode(item));
             return node;
         }
         case VkPlist::Type::Dictionary: {
             plist_t node = plist_new_dict();
-            for (const auto& [k, v] : *value.asDictionary()) plist_dict_set_item(node, k.c_str(), toNode(v));
+            for (const auto& [k, v] : *value.asDictionary())
+                plist_dict_set_item(node, k.c_str(), toNode(v));
             return node;
         }
         case VkPlist::Type::Uid:
@@ -270,7 +303,9 @@ VkPlist VkPlist::integer(int64_t v) {
     p.value_ = v;
     return p;
 }
-VkPlist VkPlist::unsignedInteger(uint64_t v) { return integer(static_cast<int64_t>(v)); }
+VkPlist VkPlist::unsignedInteger(uint64_t v) {
+    return integer(static_cast<int64_t>(v));
+}
 VkPlist VkPlist::real(double v) {
     VkPlist p;
     p.value_ = v;
@@ -281,7 +316,9 @@ VkPlist VkPlist::uid(uint64_t v) {
     p.value_ = Uid{v};
     return p;
 }
-VkPlist VkPlist::array(std::initializer_list<VkPlist> items) { return VkPlist(Array(items)); }
+VkPlist VkPlist::array(std::initializer_list<VkPlist> items) {
+    return VkPlist(Array(items));
+}
 VkPlist VkPlist::dictionary(std::initializer_list<std::pair<const std::string, VkPlist>> items) {
     return VkPlist(Dictionary(items));
 }
@@ -291,27 +328,47 @@ bool VkPlist::isNumber() const {
     return t == Type::Boolean || t == Type::Integer || t == Type::Real;
 }
 
-const std::string* VkPlist::asString() const { return std::get_if<std::string>(&value_); }
-const VkPlist::Array* VkPlist::asArray() const { return std::get_if<Array>(&value_); }
-VkPlist::Array* VkPlist::asArray() { return std::get_if<Array>(&value_); }
-const VkPlist::Dictionary* VkPlist::asDictionary() const { return std::get_if<Dictionary>(&value_); }
-VkPlist::Dictionary* VkPlist::asDictionary() { return std::get_if<Dictionary>(&value_); }
-const VkPlist::Data* VkPlist::asData() const { return std::get_if<Data>(&value_); }
+const std::string* VkPlist::asString() const {
+    return std::get_if<std::string>(&value_);
+}
+const VkPlist::Array* VkPlist::asArray() const {
+    return std::get_if<Array>(&value_);
+}
+VkPlist::Array* VkPlist::asArray() {
+    return std::get_if<Array>(&value_);
+}
+const VkPlist::Dictionary* VkPlist::asDictionary() const {
+    return std::get_if<Dictionary>(&value_);
+}
+VkPlist::Dictionary* VkPlist::asDictionary() {
+    return std::get_if<Dictionary>(&value_);
+}
+const VkPlist::Data* VkPlist::asData() const {
+    return std::get_if<Data>(&value_);
+}
 
 std::optional<bool> VkPlist::asBool() const {
-    if (auto b = std::get_if<bool>(&value_)) return *b;
-    if (auto i = std::get_if<int64_t>(&value_)) return *i != 0;
-    if (auto d = std::get_if<double>(&value_)) return *d != 0.0;
+    if (auto b = std::get_if<bool>(&value_))
+        return *b;
+    if (auto i = std::get_if<int64_t>(&value_))
+        return *i != 0;
+    if (auto d = std::get_if<double>(&value_))
+        return *d != 0.0;
     return std::nullopt;
 }
 
 std::optional<int64_t> VkPlist::asInt64() const {
-    if (auto i = std::get_if<int64_t>(&value_)) return *i;
-    if (auto b = std::get_if<bool>(&value_)) return *b ? 1 : 0;
+    if (auto i = std::get_if<int64_t>(&value_))
+        return *i;
+    if (auto b = std::get_if<bool>(&value_))
+        return *b ? 1 : 0;
     if (auto d = std::get_if<double>(&value_)) {
-        if (std::isnan(*d)) return 0;
-        if (*d >= 9.2e18) return std::numeric_limits<int64_t>::max();
-        if (*d <= -9.2e18) return std::numeric_limits<int64_t>::min();
+        if (std::isnan(*d))
+            return 0;
+        if (*d >= 9.2e18)
+            return std::numeric_limits<int64_t>::max();
+        if (*d <= -9.2e18)
+            return std::numeric_limits<int64_t>::min();
         return static_cast<int64_t>(*d);
     }
     return std::nullopt;
@@ -319,35 +376,44 @@ std::optional<int64_t> VkPlist::asInt64() const {
 
 std::optional<uint64_t> VkPlist::asUInt64() const {
     if (auto d = std::get_if<double>(&value_)) {
-        if (std::isnan(*d) || *d <= 0) return 0;
-        if (*d >= 1.8e19) return std::numeric_limits<uint64_t>::max();
+        if (std::isnan(*d) || *d <= 0)
+            return 0;
+        if (*d >= 1.8e19)
+            return std::numeric_limits<uint64_t>::max();
         return static_cast<uint64_t>(*d);
     }
     auto i = asInt64();
-    if (!i) return std::nullopt;
+    if (!i)
+        return std::nullopt;
     return static_cast<uint64_t>(*i);
 }
 
 std::optional<double> VkPlist::asDouble() const {
-    if (auto d = std::get_if<double>(&value_)) return *d;
-    if (auto i = std::get_if<int64_t>(&value_)) return static_cast<double>(*i);
-    if (auto b = std::get_if<bool>(&value_)) return *b ? 1.0 : 0.0;
+    if (auto d = std::get_if<double>(&value_))
+        return *d;
+    if (auto i = std::get_if<int64_t>(&value_))
+        return static_cast<double>(*i);
+    if (auto b = std::get_if<bool>(&value_))
+        return *b ? 1.0 : 0.0;
     return std::nullopt;
 }
 
 std::optional<VkDate> VkPlist::asDate() const {
-    if (auto d = std::get_if<VkDate>(&value_)) return *d;
+    if (auto d = std::get_if<VkDate>(&value_))
+        return *d;
     return std::nullopt;
 }
 
 std::optional<uint64_t> VkPlist::asUid() const {
-    if (auto u = std::get_if<Uid>(&value_)) return u->value;
+    if (auto u = std::get_if<Uid>(&value_))
+        return u->value;
     return std::nullopt;
 }
 
 const VkPlist* VkPlist::get(const std::string& key) const {
     const Dictionary* d = asDictionary();
-    if (!d) return nullptr;
+    if (!d)
+        return nullptr;
     auto it = d->find(key);
     return it == d->end() ? nullptr : &it->second;
 }
@@ -358,20 +424,28 @@ const std::string* VkPlist::getString(const std::string& key) const {
 }
 
 void VkPlist::set(const std::string& key, VkPlist value) {
-    if (isNone()) value_ = Dictionary{};
-    if (Dictionary* d = asDictionary()) (*d)[key] = std::move(value);
+    if (isNone())
+        value_ = Dictionary{};
+    if (Dictionary* d = asDictionary())
+        (*d)[key] = std::move(value);
 }
 
 void VkPlist::append(VkPlist value) {
-    if (isNone()) value_ = Array{};
-    if (Array* a = asArray()) a->push_back(std::move(value));
+    if (isNone())
+        value_ = Array{};
+    if (Array* a = asArray())
+        a->push_back(std::move(value));
 }
 
-bool VkPlist::operator==(const VkPlist& other) const { return value_ == other.value_; }
+bool VkPlist::operator==(const VkPlist& other) const {
+    return value_ == other.value_;
+}
 
 VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
-    if (size == 0) return VkError{"empty property list"};
-    if (size > std::numeric_limits<uint32_t>::max()) return VkError{"property list too large"};
+    if (size == 0)
+        return VkError{"empty property list"};
+    if (size > std::numeric_limits<uint32_t>::max())
+        return VkError{"property list too large"};
     const char* p = static_cast<const char*>(bytes);
     bool binary = size >= 8 && std::memcmp(p, "bplist00", 8) == 0;
     if (binary) {
@@ -390,21 +464,25 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
         plist_from_xml(p, static_cast<uint32_t>(size), &root);
     }
     PlistHandle owner(root);
-    if (!root) return VkError{binary ? "not a valid binary property list" : "not a valid property list"};
+    if (!root)
+        return VkError{binary ? "not a valid binary property list" : "not a valid property list"};
     return fromNode(root);
 }
 
 VkResult<VkPlist> VkPlist::readFile(const std::string& path, size_t maxBytes) {
     auto bytes = VkFile::readAll(path, maxBytes);
-    if (!bytes) return VkError{bytes.error()};
+    if (!bytes)
+        return VkError{bytes.error()};
     auto parsed = parse(bytes->data(), bytes->size());
-    if (!parsed) return VkError{path + ": " + parsed.error()};
+    if (!parsed)
+        return VkError{path + ": " + parsed.error()};
     return parsed;
 }
 
 std::optional<VkPlist> VkPlist::contentsOfFile(const std::string& path) {
     auto r = readFile(path);
-    if (!r) return std::nullopt;
+    if (!r)
+        return std::nullopt;
     return std::move(r).value();
 }
 
@@ -414,7 +492,8 @@ std::string VkPlist::toXml() const {
     uint32_t length = 0;
     plist_to_xml(node.get(), &xml, &length);
     std::string out = xml ? std::string(xml, length) : std::string();
-    if (xml) plist_to_xml_free(xml);
+    if (xml)
+        plist_to_xml_free(xml);
     return out;
 }
 

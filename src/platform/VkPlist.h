@@ -16,7 +16,7 @@
 // or a keyed-archive UID. Arrays keep their order; dictionaries are keyed by string.
 // Read from XML or binary through libplist; written as XML (or binary on request).
 class VkPlist {
-public:
+  public:
     enum class Type { None, Boolean, Integer, Real, String, Date, Data, Array, Dictionary, Uid };
 
     using Array = std::vector<VkPlist>;
@@ -41,7 +41,8 @@ public:
     static VkPlist real(double v);
     static VkPlist uid(uint64_t v);
     static VkPlist array(std::initializer_list<VkPlist> items = {});
-    static VkPlist dictionary(std::initializer_list<std::pair<const std::string, VkPlist>> items = {});
+    static VkPlist dictionary(
+        std::initializer_list<std::pair<const std::string, VkPlist>> items = {});
 
     Type type() const { return static_cast<Type>(value_.index()); }
     bool isNone() const { return type() == Type::None; }
@@ -82,7 +83,8 @@ public:
     // before it reaches the parser.
     static VkResult<VkPlist> parse(const void* bytes, size_t size);
     // Reads a file (following links); refuses files larger than maxBytes.
-    static VkResult<VkPlist> readFile(const std::string& path, size_t maxBytes = kDefaultMaxFileBytes);
+    static VkResult<VkPlist> readFile(const std::string& path,
+                                      size_t maxBytes = kDefaultMaxFileBytes);
     // Reads a file; nullopt on any failure (the platform's "contents of file" reads).
     static std::optional<VkPlist> contentsOfFile(const std::string& path);
 
@@ -96,7 +98,7 @@ public:
     static constexpr size_t kMaxNodes = 4'000'000;
     static constexpr size_t kDefaultMaxFileBytes = 64u << 20;
 
-private:
+  private:
     std::variant<std::monostate, bool, int64_t, double, std::string, VkDate, Data, Array,
                  Dictionary, Uid>
         value_;

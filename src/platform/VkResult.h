@@ -12,7 +12,7 @@ struct VkError {
 
 template <class T>
 class VkResult {
-public:
+  public:
     VkResult(T value) : state_(std::move(value)) {}
     VkResult(VkError error) : state_(std::move(error)) {}
 
@@ -29,13 +29,13 @@ public:
 
     const std::string& error() const { return std::get<VkError>(state_).message; }
 
-private:
+  private:
     std::variant<T, VkError> state_;
 };
 
 template <>
 class VkResult<void> {
-public:
+  public:
     VkResult() = default;
     VkResult(VkError error) : error_(std::move(error.message)), failed_(true) {}
 
@@ -44,7 +44,7 @@ public:
     explicit operator bool() const { return ok(); }
     const std::string& error() const { return error_; }
 
-private:
+  private:
     std::string error_;
     bool failed_ = false;
 };

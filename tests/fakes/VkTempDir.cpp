@@ -8,7 +8,8 @@
 VkTempDir::VkTempDir() {
     const char* base = std::getenv("TMPDIR");
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/vktest.XXXXXX";
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    if (!::mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
 }
 
@@ -26,7 +27,9 @@ VkTempDir::~VkTempDir() {
     std::filesystem::remove_all(path_, ec);
 }
 
-std::string VkTempDir::operator/(const std::string& relative) const { return path_ + "/" + relative; }
+std::string VkTempDir::operator/(const std::string& relative) const {
+    return path_ + "/" + relative;
+}
 
 std::string VkTempDir::write(const std::string& relative, const std::string& contents) const {
     std::filesystem::path p = *this / relative;

@@ -5,7 +5,7 @@
 // A fresh folder under the system's temporary folder, removed with everything in it
 // when the object goes away.
 class VkTempDir {
-public:
+  public:
     VkTempDir();
     ~VkTempDir();
     VkTempDir(const VkTempDir&) = delete;
@@ -19,6 +19,6 @@ public:
     // Creates a folder (with parents) and returns its full path.
     std::string mkdir(const std::string& relative) const;
 
-private:
+  private:
     std::string path_;
 };

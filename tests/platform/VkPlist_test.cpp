@@ -1,9 +1,10 @@
-#include <gtest/gtest.h>
+#include "platform/VkPlist.h"
 
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "fakes/VkTempDir.h"
-#include "platform/VkPlist.h"
 
 namespace {
 
@@ -39,7 +40,8 @@ TEST(VkPlistTest, RefusesGarbageTruncationAndDeepNesting) {
         EXPECT_FALSE(VkPlist::parse(bin.data(), cut).ok()) << cut;
     }
     std::string deep = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
-    for (int i = 0; i < 100000; ++i) deep += "<array>";
+    for (int i = 0; i < 100000; ++i)
+        deep += "<array>";
     EXPECT_FALSE(VkPlist::parse(deep.data(), deep.size()).ok());
 }
 
@@ -47,10 +49,10 @@ TEST(VkPlistTest, RefusesBinaryCycles) {
     // bplist00, object 0: array of one element referencing itself.
     std::vector<uint8_t> b = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xA1, 0x00, 0x08};
     uint8_t trailer[32] = {};
-    trailer[6] = 1;   // offset size
-    trailer[7] = 1;   // ref size
-    trailer[15] = 1;  // one object
-    trailer[31] = 10; // offset table at byte 10
+    trailer[6] = 1;    // offset size
+    trailer[7] = 1;    // ref size
+    trailer[15] = 1;   // one object
+    trailer[31] = 10;  // offset table at byte 10
     b.insert(b.end(), trailer, trailer + 32);
     EXPECT_FALSE(VkPlist::parse(b.data(), b.size()).ok());
 }

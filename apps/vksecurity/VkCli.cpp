@@ -1,0 +1,44 @@
+#include "VkCli.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+std::vector<std::pair<int, VkCliCommand::Setup>>& registry() {
+    static std::vector<std::pair<int, VkCliCommand::Setup>> commands;
+    return commands;
+}
+
+}  // namespace
+
+std::shared_ptr<VkContext> VkCli::context() {
+    if (!context_) {
+        VkContextOptions options;
+        options.systemRoot = systemRoot;
+        options.dataFolder = dataFolder;
+        options.userName = userName;
+        options.homeDirectory = homeDirectory;
+        context_ = VkContext::create(options);
+        VkContext::setDefaultContext(context_);
+    }
+    return context_;
+}
+
+VkCliCommand::VkCliCommand(int order, Setup setup) {
+    registry().emplace_back(order, std::move(setup));
+}
+
+void VkCliCommand::setupAll(CLI::App& app, VkCli& cli) {
+    auto& commands = registry();
+    std::stable_sort(commands.begin(), commands.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (auto& [order, setup] : commands)
+        setup(app, cli);
+}
+
+void vkCliFail(VkCli& cli, const std::string& message) {
+    std::fprintf(stderr, "vksecurity: %s\n", message.c_str());
+    cli.exitCode = kExitError;
+}

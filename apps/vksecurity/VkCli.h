@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "platform/VkContext.h"
+
+// Exit codes of every command: clean, something found, error.
+constexpr int kExitClean = 0;
+constexpr int kExitFound = 1;
+constexpr int kExitError = 2;
+
+// Options shared by every command, and what the chosen command decided.
+struct VkCli {
+    std::string systemRoot;
+    std::string dataFolder;
+    std::string userName;
+    std::string homeDirectory;
+    bool json = false;
+    int exitCode = kExitClean;
+
+    // Builds the context from the options (once) and makes it the process-wide default.
+    std::shared_ptr<VkContext> context();
+
+  private:
+    std::shared_ptr<VkContext> context_;
+};
+
+// Each command registers itself from its own file:
+//   static VkCliCommand registration("paths", [](CLI::App& app, VkCli& cli) { ... });
+// `order` sorts the commands in the help text.
+class VkCliCommand {
+  public:
+    using Setup = std::function<void(CLI::App& app, VkCli& cli)>;
+    VkCliCommand(int order, Setup setup);
+
+    static void setupAll(CLI::App& app, VkCli& cli);
+};
+
+// Prints an error message for the user and sets the error exit code.
+void vkCliFail(VkCli& cli, const std::string& message);

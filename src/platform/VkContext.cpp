@@ -1,0 +1,201 @@
+#include "platform/VkContext.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+std::string env(const char* name) {
+    const char* v = std::getenv(name);
+    return v ? std::string(v) : std::string();
+}
+
+struct UserInfo {
+    std::string login;
+    std::string home;
+};
+
+UserInfo effectiveUser() {
+    UserInfo info;
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::string buf(size > 0 ? static_cast<size_t>(size) : 16384, '\0');
+    struct passwd pw {};
+    struct passwd* found = nullptr;
+    if (::getpwuid_r(::geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found) {
+        info.login = found->pw_name ? found->pw_name : "";
+        info.home = found->pw_dir ? found->pw_dir : "";
+    }
+    if (info.login.empty())
+        info.login = env("USER");
+    if (info.home.empty())
+        info.home = env("HOME");
+    return info;
+}
+
+std::string executableFolder() {
+    std::error_code ec;
+    auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string() : exe.parent_path().string();
+}
+
+std::string findResourceFolder() {
+    if (std::string v = env("VK_RESOURCE_DIR"); !v.empty())
+        return v;
+    std::string exeDir = executableFolder();
+    for (const char* rel :
+         {"../resources", "../../resources", "../share/VkSecurity", "../../share/VkSecurity"}) {
+        if (exeDir.empty())
+            break;
+        std::string candidate = VkFile::join(exeDir, rel);
+        if (VkFile::exists(candidate)) {
+            std::error_code ec;
+            auto canonical = std::filesystem::weakly_canonical(candidate, ec);
+            return ec ? candidate : canonical.string();
+        }
+    }
+#ifdef VK_BUILD_RESOURCE_DIR
+    if (VkFile::exists(VK_BUILD_RESOURCE_DIR))
+        return VK_BUILD_RESOURCE_DIR;
+#endif
+#ifdef VK_INSTALL_RESOURCE_DIR
+    return VK_INSTALL_RESOURCE_DIR;
+#else
+    return "/usr/local/share/VkSecurity";
+#endif
+}
+
+std::mutex& defaultMutex() {
+    static std::mutex m;
+    return m;
+}
+
+std::shared_ptr<VkContext>& defaultSlot() {
+    static std::shared_ptr<VkContext> slot;
+    return slot;
+}
+
+}  // namespace
+
+std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
+    auto ctx = std::make_shared<VkContext>();
+    UserInfo user = effectiveUser();
+
+    std::string root = options.systemRoot.empty() ? env("VK_SYSTEM_ROOT") : options.systemRoot;
+    if (root.empty())
+        root = "/";
+    if (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    ctx->systemRoot = root;
+
+    ctx->loginName = options.userName.empty() ? user.login : options.userName;
+    if (!options.homeDirectory.empty()) {
+        ctx->homeDirectory = options.homeDirectory;
+    } else if (root == "/" && options.userName.empty()) {
+        ctx->homeDirectory = user.home;
+    } else {
+        // Another volume (or another user): that system's own home, never ours.
+        ctx->homeDirectory = "/Users/" + ctx->loginName;
+    }
+
+    std::string dataFolder = options.dataFolder.empty() ? env("VK_DATA_DIR") : options.dataFolder;
+    if (dataFolder.empty()) {
+#ifdef __APPLE__
+        dataFolder = "/Users/" + user.login + "/Library/Application Support/Velkora";
+#else
+        std::string xdg = env("XDG_DATA_HOME");
+        dataFolder =
+            VkFile::join(xdg.empty() ? VkFile::join(user.home, ".local/share") : xdg, "Velkora");
+#endif
+    }
+    ctx->dataFolder = dataFolder;
+
+    std::string defaults =
+        options.defaultsFile.empty() ? env("VK_DEFAULTS_FILE") : options.defaultsFile;
+    if (defaults.empty()) {
+#ifdef __APPLE__
+        defaults = VkFile::join(user.home, "Library/Preferences/com.velkora.VkSecurity.plist");
+#else
+        std::string xdg = env("XDG_CONFIG_HOME");
+        defaults = VkFile::join(xdg.empty() ? VkFile::join(user.home, ".config") : xdg,
+                                "Velkora/VkSecurity.plist");
+#endif
+    }
+    ctx->defaultsFile = defaults;
+    ctx->resourceFolder =
+        options.resourceFolder.empty() ? findResourceFolder() : options.resourceFolder;
+    if (std::string server = env("VK_UPDATE_SERVER"); !server.empty())
+        ctx->updateServer = server;
+
+    ctx->clock = std::make_shared<VkSystemClock>();
+    ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(ctx->clock);
+    ctx->notificationCenter = std::make_shared<VkNotificationCenter>();
+    ctx->userDefaults = std::make_shared<VkUserDefaults>(ctx->defaultsFile);
+    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot);
+    ctx->systemLog = std::make_shared<VkSystemLog>();
+    ctx->processList = std::make_shared<VkSystemProcessList>();
+    ctx->localizer =
+        std::make_shared<VkLocalizer>(ctx->resourceFolder, VkLocalizer::languageFromEnvironment());
+    ctx->pacing = std::make_shared<VkPacing>();
+    return ctx;
+}
+
+std::shared_ptr<VkContext> VkContext::forTesting(const std::string& folder) {
+    auto ctx = std::make_shared<VkContext>();
+    ctx->systemRoot = VkFile::join(folder, "root");
+    VkFile::createDirectory(ctx->systemRoot, true);
+    ctx->loginName = "tester";
+    ctx->homeDirectory = "/Users/tester";
+    ctx->dataFolder = VkFile::join(folder, "data");
+    ctx->defaultsFile = VkFile::join(folder, "defaults.plist");
+    ctx->resourceFolder = VkFile::join(folder, "resources");
+    ctx->updateServer = "http://127.0.0.1:9";
+    auto clock = std::make_shared<VkManualClock>();
+    ctx->clock = clock;
+    ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(clock);
+    ctx->notificationCenter = std::make_shared<VkNotificationCenter>();
+    ctx->userDefaults = std::make_shared<VkUserDefaults>(ctx->defaultsFile);
+    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot);
+    ctx->systemLog = std::make_shared<VkCapturedLog>();
+    ctx->processList = std::make_shared<VkSystemProcessList>();
+    ctx->localizer = std::make_shared<VkLocalizer>();
+    ctx->pacing = std::make_shared<VkPacing>();
+    return ctx;
+}
+
+std::shared_ptr<VkContext> VkContext::defaultContext() {
+    std::lock_guard lock(defaultMutex());
+    auto& slot = defaultSlot();
+    if (!slot)
+        slot = create();
+    return slot;
+}
+
+void VkContext::setDefaultContext(std::shared_ptr<VkContext> context) {
+    std::lock_guard lock(defaultMutex());
+    defaultSlot() = std::move(context);
+}
+
+std::string VkContext::resolve(const std::string& inspectedPath) const {
+    if (systemRoot.empty() || systemRoot == "/" || inspectedPath.empty() ||
+        inspectedPath[0] != '/') {
+        return inspectedPath;
+    }
+    return VkFile::join(systemRoot, inspectedPath);
+}
+
+std::string VkContext::expandTilde(const std::string& path) const {
+    if (path == "~")
+        return homeDirectory;
+    if (path.rfind("~/", 0) == 0)
+        return VkFile::join(homeDirectory, path.substr(2));
+    return path;
+}
+
+std::string VkContext::dataPath(const std::string& component) const {
+    return VkFile::join(dataFolder, component);
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// Content hashes as lower-case hex text. Type 0 is MD5, 1 SHA-1, 2 SHA-256; any other type
+// gives no hash.
+class VkHashValue {
+  public:
+    // Hash of `length` bytes of memory.
+    static std::optional<std::string> hashWithData(const void* bytes, uint32_t length,
+                                                   int32_t hashType);
+    // Hash of the first `length` bytes of a regular file, read in fixed-size chunks (the
+    // file is never loaded whole). A file shorter than `length` is hashed as far as it
+    // goes. The file is opened without following a final link and without blocking, and
+    // must be a regular file: FIFOs, devices, sockets and links give no hash.
+    static std::optional<std::string> hashFile(const std::string& path, uint64_t length,
+                                               int32_t hashType);
+    // Hash of the whole file, limited to the 32-bit byte count the system has always
+    // hashed (a file of 4 GiB or more is hashed modulo 2^32 bytes).
+    static std::optional<std::string> hashWholeFile(const std::string& path, int32_t hashType);
+    // Hash of a buffer of exactly `bufferLength` bytes, filled by one read of the file and
+    // zero past what the read returned; no hash when the read returned nothing.
+    static std::optional<std::string> hashFileHead(const std::string& path, uint32_t bufferLength,
+                                                   int32_t hashType);
+};

@@ -1,0 +1,159 @@
+#include "platform/VkUserDefaults.h"
+
+#include <cstdio>
+#include <ctime>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/VkFileUtil.h"
+
+VkUserDefaults::VkUserDefaults(std::string path) : path_(std::move(path)) {
+    std::lock_guard lock(mutex_);
+    refreshLocked();
+}
+
+void VkUserDefaults::refreshLocked() {
+    struct stat st {};
+    if (::stat(path_.c_str(), &st) != 0) {
+        // No file (any more): nothing stored. Keep what we had if we never read one.
+        if (haveStamp_)
+            values_.clear();
+        haveStamp_ = false;
+        return;
+    }
+    if (haveStamp_ && st.st_dev == dev_ && st.st_ino == ino_ && st.st_size == size_ &&
+        st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec) {
+        return;
+    }
+    auto parsed = VkPlist::readFile(path_, 16u << 20);
+    if (parsed && parsed->isDictionary()) {
+        values_ = *parsed->asDictionary();
+    } else {
+        // An unreadable file is moved aside, never overwritten: the user's data stays.
+        char stamp[32];
+        std::time_t t = std::time(nullptr);
+        std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::gmtime(&t));
+        std::string aside = path_ + ".unreadable-" + stamp + "-" + std::to_string(::getpid());
+        if (::rename(path_.c_str(), aside.c_str()) == 0)
+            quarantined_ = aside;
+        values_.clear();
+        haveStamp_ = false;
+        return;
+    }
+    haveStamp_ = true;
+    dev_ = st.st_dev;
+    ino_ = st.st_ino;
+    size_ = st.st_size;
+    mtime_ = st.st_mtim;
+}
+
+bool VkUserDefaults::saveLocked() {
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(path_), true, 0700);
+    auto written = VkPlist(values_).writeXmlFile(path_);
+    struct stat st {};
+    if (written && ::stat(path_.c_str(), &st) == 0) {
+        haveStamp_ = true;
+        dev_ = st.st_dev;
+        ino_ = st.st_ino;
+        size_ = st.st_size;
+        mtime_ = st.st_mtim;
+    }
+    return written.ok();
+}
+
+void VkUserDefaults::registerDefaults(const VkPlist::Dictionary& defaults) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [k, v] : defaults)
+        registered_[k] = v;
+}
+
+std::optional<VkPlist> VkUserDefaults::objectForKey(const std::string& key) {
+    std::lock_guard lock(mutex_);
+    refreshLocked();
+    if (auto it = values_.find(key); it != values_.end())
+        return it->second;
+    if (auto it = registered_.find(key); it != registered_.end())
+        return it->second;
+    return std::nullopt;
+}
+
+bool VkUserDefaults::boolForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    if (!v)
+        return false;
+    if (auto b = v->asBool())
+        return *b;
+    if (auto s = v->asString())
+        return *s == "YES" || *s == "yes" || *s == "true" || *s == "1";
+    return false;
+}
+
+int64_t VkUserDefaults::integerForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    if (!v)
+        return 0;
+    if (auto i = v->asInt64())
+        return *i;
+    if (auto s = v->asString())
+        return std::strtoll(s->c_str(), nullptr, 10);
+    return 0;
+}
+
+double VkUserDefaults::doubleForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    if (!v)
+        return 0.0;
+    if (auto d = v->asDouble())
+        return *d;
+    if (auto s = v->asString())
+        return std::strtod(s->c_str(), nullptr);
+    return 0.0;
+}
+
+std::optional<VkDate> VkUserDefaults::dateForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    return v ? v->asDate() : std::nullopt;
+}
+
+std::optional<std::string> VkUserDefaults::stringForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    if (!v || !v->asString())
+        return std::nullopt;
+    return *v->asString();
+}
+
+std::optional<VkPlist::Array> VkUserDefaults::arrayForKey(const std::string& key) {
+    auto v = objectForKey(key);
+    if (!v || !v->asArray())
+        return std::nullopt;
+    return *v->asArray();
+}
+
+bool VkUserDefaults::setObject(const std::string& key, VkPlist value) {
+    std::lock_guard lock(mutex_);
+    refreshLocked();
+    values_[key] = std::move(value);
+    return saveLocked();
+}
+
+bool VkUserDefaults::setBool(const std::string& key, bool value) {
+    return setObject(key, VkPlist::boolean(value));
+}
+bool VkUserDefaults::setInteger(const std::string& key, int64_t value) {
+    return setObject(key, VkPlist::integer(value));
+}
+bool VkUserDefaults::setDouble(const std::string& key, double value) {
+    return setObject(key, VkPlist::real(value));
+}
+
+bool VkUserDefaults::removeObject(const std::string& key) {
+    std::lock_guard lock(mutex_);
+    refreshLocked();
+    values_.erase(key);
+    return saveLocked();
+}
+
+std::string VkUserDefaults::quarantinedCopy() const {
+    std::lock_guard lock(mutex_);
+    return quarantined_;
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <ctime>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+#include "platform/VkPlist.h"
+
+// The application's user defaults: a property-list dictionary kept in one file.
+// Every change replaces the whole file atomically; a file changed by another process is
+// read again before the next access. Values registered with registerDefaults() answer
+// when the file has no value of its own and are never written.
+class VkUserDefaults {
+  public:
+    explicit VkUserDefaults(std::string path);
+
+    const std::string& path() const { return path_; }
+
+    void registerDefaults(const VkPlist::Dictionary& defaults);
+
+    // The stored value, else the registered one, else nullopt.
+    std::optional<VkPlist> objectForKey(const std::string& key);
+    // Typed reads with the platform's conversions: a missing or unconvertible value gives
+    // false / 0 / 0.0 / nullopt.
+    bool boolForKey(const std::string& key);
+    int64_t integerForKey(const std::string& key);
+    double doubleForKey(const std::string& key);
+    std::optional<VkDate> dateForKey(const std::string& key);
+    std::optional<std::string> stringForKey(const std::string& key);
+    std::optional<VkPlist::Array> arrayForKey(const std::string& key);
+
+    // Stores a value and rewrites the file. False when the file could not be written (the
+    // value is kept in memory all the same).
+    bool setObject(const std::string& key, VkPlist value);
+    bool setBool(const std::string& key, bool value);
+    bool setInteger(const std::string& key, int64_t value);
+    bool setDouble(const std::string& key, double value);
+    bool removeObject(const std::string& key);
+
+    // Where an unreadable defaults file was moved, if that happened (empty otherwise).
+    std::string quarantinedCopy() const;
+
+  private:
+    void refreshLocked();
+    bool saveLocked();
+
+    std::string path_;
+    mutable std::mutex mutex_;
+    VkPlist::Dictionary values_;
+    VkPlist::Dictionary registered_;
+    // Identity of the file as last read or written, to notice changes by others.
+    bool haveStamp_ = false;
+    dev_t dev_ = 0;
+    ino_t ino_ = 0;
+    off_t size_ = 0;
+    timespec mtime_{};
+    std::string quarantined_;
+};

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/VkCoreFunction.h"
+
+// Records every core operation in order. By default it only records; with
+// performDeletes() it also deletes through the real implementation's rules, and with
+// performMoves() it really moves files.
+class VkRecordingCoreFunction : public VkCoreFunction {
+  public:
+    struct Call {
+        std::string op;                 // "systemCommand", "startClean", "fixPlistFile", ...
+        std::vector<std::string> args;  // command / paths / path + key / pid / from + to
+    };
+
+    explicit VkRecordingCoreFunction(std::string systemRoot = "/") : real_(std::move(systemRoot)) {}
+
+    bool systemCommand(const std::string& command) override;
+    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+                                           VkCleanDelegate* delegate) override;
+    bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
+    bool killProcessByID(int32_t pid) override;
+    bool moveFileItem(const std::string& from, const std::string& to) override;
+
+    void performDeletes(bool on) { performDeletes_ = on; }
+    void performMoves(bool on) { performMoves_ = on; }
+    void performPlistFixes(bool on) { performPlistFixes_ = on; }
+    void performKills(bool on) { performKills_ = on; }
+    // Makes every moveFileItem answer false.
+    void failMoves(bool on) { failMoves_ = on; }
+
+    std::vector<Call> calls() const;
+    std::vector<Call> callsOf(const std::string& op) const;
+    void clear();
+
+  private:
+    void record(Call call);
+
+    VkSystemCoreFunction real_;
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
+    bool performDeletes_ = false;
+    bool performMoves_ = false;
+    bool performPlistFixes_ = false;
+    bool performKills_ = false;
+    bool failMoves_ = false;
+};

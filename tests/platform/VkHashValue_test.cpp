@@ -1,0 +1,53 @@
+#include "platform/VkHashValue.h"
+
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+
+namespace {
+
+TEST(VkHashValueTest, KnownDigestsOfMemoryAndFiles) {
+    EXPECT_EQ(VkHashValue::hashWithData("abc", 3, 0), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(VkHashValue::hashWithData("abc", 3, 1), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(VkHashValue::hashWithData("abc", 3, 2),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_FALSE(VkHashValue::hashWithData("abc", 3, 3).has_value());
+
+    VkTempDir dir;
+    std::string big(3 * 1024 * 1024 + 17, '\0');
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>(i * 31 + 7);
+    std::string path = dir.write("big.bin", big);
+    EXPECT_EQ(VkHashValue::hashWholeFile(path, 0),
+              VkHashValue::hashWithData(big.data(), static_cast<uint32_t>(big.size()), 0));
+    EXPECT_EQ(VkHashValue::hashFileHead(path, 1048576, 0),
+              VkHashValue::hashWithData(big.data(), 1048576, 0));
+}
+
+TEST(VkHashValueTest, HeadHashCoversTheWholeBufferEvenForShortFiles) {
+    VkTempDir dir;
+    std::string path = dir.write("short.bin", "hello");
+    std::string padded = "hello" + std::string(64 - 5, '\0');
+    EXPECT_EQ(VkHashValue::hashFileHead(path, 64, 0),
+              VkHashValue::hashWithData(padded.data(), 64, 0));
+    EXPECT_FALSE(VkHashValue::hashFileHead(dir.write("empty", ""), 64, 0).has_value());
+}
+
+TEST(VkHashValueTest, RefusesFifosLinksAndFoldersWithoutHanging) {
+    VkTempDir dir;
+    std::string fifo = dir / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_FALSE(VkHashValue::hashWholeFile(fifo, 0).has_value());
+    EXPECT_FALSE(VkHashValue::hashFileHead(fifo, 1048576, 0).has_value());
+    std::string target = dir.write("t.txt", "abc");
+    std::filesystem::create_symlink(target, dir / "link");
+    EXPECT_FALSE(VkHashValue::hashWholeFile(dir / "link", 0).has_value());
+    EXPECT_FALSE(VkHashValue::hashWholeFile(dir.path(), 0).has_value());
+    EXPECT_FALSE(VkHashValue::hashWholeFile(dir / "missing", 0).has_value());
+}
+
+}  // namespace

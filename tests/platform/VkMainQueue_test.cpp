@@ -1,0 +1,90 @@
+#include "platform/VkMainQueue.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/VkNotificationCenter.h"
+
+namespace {
+
+class VkMainQueueTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<VkManualClock> clock = std::make_shared<VkManualClock>(1000.0);
+    VkRunLoopMainQueue queue{clock};
+    std::vector<std::string> log;
+};
+
+TEST_F(VkMainQueueTest, AsyncRunsInOrderAndDelayedWorkWaitsForTheClock) {
+    queue.asyncAfter(2.0, [&] { log.push_back("late"); });
+    queue.async([&] { log.push_back("a"); });
+    queue.async([&] {
+        log.push_back("b");
+        queue.async([&] { log.push_back("c"); });
+    });
+    queue.runPending();
+    EXPECT_EQ(log, (std::vector<std::string>{"a", "b", "c"}));
+    queue.advance(1.9);
+    EXPECT_EQ(log.size(), 3u);
+    queue.advance(0.1);
+    EXPECT_EQ(log.back(), "late");
+}
+
+TEST_F(VkMainQueueTest, RepeatingTimerFiresEachIntervalUntilInvalidated) {
+    int ticks = 0;
+    auto timer = queue.scheduledTimer(1.0, true, [&] { ++ticks; });
+    queue.advance(3.5);
+    EXPECT_EQ(ticks, 3);
+    EXPECT_TRUE(timer->isValid());
+    timer->invalidate();
+    queue.advance(5.0);
+    EXPECT_EQ(ticks, 3);
+    EXPECT_FALSE(timer->isValid());
+
+    int once = 0;
+    auto single = queue.scheduledTimer(0.5, false, [&] { ++once; });
+    queue.advance(2.0);
+    EXPECT_EQ(once, 1);
+    EXPECT_FALSE(single->isValid());
+}
+
+TEST_F(VkMainQueueTest, WorkFromOtherThreadsRunsOnTheMainThread) {
+    std::atomic<int> ran{0};
+    std::thread::id seen;
+    std::thread worker([&] {
+        for (int i = 0; i < 100; ++i)
+            queue.async([&] {
+                seen = std::this_thread::get_id();
+                ++ran;
+            });
+    });
+    worker.join();
+    EXPECT_TRUE(queue.runUntil([&] { return ran == 100; }, 5.0));
+    EXPECT_EQ(seen, std::this_thread::get_id());
+    EXPECT_TRUE(queue.isMainThread());
+}
+
+TEST(VkNotificationCenterTest, DeliversByNameAndSender) {
+    VkNotificationCenter center;
+    int a = 0, b = 0;
+    int me = 0, other = 0;
+    auto any = center.addObserver("StartScanNotify", nullptr, [&](const VkNotification&) { ++a; });
+    center.addObserver("StartScanNotify", &me, [&](const VkNotification& n) {
+        ++b;
+        EXPECT_EQ(n.sender, &me);
+    });
+    center.post("StartScanNotify", &me);
+    center.post("StartScanNotify", &other);
+    center.post("StopScanNotify", &me);
+    EXPECT_EQ(a, 2);
+    EXPECT_EQ(b, 1);
+    center.removeObserver(any);
+    center.post("TrojanScanNotify", nullptr, VkPlist::boolean(true));
+    center.post("StartScanNotify", &me);
+    EXPECT_EQ(a, 2);
+    EXPECT_EQ(b, 2);
+}
+
+}  // namespace

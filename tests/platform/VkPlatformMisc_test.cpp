@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+#include "platform/VkContext.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkLocalizer.h"
+#include "platform/VkStringCompare.h"
+
+namespace {
+
+TEST(VkNumericCompareTest, DigitsCompareByValueOtherCharactersLiterally) {
+    EXPECT_EQ(VkNumericCompare("1.10", "1.9"), 1);
+    EXPECT_EQ(VkNumericCompare("2.9", "2.10"), -1);
+    EXPECT_EQ(VkNumericCompare("1.0", "1.0"), 0);
+    EXPECT_EQ(VkNumericCompare("1.0", "1.0.1"), -1);
+    EXPECT_EQ(VkNumericCompare("v2", "V2"), 1);  // case-sensitive: 'v' > 'V'
+    EXPECT_EQ(VkNumericCompare("a100", "a99"), 1);
+    EXPECT_EQ(VkNumericCompare("20261122", "20261121"), 1);
+    EXPECT_EQ(VkNumericCompare("99999999999999999999999", "100000000000000000000000"), -1);
+}
+
+TEST(VkLocalizerTest, ParsesStringsFilesWithCommentsAndEscapes) {
+    auto t = VkLocalizer::parseStrings(
+        "\xEF\xBB\xBF/* header */\n\"Security-1-4\" = \"%ld files\";\n// note\n"
+        "\"quote\" = \"say \\\"hi\\\"\\n\";\nbroken line\n\"Secuirty Good\"=\"Fine\";");
+    EXPECT_EQ(t["Security-1-4"], "%ld files");
+    EXPECT_EQ(t["quote"], "say \"hi\"\n");
+    EXPECT_EQ(t["Secuirty Good"], "Fine");
+
+    VkTempDir dir;
+    dir.write("en.lproj/Localizable.strings", "\"a\" = \"A\";\n\"b\" = \"B\";\n");
+    dir.write("de.lproj/Localizable.strings", "\"a\" = \"Ä\";\n");
+    VkLocalizer de(dir.path(), "de");
+    EXPECT_EQ(de.localizedString("a"), "Ä");
+    EXPECT_EQ(de.localizedString("b"), "B");
+    EXPECT_EQ(de.localizedString("zzz"), "zzz");
+}
+
+TEST(VkContextTest, ResolvesInspectedPathsUnderTheRootAndExpandsTilde) {
+    VkTempDir dir;
+    VkContextOptions options;
+    options.systemRoot = dir.path() + "/";
+    options.userName = "alice";
+    options.dataFolder = dir / "data";
+    options.defaultsFile = dir / "d.plist";
+    auto ctx = VkContext::create(options);
+    EXPECT_EQ(ctx->systemRoot, dir.path());
+    EXPECT_EQ(ctx->homeDirectory, "/Users/alice");
+    EXPECT_EQ(ctx->expandTilde("~/Library/x"), "/Users/alice/Library/x");
+    EXPECT_EQ(ctx->expandTilde("~"), "/Users/alice");
+    EXPECT_EQ(ctx->expandTilde("/a/~/b"), "/a/~/b");
+    EXPECT_EQ(ctx->resolve("/etc/launchd.conf"), dir.path() + "/etc/launchd.conf");
+    EXPECT_EQ(ctx->resolve("relative"), "relative");
+    EXPECT_EQ(ctx->dataPath("temp"), dir.path() + "/data/temp");
+
+    auto live = VkContext::create({"/", dir / "data", dir / "d.plist", "", "", ""});
+    EXPECT_EQ(live->resolve("/etc/launchd.conf"), "/etc/launchd.conf");
+}
+
+TEST(VkFileTest, PathComponentsBehaveLikeThePlatform) {
+    EXPECT_EQ(VkFile::join("/", "x"), "/x");
+    EXPECT_EQ(VkFile::join("/a/", "/b/"), "/a/b");
+    EXPECT_EQ(VkFile::join("/a", ""), "/a");
+    EXPECT_EQ(VkFile::lastPathComponent("/a/b.txt/"), "b.txt");
+    EXPECT_EQ(VkFile::pathExtension("/a/x.tar.gz"), "gz");
+    EXPECT_EQ(VkFile::pathExtension("/a/.profile"), "");
+    EXPECT_EQ(VkFile::pathExtension("/a.d/file"), "");
+    EXPECT_EQ(VkFile::deletingPathExtension("/q/report.pdf"), "/q/report");
+    EXPECT_EQ(VkFile::deletingLastPathComponent("/b"), "/");
+}
+
+}  // namespace
