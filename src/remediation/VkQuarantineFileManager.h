@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/VkContext.h"
+#include "remediation/VkQuarantineFileItem.h"
+
+// The quarantine: detected files moved into one folder of the user's, with the list of
+// them in "info.list" beside them. Used from one thread at a time.
+class VkQuarantineFileManager {
+  public:
+    using ItemList = std::vector<std::shared_ptr<VkQuarantineFileItem>>;
+
+    // Prepares the folder (created without parents, readable only by its owner) and loads
+    // the list.
+    explicit VkQuarantineFileManager(std::shared_ptr<VkContext> context);
+
+    // The process-wide store on the default context.
+    static std::shared_ptr<VkQuarantineFileManager> shareManager();
+
+    // The live list itself; sorting it reorders what the next save writes.
+    ItemList& allQuarantineItems() { return quarantineItemArray_; }
+
+    // Moves the record's originalPath into the folder under a free name and records it.
+    // Nothing changes when the move fails. Returns whether it was quarantined.
+    bool addItem(const std::shared_ptr<VkQuarantineFileItem>& item);
+    // Moves the file back to its originalPath; the record stays when that fails.
+    bool recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item);
+    // Forgets the record, then deletes its file (the record goes even if that fails).
+    bool removeItem(const std::shared_ptr<VkQuarantineFileItem>& item);
+    // Forgets every record; the files themselves stay in the folder.
+    void removeAllItem();
+    // Writes the list to "info.list" (temporary file, then rename).
+    bool saveQuarantineInfoList();
+
+    std::string quarantineFolder() const;
+    std::string infoListPath() const;
+    // The free name that addItem would use now for a file named like `originalPath`.
+    std::string candidatePathFor(const std::string& originalPath) const;
+
+  private:
+    std::shared_ptr<VkContext> context_;
+    ItemList quarantineItemArray_;
+};

@@ -1,0 +1,140 @@
+#include "remediation/VkQuarantineFileManager.h"
+
+#include <ctime>
+#include <filesystem>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class VkQuarantineTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        VkFile::createDirectory(ctx->dataFolder, true);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core->performMoves(true);
+        core->performDeletes(true);
+        ctx->coreFunction = core;
+    }
+
+    std::shared_ptr<VkQuarantineFileItem> item(const std::string& path,
+                                               const char* name = "OSX/Test") {
+        auto q = std::make_shared<VkQuarantineFileItem>();
+        q->setOriginalPath(path);
+        q->setFilePath(path);
+        q->setFileSize(fs::file_size(path));
+        if (name)
+            q->setTrojanName(std::string(name));
+        return q;
+    }
+
+    std::string timeText() {
+        std::time_t t = static_cast<std::time_t>(ctx->clock->now());
+        std::tm local{};
+        localtime_r(&t, &local);
+        char buf[64];
+        std::strftime(buf, sizeof buf, "%X", &local);
+        std::string s = buf;
+        std::replace(s.begin(), s.end(), ':', '.');
+        return s;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingCoreFunction> core;
+};
+
+TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
+    VkQuarantineFileManager store(ctx);
+    struct stat st {};
+    ASSERT_EQ(::stat(store.quarantineFolder().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    std::string folder = store.quarantineFolder();
+    ASSERT_TRUE(store.addItem(item(dir.write("a/report.pdf", "one"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("b/report.pdf", "two"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("c/report.pdf", "three"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("d/README", "four"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("e/README", "five"))));
+    auto& items = store.allQuarantineItems();
+    ASSERT_EQ(items.size(), 5u);
+    std::string t = timeText();
+    EXPECT_EQ(*items[0]->filePath(), folder + "/report.pdf");
+    EXPECT_EQ(*items[1]->filePath(), folder + "/report " + t + ".pdf");
+    EXPECT_EQ(*items[2]->filePath(), folder + "/report " + t + " 1.pdf");
+    EXPECT_EQ(*items[3]->filePath(), folder + "/README");
+    EXPECT_EQ(*items[4]->filePath(), folder + "/README " + t);
+    EXPECT_EQ(*VkFile::readAll(folder + "/report " + t + " 1.pdf"), "three");
+    EXPECT_FALSE(fs::exists(dir / "c/report.pdf"));
+}
+
+TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
+    {
+        VkQuarantineFileManager store(ctx);
+        store.addItem(item(dir.write("x/evil.app", "payload")));
+        store.addItem(item(dir.write("y/agent.plist", "<plist/>"), nullptr));
+    }
+    VkQuarantineFileManager again(ctx);
+    ASSERT_EQ(again.allQuarantineItems().size(), 2u);
+    EXPECT_EQ(*again.allQuarantineItems()[0]->originalPath(), dir / "x/evil.app");
+    EXPECT_EQ(again.allQuarantineItems()[0]->fileSize(), 7u);
+    EXPECT_EQ(*again.allQuarantineItems()[1]->trojanName(), "");
+    auto raw = VkPlist::contentsOfFile(again.infoListPath());
+    ASSERT_TRUE(raw && raw->asArray());
+    const auto& first = raw->asArray()->at(0);
+    EXPECT_EQ(first.asDictionary()->size(), 4u);
+    EXPECT_TRUE(first.getString("filePath") && first.getString("trojanName") &&
+                first.getString("originalPath") && first.get("fileSize"));
+}
+
+TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
+    VkQuarantineFileManager store(ctx);
+    auto kept = item(dir.write("k/keep.bin", "k"));
+    ASSERT_TRUE(store.addItem(kept));
+    std::string listBefore = *VkFile::readAll(store.infoListPath());
+
+    core->failMoves(true);
+    std::string victim = dir.write("v/victim.bin", "v");
+    EXPECT_FALSE(store.addItem(item(victim)));
+    EXPECT_EQ(store.allQuarantineItems().size(), 1u);
+    EXPECT_TRUE(fs::exists(victim));
+    EXPECT_FALSE(store.recoverItem(kept));
+    EXPECT_EQ(store.allQuarantineItems().size(), 1u);
+    EXPECT_EQ(*VkFile::readAll(store.infoListPath()), listBefore);
+}
+
+TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
+    VkQuarantineFileManager store(ctx);
+    std::string original = dir.write("home/doc.txt", "bytes\x01\x02");
+    auto a = item(original);
+    auto b = item(dir.write("home/other.txt", "other"));
+    auto c = item(dir.write("home/third.txt", "third"));
+    store.addItem(a);
+    store.addItem(b);
+    store.addItem(c);
+
+    EXPECT_TRUE(store.recoverItem(a));
+    EXPECT_EQ(*VkFile::readAll(original), "bytes\x01\x02");
+    std::string bPath = *b->filePath();
+    EXPECT_TRUE(store.removeItem(b));
+    EXPECT_FALSE(fs::exists(bPath));
+    ASSERT_EQ(store.allQuarantineItems().size(), 1u);
+
+    std::string cPath = *c->filePath();
+    store.removeAllItem();
+    EXPECT_TRUE(store.allQuarantineItems().empty());
+    EXPECT_TRUE(fs::exists(cPath)) << "removeAllItem only forgets the records";
+    auto raw = VkPlist::contentsOfFile(store.infoListPath());
+    ASSERT_TRUE(raw && raw->asArray());
+    EXPECT_TRUE(raw->asArray()->empty());
+}
+
+}  // namespace
