@@ -1,0 +1,120 @@
+#include "support/VkStringExtern.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+TEST(VkFileSizeTextTest, SwitchesUnitAtThousandWhileDividingBy1024) {
+    const struct {
+        uint64_t size;
+        const char* text;
+    } cases[] = {
+        {0, "0 Byte"},
+        {1, "1 Byte"},
+        {999, "999 Byte"},
+        {1000, "1.0 KB"},
+        {1023, "1.0 KB"},
+        {1024, "1.0 KB"},
+        {1536, "1.5 KB"},
+        {1023999, "1000.0 KB"},
+        {1024000, "1.0 MB"},
+        {1048575, "1.0 MB"},
+        {1048576, "1.0 MB"},
+        {1048576000ULL, "1.0 GB"},
+        {5000000000ULL, "4.7 GB"},
+        {1000000000000ULL, "931.3 GB"},
+        {UINT64_MAX, "17179869184.0 GB"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(stringFromFileSize(c.size), c.text) << c.size;
+}
+
+class VkFileRefTest : public ::testing::Test {
+  protected:
+    static struct stat statOf(const std::string& path) {
+        struct stat st {};
+        EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+        return st;
+    }
+
+    VkTempDir dir_;
+};
+
+TEST_F(VkFileRefTest, MissingPathWithoutCreateFailsAndCreatesNothing) {
+    std::string path = dir_ / "icon";
+    VkFileRef ref;
+    ref.path = "untouched";
+    EXPECT_FALSE(getFSRef(path, &ref, false));
+    EXPECT_FALSE(VkFile::existsNoFollow(path));
+    EXPECT_EQ(ref.path, "untouched");
+    auto names = VkFile::listDirectory(dir_.path());
+    ASSERT_TRUE(names.ok());
+    EXPECT_TRUE(names->empty());
+}
+
+TEST_F(VkFileRefTest, MissingPathWithCreateLeavesAnEmptyFileAndRefersToIt) {
+    std::string path = dir_ / "icon";
+    VkFileRef ref;
+    ASSERT_TRUE(getFSRef(path, &ref, true));
+    struct stat st = statOf(path);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_size, 0);
+    EXPECT_EQ(ref.inode, st.st_ino);
+    EXPECT_EQ(ref.device, st.st_dev);
+    EXPECT_EQ(ref.path[0], '/');
+    EXPECT_EQ(statOf(ref.path).st_ino, st.st_ino);
+    // No temporary file is left beside it.
+    auto names = VkFile::listDirectory(dir_.path());
+    ASSERT_TRUE(names.ok());
+    EXPECT_EQ(*names, std::vector<std::string>{"icon"});
+}
+
+TEST_F(VkFileRefTest, ExistingFileOrFolderIsReferredToAndLeftAsItIs) {
+    std::string file = dir_.write("keep.txt", "contents");
+    std::string folder = dir_.mkdir("Folder");
+    for (bool create : {false, true}) {
+        VkFileRef ref;
+        ASSERT_TRUE(getFSRef(file, &ref, create));
+        EXPECT_EQ(ref.inode, statOf(file).st_ino);
+        EXPECT_EQ(*VkFile::readAll(file), "contents");
+        VkFileRef folderRef;
+        ASSERT_TRUE(getFSRef(folder, &folderRef, create));
+        EXPECT_EQ(folderRef.inode, statOf(folder).st_ino);
+    }
+}
+
+TEST_F(VkFileRefTest, PathIsMadeAbsoluteWithLinksResolved) {
+    std::string target = dir_.write("real/target", "x");
+    std::string link = dir_ / "link";
+    ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+    char* resolved = ::realpath(target.c_str(), nullptr);
+    ASSERT_NE(resolved, nullptr);
+    std::string expected = resolved;
+    std::free(resolved);
+
+    VkFileRef ref;
+    ASSERT_TRUE(getFSRef(dir_ / "real/../link", &ref, false));
+    EXPECT_EQ(ref.path, expected);
+    EXPECT_EQ(ref.inode, statOf(target).st_ino);
+}
+
+TEST_F(VkFileRefTest, RefusesWhatCannotBeCreatedOrFilled) {
+    VkFileRef ref;
+    // The parent folder is not created for the file.
+    EXPECT_FALSE(getFSRef(dir_ / "missing/icon", &ref, true));
+    EXPECT_FALSE(VkFile::exists(dir_ / "missing"));
+    EXPECT_FALSE(getFSRef("", &ref, true));
+    EXPECT_FALSE(getFSRef(dir_ / "icon", nullptr, true));
+    EXPECT_FALSE(VkFile::existsNoFollow(dir_ / "icon"));
+}
+
+}  // namespace
