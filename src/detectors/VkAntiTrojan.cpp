@@ -1,0 +1,63 @@
+#include "detectors/VkAntiTrojan.h"
+
+VkAntiTrojan::VkAntiTrojan(std::shared_ptr<VkContext> context)
+    : context_(std::move(context)), antiAgentTrojan_(context_), antiFlashback_(context_) {}
+
+std::shared_ptr<VkAntiTrojan> VkAntiTrojan::shareAntiManager() {
+    static std::shared_ptr<VkAntiTrojan> shared =
+        std::make_shared<VkAntiTrojan>(VkContext::defaultContext());
+    return shared;
+}
+
+void VkAntiTrojan::randomDelay() {
+    if (!context_->pacing)
+        return;
+    int r = context_->pacing->random();
+    int k = (r % 100) + 1;
+    int t = k / 10;
+    // 0.0 to 1.0 s in steps of 0.1 (none when k < 10): the quick scan is paced on
+    // purpose. t goes through float and is then scaled in double, as it always has.
+    context_->pacing->sleepSeconds(static_cast<double>(static_cast<float>(t)) * 0.1);
+}
+
+bool VkAntiTrojan::sendProgressInfo(const VkDetectorProgress& progress, const std::string& str,
+                                    float value) {
+    bool answer = progress ? progress(str, value) : false;
+    randomDelay();
+    return answer;
+}
+
+VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool needDelay) {
+    VkSpecialResult merged;
+    // Holds the latest answer only: an earlier "stop" followed by "go on" is forgotten.
+    bool stop = false;
+
+    VkSpecialResult agents = antiAgentTrojan_.scan([&](const std::string& name, float p) -> bool {
+        stop = progress ? progress(name, p * 0.5f) : false;
+        if (needDelay)
+            randomDelay();
+        return stop;
+    });
+    merged.insert(agents.begin(), agents.end());
+
+    // The detectors run to their end whatever their callback answers; a stop takes
+    // effect only here, between the two.
+    if (stop)
+        return merged;
+
+    VkSpecialResult flashback = antiFlashback_.scan([&](const std::string& name, float p) -> bool {
+        // Computed in double from the float progress, then narrowed.
+        float mapped = static_cast<float>(static_cast<double>(p) * 0.5 + 0.5);
+        stop = progress ? progress(name, mapped) : false;
+        if (needDelay)
+            randomDelay();
+        return stop;
+    });
+    merged.insert(flashback.begin(), flashback.end());
+    return merged;
+}
+
+void VkAntiTrojan::remove() {
+    antiAgentTrojan_.remove();
+    antiFlashback_.remove();
+}

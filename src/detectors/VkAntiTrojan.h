@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "detectors/VkAgentTrojan.h"
+#include "detectors/VkFlashBack.h"
+#include "detectors/VkSpecialResult.h"
+#include "platform/VkContext.h"
+
+// The single entry point to the built-in detectors: runs both in turn with one progress
+// range, optionally paced by short random pauses, and hands removal on to both.
+class VkAntiTrojan {
+  public:
+    // Creates the two detectors on the context.
+    explicit VkAntiTrojan(std::shared_ptr<VkContext> context);
+
+    // The process-wide coordinator on the default context.
+    static std::shared_ptr<VkAntiTrojan> shareAntiManager();
+
+    // The number of built-in detectors: 2.
+    uint64_t specTrojanCount() const { return 2; }
+    // Calls progress unchanged, then always pauses for the random delay; returns the answer.
+    bool sendProgressInfo(const VkDetectorProgress& progress, const std::string& str, float value);
+    // Runs the launch-agent detector (progress 0.0..0.5) and, unless the last answer it
+    // got was "stop", the Flashback detector (0.5, 1.0); pauses after each progress call
+    // when needDelay. Returns both results merged.
+    VkSpecialResult scan(const VkDetectorProgress& progress, bool needDelay);
+    // The launch-agent detector's remove, then the Flashback detector's.
+    void remove();
+
+    VkAgentTrojan& antiAgentTrojan() { return antiAgentTrojan_; }
+    VkFlashBack& antiFlashback() { return antiFlashback_; }
+
+  private:
+    void randomDelay();
+
+    std::shared_ptr<VkContext> context_;
+    VkAgentTrojan antiAgentTrojan_;
+    VkFlashBack antiFlashback_;
+};

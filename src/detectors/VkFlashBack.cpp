@@ -1,0 +1,289 @@
+#include "detectors/VkFlashBack.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "detectors/VkLaunchItem.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHandle.h"
+
+namespace {
+
+constexpr const char* kFamily = "OSX/Flashback";
+constexpr const char* kInsertVariable = "DYLD_INSERT_LIBRARIES";
+constexpr const char* kLaunchdConf = "/etc/launchd.conf";
+
+// Browsers whose launch environment the family sets, in the order they are examined.
+constexpr const char* kBrowserPlists[] = {
+    "/Applications/Safari.app/Contents/Info.plist",
+    "/Applications/Firefox.app/Contents/Info.plist",
+    "/Applications/Google Chrome.app/Contents/Info.plist",
+};
+
+// LaunchServices databases that remember the injected environment.
+constexpr const char* kLaunchServicesNames[] = {
+    "com.apple.LaunchServices-034501.csstore",
+    "com.apple.LaunchServices-025501.csstore",
+};
+
+// Strict UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF.
+bool isValidUtf8(const std::string& text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t n = text.size();
+    size_t i = 0;
+    while (i < n) {
+        unsigned char c = p[i];
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        size_t extra = 0;
+        unsigned char low = 0x80, high = 0xBF;
+        if (c >= 0xC2 && c <= 0xDF) {
+            extra = 1;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            extra = 2;
+            if (c == 0xE0)
+                low = 0xA0;
+            if (c == 0xED)
+                high = 0x9F;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            extra = 3;
+            if (c == 0xF0)
+                low = 0x90;
+            if (c == 0xF4)
+                high = 0x8F;
+        } else {
+            return false;
+        }
+        if (n - i - 1 < extra)
+            return false;
+        if (p[i + 1] < low || p[i + 1] > high)
+            return false;
+        for (size_t k = 2; k <= extra; ++k) {
+            if (p[i + k] < 0x80 || p[i + k] > 0xBF)
+                return false;
+        }
+        i += extra + 1;
+    }
+    return true;
+}
+
+// The value as the log shows it: text as it is, numbers as numbers.
+std::string describe(const VkPlist& value) {
+    if (const std::string* text = value.asString())
+        return *text;
+    if (value.type() == VkPlist::Type::Real) {
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%g", *value.asDouble());
+        return buf;
+    }
+    if (value.isNumber())
+        return std::to_string(*value.asInt64());
+    switch (value.type()) {
+        case VkPlist::Type::Array:
+            return "(array)";
+        case VkPlist::Type::Dictionary:
+            return "(dictionary)";
+        case VkPlist::Type::Data:
+            return "(data)";
+        case VkPlist::Type::Date:
+            return "(date)";
+        default:
+            return "(null)";
+    }
+}
+
+bool containsAny(const std::string& subpath) {
+    for (const char* name : kLaunchServicesNames) {
+        if (subpath.find(name) != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+VkFlashBack::VkFlashBack(std::shared_ptr<VkContext> context) : context_(std::move(context)) {
+    plistFiles_.reserve(10);
+    binFiles_.reserve(10);
+    serviceFiles_.reserve(10);
+}
+
+void VkFlashBack::addToBinFiles(const std::string& path) {
+    if (std::find(binFiles_.begin(), binFiles_.end(), path) == binFiles_.end())
+        binFiles_.push_back(path);
+}
+
+VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
+    if (progress)
+        progress(kFamily, 0.0f);
+    VkSpecialResult result;
+    bool found = false;
+
+    for (const char* browser : kBrowserPlists)
+        scanEnvironmentFile(browser, found);
+    scanEnvironmentFile(context_->homeDirectory + "/.MacOSX/environment.plist", found);
+
+    scanLaunchFolder(context_->homeDirectory + "/Library/LaunchAgents", found);
+    scanLaunchFolder("/Library/LaunchAgents", found);
+    scanLaunchFolder("/Library/LaunchDaemons", found);
+
+    bool confInfected = scanLaunchdConf();
+
+    if (confInfected || found) {
+        // Everything recorded so far, not only this scan's findings: the lists live as
+        // long as the detector, and what a later remove deletes is what is reported.
+        std::vector<std::string> paths;
+        paths.reserve(
+            std::max<size_t>(20, plistFiles_.size() + binFiles_.size() + serviceFiles_.size()));
+        paths.insert(paths.end(), plistFiles_.begin(), plistFiles_.end());
+        paths.insert(paths.end(), binFiles_.begin(), binFiles_.end());
+        paths.insert(paths.end(), serviceFiles_.begin(), serviceFiles_.end());
+        result[kFamily] = std::move(paths);
+    }
+
+    if (progress)
+        progress(kFamily, 1.0f);
+    return result;
+}
+
+void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& found) {
+    std::string path = context_->resolve(inspectedPath);
+    auto plist = VkLaunchItem::readDictionary(path);
+    if (!plist)
+        return;
+    const VkPlist* environment = &*plist;
+    if (VkFile::lastPathComponent(path) != "environment.plist") {
+        environment = plist->get("LSEnvironment");
+        if (!environment || !environment->isDictionary())
+            return;
+    }
+    const VkPlist* value = environment->get(kInsertVariable);
+    if (!value)
+        return;
+    // Any value at all infects the file; it is taken as one path even when it lists
+    // several libraries.
+    context_->systemLog->log("[VkAnti] detect " + path + " - " + describe(*value));
+    plistFiles_.push_back(path);
+    if (const std::string* library = value->asString())
+        addToBinFiles(context_->resolve(context_->expandTilde(*library)));
+    found = true;
+}
+
+void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& found) {
+    std::string folder = context_->resolve(inspectedFolder);
+    auto entries = VkFile::listDirectory(folder);
+    if (!entries)
+        return;
+    // The file system's own order differs between machines; a fixed order keeps the
+    // result list the same for the same tree.
+    std::sort(entries->begin(), entries->end());
+    for (const std::string& entry : *entries) {
+        std::string itemPath = VkFile::join(folder, entry);
+        auto item = VkLaunchItem::readDictionary(itemPath);
+        if (!item)
+            continue;
+        auto program = VkLaunchItem::programOf(*item);
+        if (!program)
+            continue;
+        std::string name = VkFile::lastPathComponent(*program);
+        if (name.empty() || name[0] != '.')
+            continue;
+        context_->systemLog->log("[VkAnti] detect " + entry + " - " + *program);
+        serviceFiles_.push_back(itemPath);
+        addToBinFiles(context_->resolve(context_->expandTilde(*program)));
+        found = true;
+    }
+}
+
+bool VkFlashBack::scanLaunchdConf() {
+    std::string path = context_->resolve(kLaunchdConf);
+    auto text = VkFile::readAll(path, kMaxConfBytes);
+    // Text that is not UTF-8 could not be read as such, and so is not looked at.
+    if (!text || !isValidUtf8(*text))
+        return false;
+    if (text->find(kInsertVariable) == std::string::npos)
+        return false;
+    // A configuration that mentions "/usr/lib/" anywhere counts as legitimate.
+    if (text->find("/usr/lib/") != std::string::npos)
+        return false;
+    context_->systemLog->log("[VkAnti] detect conf file - " + path);
+    // The whole file goes on removal.
+    addToBinFiles(path);
+    return true;
+}
+
+std::vector<std::string> VkFlashBack::launchServicesDatabases() {
+    const std::string top = context_->resolve("/var/folders");
+    std::vector<std::string> matches;
+    // Depth-first with an explicit stack of folders still to list (relative to the top),
+    // so that neither a deep tree nor a wide one grows the call stack, and only the
+    // matches are kept. Links are never followed, so a link loop is just an entry.
+    std::vector<std::string> pending{""};
+    while (!pending.empty()) {
+        std::string relative = std::move(pending.back());
+        pending.pop_back();
+        std::string folder = relative.empty() ? top : VkFile::join(top, relative);
+        VkHandle<DIR, ::closedir> dir(::opendir(folder.c_str()));
+        if (!dir)
+            continue;  // unreadable, vanished or a path too long for the system: skipped
+        std::vector<std::pair<std::string, bool>> children;
+        while (struct dirent* entry = ::readdir(dir.get())) {
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+                continue;
+            bool isFolder = entry->d_type == DT_DIR;
+            if (entry->d_type == DT_UNKNOWN) {
+                struct stat st {};
+                isFolder =
+                    ::fstatat(::dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISDIR(st.st_mode);
+            }
+            children.emplace_back(entry->d_name, isFolder);
+        }
+        dir.reset();
+        std::sort(children.begin(), children.end());
+        for (auto it = children.rbegin(); it != children.rend(); ++it) {
+            if (it->second)
+                pending.push_back(relative.empty() ? it->first : relative + "/" + it->first);
+        }
+        for (const auto& [name, isFolder] : children) {
+            std::string subpath = relative.empty() ? name : relative + "/" + name;
+            if (!containsAny(subpath))
+                continue;
+            std::string full = VkFile::join(top, subpath);
+            context_->systemLog->log("[VkAnti] remove cstore: " + full);
+            matches.push_back(std::move(full));
+        }
+    }
+    return matches;
+}
+
+void VkFlashBack::remove() {
+    if (plistFiles_.empty() && binFiles_.empty() && serviceFiles_.empty())
+        return;
+    VkCoreFunction& core = *context_->coreFunction;
+    std::vector<std::string> extra;
+    extra.reserve(10);
+    core.systemCommand("launchctl unsetenv DYLD_INSERT_LIBRARIES");
+    // Inserted as recorded, unquoted, the way this command has always been issued.
+    for (const std::string& service : serviceFiles_)
+        core.systemCommand("launchctl unload " + service);
+    for (const std::string& plist : plistFiles_) {
+        if (!VkLaunchItem::readDictionary(plist))
+            continue;
+        // A browser loses its whole launch environment, not just the one variable.
+        bool isEnvironment = VkFile::lastPathComponent(plist) == "environment.plist";
+        core.fixPlistFile(plist, isEnvironment ? kInsertVariable : "LSEnvironment");
+    }
+    std::vector<std::string> databases = launchServicesDatabases();
+    extra.insert(extra.end(), databases.begin(), databases.end());
+    extra.insert(extra.end(), serviceFiles_.begin(), serviceFiles_.end());
+    extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
+    // The lists are kept: a later remove acts on all of it again.
+    core.startClean(extra, false, nullptr);
+}

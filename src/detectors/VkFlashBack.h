@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "detectors/VkSpecialResult.h"
+#include "platform/VkContext.h"
+
+// Finds and removes "OSX/Flashback", which injects its library through the loader's
+// "DYLD_INSERT_LIBRARIES" variable: in browsers' Info.plist launch environments, in the
+// user's environment.plist, in "/etc/launchd.conf", or through launch items whose
+// program is a hidden file.
+//
+// Inspected paths ("~" expanded to the inspected home, values as written) are resolved
+// under the context's system root before a file is touched; the lists, the result and
+// the paths in log lines are those resolved paths, while values read from files (the
+// injected library, a launch item's program) are logged as written.
+class VkFlashBack {
+  public:
+    explicit VkFlashBack(std::shared_ptr<VkContext> context);
+
+    // Appends the path unless an equal string is already recorded.
+    void addToBinFiles(const std::string& path);
+    // Calls progress with 0.0 and 1.0; returns {} or {"OSX/Flashback": plistFiles +
+    // binFiles + serviceFiles}, everything recorded so far, when this scan found anything.
+    VkSpecialResult scan(const VkDetectorProgress& progress);
+    // Unsets the variable, unloads and deletes the launch items, strips the environment
+    // from the property lists, deletes the injected files and the LaunchServices
+    // databases under "/var/folders". Does nothing when nothing was ever found.
+    void remove();
+
+    // Property lists to edit, files to delete, launch items to unload and delete.
+    const std::vector<std::string>& plistFiles() const { return plistFiles_; }
+    const std::vector<std::string>& binFiles() const { return binFiles_; }
+    const std::vector<std::string>& serviceFiles() const { return serviceFiles_; }
+
+    // Larger property lists and configuration files count as unreadable.
+    static constexpr size_t kMaxPlistBytes = 4u << 20;
+    static constexpr size_t kMaxConfBytes = 1u << 20;
+
+  private:
+    void scanEnvironmentFile(const std::string& inspectedPath, bool& found);
+    void scanLaunchFolder(const std::string& inspectedFolder, bool& found);
+    bool scanLaunchdConf();
+    std::vector<std::string> launchServicesDatabases();
+
+    std::shared_ptr<VkContext> context_;
+    std::vector<std::string> plistFiles_;
+    std::vector<std::string> binFiles_;
+    std::vector<std::string> serviceFiles_;
+};

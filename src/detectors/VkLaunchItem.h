@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "platform/VkPlist.h"
+
+// Reading launch property lists the way both detectors do.
+namespace VkLaunchItem {
+
+// Launch items and application property lists are small; anything larger than this is
+// treated as unreadable rather than parsed.
+inline constexpr size_t kMaxPlistBytes = 4u << 20;
+
+// The property list at a path on this machine when it is a dictionary (XML or binary).
+std::optional<VkPlist> readDictionary(const std::string& path);
+
+// The program a launch item starts: the string under "Program"; when that key is absent,
+// the first element of "ProgramArguments" if it is a non-empty list of which that element
+// is a string. A "Program" of another type names no program (no fallback).
+std::optional<std::string> programOf(const VkPlist& item);
+
+}  // namespace VkLaunchItem

@@ -1,0 +1,311 @@
+#include "detectors/VkAgentTrojan.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "VkFakeMac.h"
+
+namespace {
+
+using Paths = std::vector<std::string>;
+
+class VkAgentTrojanTest : public VkFakeMacTest {
+  protected:
+    struct Progress {
+        std::string name;
+        float value;
+    };
+
+    VkSpecialResult scan(VkAgentTrojan& detector, bool answer = false) {
+        return detector.scan([this, answer](const std::string& name, float value) {
+            progress.push_back({name, value});
+            return answer;
+        });
+    }
+
+    std::vector<Progress> progress;
+};
+
+// One infection per family: where its launch item lives and a program that it accepts.
+struct Infection {
+    const char* family;
+    const char* launchPlist;
+    const char* program;
+};
+
+const Infection kInfections[] = {
+    {"OSX/Olyx.A", "~/Library/LaunchAgents/www.google.com.tstart.plist",
+     "/Library/Application Support/google/startp"},
+    {"OSX/Olyx.B", "~/Library/LaunchAgents/com.apple.DockActions.plist",
+     "/Library/Audio/Plug-Ins/AudioServer"},
+    {"OSX/Olyx.C", "~/Library/LaunchAgents/com.apple.DockActions.plist",
+     "/Applications/Automator.app/Contents/MacOS/DockLight"},
+    {"OSX/Sabpab.A", "~/Library/LaunchAgents/com.apple.PubSabAgent.plist",
+     "~/Library/Preferences/com.apple.PubSabAgent.pfile"},
+    {"OSX/MacKontrol.A", "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist",
+     "/Library/launched"},
+    {"OSX/Tsunami.A", "/System/Library/LaunchDaemons/com.apple.logind.plist", "/usr/sbin/logind"},
+    {"OSX/DevilRobber.A", "~/Library/LaunchAgents/com.apple.legion.plist",
+     "~/Library/mdsa1331/agent"},
+    {"OSX/DevilRobberV3.A", "~/Library/LaunchAgents/com.apple.pixel.plist",
+     "/Users/tester/Library/Pixel_mator.app/Contents/MacOS/Pixel"},
+    {"OSX/Imuler.A", "~/library/LaunchAgents/checkvir.plist", "~/library/LaunchAgents/checkvir"},
+};
+
+TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
+    for (bool binary : {false, true}) {
+        for (const auto& infection : kInfections) {
+            SCOPED_TRACE(std::string(infection.family) + (binary ? " binary" : " xml"));
+            VkFile::removeTree(ctx->systemRoot);
+            VkFile::createDirectory(ctx->systemRoot, true);
+            std::string plist =
+                writePlist(infection.launchPlist, launchItem(infection.program), binary);
+            std::string program = writeFile(infection.program, "payload");
+
+            VkAgentTrojan detector(ctx);
+            VkSpecialResult result = scan(detector);
+            EXPECT_EQ(result, (VkSpecialResult{{infection.family, {plist, program}}}));
+            EXPECT_EQ(detector.serviceFiles(), Paths{plist});
+            EXPECT_EQ(detector.binFiles(), Paths{program});
+            EXPECT_EQ(logLines().back(), std::string("[VkAnti] detect ") + infection.family);
+        }
+    }
+}
+
+TEST_F(VkAgentTrojanTest, SharedPropertyListTellsOlyxBFromOlyxCByItsProgram) {
+    const std::string plist = "~/Library/LaunchAgents/com.apple.DockActions.plist";
+    writePlist(plist, launchItem("/Library/Audio/Plug-Ins/AudioServer"));
+    VkAgentTrojan first(ctx);
+    auto result = scan(first);
+    ASSERT_EQ(result.size(), 1u);
+    EXPECT_EQ(result.begin()->first, "OSX/Olyx.B");
+    EXPECT_EQ(result.begin()->second, Paths{onDisk(plist)});
+
+    writePlist(plist, launchItem("/Applications/Automator.app/Contents/MacOS/DockLight"), true);
+    VkAgentTrojan second(ctx);
+    result = scan(second);
+    ASSERT_EQ(result.size(), 1u);
+    EXPECT_EQ(result.begin()->first, "OSX/Olyx.C");
+}
+
+TEST_F(VkAgentTrojanTest, OnlyPrefixFamiliesAcceptAProgramBelowTheExpectedPath) {
+    writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
+               launchItem("/Users/tester/Library/mdsa1331/bin/agent"));
+    writePlist("~/Library/LaunchAgents/www.google.com.tstart.plist",
+               launchItem("/Library/Application Support/google/startp2"));
+    // An exact family with a program that only differs in case is no match either.
+    writePlist("~/Library/LaunchAgents/com.apple.FolderActionsxl.plist",
+               launchItem("/library/launched"));
+    VkAgentTrojan detector(ctx);
+    auto result = scan(detector);
+    EXPECT_EQ(result,
+              (VkSpecialResult{{"OSX/DevilRobber.A",
+                                {onDisk("~/Library/LaunchAgents/com.apple.legion.plist")}}}));
+}
+
+TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
+    const std::string plist = "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist";
+    const std::string program = "/Library/launched";
+    writeFile(program, "x");
+    struct Case {
+        const char* what;
+        VkPlist item;
+        bool found;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"arguments", launchItemWithArguments(VkPlist::array({program, "-d"})), true});
+    cases.push_back({"empty arguments", launchItemWithArguments(VkPlist::array()), false});
+    cases.push_back({"arguments not a list", launchItemWithArguments(VkPlist(program)), false});
+    cases.push_back({"first argument not a string",
+                     launchItemWithArguments(VkPlist::array({VkPlist::integer(7), program})),
+                     false});
+    cases.push_back({"program wins",
+                     VkPlist::dictionary({{"Program", "/bin/true"},
+                                          {"ProgramArguments", VkPlist::array({program})}}),
+                     false});
+    cases.push_back({"program of the wrong type",
+                     VkPlist::dictionary({{"Program", VkPlist::array({program})},
+                                          {"ProgramArguments", VkPlist::array({program})}}),
+                     false});
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        writePlist(plist, c.item, true);
+        VkAgentTrojan detector(ctx);
+        EXPECT_EQ(scan(detector).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
+    }
+}
+
+TEST_F(VkAgentTrojanTest, TildeInTheProgramValueIsExpandedToTheInspectedHome) {
+    std::string plist = writePlist("~/Library/LaunchAgents/com.apple.PubSabAgent.plist",
+                                   launchItem("~/Library/Preferences/com.apple.PubSabAgent.pfile"));
+    std::string program =
+        writeFile("/Users/tester/Library/Preferences/com.apple.PubSabAgent.pfile", "x");
+    VkAgentTrojan detector(ctx);
+    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Sabpab.A", {plist, program}}}));
+    EXPECT_EQ(program,
+              ctx->systemRoot + "/Users/tester/Library/Preferences/com.apple.PubSabAgent.pfile");
+}
+
+TEST_F(VkAgentTrojanTest, MissingProgramFileGivesTheLaunchItemAlone) {
+    std::string plist = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
+                                   launchItem("/usr/sbin/logind"));
+    VkAgentTrojan detector(ctx);
+    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Tsunami.A", {plist}}}));
+    EXPECT_TRUE(detector.binFiles().empty());
+    EXPECT_EQ(detector.serviceFiles(), Paths{plist});
+}
+
+TEST_F(VkAgentTrojanTest, FindingsAccumulateOverScans) {
+    std::string plist = writePlist("~/Library/LaunchAgents/www.google.com.tstart.plist",
+                                   launchItem("/Library/Application Support/google/startp"));
+    std::string program = writeFile("/Library/Application Support/google/startp", "x");
+    VkAgentTrojan detector(ctx);
+    scan(detector);
+    scan(detector);
+    EXPECT_EQ(detector.serviceFiles(), (Paths{plist, plist}));
+    EXPECT_EQ(detector.binFiles(), Paths{program});
+
+    // Gone from disk: a third scan reports nothing, the lists stay.
+    VkFile::removeTree(plist);
+    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_EQ(detector.serviceFiles(), (Paths{plist, plist}));
+}
+
+TEST_F(VkAgentTrojanTest, ProgressComesBeforeEachFamilyAndOnceMoreAtTheEnd) {
+    writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
+               launchItem("/usr/sbin/logind"));
+    VkAgentTrojan detector(ctx);
+    // The answer is ignored: a "stop" on every call still examines every family.
+    auto result = scan(detector, true);
+    EXPECT_EQ(result.count("OSX/Tsunami.A"), 1u);
+
+    ASSERT_EQ(progress.size(), 10u);
+    std::vector<std::string> names;
+    for (const auto& [name, definition] : detector.agentTrojanDefs())
+        names.push_back(name);
+    ASSERT_EQ(names.size(), 9u);
+    for (size_t i = 0; i < 9; ++i) {
+        EXPECT_EQ(progress[i].name, names[i]);
+        EXPECT_FLOAT_EQ(progress[i].value, static_cast<float>(i) / 9.0f);
+    }
+    EXPECT_EQ(progress[0].value, 0.0f);
+    EXPECT_EQ(progress[9].name, names.back());
+    EXPECT_EQ(progress[9].value, 1.0f);
+}
+
+TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
+    writePlist("~/Library/LaunchAgents/evil.plist", launchItem("/opt/evil"));
+    VkAgentTrojan detector(ctx);
+    detector.agentTrojanDefs()["OSX/Two.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
+                                               VkPlist("/opt/evil")};
+    detector.agentTrojanDefs()["OSX/Four.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
+                                                VkPlist("/opt/evil"), VkPlist::boolean(false),
+                                                VkPlist("extra")};
+    detector.agentTrojanDefs()["OSX/Three.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
+                                                 VkPlist("/opt/evil"), VkPlist::boolean(false)};
+    EXPECT_EQ(scan(detector),
+              (VkSpecialResult{{"OSX/Three.A", {onDisk("~/Library/LaunchAgents/evil.plist")}}}));
+    EXPECT_EQ(progress.size(), 13u);
+    EXPECT_FLOAT_EQ(progress[1].value, 1.0f / 12.0f);
+
+    detector.initTrojanDefs();
+    EXPECT_EQ(detector.agentTrojanDefs().size(), 9u);
+    EXPECT_EQ(detector.agentTrojanDefs().count("OSX/Three.A"), 0u);
+}
+
+TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
+    const std::string plist = "~/Library/LaunchAgents/www.google.com.tstart.plist";
+    const std::string program = "/Library/Application Support/google/startp";
+    writeFile(program, "x");
+    std::vector<uint8_t> binary = launchItem(program).toBinary();
+
+    std::string nested;
+    for (int i = 0; i < 100000; ++i)
+        nested += "<array>";
+    std::string huge = launchItem(program).toXml();
+    huge.insert(huge.rfind("</dict>"),
+                "<key>Pad</key><string>" + std::string(5u << 20, 'a') + "</string>");
+
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"malformed xml", "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>"},
+        {"truncated binary", std::string(binary.begin(), binary.begin() + binary.size() / 2)},
+        {"deeply nested",
+         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Program</key>"
+         "<string>" +
+             program + "</string><key>X</key>" + nested},
+        {"not a dictionary", VkPlist::array({program}).toXml()},
+        {"empty", ""},
+        {"too large", huge},
+    };
+    for (const auto& [what, bytes] : cases) {
+        SCOPED_TRACE(what);
+        writeFile(plist, bytes);
+        VkAgentTrojan detector(ctx);
+        EXPECT_TRUE(scan(detector).empty());
+        EXPECT_TRUE(detector.serviceFiles().empty());
+    }
+
+    // The size cap is what keeps the large one out: a few megabytes less and it counts.
+    std::string large = launchItem(program).toXml();
+    large.insert(large.rfind("</dict>"),
+                 "<key>Pad</key><string>" + std::string(3u << 20, 'a') + "</string>");
+    writeFile(plist, large);
+    VkAgentTrojan accepted(ctx);
+    EXPECT_EQ(scan(accepted).count("OSX/Olyx.A"), 1u);
+
+    // A folder where the property list should be is no property list either.
+    VkFile::removeTree(onDisk(plist));
+    VkFile::createDirectory(onDisk(plist), true);
+    VkAgentTrojan detector(ctx);
+    EXPECT_TRUE(scan(detector).empty());
+}
+
+TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
+    std::string legion = writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
+                                    launchItem("~/Library/mdsa1331/agent"));
+    std::string agent = writeFile("~/Library/mdsa1331/agent", "x");
+    std::string logind = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
+                                    launchItem("/usr/sbin/logind"));
+    VkAgentTrojan detector(ctx);
+    scan(detector);
+    scan(detector);
+    detector.remove();
+
+    auto calls = core->calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].op, "systemCommand");
+    EXPECT_EQ(calls[0].args, Paths{"launchctl unsetenv DYLD_INSERT_LIBRARIES"});
+    EXPECT_EQ(calls[1].op, "startClean");
+    EXPECT_EQ(calls[1].args, (Paths{legion, logind, legion, logind, agent}));
+
+    // The lists are kept: a second remove acts on the same paths again.
+    detector.remove();
+    ASSERT_EQ(core->calls().size(), 4u);
+    EXPECT_EQ(core->calls()[3].args, calls[1].args);
+}
+
+TEST_F(VkAgentTrojanTest, RemoveDoesNothingWhenNothingWasFound) {
+    VkAgentTrojan detector(ctx);
+    scan(detector);
+    detector.remove();
+    EXPECT_TRUE(core->calls().empty());
+    EXPECT_TRUE(logLines().empty());
+}
+
+TEST_F(VkAgentTrojanTest, RemoveWithRealOperationsDeletesTheFilesOnDisk) {
+    core->performDeletes(true);
+    std::string plist = writePlist("~/Library/LaunchAgents/com.apple.pixel.plist",
+                                   launchItem("~/Library/Pixel_mator/run"));
+    std::string program = writeFile("~/Library/Pixel_mator/run", "x");
+    VkAgentTrojan detector(ctx);
+    scan(detector);
+    detector.remove();
+    EXPECT_FALSE(VkFile::existsNoFollow(plist));
+    EXPECT_FALSE(VkFile::existsNoFollow(program));
+    EXPECT_TRUE(VkFile::exists(onDisk("~/Library/LaunchAgents")));
+}
+
+}  // namespace

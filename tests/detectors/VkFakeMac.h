@@ -1,0 +1,81 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkContext.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkPlist.h"
+
+// Pacing that never sleeps: hands out the given random values in turn and records each
+// requested sleep.
+class VkRecordingPacing : public VkPacing {
+  public:
+    int random() override {
+        if (randoms.empty())
+            return 0;
+        return randoms[next++ % randoms.size()];
+    }
+    void sleepMicroseconds(long long microseconds) override { sleeps.push_back(microseconds); }
+
+    std::vector<int> randoms;
+    size_t next = 0;
+    std::vector<long long> sleeps;
+};
+
+// A fake Mac tree in a temporary folder: the context's system root is <tmp>/root, the
+// inspected home "/Users/tester", core operations recorded, nothing sleeps.
+class VkFakeMacTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        ctx->coreFunction = core;
+        pacing = std::make_shared<VkRecordingPacing>();
+        ctx->pacing = pacing;
+    }
+
+    // An inspected path ("~" allowed) as a path on this machine.
+    std::string onDisk(const std::string& inspected) const {
+        return ctx->resolve(ctx->expandTilde(inspected));
+    }
+
+    std::string writePlist(const std::string& inspected, const VkPlist& plist,
+                           bool binary = false) const {
+        std::string path = onDisk(inspected);
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        auto written = binary ? plist.writeBinaryFile(path) : plist.writeXmlFile(path);
+        EXPECT_TRUE(written.ok()) << written.error();
+        return path;
+    }
+
+    std::string writeFile(const std::string& inspected, const std::string& bytes) const {
+        std::string path = onDisk(inspected);
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        EXPECT_TRUE(VkFile::writeAtomically(path, bytes).ok());
+        return path;
+    }
+
+    // A launch item that starts `program`.
+    static VkPlist launchItem(const std::string& program) {
+        return VkPlist::dictionary({{"Label", "com.example.item"}, {"Program", program}});
+    }
+    static VkPlist launchItemWithArguments(VkPlist arguments) {
+        return VkPlist::dictionary(
+            {{"Label", "com.example.item"}, {"ProgramArguments", arguments}});
+    }
+
+    std::vector<std::string> logLines() const {
+        return std::dynamic_pointer_cast<VkCapturedLog>(ctx->systemLog)->lines();
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingCoreFunction> core;
+    std::shared_ptr<VkRecordingPacing> pacing;
+};
