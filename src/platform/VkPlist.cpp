@@ -50,6 +50,10 @@ bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
     return true;
 }
 
+// Strings and data of a binary list, counted as often as they are referenced: the parser
+// copies a shared object once per reference.
+constexpr size_t kMaxExpandedBytes = 256u << 20;
+
 uint64_t readBigEndian(const uint8_t* p, size_t width) {
     uint64_t v = 0;
     for (size_t i = 0; i < width; ++i)
@@ -58,8 +62,10 @@ uint64_t readBigEndian(const uint8_t* p, size_t width) {
 }
 
 // Checks the binary layout: trailer, offset table, object headers and references in
-// range; no reference cycles; nesting depth and the size of the expanded tree bounded.
-bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes) {
+// range; no reference cycles; nesting depth and the size of the expanded tree bounded, in
+// nodes and in string and data bytes (an object named many times is copied each time).
+bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes,
+                       size_t maxBytes) {
     if (size < 8 + 32)
         return false;
     const uint8_t* trailer = data + size - 32;
@@ -82,15 +88,19 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     auto objectOffset = [&](uint64_t index) {
         return readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
     };
-    // Reads a container's references; false when the object is malformed.
-    auto childrenOf = [&](uint64_t index, std::vector<uint64_t>& out) -> bool {
+    // Reads a container's references, or the payload size of a string or data object;
+    // false when the object is malformed.
+    auto childrenOf = [&](uint64_t index, std::vector<uint64_t>& out, uint64_t& bytes) -> bool {
         out.clear();
+        bytes = 0;
         uint64_t off = objectOffset(index);
         if (off < 8 || off >= tableOffset)
             return false;
         uint8_t marker = data[off];
         uint8_t kind = marker >> 4;
-        if (kind != 0xA && kind != 0xC && kind != 0xD)
+        bool container = kind == 0xA || kind == 0xC || kind == 0xD;
+        bool payload = kind == 0x4 || kind == 0x5 || kind == 0x6 || kind == 0x7;
+        if (!container && !payload)
             return true;
         uint64_t count = marker & 0x0F;
         uint64_t pos = off + 1;
@@ -105,6 +115,11 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
                 return false;
             count = readBigEndian(data + pos + 1, width);
             pos += 1 + width;
+        }
+        if (payload) {
+            // Counted, not checked against the object area: the parser does that.
+            bytes = count > size ? size : (kind == 0x6 ? count * 2 : count);
+            return true;
         }
         uint64_t refs = kind == 0xD ? count * 2 : count;
         if (count > tableOffset || refs > (tableOffset - pos) / refSize)
@@ -123,14 +138,16 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     std::vector<uint8_t> colour(numObjects, 0);
     std::vector<uint64_t> depthOf(numObjects, 0);
     std::vector<uint64_t> nodesOf(numObjects, 0);
+    std::vector<uint64_t> bytesOf(numObjects, 0);
     struct Frame {
         uint64_t index;
         std::vector<uint64_t> children;
+        uint64_t bytes = 0;
         size_t next = 0;
     };
     std::vector<Frame> stack;
-    stack.push_back({topObject, {}, 0});
-    if (!childrenOf(topObject, stack.back().children))
+    stack.push_back({topObject, {}, 0, 0});
+    if (!childrenOf(topObject, stack.back().children, stack.back().bytes))
         return false;
     colour[topObject] = 1;
     while (!stack.empty()) {
@@ -143,8 +160,8 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
                 continue;
             if (stack.size() >= maxDepth)
                 return false;
-            Frame nf{child, {}, 0};
-            if (!childrenOf(child, nf.children))
+            Frame nf{child, {}, 0, 0};
+            if (!childrenOf(child, nf.children, nf.bytes))
                 return false;
             colour[child] = 1;
             stack.push_back(std::move(nf));
@@ -152,16 +169,19 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
         }
         uint64_t depth = 1;
         uint64_t nodes = 1;
+        uint64_t bytes = f.bytes;
         for (uint64_t c : f.children) {
             depth = std::max<uint64_t>(depth, depthOf[c] + 1);
             nodes += nodesOf[c];
-            if (nodes > maxNodes)
+            bytes += bytesOf[c];
+            if (nodes > maxNodes || bytes > maxBytes)
                 return false;
         }
         if (depth > maxDepth)
             return false;
         depthOf[f.index] = depth;
         nodesOf[f.index] = nodes;
+        bytesOf[f.index] = bytes;
         colour[f.index] = 2;
         stack.pop_back();
     }
@@ -449,7 +469,8 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
     const char* p = static_cast<const char*>(bytes);
     bool binary = size >= 8 && std::memcmp(p, "bplist00", 8) == 0;
     if (binary) {
-        if (!binaryPlistIsSafe(reinterpret_cast<const uint8_t*>(p), size, kMaxDepth, kMaxNodes)) {
+        if (!binaryPlistIsSafe(reinterpret_cast<const uint8_t*>(p), size, kMaxDepth, kMaxNodes,
+                               kMaxExpandedBytes)) {
             return VkError{"malformed or oversized binary property list"};
         }
     } else if (!xmlNestingWithin(p, size, kMaxDepth)) {

@@ -57,6 +57,47 @@ TEST(VkPlistTest, RefusesBinaryCycles) {
     EXPECT_FALSE(VkPlist::parse(b.data(), b.size()).ok());
 }
 
+// A binary list whose top array names one data object of dataSize bytes refs times.
+std::vector<uint8_t> sharedDataList(uint32_t refs, uint32_t dataSize) {
+    auto bigEndian32 = [](std::vector<uint8_t>& out, uint64_t v) {
+        for (int shift = 24; shift >= 0; shift -= 8)
+            out.push_back(static_cast<uint8_t>(v >> shift));
+    };
+    std::vector<uint8_t> b = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    b.push_back(0xAF);  // array, count follows as a 4-byte int
+    b.push_back(0x12);
+    bigEndian32(b, refs);
+    b.insert(b.end(), refs, 0x01);  // every element is object 1
+    size_t dataOffset = b.size();
+    b.push_back(0x4F);  // data, length follows as a 4-byte int
+    b.push_back(0x12);
+    bigEndian32(b, dataSize);
+    b.insert(b.end(), dataSize, 0xAB);
+    size_t table = b.size();
+    bigEndian32(b, 8);
+    bigEndian32(b, dataOffset);
+    uint8_t trailer[32] = {};
+    trailer[6] = 4;   // offset size
+    trailer[7] = 1;   // ref size
+    trailer[15] = 2;  // two objects
+    for (int i = 0; i < 8; ++i)
+        trailer[24 + i] = static_cast<uint8_t>(static_cast<uint64_t>(table) >> (56 - 8 * i));
+    b.insert(b.end(), trailer, trailer + 32);
+    return b;
+}
+
+TEST(VkPlistTest, BoundsTheBytesThatSharedObjectsExpandTo) {
+    // Ten copies of 1 MiB are fine; 300 copies (a 1 MiB file growing past 256 MiB once
+    // every reference is copied) are refused before the parser allocates them.
+    auto modest = sharedDataList(10, 1u << 20);
+    auto fine = VkPlist::parse(modest.data(), modest.size());
+    ASSERT_TRUE(fine.ok()) << fine.error();
+    ASSERT_EQ(fine->asArray()->size(), 10u);
+    EXPECT_EQ(fine->asArray()->back().asData()->size(), 1u << 20);
+    auto bomb = sharedDataList(300, 1u << 20);
+    EXPECT_FALSE(VkPlist::parse(bomb.data(), bomb.size()).ok());
+}
+
 TEST(VkPlistTest, WritesFilesAtomically) {
     VkTempDir dir;
     std::string path = dir / "list.plist";
