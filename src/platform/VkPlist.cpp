@@ -234,11 +234,20 @@ VkPlist fromNode(plist_t node) {
             return VkPlist(std::move(data));
         }
         case PLIST_ARRAY: {
+            // libplist 2.2 finds an item by index by walking the list from its start, so
+            // indexing every item is quadratic; its iterator walks once.
             VkPlist::Array items;
-            uint32_t n = plist_array_get_size(node);
-            items.reserve(n);
-            for (uint32_t i = 0; i < n; ++i)
-                items.push_back(fromNode(plist_array_get_item(node, i)));
+            items.reserve(plist_array_get_size(node));
+            plist_array_iter it = nullptr;
+            plist_array_new_iter(node, &it);
+            for (;;) {
+                plist_t item = nullptr;
+                plist_array_next_item(node, it, &item);
+                if (!item)
+                    break;
+                items.push_back(fromNode(item));
+            }
+            free(it);
             return VkPlist(std::move(items));
         }
         case PLIST_DICT: {
