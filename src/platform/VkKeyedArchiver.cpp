@@ -355,24 +355,28 @@ VkResult<VkArchivedValue> VkKeyedUnarchiver::unarchiveRootObject(const void* byt
     if (!root || !root->asUid())
         return VkError{"keyed archive: no root object reference in \"$top\""};
 
-    busy_ = true;
-    objects_ = objects->asArray();
-    inProgress_.assign(objects_->size(), 0);
-    decodedObjects_.clear();
-    current_.clear();
-    depth_ = decodedCount_ = decodedBytes_ = 0;
-    error_.reset();
+    // The state of one archive lives as long as this call, however the call is left.
+    struct Session {
+        VkKeyedUnarchiver& self;
+        Session(VkKeyedUnarchiver& s, const VkPlist::Array* objects) : self(s) {
+            self.busy_ = true;
+            self.objects_ = objects;
+            self.inProgress_.assign(objects->size(), 0);
+            self.depth_ = self.decodedCount_ = self.decodedBytes_ = 0;
+        }
+        ~Session() {
+            self.objects_ = nullptr;
+            self.inProgress_.clear();
+            self.decodedObjects_.clear();
+            self.current_.clear();
+            self.error_.reset();
+            self.busy_ = false;
+        }
+    } session(*this, objects->asArray());
 
     VkArchivedValue result = decodeUid(*root->asUid());
-
-    std::optional<std::string> error = std::move(error_);
-    objects_ = nullptr;
-    inProgress_.clear();
-    decodedObjects_.clear();
-    error_.reset();
-    busy_ = false;
-    if (error)
-        return VkError{"keyed archive: " + *error};
+    if (error_)
+        return VkError{"keyed archive: " + *error_};
     return result;
 }
 

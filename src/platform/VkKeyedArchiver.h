@@ -139,7 +139,7 @@ class VkKeyedUnarchiver {
     // Decodes the root object of archive bytes. An object reached twice is built once.
     VkResult<VkArchivedValue> unarchiveRootObject(const void* bytes, size_t size);
     VkResult<VkArchivedValue> unarchiveRootObject(const std::vector<uint8_t>& bytes);
-    // Decodes an archive of plain values only (an object of a registered class is an error).
+    // Decodes an archive of plain values only (an object of our own classes is an error).
     static VkResult<VkPlist> unarchiveObjectWithData(const std::vector<uint8_t>& bytes);
 
     // ---- Called from a factory: members of the object being decoded ----

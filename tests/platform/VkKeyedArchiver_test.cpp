@@ -798,6 +798,18 @@ TEST_F(VkKeyedUnarchiverMalformedTest, FactoriesSeeWrongMemberTypesAsErrors) {
     EXPECT_EQ(node->weight, 0);
     EXPECT_FALSE(node->flag);
     EXPECT_EQ(node->next, nullptr);
+    // A factory cannot start another archive on the coder that is decoding it.
+    std::string nested;
+    unarchiver.registerClass("TestNode",
+                             [&nested](VkKeyedUnarchiver& coder) -> std::shared_ptr<VkCodable> {
+                                 auto inner = coder.unarchiveRootObject(kPlatformKillList);
+                                 nested = inner.ok() ? "accepted" : inner.error();
+                                 return std::make_shared<Node>();
+                             });
+    auto outer = unarchiver.unarchiveRootObject(archiveOf(
+        VkPlist::array({"$null", VkPlist::dictionary({{"$class", VkPlist::uid(2)}}), nodeClass})));
+    EXPECT_TRUE(outer.ok());
+    EXPECT_NE(nested.find("already decoding"), std::string::npos) << nested;
 }
 
 TEST_F(VkKeyedUnarchiverMalformedTest, EverySingleByteCorruptionIsHandled) {
