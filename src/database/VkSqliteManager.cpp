@@ -1,0 +1,402 @@
+#include "database/VkSqliteManager.h"
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "platform/VkFileUtil.h"
+#include "platform/VkKeyedArchiver.h"
+
+namespace {
+
+constexpr const char* kSelectDescription = "select * from description";
+constexpr const char* kSelectTest = "select * from test";
+constexpr const char* kInsertTest =
+    "insert into test(name, detail, level, version, filesize, headecode, code, kill) "
+    "values(?, ?, ?, ?, ?, ?, ?, ?)";
+constexpr const char* kDeleteTest = "delete from test where code = (?)";
+constexpr const char* kUpdateTest =
+    "update test set name = (?), detail = (?), level = (?), version = (?), filesize = (?), "
+    "headecode = (?), code = (?), kill = (?) where name = (?)";
+constexpr const char* kInsertDescription = "insert into description(name, version) values(?, ?)";
+constexpr const char* kUpdateDescription =
+    "update description set name = (?), version = (?) where name = (?)";
+
+// Columns of table `test`, in order.
+enum TestColumn {
+    kColName = 0,
+    kColDetail,
+    kColLevel,
+    kColVersion,
+    kColFileSize,
+    kColHeadeCode,
+    kColCode,
+    kColKill,
+};
+
+bool isUtf8(const std::string& s) {
+    size_t i = 0;
+    const size_t n = s.size();
+    while (i < n) {
+        auto c = static_cast<unsigned char>(s[i]);
+        size_t extra;
+        uint32_t cp;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        } else if (c >= 0xC2 && c <= 0xDF) {
+            extra = 1;
+            cp = c & 0x1F;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            extra = 2;
+            cp = c & 0x0F;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            extra = 3;
+            cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (i + extra >= n)
+            return false;
+        for (size_t k = 1; k <= extra; ++k) {
+            auto cc = static_cast<unsigned char>(s[i + k]);
+            if ((cc & 0xC0) != 0x80)
+                return false;
+            cp = (cp << 6) | (cc & 0x3F);
+        }
+        // Overlong forms, surrogates and code points past U+10FFFF are not UTF-8.
+        if ((extra == 2 && cp < 0x800) || (extra == 3 && (cp < 0x10000 || cp > 0x10FFFF)) ||
+            (cp >= 0xD800 && cp <= 0xDFFF))
+            return false;
+        i += extra + 1;
+    }
+    return true;
+}
+
+// The platform's string from NUL-terminated UTF-8 bytes: reading stops at the first zero
+// byte, and bytes that are not UTF-8 give nil.
+std::optional<std::string> stringFromUtf8(const char* bytes, size_t maxLength) {
+    std::string text(bytes, ::strnlen(bytes, maxLength));
+    if (!isUtf8(text))
+        return std::nullopt;
+    return text;
+}
+
+bool hasColumn(sqlite3_stmt* stmt, int column) {
+    return column < sqlite3_column_count(stmt) && sqlite3_column_type(stmt, column) != SQLITE_NULL;
+}
+
+// A text column; a NULL (or absent) column gives no value at all, so the caller leaves the
+// property as it was.
+template <class Setter>
+void readText(sqlite3_stmt* stmt, int column, Setter set) {
+    if (!hasColumn(stmt, column))
+        return;
+    const unsigned char* text = sqlite3_column_text(stmt, column);
+    if (!text)
+        return;
+    auto length = static_cast<size_t>(sqlite3_column_bytes(stmt, column));
+    set(stringFromUtf8(reinterpret_cast<const char*>(text), length));
+}
+
+// A blob column holding the UTF-8 bytes of a string. SQLite hands out no pointer for a NULL
+// or zero-length blob; then the property stays unset.
+template <class Setter>
+void readBlobText(sqlite3_stmt* stmt, int column, Setter set) {
+    if (!hasColumn(stmt, column))
+        return;
+    const void* blob = sqlite3_column_blob(stmt, column);
+    if (!blob)
+        return;
+    auto length = static_cast<size_t>(sqlite3_column_bytes(stmt, column));
+    set(stringFromUtf8(static_cast<const char*>(blob), length));
+}
+
+std::optional<VkTorjanItem::KillArray> unarchiveKillArray(const void* bytes, size_t length) {
+    const auto* begin = static_cast<const uint8_t*>(bytes);
+    VkResult<VkPlist> root =
+        VkKeyedUnarchiver::unarchiveObjectWithData(std::vector<uint8_t>(begin, begin + length));
+    // Anything but an archived array (garbage, another kind of root) leaves the record
+    // without a kill array, so removal falls back to deleting the detected file.
+    if (!root || !root->isArray())
+        return std::nullopt;
+    return *root->asArray();
+}
+
+std::optional<std::string> archiveKillArray(const VkTorjanItem::KillArray& killArray) {
+    VkResult<std::vector<uint8_t>> bytes =
+        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(killArray)));
+    if (!bytes)
+        return std::nullopt;
+    return std::string(bytes->begin(), bytes->end());
+}
+
+std::shared_ptr<VkTorjanItem> itemFromRow(sqlite3_stmt* stmt) {
+    auto item = std::make_shared<VkTorjanItem>();
+    readText(stmt, kColName, [&](auto v) { item->setName(std::move(v)); });
+    readText(stmt, kColDetail, [&](auto v) { item->setDetail(std::move(v)); });
+    item->setLevel(sqlite3_column_int(stmt, kColLevel));
+    readText(stmt, kColVersion, [&](auto v) { item->setVersion(std::move(v)); });
+    item->setFileSize(static_cast<uint64_t>(sqlite3_column_int64(stmt, kColFileSize)));
+    readBlobText(stmt, kColHeadeCode, [&](auto v) { item->setHeadeCode(std::move(v)); });
+    readBlobText(stmt, kColCode, [&](auto v) { item->setTorjanCode(std::move(v)); });
+    if (hasColumn(stmt, kColKill)) {
+        if (const void* blob = sqlite3_column_blob(stmt, kColKill)) {
+            auto length = static_cast<size_t>(sqlite3_column_bytes(stmt, kColKill));
+            if (auto killArray = unarchiveKillArray(blob, length))
+                item->setKillArray(std::move(*killArray));
+        }
+    }
+    return item;
+}
+
+std::shared_ptr<VkDataBaseInfo> infoFromRow(sqlite3_stmt* stmt) {
+    auto info = std::make_shared<VkDataBaseInfo>();
+    readText(stmt, 0, [&](auto v) { info->setName(std::move(v)); });
+    readText(stmt, 1, [&](auto v) { info->setVersion(std::move(v)); });
+    return info;
+}
+
+void bindText(VkSqliteStatement& stmt, int index, const std::optional<std::string>& text) {
+    if (!text) {
+        sqlite3_bind_null(stmt.get(), index);
+        return;
+    }
+    const std::string& kept = stmt.keep(*text);
+    sqlite3_bind_text(stmt.get(), index, kept.data(), static_cast<int>(kept.size()), SQLITE_STATIC);
+}
+
+void bindBlob(VkSqliteStatement& stmt, int index, const std::optional<std::string>& bytes) {
+    if (!bytes) {
+        sqlite3_bind_null(stmt.get(), index);
+        return;
+    }
+    const std::string& kept = stmt.keep(*bytes);
+    sqlite3_bind_blob(stmt.get(), index, kept.data(), static_cast<int>(kept.size()), SQLITE_STATIC);
+}
+
+// The readers use the plain prepare call, the writers the v2 one, as they always have.
+bool prepareRead(sqlite3* db, const char* sql, VkSqliteStatement& stmt) {
+    return sqlite3_prepare(db, sql, -1, stmt.out(), nullptr) == SQLITE_OK && stmt;
+}
+
+bool prepareWrite(sqlite3* db, const char* sql, VkSqliteStatement& stmt) {
+    return sqlite3_prepare_v2(db, sql, -1, stmt.out(), nullptr) == SQLITE_OK && stmt;
+}
+
+// sqlite3_open, with the half-made connection of a failed open released at once.
+VkSqliteDb openConnection(const std::string& path) {
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open(path.c_str(), &db);
+    VkSqliteDb handle(db);
+    if (rc != SQLITE_OK)
+        handle.reset();
+    return handle;
+}
+
+}  // namespace
+
+VkSqliteManager::VkSqliteManager(std::shared_ptr<VkContext> ctx) : ctx_(std::move(ctx)) {}
+
+VkSqliteManager::~VkSqliteManager() {
+    closeDataBase();
+}
+
+std::vector<std::string> VkSqliteManager::contentFilesOfPath(const std::string& folder) {
+    std::vector<std::string> paths;
+    VkResult<std::vector<std::string>> names = VkFile::listDirectory(folder);
+    if (!names)
+        return paths;
+    for (const std::string& name : *names) {
+        // Exactly "sql": "b.SQL" and "c.sqlite" are not databases.
+        if (VkFile::pathExtension(name) == "sql")
+            paths.push_back(VkFile::join(folder, name));
+    }
+    return paths;
+}
+
+std::vector<std::string> VkSqliteManager::dataBasePaths() const {
+    return contentFilesOfPath(ctx_->dataFolder);
+}
+
+std::vector<std::string> VkSqliteManager::dataBaseTempPaths() const {
+    return contentFilesOfPath(ctx_->dataPath("temp"));
+}
+
+std::shared_ptr<VkDataBaseInfo> VkSqliteManager::dataBaseForPath(const std::string& path) {
+    // Uses the manager's own connection field: whatever was open is closed.
+    closeDataBase();
+    ppDb_ = openConnection(path);
+    if (!ppDb_)
+        return nullptr;
+    std::shared_ptr<VkDataBaseInfo> info;
+    {
+        VkSqliteStatement stmt;
+        if (prepareRead(ppDb_.get(), kSelectDescription, stmt)) {
+            while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+                info = infoFromRow(stmt.get());  // the last row wins
+        }
+    }
+    closeDataBase();
+    return info;
+}
+
+void VkSqliteManager::openDataBase(const std::string& path) {
+    if (VkFile::pathExtension(path) != "sql")
+        return;
+    closeDataBase();
+    ppDb_ = openConnection(path);
+    if (!ppDb_)
+        return;
+    readDescription();
+    readItems();
+}
+
+void VkSqliteManager::readDescription() {
+    VkSqliteStatement stmt;
+    if (!prepareRead(ppDb_.get(), kSelectDescription, stmt)) {
+        stmt.finalize();
+        createTable(kCreateDescription, nullptr);
+        return;
+    }
+    dataBaseInfo_.reset();
+    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+        dataBaseInfo_ = infoFromRow(stmt.get());  // the last row wins
+}
+
+void VkSqliteManager::readItems() {
+    VkSqliteStatement stmt;
+    if (!prepareRead(ppDb_.get(), kSelectTest, stmt)) {
+        stmt.finalize();
+        bool created = false;
+        createTable(kCreateTest, &created);
+        // A file whose table cannot be created keeps the previous file's records in the
+        // array; callers that merge files append them again. Kept as the system does it:
+        // duplicates never change which record matches first.
+        if (created)
+            TorjanItemArray_.clear();
+        return;
+    }
+    TorjanItemArray_.clear();
+    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+        TorjanItemArray_.push_back(itemFromRow(stmt.get()));
+}
+
+void VkSqliteManager::createTable(const char* statement, bool* created) {
+    char* error = nullptr;
+    int rc = sqlite3_exec(ppDb_.get(), statement, nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
+        std::printf("errorMsg %s", error ? error : sqlite3_errmsg(ppDb_.get()));
+        std::fflush(stdout);
+    }
+    sqlite3_free(error);
+    if (created)
+        *created = rc == SQLITE_OK;
+}
+
+void VkSqliteManager::closeDataBase() {
+    ppDb_.reset();
+}
+
+int VkSqliteManager::insertDataValue(const VkTorjanItem& item, VkSqliteStatement& ppSmt) {
+    bindText(ppSmt, 1, item.name());
+    bindText(ppSmt, 2, item.detail());
+    sqlite3_bind_int(ppSmt.get(), 3, item.level());
+    bindText(ppSmt, 4, item.version());
+    sqlite3_bind_int64(ppSmt.get(), 5, static_cast<sqlite3_int64>(item.fileSize()));
+    bindBlob(ppSmt, 6, item.headeCode());
+    bindBlob(ppSmt, 7, item.TorjanCode());
+    if (std::optional<VkTorjanItem::KillArray> killArray = item.killArray()) {
+        if (std::optional<std::string> archive = archiveKillArray(*killArray))
+            bindBlob(ppSmt, 8, archive);
+    }
+    return 8;
+}
+
+bool VkSqliteManager::addItemToDataBase(const std::shared_ptr<VkTorjanItem>& item) {
+    if (!ppDb_ || !item)
+        return false;
+    VkSqliteStatement stmt;
+    // The system answers YES when the insert cannot even be prepared; callers rely on it.
+    if (!prepareWrite(ppDb_.get(), kInsertTest, stmt))
+        return true;
+    insertDataValue(*item, stmt);
+    int rc = sqlite3_step(stmt.get());
+    stmt.finalize();
+    if (rc != SQLITE_DONE)
+        return false;
+    TorjanItemArray_.push_back(item);
+    return true;
+}
+
+void VkSqliteManager::deleteItem(const std::shared_ptr<VkTorjanItem>& item) {
+    if (!item)
+        return;
+    bool removeFromArray = true;
+    // Without a connection the statement cannot be prepared, which the system treats like a
+    // completed delete: the item leaves the array.
+    if (ppDb_) {
+        VkSqliteStatement stmt;
+        if (prepareWrite(ppDb_.get(), kDeleteTest, stmt)) {
+            bindBlob(stmt, 1, item->TorjanCode());
+            removeFromArray = sqlite3_step(stmt.get()) == SQLITE_DONE;
+        }
+    }
+    if (removeFromArray)
+        std::erase(TorjanItemArray_, item);
+}
+
+bool VkSqliteManager::updateItem(const VkTorjanItem& item,
+                                 const std::optional<std::string>& oldName) {
+    if (!ppDb_)
+        return false;
+    // From here on the answer is YES whatever happens: the system never looked at the step.
+    VkSqliteStatement stmt;
+    if (!prepareWrite(ppDb_.get(), kUpdateTest, stmt))
+        return true;
+    int last = insertDataValue(item, stmt);
+    bindText(stmt, last + 1, oldName);
+    sqlite3_step(stmt.get());
+    return true;
+}
+
+bool VkSqliteManager::addDataBaseInfo(const std::shared_ptr<VkDataBaseInfo>& info) {
+    if (!ppDb_ || dataBaseInfo_ || !info)
+        return false;
+    VkSqliteStatement stmt;
+    // An insert that cannot be prepared still installs the info and answers YES, as the
+    // system always has.
+    if (prepareWrite(ppDb_.get(), kInsertDescription, stmt)) {
+        bindText(stmt, 1, info->name());
+        bindText(stmt, 2, info->version());
+        if (sqlite3_step(stmt.get()) != SQLITE_DONE)
+            return false;
+    }
+    dataBaseInfo_ = info;
+    return true;
+}
+
+bool VkSqliteManager::updateDataBaseInfo(const std::shared_ptr<VkDataBaseInfo>& info) {
+    if (!ppDb_ || !info)
+        return false;
+    if (!dataBaseInfo_)
+        return addDataBaseInfo(info);
+    VkSqliteStatement stmt;
+    // YES when the update cannot be prepared, as the system always answered. The current
+    // description object is left as it is either way.
+    if (!prepareWrite(ppDb_.get(), kUpdateDescription, stmt))
+        return true;
+    bindText(stmt, 1, info->name());
+    bindText(stmt, 2, info->version());
+    bindText(stmt, 3, dataBaseInfo_->name());
+    return sqlite3_step(stmt.get()) == SQLITE_DONE;
+}
+
+bool VkSqliteManager::beginTransaction() {
+    return ppDb_ && sqlite3_exec(ppDb_.get(), "begin", nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+bool VkSqliteManager::endTransaction(bool commit) {
+    return ppDb_ && sqlite3_exec(ppDb_.get(), commit ? "commit" : "rollback", nullptr, nullptr,
+                                 nullptr) == SQLITE_OK;
+}

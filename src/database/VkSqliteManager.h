@@ -1,0 +1,98 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "database/VkDataBaseInfo.h"
+#include "database/VkSqliteHandle.h"
+#include "engine/VkTorjanItem.h"
+#include "platform/VkContext.h"
+
+// The signature database files: SQLite files with the extension "sql" holding a table
+// `description` (name and version) and a table `test` (one signature record per row, its
+// text fields enciphered; the store reads and writes them as they are). Holds at most one
+// open file; not thread-safe, one thread at a time.
+//
+// The boolean answers of the write operations are the system's own rules, asymmetries
+// included: callers depend on them as they stand.
+class VkSqliteManager {
+  public:
+    static constexpr const char* kCreateDescription =
+        "create table description(name varchar[50], version varchar[10])";
+    static constexpr const char* kCreateTest =
+        "create table test(name varchar[50], detail varchar[50], level int, "
+        "version varchar[100], filesize int, headecode blod, code blod, kill blod)";
+
+    explicit VkSqliteManager(std::shared_ptr<VkContext> ctx);
+    ~VkSqliteManager();
+    VkSqliteManager(const VkSqliteManager&) = delete;
+    VkSqliteManager& operator=(const VkSqliteManager&) = delete;
+
+    // Full paths of the folder's entries whose extension is exactly "sql" (case-sensitive),
+    // in listing order, not recursive; empty when the folder cannot be listed.
+    static std::vector<std::string> contentFilesOfPath(const std::string& folder);
+    // The database files of the data folder.
+    std::vector<std::string> dataBasePaths() const;
+    // The database files staged in the data folder's "temp".
+    std::vector<std::string> dataBaseTempPaths() const;
+
+    // Name and version of the file (last description row), or nullptr when it cannot be
+    // opened or has no description. Creates an empty file where none exists (SQLite's default
+    // open) but no tables; leaves the manager with no open file and its items and description
+    // untouched.
+    std::shared_ptr<VkDataBaseInfo> dataBaseForPath(const std::string& path);
+    // Opens a ".sql" file (any other path changes nothing), creating missing tables, and reads
+    // its description and every record into currentDataBaseInfo / TorjanItemArray. The file
+    // stays open until closeDataBase, dataBaseForPath or the next openDataBase.
+    void openDataBase(const std::string& path);
+    // Closes the open file, if any. Safe to call repeatedly.
+    void closeDataBase();
+    bool isOpen() const { return ppDb_ != nullptr; }
+
+    // The records of the file opened last, in row order (the live array).
+    std::vector<std::shared_ptr<VkTorjanItem>>& TorjanItemArray() { return TorjanItemArray_; }
+    const std::vector<std::shared_ptr<VkTorjanItem>>& TorjanItemArray() const {
+        return TorjanItemArray_;
+    }
+    std::shared_ptr<VkDataBaseInfo> currentDataBaseInfo() const { return dataBaseInfo_; }
+
+    // Binds the item's eight columns to parameters 1..8 (the kill array as a keyed archive,
+    // left NULL when the item has none) and returns 8, the last parameter bound.
+    int insertDataValue(const VkTorjanItem& item, VkSqliteStatement& ppSmt);
+    // Inserts the item as a new row. True when written (the item is then also appended to
+    // TorjanItemArray), and also when the statement could not be prepared; false with no
+    // open file or when the write failed.
+    bool addItemToDataBase(const std::shared_ptr<VkTorjanItem>& item);
+    // Deletes every row whose code equals the item's TorjanCode; the item leaves
+    // TorjanItemArray when the delete completed or could not be prepared.
+    void deleteItem(const std::shared_ptr<VkTorjanItem>& item);
+    // Rewrites every row named oldName with the item's columns. False only with no open file.
+    bool updateItem(const VkTorjanItem& item, const std::optional<std::string>& oldName);
+    // Writes the description of a file that has none. True when written or when the statement
+    // could not be prepared (the info then becomes currentDataBaseInfo); false with no open
+    // file, an existing description or a failed write.
+    bool addDataBaseInfo(const std::shared_ptr<VkDataBaseInfo>& info);
+    // Changes the description (adds it when there is none). True when written or when the
+    // statement could not be prepared; false with no open file or a failed write.
+    // currentDataBaseInfo is not replaced.
+    bool updateDataBaseInfo(const std::shared_ptr<VkDataBaseInfo>& info);
+
+    // ---- Our additions for the signature author's tool ----
+
+    // Groups the following writes into one transaction (many inserts at the speed of one).
+    bool beginTransaction();
+    // Commits (or, with commit false, rolls back) the transaction begun last.
+    bool endTransaction(bool commit);
+
+  private:
+    void readDescription();
+    void readItems();
+    void createTable(const char* statement, bool* created);
+
+    std::shared_ptr<VkContext> ctx_;
+    VkSqliteDb ppDb_;
+    std::vector<std::shared_ptr<VkTorjanItem>> TorjanItemArray_;
+    std::shared_ptr<VkDataBaseInfo> dataBaseInfo_;
+};

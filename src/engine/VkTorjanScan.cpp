@@ -1,0 +1,180 @@
+#include "engine/VkTorjanScan.h"
+
+#include <map>
+#include <set>
+#include <utility>
+
+#include "database/VkSqliteManager.h"
+#include "platform/VkHashValue.h"
+#include "support/VkCrypt.h"
+
+namespace {
+
+// Hashes of one file computed during one judgment, by hash type. Records of one size share
+// the file, so a hash is read once per judgment instead of once per record; nothing is kept
+// once the judgment ends, so a file changed between two scans is always read afresh.
+class JudgmentHashes {
+  public:
+    JudgmentHashes(VkTorjanScan& scan, const std::string& path) : scan_(scan), path_(path) {}
+
+    const std::optional<std::string>& whole(int32_t type) { return get(whole_, type, 0); }
+    const std::optional<std::string>& head(int32_t type) {
+        return get(head_, type, VkTorjanScan::kHeadLength);
+    }
+    // The trust answer of the whole-file hash of one type; asked at most once per type,
+    // since a "no" cannot change within one judgment and a "yes" ends it.
+    bool trusted(int32_t type, const std::string& hash) {
+        auto it = trusted_.find(type);
+        if (it == trusted_.end())
+            it = trusted_.emplace(type, scan_.checkTrustFile(path_, hash)).first;
+        return it->second;
+    }
+
+  private:
+    using Cache = std::map<int32_t, std::optional<std::string>>;
+    const std::optional<std::string>& get(Cache& cache, int32_t type, uint64_t head) {
+        auto it = cache.find(type);
+        if (it == cache.end())
+            it = cache.emplace(type, scan_.hashCodeWithPath(path_, type, head)).first;
+        return it->second;
+    }
+
+    VkTorjanScan& scan_;
+    const std::string& path_;
+    Cache whole_;
+    Cache head_;
+    std::map<int32_t, bool> trusted_;
+};
+
+// Hash texts compare as exact strings; a missing hash equals nothing, not even another
+// missing one.
+bool sameHash(const std::optional<std::string>& a, const std::optional<std::string>& b) {
+    return a && b && *a == *b;
+}
+
+std::optional<std::string> decipheredField(const VkPlist& entry, const char* key) {
+    const std::string* text = entry.getString(key);
+    if (!text)
+        return std::nullopt;
+    return vkDecryptString(*text);
+}
+
+}  // namespace
+
+VkTorjanScan::VkTorjanScan(std::shared_ptr<VkContext> ctx)
+    : ctx_(std::move(ctx)), torjanItems_(std::make_shared<const VkTorjanRecordList>()) {}
+
+VkTorjanScan::~VkTorjanScan() = default;
+
+std::optional<std::string> VkTorjanScan::hashCodeWithPath(const std::string& path, int32_t item,
+                                                          uint64_t size) {
+    if (size == 0)
+        return VkHashValue::hashWholeFile(path, item);
+    // Always a buffer of exactly 1 MiB, whatever size was asked for and whatever the read
+    // returned: the head codes in the databases were made that way and must keep matching.
+    return VkHashValue::hashFileHead(path, static_cast<uint32_t>(kHeadLength), item);
+}
+
+bool VkTorjanScan::attributesOfItem(const std::string& path, struct stat& attributes) {
+    return ::lstat(path.c_str(), &attributes) == 0;
+}
+
+std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
+    const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
+    // Device nodes are never opened: reading one can block or have side effects.
+    if (path.rfind("/dev/", 0) == 0)
+        return nullptr;
+
+    if (needDelay()) {
+        // Throttles background scans: 1 to 1,500 microseconds, truncated.
+        int r = ctx_->pacing->random();
+        auto pause = static_cast<long long>(((r % 1000) + 1) * 1.5);
+        ctx_->pacing->sleepMicroseconds(pause);
+    }
+
+    struct stat attributes {};
+    if (!attributesOfItem(path, attributes))
+        return nullptr;
+    if (S_ISLNK(attributes.st_mode))
+        return nullptr;
+    auto size = static_cast<uint64_t>(attributes.st_size);
+    if (!S_ISREG(attributes.st_mode) || size == 0)
+        return nullptr;
+
+    std::shared_ptr<const VkTorjanRecordList> records =
+        trojanArray ? std::move(trojanArray) : torjanItems();
+
+    // Only records of this size can match; the index keeps them in list order, so the first
+    // record in the list still wins.
+    JudgmentHashes hashes(*this, path);
+    for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
+        int32_t type = record->hashValueType();
+        const std::optional<std::string>* whole = nullptr;
+        if (size < kHeadLength + 1) {
+            whole = &hashes.whole(type);
+        } else {
+            if (!sameHash(hashes.head(type), record->headeCode()))
+                continue;
+            whole = &hashes.whole(type);
+        }
+        // The trust test comes before the comparison on purpose: a trusted path and
+        // contents end the search even where this record would not have matched. A missing
+        // hash is never on the trust list.
+        if (*whole && hashes.trusted(type, **whole))
+            return nullptr;
+        if (sameHash(*whole, record->TorjanCode())) {
+            auto result = std::make_shared<VkTorjanResultItems>();
+            result->setPath(path);
+            result->setTorjanItem(record);
+            return result;
+        }
+    }
+    return nullptr;
+}
+
+bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
+    // Read afresh each time: the panel changes the list while scans run.
+    std::optional<VkPlist::Array> entries = ctx_->userDefaults->arrayForKey(kTrustFileKey);
+    if (!entries)
+        return false;
+    for (const VkPlist& entry : *entries) {
+        std::optional<std::string> trustedPath = decipheredField(entry, kTrustFilePath);
+        std::optional<std::string> trustedHash = decipheredField(entry, kTrustFileHash);
+        if (trustedPath && trustedHash && *trustedPath == path && *trustedHash == codeStr)
+            return true;
+    }
+    return false;
+}
+
+std::shared_ptr<const VkTorjanRecordList> VkTorjanScan::torjanItems() const {
+    std::lock_guard lock(torjanItemsMutex_);
+    return torjanItems_;
+}
+
+void VkTorjanScan::setTorjanItems(std::shared_ptr<const VkTorjanRecordList> items) {
+    if (!items)
+        items = std::make_shared<const VkTorjanRecordList>();
+    std::lock_guard lock(torjanItemsMutex_);
+    torjanItems_ = std::move(items);
+}
+
+VkTorjanRecordList::Items VkTorjanScan::getCurrentTorjanItems() {
+    VkTorjanRecordList::Items result;
+    result.reserve(10);
+    VkSqliteManager manager(ctx_);
+    for (const std::string& path : manager.dataBasePaths()) {
+        manager.openDataBase(path);
+        const auto& rows = manager.TorjanItemArray();
+        result.insert(result.end(), rows.begin(), rows.end());
+        manager.closeDataBase();
+    }
+    // A file that fails to open leaves the previous file's records in the manager, so the
+    // same record objects can be listed twice (harmless: the first one wins). Each object is
+    // deciphered once, or its text would be deciphered a second time.
+    std::set<const VkTorjanItem*> deciphered;
+    for (const auto& item : result) {
+        if (deciphered.insert(item.get()).second)
+            item->deCodeTrojanInfo();
+    }
+    return result;
+}
