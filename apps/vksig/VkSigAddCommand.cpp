@@ -85,7 +85,16 @@ static VkSigCommand registration(20, [](CLI::App& app, VkSigCli& cli) {
     cmd->add_option("DB", o->path, "Signature database (.sql)")->required();
     auto* sample =
         cmd->add_option("--sample", o->sample, "Sample file: size and hashes are computed from it");
-    auto* size = cmd->add_option("--size", o->size, "Exact file size in bytes (without a sample)");
+    // Checked as text first: a negative number would otherwise wrap around to a huge size.
+    auto* size =
+        cmd->add_option("--size", o->size, "Exact file size in bytes (without a sample)")
+            ->check(CLI::Validator(
+                [](std::string& text) {
+                    bool digits =
+                        !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+                    return digits ? std::string() : std::string("must be a whole number of bytes");
+                },
+                "BYTES"));
     auto* code = cmd->add_option("--code", o->code, "MD5 of the whole file (without a sample)");
     auto* head = cmd->add_option("--head-code", o->headCode,
                                  "MD5 of the first 1048576 bytes (files larger than that)");

@@ -1,0 +1,112 @@
+#include "database/VkDataBaseCheck.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "database/VkSqliteManager.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+void exec(const std::string& path, const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    char* error = nullptr;
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK)
+        << (error ? error : "");
+    sqlite3_free(error);
+    sqlite3_close(db);
+}
+
+class VkDataBaseCheckTest : public ::testing::Test {
+  protected:
+    // A signature database as vksig writes it, with one sound record.
+    std::string makeDatabase() {
+        VkSqliteManager manager(ctx);
+        manager.openDataBase(path);
+        manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db", "1.0"));
+        auto item = std::make_shared<VkTorjanItem>();
+        item->setName("Good");
+        item->setFileSize(10);
+        item->setTorjanCode("0123456789abcdef0123456789abcdef");
+        item->setKillArray(VkTorjanItem::makeKillArray({{"d", "/tmp", "x"}, {"k", "p"}}));
+        item->enCodeTrojanInfo();
+        manager.addItemToDataBase(item);
+        return path;
+    }
+
+    std::vector<std::string> messages() {
+        auto problems = VkDataBaseCheck::verify(path);
+        EXPECT_TRUE(problems) << problems.error();
+        std::vector<std::string> out;
+        if (problems) {
+            for (const auto& p : *problems)
+                out.push_back(std::to_string(p.row) + " " + p.column + ": " + p.message);
+        }
+        return out;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::string path = dir / "db.sql";
+};
+
+TEST_F(VkDataBaseCheckTest, ASoundDatabaseHasNoProblems) {
+    makeDatabase();
+    EXPECT_TRUE(VkDataBaseCheck::checkFormat(path));
+    EXPECT_TRUE(messages().empty());
+}
+
+TEST_F(VkDataBaseCheckTest, RefusesFilesThatAreNoSignatureDatabaseWithoutChangingThem) {
+    auto error = [](const std::string& p) {
+        auto r = VkDataBaseCheck::checkFormat(p);
+        return r ? std::string("ok") : r.error();
+    };
+    EXPECT_NE(error(dir / "missing.sql").find("No such file"), std::string::npos);
+    EXPECT_NE(error(dir.mkdir("folder.sql")).find("not a regular file"), std::string::npos);
+    EXPECT_NE(error(dir.write("empty.sql", "")).find("empty file"), std::string::npos);
+    std::string garbage = dir.write("garbage.sql", std::string(3000, 'z'));
+    EXPECT_NE(error(garbage).find("not an SQLite database"), std::string::npos);
+    EXPECT_EQ(*VkFile::readAll(garbage), std::string(3000, 'z'));
+
+    std::string foreign = dir / "foreign.sql";
+    exec(foreign, "create table notes(text)");
+    std::string before = *VkFile::readAll(foreign);
+    EXPECT_NE(error(foreign).find("no table `description`"), std::string::npos);
+    EXPECT_EQ(*VkFile::readAll(foreign), before);
+
+    std::string wrong = dir / "wrong.sql";
+    exec(wrong, "create table description(name, version); create table test(name, code)");
+    EXPECT_NE(error(wrong).find("table `test` has columns name, code"), std::string::npos);
+}
+
+TEST_F(VkDataBaseCheckTest, ReportsRowsThatWillNotReadAsMeant) {
+    makeDatabase();
+    exec(path,
+         "insert into test values('plain name', NULL, 'high', NULL, 0, NULL, NULL, X'0102');"
+         "insert into test values(NULL, NULL, 1, NULL, 2000000, NULL, "
+         "  CAST('0123456789ABCDEF0123456789ABCDEF' AS BLOB), NULL);"
+         "insert into description values('Db', '1.1');");
+    std::vector<std::string> found = messages();
+    auto has = [&](const std::string& text) {
+        for (const auto& m : found) {
+            if (m.find(text) != std::string::npos)
+                return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(has("2 name: not valid cipher text (read as plain text: \"plain name\")"));
+    EXPECT_TRUE(has("2 level: stored as text, expected an integer"));
+    EXPECT_TRUE(has("2 filesize: size 0"));
+    EXPECT_TRUE(has("2 code: NULL"));
+    EXPECT_TRUE(has("2 kill: not a keyed archive"));
+    EXPECT_TRUE(has("3 name: NULL"));
+    EXPECT_TRUE(has("3 headecode: NULL"));
+    EXPECT_TRUE(has("3 code: not valid cipher text"));
+    EXPECT_TRUE(has("is not an MD5 hash text"));
+    EXPECT_TRUE(has("0 description: 2 description rows: the last one is used"));
+    EXPECT_FALSE(has("1 "));  // the sound record stays sound
+}
+
+}  // namespace

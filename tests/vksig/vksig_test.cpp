@@ -1,0 +1,386 @@
+// End-to-end tests of the built vksig program: the databases it writes are read by the store
+// and judged by the scanner exactly as shipped databases are.
+
+#include <cstdlib>
+#include <filesystem>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+
+#include "database/VkDataBaseCheck.h"
+#include "database/VkSqliteManager.h"
+#include "engine/VkTorjanScan.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHashValue.h"
+#include "support/VkCrypt.h"
+
+namespace {
+
+constexpr size_t kMiB = 1048576;
+
+std::string quote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+std::string md5(const std::string& bytes) {
+    return *VkHashValue::hashWithData(bytes.data(), static_cast<uint32_t>(bytes.size()), 0);
+}
+
+std::string bytesOf(size_t length, unsigned seed) {
+    std::string s(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        s[i] = static_cast<char>((i * 37 + seed * 101 + (i >> 11)) & 0xFF);
+    return s;
+}
+
+// The standard anti-virus test file, put together here so that the sources never hold it
+// in one piece.
+std::string antiVirusTestFile() {
+    std::string parts[] = {"X5O!P%@AP[4\\PZX", "54(P^)7CC)7}$", "EICAR-STANDARD-ANTI",
+                           "VIRUS-TEST-FILE!", "$H+H*"};
+    std::string whole;
+    for (const auto& p : parts)
+        whole += p;
+    return whole;
+}
+
+struct SigRun {
+    int code = -1;
+    std::string out;
+    std::string err;
+};
+
+class VksigTest : public ::testing::Test {
+  protected:
+    SigRun vksig(const std::vector<std::string>& args) {
+        std::string command = quote(std::string(VK_BINARY_DIR) + "/apps/vksig/vksig");
+        for (const auto& a : args)
+            command += " " + quote(a);
+        std::string out = dir / "stdout.txt";
+        std::string err = dir / "stderr.txt";
+        command += " >" + quote(out) + " 2>" + quote(err);
+        int status = std::system(command.c_str());
+        SigRun run;
+        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        run.out = VkFile::readAll(out).ok() ? *VkFile::readAll(out) : "";
+        run.err = VkFile::readAll(err).ok() ? *VkFile::readAll(err) : "";
+        return run;
+    }
+
+    // The database's records as the scanner loads them: read by the store, deciphered.
+    std::shared_ptr<const VkTorjanRecordList> load(const std::string& path) {
+        VkSqliteManager manager(ctx);
+        manager.openDataBase(path);
+        VkTorjanRecordList::Items items = manager.TorjanItemArray();
+        for (const auto& item : items)
+            item->deCodeTrojanInfo();
+        return VkTorjanRecordList::make(items);
+    }
+
+    std::optional<std::string> detected(const std::string& path,
+                                        const std::shared_ptr<const VkTorjanRecordList>& list) {
+        auto result = scan.checkTorjan(path, list);
+        if (!result)
+            return std::nullopt;
+        return result->displayName();
+    }
+
+    void create() {
+        SigRun r = vksig({"create", db, "--name", "TestDb", "--version", "1.2"});
+        ASSERT_EQ(r.code, 0) << r.err;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    VkTorjanScan scan{ctx};
+    std::string db = dir / "test.sql";
+};
+
+TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndNothingElse) {
+    create();
+    std::string small = bytesOf(1000, 1);
+    std::string large = bytesOf(kMiB + 100, 2);
+    std::string smallPath = dir.write("samples/small.bin", small);
+    std::string largePath = dir.write("samples/large.bin", large);
+    SigRun r =
+        vksig({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail", "a small one",
+               "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill", "k:FooAgent"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find(md5(small)), std::string::npos);
+    r = vksig({"add", db, "--sample", largePath, "--name", "OSX/Large.B"});
+    ASSERT_EQ(r.code, 0) << r.err;
+
+    auto list = load(db);
+    ASSERT_EQ(list->size(), 2u);
+    EXPECT_EQ(detected(smallPath, list), "OSX/Small.A");
+    EXPECT_EQ(detected(dir.write("elsewhere/copy", small), list), "OSX/Small.A");
+    EXPECT_EQ(detected(largePath, list), "OSX/Large.B");
+
+    EXPECT_EQ(detected(dir.write("x/same-size", bytesOf(1000, 3)), list), std::nullopt);
+    EXPECT_EQ(detected(dir.write("x/one-more", small + "!"), list), std::nullopt);
+    EXPECT_EQ(detected(dir.write("x/one-less", small.substr(1)), list), std::nullopt);
+    std::string sameHead = large;
+    sameHead[kMiB + 50] = static_cast<char>(sameHead[kMiB + 50] ^ 0x40);
+    EXPECT_EQ(detected(dir.write("x/same-head", sameHead), list), std::nullopt);
+    EXPECT_EQ(detected(dir.write("x/empty", ""), list), std::nullopt);
+
+    const auto& smallRecord = list->items()[0];
+    EXPECT_EQ(smallRecord->detail(), "a small one");
+    EXPECT_EQ(smallRecord->level(), 3);
+    EXPECT_EQ(smallRecord->version(), "1.0");
+    EXPECT_FALSE(smallRecord->headeCode().has_value());
+    EXPECT_EQ(smallRecord->killArray(),
+              VkTorjanItem::makeKillArray({{"d", "/Library/Foo", "bar.plist"}, {"k", "FooAgent"}}));
+    EXPECT_EQ(list->items()[1]->headeCode(), md5(large.substr(0, kMiB)));
+    EXPECT_FALSE(list->items()[1]->killArray().has_value());
+
+    // On disk the five text fields are enciphered.
+    VkSqliteManager raw(ctx);
+    raw.openDataBase(db);
+    EXPECT_NE(raw.TorjanItemArray()[0]->name(), "OSX/Small.A");
+    EXPECT_EQ(vkDecryptString(*raw.TorjanItemArray()[0]->name()), "OSX/Small.A");
+    EXPECT_EQ(vkDecryptString(*raw.TorjanItemArray()[0]->TorjanCode()), md5(small));
+
+    // The scanner finds it through the data folder as well.
+    VkFile::createDirectory(ctx->dataFolder, true);
+    ASSERT_TRUE(VkFile::copyFile(db, ctx->dataPath("test.sql")));
+    scan.setTorjanItems(VkTorjanRecordList::make(scan.getCurrentTorjanItems()));
+    EXPECT_NE(scan.checkTorjan(smallPath), nullptr);
+}
+
+TEST_F(VksigTest, ListsDecipheredRecordsAsTextAndJson) {
+    create();
+    std::string sample = dir.write("s.bin", bytesOf(77, 4));
+    ASSERT_EQ(
+        vksig({"add", db, "--sample", sample, "--name", "OSX/Listed", "--kill", "k:Proc"}).code, 0);
+    SigRun text = vksig({"list", db});
+    ASSERT_EQ(text.code, 0) << text.err;
+    EXPECT_EQ(text.out,
+              md5(bytesOf(77, 4)) + "  77  OSX/Listed  level=0 version=1.0 kill=[k:Proc]\n");
+
+    SigRun json = vksig({"list", "--json", db});
+    ASSERT_EQ(json.code, 0) << json.err;
+    auto parsed = nlohmann::json::parse(json.out);
+    EXPECT_EQ(parsed["name"], "TestDb");
+    EXPECT_EQ(parsed["version"], "1.2");
+    ASSERT_EQ(parsed["records"].size(), 1u);
+    EXPECT_EQ(parsed["records"][0]["name"], "OSX/Listed");
+    EXPECT_EQ(parsed["records"][0]["fileSize"], 77);
+    EXPECT_EQ(parsed["records"][0]["code"], md5(bytesOf(77, 4)));
+    EXPECT_TRUE(parsed["records"][0]["headCode"].is_null());
+    EXPECT_EQ(parsed["records"][0]["kill"], nlohmann::json::parse(R"([["k","Proc"]])"));
+
+    SigRun info = vksig({"info", db});
+    ASSERT_EQ(info.code, 0) << info.err;
+    EXPECT_NE(info.out.find("name:      TestDb"), std::string::npos);
+    EXPECT_NE(info.out.find("version:   1.2"), std::string::npos);
+    EXPECT_NE(info.out.find("records:   1 (0 with a head code, 1 with a kill list)"),
+              std::string::npos);
+}
+
+TEST_F(VksigTest, RecordsWithoutASampleNeedAHeadCodeAboveOneMebibyte) {
+    create();
+    std::string testFile = antiVirusTestFile();
+    ASSERT_EQ(testFile.size(), 68u);
+    SigRun r = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Test-File"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    auto list = load(db);
+    EXPECT_EQ(detected(dir.write("t.com", testFile), list), "Test-File");
+    std::string altered = testFile;
+    altered[0] = 'Y';
+    EXPECT_EQ(detected(dir.write("u.com", altered), list), std::nullopt);
+
+    std::string code = md5("big");
+    r = vksig({"add", db, "--size", "2000000", "--code", code, "--name", "Big"});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("give --head-code"), std::string::npos);
+    r = vksig(
+        {"add", db, "--size", "2000000", "--code", code, "--head-code", "XYZ", "--name", "Big"});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("not an MD5 hash"), std::string::npos);
+    r = vksig({"add", db, "--size", "68", "--code", md5("x"), "--head-code", md5("y"), "--name",
+               "Small"});
+    EXPECT_EQ(r.code, 2);
+    // Upper-case hex is taken, and stored as the scanner writes hashes.
+    std::string upper = md5("head");
+    for (auto& c : upper)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    r = vksig(
+        {"add", db, "--size", "2000000", "--code", code, "--head-code", upper, "--name", "Big"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(load(db)->items().back()->headeCode(), md5("head"));
+
+    // The same code twice is refused.
+    r = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Again"});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("already has a record"), std::string::npos);
+    EXPECT_EQ(load(db)->size(), 2u);
+}
+
+TEST_F(VksigTest, ImportsHashListsAndSkipsWhatCannotMatch) {
+    create();
+    std::string a = bytesOf(10, 5);
+    std::string b = bytesOf(20, 6);
+    std::string hdb = dir.write("list.hdb", "# a comment\n\n" + md5(a) + ":10:Hdb.A\r\n" + md5(b) +
+                                                ":20:Hdb.B:73\n" + md5("large") +
+                                                ":2000000:Hdb.Large\n" + md5(a) + ":10:Hdb.Dup\n");
+    SigRun r = vksig({"import-hdb", db, hdb, "--level", "2"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("imported 2 record(s)"), std::string::npos);
+    EXPECT_NE(r.out.find("skipped 1 record(s) larger than 1048576 bytes"), std::string::npos);
+    EXPECT_NE(r.out.find("skipped 1 record(s) whose code is already present"), std::string::npos);
+    auto list = load(db);
+    ASSERT_EQ(list->size(), 2u);
+    EXPECT_EQ(list->items()[1]->level(), 2);
+    EXPECT_EQ(detected(dir.write("a.bin", a), list), "Hdb.A");
+    EXPECT_EQ(detected(dir.write("b.bin", b), list), "Hdb.B");
+
+    // One malformed line: told where, and nothing is written.
+    std::string bad =
+        dir.write("bad.hdb", md5("c") + ":5:Fine\nnot-a-hash:5:Bad\n" + md5("d") + ":*:Wild\n");
+    r = vksig({"import-hdb", db, bad});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("bad.hdb:2: \"not-a-hash\" is not an MD5 hash"), std::string::npos);
+    EXPECT_NE(r.err.find("bad.hdb:3: a wildcard size"), std::string::npos);
+    EXPECT_EQ(load(db)->size(), 2u);
+
+    EXPECT_EQ(vksig({"import-hdb", db, dir / "missing.hdb"}).code, 2);
+}
+
+TEST_F(VksigTest, RemovesEveryRecordWithACode) {
+    create();
+    std::string a = bytesOf(30, 7);
+    std::string sample = dir.write("a.bin", a);
+    ASSERT_EQ(vksig({"add", db, "--sample", sample, "--name", "A"}).code, 0);
+    ASSERT_EQ(vksig({"add", db, "--size", "31", "--code", md5("z"), "--name", "Z"}).code, 0);
+    SigRun r = vksig({"remove", db, "--code", md5(a)});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "removed 1 record(s) with code " + md5(a) + "\n");
+    auto list = load(db);
+    ASSERT_EQ(list->size(), 1u);
+    EXPECT_EQ(list->items()[0]->name(), "Z");
+    EXPECT_EQ(detected(sample, list), std::nullopt);
+
+    r = vksig({"remove", db, "--code", md5(a)});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("no record with code"), std::string::npos);
+}
+
+TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
+    std::string garbage = dir.write("garbage.sql", std::string(5000, 'q'));
+    SigRun r = vksig({"list", garbage});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("not an SQLite database"), std::string::npos);
+    EXPECT_EQ(*VkFile::readAll(garbage), std::string(5000, 'q'));
+
+    // A foreign SQLite file is not given our tables.
+    std::string foreign = dir / "foreign.sql";
+    {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(foreign.c_str(), &handle), SQLITE_OK);
+        sqlite3_exec(handle, "create table notes(text)", nullptr, nullptr, nullptr);
+        sqlite3_close(handle);
+    }
+    std::string before = *VkFile::readAll(foreign);
+    std::string sample = dir.write("s.bin", "sample");
+    r = vksig({"add", foreign, "--sample", sample, "--name", "X"});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("no table `description`"), std::string::npos);
+    EXPECT_EQ(*VkFile::readAll(foreign), before);
+
+    EXPECT_EQ(vksig({"info", dir / "missing.sql"}).code, 2);
+    EXPECT_EQ(vksig({"create", dir / "no-extension.db", "--name", "n", "--version", "1"}).code, 2);
+    EXPECT_FALSE(VkFile::existsNoFollow(dir / "no-extension.db"));
+    EXPECT_EQ(vksig({"create", garbage, "--name", "n", "--version", "1"}).code, 2);
+    EXPECT_EQ(vksig({"create", dir / "nofolder/x.sql", "--name", "n", "--version", "1"}).code, 2);
+
+    create();
+    std::string link = dir / "link.bin";
+    std::filesystem::create_symlink(sample, link);
+    struct Case {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    std::vector<Case> cases = {
+        {{"add", db, "--sample", dir / "missing.bin", "--name", "X"}, "No such file"},
+        {{"add", db, "--sample", link, "--name", "X"}, "symbolic link"},
+        {{"add", db, "--sample", dir.write("empty.bin", ""), "--name", "X"}, "size 0"},
+        {{"add", db, "--sample", dir.path(), "--name", "X"}, "not a regular file"},
+        {{"add", db, "--sample", sample, "--name", "X", "--kill", "x:y"}, "expected d:FOLDER"},
+        {{"add", db, "--sample", sample, "--name", "X", "--kill", "d:relative:n"}, "absolute"},
+        {{"add", db, "--sample", sample, "--name", "X", "--kill", "d:/a:b/c"}, "one path"},
+        {{"add", db, "--sample", sample, "--name", "X", "--kill", "k:"}, "no process name"},
+        {{"add", db, "--sample", sample, "--size", "6", "--name", "X"}, "excludes"},
+        {{"add", db, "--size", "0", "--code", md5("q"), "--name", "X"}, "at least 1"},
+        {{"add", db, "--size", "-5", "--code", md5("q"), "--name", "X"}, "--size"},
+        {{"add", db, "--name", "X"}, "give --sample"},
+        {{"add", db, "--sample", sample}, "--name"},
+        {{"list", db, "--bogus"}, "bogus"},
+        {{}, "subcommand"},
+    };
+    for (const auto& c : cases) {
+        SigRun run = vksig(c.args);
+        EXPECT_EQ(run.code, 2) << c.message;
+        EXPECT_NE((run.err + run.out).find(c.message), std::string::npos)
+            << c.message << " not in: " << run.err << run.out;
+    }
+    EXPECT_EQ(load(db)->size(), 0u);
+}
+
+TEST_F(VksigTest, VerifyReportsUndecipherableFieldsAndBadKillBlobs) {
+    create();
+    std::string sample = dir.write("s.bin", "sample bytes");
+    ASSERT_EQ(vksig({"add", db, "--sample", sample, "--name", "Good"}).code, 0);
+    SigRun ok = vksig({"verify", db});
+    EXPECT_EQ(ok.code, 0) << ok.out << ok.err;
+    EXPECT_NE(ok.out.find("no problems"), std::string::npos);
+
+    {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+        sqlite3_exec(handle,
+                     ("insert into test values('Plain', NULL, 1, NULL, 12, NULL, CAST('" +
+                      md5("sample bytes") + "' AS BLOB), X'DEADBEEF')")
+                         .c_str(),
+                     nullptr, nullptr, nullptr);
+        sqlite3_close(handle);
+    }
+    SigRun bad = vksig({"verify", db});
+    EXPECT_EQ(bad.code, 1);
+    EXPECT_NE(bad.out.find("row 2: name: not valid cipher text"), std::string::npos) << bad.out;
+    EXPECT_NE(bad.out.find("row 2: kill: not a keyed archive"), std::string::npos) << bad.out;
+
+    // The plain-text row still reads and lists; its garbage kill blob reads as no kill list.
+    SigRun list = vksig({"list", db});
+    ASSERT_EQ(list.code, 0);
+    EXPECT_NE(list.out.find("12  Plain  level=1 version=1.0\n"), std::string::npos) << list.out;
+}
+
+TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
+    std::string packaged = std::string(VK_BINARY_DIR) + "/resources/trojanDB/VkTrojanDB.sql";
+    ASSERT_TRUE(VkFile::existsNoFollow(packaged)) << packaged;
+    EXPECT_TRUE(VkDataBaseCheck::checkFormat(packaged));
+    auto problems = VkDataBaseCheck::verify(packaged);
+    ASSERT_TRUE(problems);
+    EXPECT_TRUE(problems->empty());
+
+    VkSqliteManager manager(ctx);
+    auto info = manager.dataBaseForPath(packaged);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->name(), "VkTrojanDB");
+
+    auto list = load(packaged);
+    std::string testFile = antiVirusTestFile();
+    auto name = detected(dir.write("downloads/test-file.txt", testFile), list);
+    ASSERT_TRUE(name.has_value());
+    EXPECT_NE(name->find("EICAR"), std::string::npos);
+    EXPECT_EQ(detected(dir.write("downloads/other.txt", testFile + "\n"), list), std::nullopt);
+}
+
+}  // namespace
