@@ -142,11 +142,11 @@ class RowChecker {
         }
         if (t != SQLITE_TEXT)
             add(name, "stored as " + typeName(t) + ", expected text");
-        return decipher(col, name, reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col)),
+        return decipher(name, reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col)),
                         sqlite3_column_bytes(stmt_, col));
     }
 
-    std::optional<std::string> decipher(int, const char* name, const char* bytes, int length) {
+    std::optional<std::string> decipher(const char* name, const char* bytes, int length) {
         if (!bytes)
             return std::nullopt;
         std::string stored(bytes, ::strnlen(bytes, static_cast<size_t>(length)));
@@ -174,7 +174,7 @@ class RowChecker {
             add(name, "stored as " + typeName(t) + ", expected a blob");
         const void* blob = sqlite3_column_blob(stmt_, col);
         std::optional<std::string> text =
-            decipher(col, name, static_cast<const char*>(blob), sqlite3_column_bytes(stmt_, col));
+            decipher(name, static_cast<const char*>(blob), sqlite3_column_bytes(stmt_, col));
         if (text && !VkDataBaseCheck::isHashText(*text))
             add(name, "\"" + *text + "\" is not an MD5 hash text (32 lower-case hex digits)");
         return text;
