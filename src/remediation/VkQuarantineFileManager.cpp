@@ -33,8 +33,11 @@ VkQuarantineFileManager::VkQuarantineFileManager(std::shared_ptr<VkContext> cont
         // of the original has no counterpart here and is left out.
         ::mkdir(folder.c_str(), 0700);
     }
-    // Quarantined files are malware: nobody but the owner may read them.
-    ::chmod(folder.c_str(), 0700);
+    // Quarantined files are malware: nobody but the owner may read them. Only a real
+    // folder is tightened; a link's target is left alone.
+    struct stat st {};
+    if (::lstat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 07777) != 0700)
+        ::chmod(folder.c_str(), 0700);
 
     auto list = VkPlist::readFile(infoListPath(), 64u << 20);
     if (list && list->asArray()) {
@@ -89,8 +92,22 @@ bool VkQuarantineFileManager::addItem(const std::shared_ptr<VkQuarantineFileItem
     return true;
 }
 
+bool VkQuarantineFileManager::holdsFile(const std::string& path) const {
+    for (const auto& part : VkFile::components(path)) {
+        if (part == "..")
+            return false;
+    }
+    std::string name = VkFile::lastPathComponent(path);
+    return !name.empty() && name != "." && name != "info.list" &&
+           VkFile::deletingLastPathComponent(path) == quarantineFolder();
+}
+
 bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
     if (!item || !item->filePath() || !item->originalPath())
+        return false;
+    // "info.list" is plain text in the user's folder: a record naming a file elsewhere is
+    // never acted on.
+    if (!holdsFile(*item->filePath()))
         return false;
     if (!context_->coreFunction->moveFileItem(*item->filePath(), *item->originalPath())) {
         return false;
@@ -105,7 +122,7 @@ bool VkQuarantineFileManager::removeItem(const std::shared_ptr<VkQuarantineFileI
         return false;
     std::erase(quarantineItemArray_, item);
     bool removed = false;
-    if (item->filePath()) {
+    if (item->filePath() && holdsFile(*item->filePath())) {
         auto outcome = context_->coreFunction->startClean({*item->filePath()}, false, nullptr);
         removed = !outcome.empty() && outcome[0].removed;
     }

@@ -29,6 +29,7 @@ class VkQuarantineFileManager {
     // Moves the file back to its originalPath; the record stays when that fails.
     bool recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item);
     // Forgets the record, then deletes its file (the record goes even if that fails).
+    // Only a file lying directly in the quarantine folder is ever deleted or restored.
     bool removeItem(const std::shared_ptr<VkQuarantineFileItem>& item);
     // Forgets every record; the files themselves stay in the folder.
     void removeAllItem();
@@ -39,6 +40,8 @@ class VkQuarantineFileManager {
     std::string infoListPath() const;
     // The free name that addItem would use now for a file named like `originalPath`.
     std::string candidatePathFor(const std::string& originalPath) const;
+    // True when path names a quarantined file: directly in the folder, not the list itself.
+    bool holdsFile(const std::string& path) const;
 
   private:
     std::shared_ptr<VkContext> context_;

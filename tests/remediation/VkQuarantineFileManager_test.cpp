@@ -137,4 +137,34 @@ TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
     EXPECT_TRUE(raw->asArray()->empty());
 }
 
+TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
+    std::string precious = dir.write("home/precious.txt", "keep me");
+    {
+        // A list edited by hand (or by something else) to point elsewhere.
+        VkQuarantineFileManager store(ctx);
+        auto forged = std::make_shared<VkQuarantineFileItem>();
+        forged->setFilePath(precious);
+        forged->setOriginalPath(dir / "elsewhere/precious.txt");
+        forged->setTrojanName(std::string("OSX/Forged"));
+        store.allQuarantineItems().push_back(forged);
+        auto dotted = std::make_shared<VkQuarantineFileItem>(*forged);
+        dotted->setFilePath(store.quarantineFolder() + "/../../home/precious.txt");
+        store.allQuarantineItems().push_back(dotted);
+        ASSERT_TRUE(store.saveQuarantineInfoList());
+    }
+    VkQuarantineFileManager store(ctx);
+    ASSERT_EQ(store.allQuarantineItems().size(), 2u);
+    auto forged = store.allQuarantineItems()[0];
+    auto dotted = store.allQuarantineItems()[1];
+    EXPECT_FALSE(store.recoverItem(forged));
+    EXPECT_FALSE(store.recoverItem(dotted));
+    EXPECT_EQ(store.allQuarantineItems().size(), 2u);
+    EXPECT_FALSE(store.removeItem(forged));
+    EXPECT_FALSE(store.removeItem(dotted));
+    EXPECT_TRUE(store.allQuarantineItems().empty()) << "the records go all the same";
+    EXPECT_EQ(*VkFile::readAll(precious), "keep me");
+    EXPECT_TRUE(core->callsOf("startClean").empty());
+    EXPECT_TRUE(core->callsOf("moveFileItem").empty());
+}
+
 }  // namespace
