@@ -1,0 +1,281 @@
+#include "remediation/VkKillTorjans.h"
+
+#include <chrono>
+#include <system_error>
+#include <unistd.h>
+
+#include "platform/VkFileUtil.h"
+#include "platform/VkMainQueue.h"
+
+namespace {
+
+// Element `index` of a kill-list entry as text; "" when it is missing or not a string.
+std::string entryText(const VkPlist::Array& entry, size_t index) {
+    if (index >= entry.size())
+        return "";
+    const std::string* text = entry[index].asString();
+    return text ? *text : "";
+}
+
+bool hasDotDotComponent(const std::string& path) {
+    for (const auto& part : VkFile::components(path)) {
+        if (part == "..")
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+VkKillTorjans::VkKillTorjans(std::shared_ptr<VkContext> context,
+                             std::shared_ptr<VkAntiTrojan> antiTrojan)
+    : context_(std::move(context)), antiTrojan_(std::move(antiTrojan)) {}
+
+VkKillTorjans::~VkKillTorjans() {
+    joinKillThreads();
+}
+
+std::string VkKillTorjans::refusalOfDeleteEntry(const std::string& folder,
+                                                const std::string& name) {
+    if (folder.empty())
+        return "refusing a removal entry without a folder";
+    // A name of "" or "/" would make the entry name the folder itself.
+    if (VkFile::components(name).empty())
+        return "refusing a removal entry without a file name";
+    if (hasDotDotComponent(folder) || hasDotDotComponent(name))
+        return "refusing a removal entry with a \"..\" component";
+    return "";
+}
+
+void VkKillTorjans::killTorjanItem(ResultList items,
+                                   std::shared_ptr<VkKillTorjansDelegate> delegate) {
+    if (!delegate)
+        return;
+    std::lock_guard lock(mutex_);
+    killTorjansDelegate_ = std::move(delegate);
+    startRun(std::move(items), nullptr);
+}
+
+void VkKillTorjans::killTorjanByThread(const ResultList& items) {
+    runRemoval(items, nullptr);
+}
+
+VkKillReport VkKillTorjans::killTorjanItemAndWait(ResultList items,
+                                                  std::shared_ptr<VkKillTorjansDelegate> delegate) {
+    auto report = std::make_shared<VkKillReport>();
+    std::shared_future<void> finished;
+    {
+        std::lock_guard lock(mutex_);
+        killTorjansDelegate_ = std::move(delegate);
+        finished = startRun(std::move(items), report);
+    }
+    if (finished.valid())
+        finished.wait();
+    // The end was queued on the main queue; serve it here when this is that queue's thread,
+    // so that the delegate has heard the end when the caller goes on.
+    if (auto* loop = dynamic_cast<VkRunLoopMainQueue*>(context_->mainQueue.get());
+        loop && loop->isMainThread()) {
+        loop->runPending();
+    }
+    return *report;
+}
+
+void VkKillTorjans::joinKillThreads() {
+    std::vector<std::thread> threads;
+    {
+        std::lock_guard lock(mutex_);
+        if (killThread.joinable())
+            threads.push_back(std::move(killThread));
+        for (auto& run : earlierThreads_)
+            threads.push_back(std::move(run.thread));
+        earlierThreads_.clear();
+    }
+    // Joined without the lock: a running thread takes it to read the delegate.
+    for (auto& thread : threads) {
+        if (thread.joinable())
+            thread.join();
+    }
+}
+
+std::shared_future<void> VkKillTorjans::startRun(ResultList items,
+                                                 std::shared_ptr<VkKillReport> report) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::shared_future<void> finished = done->get_future().share();
+    std::thread thread;
+    try {
+        thread = std::thread([this, items = std::move(items), report, done] {
+            runRemoval(items, report.get());
+            done->set_value();
+        });
+    } catch (const std::system_error&) {
+        // No thread could be made: the request is dropped like any other failed run.
+        return {};
+    }
+    // A run still going keeps its thread; it is joined once it has finished (here, on a
+    // later request, or when this object goes away), never detached.
+    if (killThread.joinable())
+        earlierThreads_.push_back({std::move(killThread), killThreadFinished_});
+    for (auto it = earlierThreads_.begin(); it != earlierThreads_.end();) {
+        if (it->finished.valid() &&
+            it->finished.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+            it->thread.join();
+            it = earlierThreads_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    killThread = std::move(thread);
+    killThreadFinished_ = finished;
+    return finished;
+}
+
+std::shared_ptr<VkKillTorjansDelegate> VkKillTorjans::currentDelegate() const {
+    std::lock_guard lock(mutex_);
+    return killTorjansDelegate_;
+}
+
+bool VkKillTorjans::tellProgress(const std::shared_ptr<VkTorjanResultItems>& result,
+                                 float progress) {
+    // Read afresh on every call: a second request replaces the delegate for every run
+    // still going, as it always has.
+    auto delegate = currentDelegate();
+    // Nothing is measured: every result is reported as done.
+    return delegate ? delegate->killTorjansProgress(result, progress, true) : false;
+}
+
+void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
+    // One snapshot of the process table serves the whole run. Without it nothing is done
+    // and no end is sent; the caller is not told (the panel copes with a run that never
+    // ends).
+    std::optional<std::vector<int32_t>> pids = context_->processList->listPids();
+    if (!pids || pids->empty())
+        return;
+    const int32_t self = static_cast<int32_t>(::getpid());
+
+    std::vector<std::shared_ptr<VkTorjanResultItems>> specials;
+    specials.reserve(5);
+    std::vector<std::string> deletions;
+    deletions.reserve(10);
+    // For each path of `deletions`: the outcome it belongs to and its place there.
+    std::vector<std::pair<size_t, size_t>> owners;
+    if (report)
+        report->outcomes.assign(items.size(), {});
+
+    const size_t count = items.size();
+    // The share of one result, the same for every call (not a running total).
+    const float share = count > 0 ? static_cast<float>(1.0 / static_cast<double>(count)) : 0.0f;
+
+    for (size_t i = 0; i < count; ++i) {
+        const auto& result = items[i];
+        if (!result)
+            continue;
+        VkKillOutcome* outcome = report ? &report->outcomes[i] : nullptr;
+        if (outcome)
+            outcome->result = result;
+        auto addDeletion = [&](const std::string& path) {
+            deletions.push_back(path);
+            if (outcome) {
+                owners.emplace_back(i, outcome->deletions.size());
+                outcome->deletions.push_back({path, false, "no answer from the clean step"});
+            }
+        };
+
+        if (result->spec()) {
+            // The built-in detectors remove these themselves, after the clean step.
+            specials.push_back(result);
+            if (outcome)
+                outcome->special = true;
+            continue;
+        }
+
+        auto record = result->torjanItem();
+        std::optional<VkTorjanItem::KillArray> killArray =
+            record ? record->killArray() : std::nullopt;
+        if (!killArray || killArray->empty()) {
+            if (auto path = result->path())
+                addDeletion(*path);
+        } else {
+            // With removal instructions only what they name is touched: a record with only
+            // "k" entries kills processes and deletes nothing, the detected file included.
+            for (const VkPlist& value : *killArray) {
+                const VkPlist::Array* entry = value.asArray();
+                if (!entry || entry->empty())
+                    continue;
+                const std::string code = entryText(*entry, 0);
+                if (code == "d") {
+                    std::string folder = entryText(*entry, 1);
+                    std::string name = entryText(*entry, 2);
+                    std::string refusal = refusalOfDeleteEntry(folder, name);
+                    if (!refusal.empty()) {
+                        if (outcome)
+                            outcome->deletions.push_back(
+                                {VkFile::join(folder, name), false, refusal});
+                        continue;
+                    }
+                    // The entry names a path of the inspected system.
+                    addDeletion(
+                        context_->resolve(context_->expandTilde(VkFile::join(folder, name))));
+                }
+                if (code == "k") {
+                    std::string name = entryText(*entry, 1);
+                    if (name.empty())
+                        continue;
+                    // Names are read afresh for every entry; with few "k" entries that is
+                    // cheap, so no name cache is kept.
+                    std::vector<int32_t> matches;
+                    for (int32_t pid : *pids) {
+                        auto processName = context_->processList->processName(pid);
+                        if (processName && *processName == name)
+                            matches.push_back(pid);
+                    }
+                    for (int32_t pid : matches) {
+                        VkKillOutcome::Kill kill{pid, name, false, ""};
+                        if (pid <= 1 || pid == self) {
+                            // Whatever a signature says, never the first process or ourselves.
+                            kill.reason = pid == self ? "refusing to end this program itself"
+                                                      : "refusing to end the first process";
+                        } else {
+                            kill.ended = context_->coreFunction->killProcessByID(pid);
+                            if (!kill.ended)
+                                kill.reason = "the process could not be ended";
+                        }
+                        if (outcome)
+                            outcome->kills.push_back(std::move(kill));
+                    }
+                }
+            }
+        }
+        tellProgress(result, share);
+    }
+
+    // One clean step for the whole list, duplicates kept.
+    std::vector<VkCleanOutcome> answers =
+        context_->coreFunction->startClean(deletions, false, nullptr);
+    if (report) {
+        for (size_t k = 0; k < owners.size() && k < answers.size(); ++k) {
+            auto [owner, slot] = owners[k];
+            report->outcomes[owner].deletions[slot] = answers[k];
+        }
+    }
+
+    for (const auto& special : specials)
+        tellProgress(special, share);
+
+    // On every run, whether or not it held special results.
+    if (antiTrojan_)
+        antiTrojan_->remove();
+
+    if (report) {
+        for (auto& outcome : report->outcomes) {
+            if (!outcome.special || !outcome.result)
+                continue;
+            auto path = outcome.result->path();
+            outcome.specialFileRemains = path && VkFile::existsNoFollow(*path);
+        }
+        report->completed = true;
+    }
+
+    auto delegate = currentDelegate();
+    if (delegate && context_->mainQueue)
+        context_->mainQueue->async([delegate] { delegate->killTorjansEnd(); });
+}

@@ -1,0 +1,482 @@
+#include "remediation/VkKillTorjans.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Results = VkKillTorjans::ResultList;
+
+// Records every delegate call with the number of core operations made before it.
+class RecordingDelegate : public VkKillTorjansDelegate {
+  public:
+    struct Progress {
+        std::shared_ptr<VkTorjanResultItems> result;
+        float progress;
+        bool isSuccess;
+        size_t coreCallsBefore;
+        bool onMainThread;
+    };
+
+    RecordingDelegate(std::shared_ptr<VkRecordingCoreFunction> core,
+                      std::shared_ptr<VkMainQueue> queue)
+        : core_(std::move(core)), queue_(std::move(queue)) {}
+
+    bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& result, float progress,
+                             bool isSuccess) override {
+        std::lock_guard lock(mutex_);
+        progress_.push_back(
+            {result, progress, isSuccess, core_->calls().size(), queue_->isMainThread()});
+        return true;
+    }
+    void killTorjansEnd() override {
+        std::lock_guard lock(mutex_);
+        ++ends_;
+        endOnMainThread_ = queue_->isMainThread();
+        coreCallsAtEnd_ = core_->calls().size();
+    }
+
+    std::vector<Progress> progress() const {
+        std::lock_guard lock(mutex_);
+        return progress_;
+    }
+    int ends() const {
+        std::lock_guard lock(mutex_);
+        return ends_;
+    }
+    bool endOnMainThread() const { return endOnMainThread_; }
+    size_t coreCallsAtEnd() const { return coreCallsAtEnd_; }
+
+  private:
+    std::shared_ptr<VkRecordingCoreFunction> core_;
+    std::shared_ptr<VkMainQueue> queue_;
+    mutable std::mutex mutex_;
+    std::vector<Progress> progress_;
+    int ends_ = 0;
+    bool endOnMainThread_ = false;
+    size_t coreCallsAtEnd_ = 0;
+};
+
+// A process table made up by the test; listPids can fail, and can wait until released.
+class FakeProcessList : public VkProcessList {
+  public:
+    std::optional<std::vector<int32_t>> listPids() override {
+        std::unique_lock lock(mutex_);
+        ++listings;
+        gate_.wait(lock, [this] { return open_; });
+        if (failListing)
+            return std::nullopt;
+        std::vector<int32_t> pids;
+        for (const auto& [pid, name] : names)
+            pids.push_back(pid);
+        return pids;
+    }
+    std::optional<std::string> processName(int32_t pid) override {
+        std::lock_guard lock(mutex_);
+        auto it = names.find(pid);
+        return it == names.end() ? std::nullopt : std::optional<std::string>(it->second);
+    }
+    void close() {
+        std::lock_guard lock(mutex_);
+        open_ = false;
+    }
+    void open() {
+        {
+            std::lock_guard lock(mutex_);
+            open_ = true;
+        }
+        gate_.notify_all();
+    }
+    int listingCount() {
+        std::lock_guard lock(mutex_);
+        return listings;
+    }
+
+    std::map<int32_t, std::string> names;
+    bool failListing = false;
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable gate_;
+    bool open_ = true;
+    int listings = 0;
+};
+
+class VkKillTorjansTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core->performDeletes(true);
+        ctx->coreFunction = core;
+        processes = std::make_shared<FakeProcessList>();
+        processes->names = {{100, "launchd-ish"}, {200, "Finder"}};
+        ctx->processList = processes;
+        anti = std::make_shared<VkAntiTrojan>(ctx);
+        delegate = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
+        queue = std::dynamic_pointer_cast<VkRunLoopMainQueue>(ctx->mainQueue);
+    }
+
+    // Waits for the run's thread, then delivers what it queued on the main queue.
+    void finish(VkKillTorjans& killer) {
+        killer.joinKillThreads();
+        queue->runPending();
+    }
+
+    std::shared_ptr<VkTorjanResultItems> signatureResult(
+        const std::string& path, std::optional<std::vector<std::vector<std::string>>> kill) {
+        auto record = std::make_shared<VkTorjanItem>();
+        record->setName(std::string("OSX/Test.A"));
+        if (kill)
+            record->setKillArray(VkTorjanItem::makeKillArray(*kill));
+        auto result = std::make_shared<VkTorjanResultItems>();
+        result->setPath(path);
+        result->setTorjanItem(record);
+        return result;
+    }
+
+    std::shared_ptr<VkTorjanResultItems> specialResult(const std::string& path) {
+        auto result = std::make_shared<VkTorjanResultItems>();
+        result->setTorjanName(std::string("OSX/Olyx.A"));
+        result->setSpec(true);
+        result->setPath(path);
+        return result;
+    }
+
+    std::vector<VkRecordingCoreFunction::Call> cleanCalls() const {
+        return core->callsOf("startClean");
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingCoreFunction> core;
+    std::shared_ptr<FakeProcessList> processes;
+    std::shared_ptr<VkAntiTrojan> anti;
+    std::shared_ptr<RecordingDelegate> delegate;
+    std::shared_ptr<VkRunLoopMainQueue> queue;
+};
+
+TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
+    // A finding of the launch-agent detector, removed by the detectors' own removal.
+    std::string agentFile = dir.write("root/Library/LaunchAgents/com.agent.plist", "<plist/>");
+    anti->antiAgentTrojan().addToBinFiles(agentFile);
+
+    VkKillTorjans killer(ctx, anti);
+    killer.killTorjanItem({}, delegate);
+    killer.joinKillThreads();
+    EXPECT_EQ(delegate->ends(), 0) << "the end goes through the main queue";
+    queue->runPending();
+
+    EXPECT_TRUE(delegate->progress().empty());
+    EXPECT_EQ(delegate->ends(), 1);
+    EXPECT_TRUE(delegate->endOnMainThread());
+    auto calls = core->calls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[0].op, "startClean");
+    EXPECT_TRUE(calls[0].args.empty());
+    EXPECT_EQ(calls[1].op, "systemCommand");
+    EXPECT_EQ(calls[2].op, "startClean");
+    EXPECT_EQ(calls[2].args, std::vector<std::string>{agentFile});
+    EXPECT_FALSE(fs::exists(agentFile));
+    EXPECT_EQ(delegate->coreCallsAtEnd(), 3u) << "the end comes after the detectors' removal";
+}
+
+TEST_F(VkKillTorjansTest, NullDelegateDropsTheRequest) {
+    std::string file = dir.write("found/evil.bin", "x");
+    VkKillTorjans killer(ctx, anti);
+    killer.killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
+    finish(killer);
+    EXPECT_EQ(processes->listingCount(), 0);
+    EXPECT_TRUE(core->calls().empty());
+    EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(VkKillTorjansTest, DeleteEntryDeletesTheJoinedInspectedPathNotTheResultsOwn) {
+    std::string own = dir.write("found/Foo.app", "payload");
+    std::string target = dir.write("root/Library/Foo/bar.plist", "<plist/>");
+    std::string sibling = dir.write("root/Library/Foo/keep.plist", "<plist/>");
+
+    VkKillTorjans killer(ctx, anti);
+    killer.killTorjanItem({signatureResult(own, {{{"d", "/Library/Foo", "bar.plist"}}})}, delegate);
+    finish(killer);
+
+    ASSERT_EQ(cleanCalls().size(), 1u);
+    EXPECT_EQ(cleanCalls()[0].args,
+              std::vector<std::string>{ctx->resolve("/Library/Foo/bar.plist")});
+    EXPECT_FALSE(fs::exists(target));
+    EXPECT_TRUE(fs::exists(own));
+    EXPECT_TRUE(fs::exists(sibling));
+    EXPECT_TRUE(core->callsOf("killProcessByID").empty());
+    EXPECT_EQ(delegate->ends(), 1);
+}
+
+TEST_F(VkKillTorjansTest, UnsafeDeleteEntriesAndUnknownCodesAreSkipped) {
+    std::string own = dir.write("found/Foo.app", "payload");
+    dir.write("root/Library/Foo/bar.plist", "<plist/>");
+    dir.write("root/etc/passwd", "root:x:0:0");
+    auto result = signatureResult(own, {{{"d", "/Library/Foo", ""},
+                                         {"d", "/Library/Foo", "/"},
+                                         {"d", "", "bar.plist"},
+                                         {"d", "/Library/Foo"},
+                                         {"d", "/Library/Foo/../../etc", "passwd"},
+                                         {"d", "/Library/Foo", "../../etc/passwd"},
+                                         {"x", "/Library/Foo", "bar.plist"},
+                                         {},
+                                         {"d", "/Library/Foo", "bar.plist"}}});
+
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report = killer.killTorjanItemAndWait({result}, delegate);
+
+    ASSERT_EQ(cleanCalls().size(), 1u);
+    EXPECT_EQ(cleanCalls()[0].args,
+              std::vector<std::string>{ctx->resolve("/Library/Foo/bar.plist")});
+    EXPECT_TRUE(fs::exists(dir / "root/Library/Foo"));
+    EXPECT_TRUE(fs::exists(dir / "root/etc/passwd"));
+    EXPECT_TRUE(fs::exists(own));
+
+    ASSERT_TRUE(report.completed);
+    ASSERT_EQ(report.outcomes.size(), 1u);
+    const auto& deletions = report.outcomes[0].deletions;
+    ASSERT_EQ(deletions.size(), 7u);
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_FALSE(deletions[i].removed);
+        EXPECT_NE(deletions[i].reason.find("refusing"), std::string::npos) << i;
+    }
+    EXPECT_TRUE(deletions[6].removed);
+    EXPECT_EQ(delegate->ends(), 1) << "delivered before killTorjanItemAndWait returned";
+}
+
+TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
+    std::string a = dir.write("found/a.bin", "a");
+    std::string b = dir.write("found/b.bin", "b");
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report =
+        killer.killTorjanItemAndWait({signatureResult(a, std::nullopt),
+                                      signatureResult(b, std::vector<std::vector<std::string>>{})});
+    ASSERT_EQ(cleanCalls().size(), 1u);
+    EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b}));
+    EXPECT_FALSE(fs::exists(a));
+    EXPECT_FALSE(fs::exists(b));
+    ASSERT_EQ(report.outcomes.size(), 2u);
+    ASSERT_EQ(report.outcomes[1].deletions.size(), 1u);
+    EXPECT_TRUE(report.outcomes[1].deletions[0].removed);
+}
+
+TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterTheClean) {
+    std::string a = dir.write("found/a.bin", "a");
+    std::string b = dir.write("found/b.bin", "b");
+    std::string c = dir.write("found/c.bin", "c");
+    std::string s = dir.write("found/special.plist", "s");
+    auto ra = signatureResult(a, std::nullopt);
+    auto rs = specialResult(s);
+    auto rb = signatureResult(b, std::nullopt);
+    auto rc = signatureResult(c, std::nullopt);
+
+    VkKillTorjans killer(ctx, anti);
+    killer.killTorjanItem({ra, rs, rb, rc}, delegate);
+    finish(killer);
+
+    auto calls = delegate->progress();
+    ASSERT_EQ(calls.size(), 4u);
+    std::vector<std::shared_ptr<VkTorjanResultItems>> order;
+    for (const auto& call : calls) {
+        order.push_back(call.result);
+        EXPECT_EQ(call.progress, 0.25f);
+        EXPECT_TRUE(call.isSuccess);
+        EXPECT_FALSE(call.onMainThread) << "progress arrives on the removal thread";
+    }
+    EXPECT_EQ(order, (std::vector<std::shared_ptr<VkTorjanResultItems>>{ra, rb, rc, rs}));
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(calls[i].coreCallsBefore, 0u) << "before the clean call";
+    EXPECT_EQ(calls[3].coreCallsBefore, 1u) << "after the one clean call";
+
+    ASSERT_EQ(cleanCalls().size(), 1u);
+    EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b, c}));
+    EXPECT_TRUE(fs::exists(s)) << "special files are left to the detectors";
+    EXPECT_EQ(delegate->ends(), 1);
+}
+
+TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
+    processes->failListing = true;
+    std::string file = dir.write("found/a.bin", "a");
+    anti->antiAgentTrojan().addToBinFiles(dir.write("root/Library/LaunchAgents/x.plist", "x"));
+
+    VkKillTorjans killer(ctx, anti);
+    killer.killTorjanItem({signatureResult(file, std::nullopt), specialResult(file)}, delegate);
+    finish(killer);
+
+    EXPECT_EQ(processes->listingCount(), 1);
+    EXPECT_TRUE(delegate->progress().empty());
+    EXPECT_EQ(delegate->ends(), 0);
+    EXPECT_TRUE(core->calls().empty()) << "no deletion, no kill, no detector removal";
+    EXPECT_TRUE(fs::exists(file));
+
+    VkKillReport report = killer.killTorjanItemAndWait({signatureResult(file, std::nullopt)});
+    EXPECT_FALSE(report.completed);
+    EXPECT_TRUE(core->calls().empty());
+}
+
+TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
+    const int32_t self = static_cast<int32_t>(::getpid());
+    processes->names = {{1, "Foo"}, {self, "Foo"}, {4242, "Foo"}, {4243, "FooAgent"}};
+    std::string own = dir.write("found/Foo", "x");
+
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report =
+        killer.killTorjanItemAndWait({signatureResult(own, {{{"k", "Foo", "ignored"}}})}, delegate);
+
+    auto kills = core->callsOf("killProcessByID");
+    ASSERT_EQ(kills.size(), 1u);
+    EXPECT_EQ(kills[0].args, std::vector<std::string>{"4242"});
+    ASSERT_EQ(cleanCalls().size(), 1u);
+    EXPECT_TRUE(cleanCalls()[0].args.empty()) << "a record with only \"k\" entries deletes nothing";
+    EXPECT_TRUE(fs::exists(own));
+
+    ASSERT_EQ(report.outcomes.size(), 1u);
+    std::map<int32_t, bool> ended;
+    for (const auto& kill : report.outcomes[0].kills)
+        ended[kill.pid] = kill.ended;
+    EXPECT_EQ(ended, (std::map<int32_t, bool>{{1, false}, {self, false}, {4242, true}}));
+    ASSERT_EQ(delegate->progress().size(), 1u);
+}
+
+TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
+    std::string a = dir.write("found/a.bin", "a");
+    std::string b = dir.write("found/b.bin", "b");
+    auto second = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
+    processes->close();
+    {
+        VkKillTorjans killer(ctx, anti);
+        killer.killTorjanItem({signatureResult(a, std::nullopt)}, delegate);
+        killer.killTorjanItem({signatureResult(b, std::nullopt)}, second);
+        while (processes->listingCount() < 2)
+            std::this_thread::yield();
+        processes->open();
+        // Going out of scope waits for both runs.
+    }
+    queue->runPending();
+    EXPECT_FALSE(fs::exists(a));
+    EXPECT_FALSE(fs::exists(b));
+    EXPECT_EQ(cleanCalls().size(), 2u);
+    // Both runs were still going when the delegate was replaced: both report to the second.
+    EXPECT_TRUE(delegate->progress().empty());
+    EXPECT_EQ(delegate->ends(), 0);
+    EXPECT_EQ(second->progress().size(), 2u);
+    EXPECT_EQ(second->ends(), 2);
+}
+
+// Real processes, found through the real process list and ended by the real core function.
+class VkKillTorjansProcessTest : public VkKillTorjansTest {
+  protected:
+    void SetUp() override {
+        VkKillTorjansTest::SetUp();
+        ctx->processList = std::make_shared<VkSystemProcessList>();
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core->performDeletes(true);
+        core->performKills(true);
+        ctx->coreFunction = core;
+        delegate = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
+    }
+
+    void TearDown() override {
+        for (pid_t pid : children_) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    }
+
+    // A child that renames itself to `name` (at most 15 bytes) and waits to be ended.
+    // Returns once the new name is visible.
+    pid_t spawnNamed(const std::string& name) {
+        char buf[16] = {};
+        std::strncpy(buf, name.c_str(), sizeof buf - 1);
+        int ready[2];
+        if (::pipe(ready) != 0)
+            return -1;
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            // Only async-signal-safe calls between fork and _exit.
+            ::close(ready[0]);
+            ::prctl(PR_SET_NAME, buf, 0, 0, 0);
+            char c = 1;
+            if (::write(ready[1], &c, 1) != 1)
+                ::_exit(3);
+            for (;;)
+                ::pause();
+        }
+        ::close(ready[1]);
+        if (pid > 0) {
+            children_.push_back(pid);
+            char c = 0;
+            while (::read(ready[0], &c, 1) < 0 && errno == EINTR) {
+            }
+        }
+        ::close(ready[0]);
+        return pid;
+    }
+
+    // True when the child has ended (and reaps it).
+    bool ended(pid_t pid) {
+        int status = 0;
+        pid_t answer = ::waitpid(pid, &status, WNOHANG);
+        if (answer == pid) {
+            std::erase(children_, pid);
+            return true;
+        }
+        return false;
+    }
+
+    std::vector<pid_t> children_;
+};
+
+TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
+    // Unique per test process, so that nothing else on the machine carries these names.
+    std::string name = "vkT" + std::to_string(::getpid());
+    pid_t first = spawnNamed(name);
+    pid_t second = spawnNamed(name);
+    pid_t longer = spawnNamed(name + "Agent");
+    pid_t shorter = spawnNamed(name.substr(0, name.size() - 1));
+    ASSERT_GT(first, 0);
+    ASSERT_GT(second, 0);
+    ASSERT_GT(longer, 0);
+    ASSERT_GT(shorter, 0);
+    std::string own = dir.write("found/" + name, "x");
+
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report =
+        killer.killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
+
+    auto kills = core->callsOf("killProcessByID");
+    std::set<std::string> killed;
+    for (const auto& call : kills)
+        killed.insert(call.args.at(0));
+    EXPECT_EQ(killed, (std::set<std::string>{std::to_string(first), std::to_string(second)}));
+    EXPECT_TRUE(ended(first));
+    EXPECT_TRUE(ended(second));
+    EXPECT_FALSE(ended(longer));
+    EXPECT_FALSE(ended(shorter));
+    EXPECT_TRUE(fs::exists(own));
+    ASSERT_EQ(report.outcomes.size(), 1u);
+    ASSERT_EQ(report.outcomes[0].kills.size(), 2u);
+    EXPECT_TRUE(report.outcomes[0].kills[0].ended);
+    EXPECT_TRUE(report.outcomes[0].kills[1].ended);
+    EXPECT_EQ(delegate->ends(), 1);
+}
+
+}  // namespace
