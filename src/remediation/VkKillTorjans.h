@@ -79,9 +79,10 @@ class VkKillTorjans {
     // The body of a run, on the calling thread.
     void killTorjanByThread(const ResultList& items);
 
-    // Runs one removal like killTorjanItem (delegate may be null), waits for its thread to
-    // finish and answers what became of each result. Called on the main thread of a
-    // run-loop main queue, it also delivers the queued end before returning.
+    // Runs one removal like killTorjanItem (delegate may be null; it replaces the stored
+    // one), waits for its thread to finish and answers what became of each result. Called
+    // on the main thread of a run-loop main queue, it also delivers the queued end (and
+    // whatever else is due there) before returning. For programs that must report each file.
     VkKillReport killTorjanItemAndWait(ResultList items,
                                        std::shared_ptr<VkKillTorjansDelegate> delegate = nullptr);
 
