@@ -1,0 +1,125 @@
+#include "engine/VkDirectoryWalker.h"
+
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Frame {
+    std::string path;  // full path of the folder
+    DIR* dir = nullptr;
+    // Used instead of `dir` once the frame was read ahead to free its descriptor.
+    std::vector<std::pair<std::string, unsigned char>> pending;
+    size_t next = 0;
+
+    ~Frame() {
+        if (dir)
+            ::closedir(dir);
+    }
+};
+
+bool isDots(const char* name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// Opens a folder below an open parent without following a link in its place.
+DIR* openChild(DIR* parent, const std::string& fullPath, const char* name) {
+    int fd = parent
+                 ? ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                 : ::open(fullPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    DIR* d = ::fdopendir(fd);
+    if (!d)
+        ::close(fd);
+    return d;
+}
+
+// Whether an entry is a real folder (links are not), asking the file system only when
+// the listing could not say.
+bool isFolder(DIR* parent, const std::string& fullPath, const char* name, unsigned char type) {
+    if (type == DT_DIR)
+        return true;
+    if (type != DT_UNKNOWN)
+        return false;
+    struct stat st {};
+    int rc = parent ? ::fstatat(::dirfd(parent), name, &st, AT_SYMLINK_NOFOLLOW)
+                    : ::lstat(fullPath.c_str(), &st);
+    return rc == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+bool VkDirectoryWalker::walk(const std::string& root,
+                             const std::function<bool(const std::string&)>& visit) {
+    std::string base = root;
+    while (base.size() > 1 && base.back() == '/')
+        base.pop_back();
+    // The root itself may be a link to a folder: follow it, as the platform's enumerator
+    // does for the folder it is asked to list.
+    int rootFd = ::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (rootFd < 0)
+        return false;
+    DIR* rootDir = ::fdopendir(rootFd);
+    if (!rootDir) {
+        ::close(rootFd);
+        return false;
+    }
+    std::vector<std::unique_ptr<Frame>> stack;
+    stack.push_back(std::make_unique<Frame>());
+    stack.back()->path = base == "/" ? "" : base;
+    stack.back()->dir = rootDir;
+
+    while (!stack.empty()) {
+        Frame& f = *stack.back();
+        std::string name;
+        unsigned char type = DT_UNKNOWN;
+        if (f.dir) {
+            errno = 0;
+            struct dirent* e = ::readdir(f.dir);
+            if (!e) {
+                stack.pop_back();
+                continue;
+            }
+            if (isDots(e->d_name))
+                continue;
+            name = e->d_name;
+            type = e->d_type;
+        } else {
+            if (f.next >= f.pending.size()) {
+                stack.pop_back();
+                continue;
+            }
+            name = std::move(f.pending[f.next].first);
+            type = f.pending[f.next].second;
+            ++f.next;
+        }
+        std::string full = f.path + "/" + name;
+        if (!visit(full))
+            return true;
+        if (!isFolder(f.dir, full, name.c_str(), type))
+            continue;
+        DIR* child = openChild(f.dir, full, name.c_str());
+        if (!child)
+            continue;
+        auto frame = std::make_unique<Frame>();
+        frame->path = std::move(full);
+        frame->dir = child;
+        if (stack.size() >= kMaxOpenFolders) {
+            // Read this deep folder ahead and give its descriptor back.
+            while (struct dirent* e = ::readdir(frame->dir)) {
+                if (!isDots(e->d_name))
+                    frame->pending.emplace_back(e->d_name, e->d_type);
+            }
+            ::closedir(frame->dir);
+            frame->dir = nullptr;
+        }
+        stack.push_back(std::move(frame));
+    }
+    return true;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+// Lists every entry below a folder, files and folders alike, hidden entries and package
+// contents included, in pre-order (a folder before what it holds). Symbolic links are
+// listed but never descended into; folders that cannot be opened are listed and
+// skipped. Memory stays small however wide or deep the tree: at most kMaxOpenFolders
+// folders are held open, deeper ones are read ahead and closed.
+class VkDirectoryWalker {
+  public:
+    static constexpr size_t kMaxOpenFolders = 48;
+
+    // Calls visit(fullPath) for each entry below root (root itself excluded); fullPath is
+    // root + "/" + the relative path. Stops as soon as visit returns false. Returns false
+    // when root itself could not be opened as a folder.
+    static bool walk(const std::string& root, const std::function<bool(const std::string&)>& visit);
+};
