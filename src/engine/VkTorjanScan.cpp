@@ -61,11 +61,6 @@ std::optional<std::string> decipheredField(const VkPlist& entry, const char* key
 
 }  // namespace
 
-VkTorjanScan::VkTorjanScan(std::shared_ptr<VkContext> ctx)
-    : ctx_(std::move(ctx)), torjanItems_(std::make_shared<const VkTorjanRecordList>()) {}
-
-VkTorjanScan::~VkTorjanScan() = default;
-
 std::optional<std::string> VkTorjanScan::hashCodeWithPath(const std::string& path, int32_t item,
                                                           uint64_t size) {
     if (size == 0)

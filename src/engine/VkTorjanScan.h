@@ -1,5 +1,6 @@
 #pragma once
 
+#include <any>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -7,11 +8,32 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
+#include <vector>
 
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanResultItems.h"
 #include "platform/VkContext.h"
+
+class VkAntiTrojan;
+
+// Receives what a scan finds and how far it has come. Every operation is optional (the
+// defaults do nothing). Calls arrive on the scan's own threads, never on the main thread.
+class VkTorjanScanDelegate {
+  public:
+    virtual ~VkTorjanScanDelegate() = default;
+    // A detection.
+    virtual void addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& /*item*/) {}
+    // The answer of a single-file check: the result, or nullptr for a clean file.
+    virtual void addTorjanPathWithObj(const std::shared_ptr<VkTorjanResultItems>& /*item*/,
+                                      const std::any& /*senderObj*/) {}
+    // Progress with the path just processed; a call without a path means the scan has
+    // ended. The answer is ignored.
+    virtual bool scanTorjanProcess(float /*progress*/, const std::optional<std::string>& /*item*/) {
+        return false;
+    }
+};
 
 // The scanner: judges files against the loaded signature records, honouring the user's trust
 // list. The scans that walk the file system build on these operations.
@@ -29,7 +51,11 @@ class VkTorjanScan {
     static constexpr const char* kTrustFileHash = "TrustFileHash";
     static constexpr const char* kTrustFileSize = "TrustFileSize";
 
-    explicit VkTorjanScan(std::shared_ptr<VkContext> ctx);
+    // Builds the roots of the full scan from the top level of the context's system root.
+    // The detector coordinator runs the quick stage (the shared one when none is given).
+    explicit VkTorjanScan(std::shared_ptr<VkContext> ctx,
+                          std::shared_ptr<VkAntiTrojan> antiTrojan = nullptr);
+    // Stops any running scan first.
     virtual ~VkTorjanScan();
     VkTorjanScan(const VkTorjanScan&) = delete;
     VkTorjanScan& operator=(const VkTorjanScan&) = delete;
@@ -59,6 +85,43 @@ class VkTorjanScan {
     // deciphered. Re-reads the databases on every call.
     VkTorjanRecordList::Items getCurrentTorjanItems();
 
+    // ---- Scans ----
+
+    // Starts a custom scan of paths, or the full scan (quick stage, then every top-level
+    // folder) when paths is nullopt. Waits for a running walk to end first. Returns at once;
+    // nothing happens without a delegate.
+    void startScan(const std::optional<std::vector<std::string>>& paths,
+                   std::shared_ptr<VkTorjanScanDelegate> scanDelegate);
+    void startScan(std::shared_ptr<VkTorjanScanDelegate> scanDelegate) {
+        startScan(std::nullopt, std::move(scanDelegate));
+    }
+    // Runs the built-in detectors only, on a thread of their own, beside any walk.
+    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> scanDelegate);
+    // Checks one file synchronously with freshly loaded records and answers through
+    // addTorjanPathWithObj. Leaves pacing off until the next scan starts.
+    void startLitScan(const std::string& path,
+                      const std::shared_ptr<VkTorjanScanDelegate>& scanDelegate,
+                      const std::any& senderObj);
+    // Asks the running scan to stop and waits until the walk and the quick scan have ended.
+    void stopCurrentScan();
+    // True when no walk was ever started or the last one has finished (quick scans aside).
+    bool isStopScan() const;
+
+    // Pacing of full, custom and quick scans (on by default, as the panel scans). A
+    // foreground command-line scan turns it off.
+    void setPaceScans(bool on) { paceScans_.store(on); }
+    bool paceScans() const { return paceScans_.load(); }
+
+    // The roots of the full scan (paths on this machine).
+    const std::vector<std::string>& defaultScanPaths() const { return defaultScanPaths_; }
+    // Files handed to checkTorjan by the running or last walk.
+    uint64_t filesJudged() const { return filesJudged_.load(); }
+
+    // The worker body, the file walk and the quick stage.
+    void scanByQuery(bool withQuickStage);
+    void scanBaseItem();
+    void quickScan();
+
     // ---- Flags shared with the scan threads ----
 
     // Set: checkTorjan sleeps 1 to 1,500 microseconds before each file.
@@ -83,6 +146,27 @@ class VkTorjanScan {
     std::atomic<uint64_t> searchIndex_{0};
 
   private:
+    std::shared_ptr<VkTorjanScanDelegate> delegate() const;
+    void joinFinishedScanThread();
+
     mutable std::mutex torjanItemsMutex_;
     std::shared_ptr<const VkTorjanRecordList> torjanItems_;
+
+    std::shared_ptr<VkAntiTrojan> antiTrojan_;
+    std::vector<std::string> defaultScanPaths_;
+    std::vector<std::string> scopeDirectories_;
+    std::atomic<bool> paceScans_{true};
+    std::atomic<uint64_t> filesJudged_{0};
+
+    mutable std::mutex delegateMutex_;
+    std::shared_ptr<VkTorjanScanDelegate> scanDeleaget_;
+
+    // The worker of the current full or custom scan and whether it has finished.
+    std::mutex threadMutex_;
+    std::thread scanThread_;
+    std::atomic<bool> scanRunning_{false};
+    // The quick scan's thread ("operation queue"): the current one and earlier ones that
+    // were replaced while still running (joined on teardown).
+    std::thread quickThread_;
+    std::vector<std::thread> oldQuickThreads_;
 };

@@ -1,0 +1,201 @@
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanScan.h"
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const char kPayload[] = "synthetic-scan-test-payload-0123456789";
+
+class QuietPacing : public VkPacing {
+  public:
+    void sleepMicroseconds(long long) override {}
+};
+
+class VkScanWalkTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->pacing = std::make_shared<QuietPacing>();
+        ctx->coreFunction = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        VkFile::createDirectory(ctx->dataFolder, true);
+        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
+                                 {{"Test.Walk", kPayload, {}}});
+        anti = std::make_shared<VkAntiTrojan>(ctx);
+        root = ctx->systemRoot;
+    }
+    std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
+    std::unique_ptr<VkTorjanScan> scanner() {
+        auto s = std::make_unique<VkTorjanScan>(ctx, anti);
+        s->setPaceScans(false);
+        return s;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkAntiTrojan> anti;
+    std::string root;
+};
+
+TEST_F(VkScanWalkTest, FullScanSkipsExcludedRootsAndVolumesButCustomScanEntersThem) {
+    std::string app = plant("Applications/Evil.app/Contents/MacOS/evil");
+    for (const char* rel : {"net/x", "home/u/x", "dev/x", "Volumes/Disk/x", "proc/x", "sys/x"})
+        plant(rel);
+    dir.write("root/Applications/clean.txt", "clean");
+    auto s = scanner();
+    std::set<std::string> roots(s->defaultScanPaths().begin(), s->defaultScanPaths().end());
+    EXPECT_TRUE(roots.count(root + "/Applications"));
+    for (const char* excluded : {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"}) {
+        EXPECT_FALSE(roots.count(root + excluded)) << excluded;
+    }
+    auto full = std::make_shared<VkRecordingScanDelegate>();
+    s->startScan(full);
+    ASSERT_TRUE(full->waitForEnd());
+    EXPECT_EQ(full->resultPaths(), std::vector<std::string>{app});
+    for (const auto& p : full->progress()) {
+        if (p.item) {
+            EXPECT_EQ(p.item->find(root + "/Volumes"), std::string::npos) << *p.item;
+        }
+    }
+    EXPECT_EQ(full->progress().back().progress, 1.0f);
+
+    auto custom = std::make_shared<VkRecordingScanDelegate>();
+    s->startScan(std::vector<std::string>{root + "/Volumes/Disk"}, custom);
+    ASSERT_TRUE(custom->waitForEnd());
+    EXPECT_EQ(custom->resultPaths(), std::vector<std::string>{root + "/Volumes/Disk/x"});
+    EXPECT_EQ(custom->results()[0]->torjanItem()->name(), "Test.Walk");
+}
+
+TEST_F(VkScanWalkTest, SingleFileCustomScanReportsItThenTheEnd) {
+    std::string file = plant("Users/tester/Downloads/one.bin");
+    auto s = scanner();
+    auto d = std::make_shared<VkRecordingScanDelegate>();
+    s->startScan(std::vector<std::string>{file, root + "/does/not/exist"}, d);
+    ASSERT_TRUE(d->waitForEnd());
+    auto progress = d->progress();
+    ASSERT_EQ(progress.size(), 2u);
+    EXPECT_EQ(progress[0].item, file);
+    EXPECT_TRUE(progress[0].progress == 0.0f || progress[0].progress == 0.01f)
+        << progress[0].progress;
+    EXPECT_EQ(progress[1].progress, 1.0f);
+    EXPECT_FALSE(progress[1].item.has_value());
+    EXPECT_EQ(d->resultPaths(), std::vector<std::string>{file});
+    EXPECT_EQ(s->filesJudged(), 1u);
+}
+
+TEST_F(VkScanWalkTest, ProgressClimbsOnlyAfterListingAndCountsFolders) {
+    for (int i = 0; i < 50; ++i)
+        dir.write("root/tree/d" + std::to_string(i % 5) + "/f" + std::to_string(i), "x");
+    auto s = scanner();
+    auto d = std::make_shared<VkRecordingScanDelegate>();
+    s->startScan(std::vector<std::string>{root + "/tree"}, d);
+    ASSERT_TRUE(d->waitForEnd());
+    auto progress = d->progress();
+    ASSERT_EQ(progress.size(), 56u) << "5 folders + 50 files + the end";
+    float last = 0;
+    for (size_t i = 0; i + 1 < progress.size(); ++i) {
+        if (progress[i].progress == 0.01f)
+            continue;
+        EXPECT_GE(progress[i].progress, last);
+        EXPECT_LT(progress[i].progress, 1.0f);
+        last = progress[i].progress;
+    }
+}
+
+TEST_F(VkScanWalkTest, StopAndRestartAlwaysEndWithTheFinalReport) {
+    for (int i = 0; i < 3000; ++i)
+        dir.write("root/big/d" + std::to_string(i % 30) + "/f" + std::to_string(i), "x");
+    auto s = scanner();
+    EXPECT_TRUE(s->isStopScan());
+    auto first = std::make_shared<VkRecordingScanDelegate>();
+    s->startScan(std::vector<std::string>{root + "/big"}, first);
+    s->stopCurrentScan();
+    EXPECT_TRUE(s->isStopScan());
+    EXPECT_EQ(first->endCount(), 1u);
+    EXPECT_FALSE(first->progress().back().item.has_value());
+    EXPECT_LT(first->progress().size(), 3032u);
+
+    // A second start while a walk runs stops the first walk and starts afresh; the old
+    // walk's last reports already reach the new delegate.
+    auto a = std::make_shared<VkRecordingScanDelegate>();
+    auto b = std::make_shared<VkRecordingScanDelegate>();
+    std::string file = plant("small/hit.bin");
+    s->startScan(std::vector<std::string>{root + "/big"}, a);
+    s->startScan(std::vector<std::string>{file}, b);
+    ASSERT_TRUE(b->waitForEnd(20.0, 2));
+    EXPECT_EQ(b->resultPaths(), std::vector<std::string>{file});
+    EXPECT_EQ(a->endCount(), 0u);
+}
+
+class BlockingDelegate : public VkRecordingScanDelegate {
+  public:
+    std::atomic<bool> release{false};
+    std::atomic<bool> inside{false};
+    bool scanTorjanProcess(float p, const std::optional<std::string>& item) override {
+        if (item) {
+            inside = true;
+            while (!release)
+                std::this_thread::yield();
+        }
+        return VkRecordingScanDelegate::scanTorjanProcess(p, item);
+    }
+};
+
+TEST_F(VkScanWalkTest, QuickScanReportsFilesNotFoldersAndLeavesIsStopScanAlone) {
+    // DevilRobber's program matches by prefix; here it is a folder, which is not reported.
+    std::string plist =
+        VkFile::join(root, "Users/tester/Library/LaunchAgents/com.apple.legion.plist");
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(plist), true);
+    ASSERT_TRUE(VkPlist::dictionary({{"Program", "/Users/tester/Library/mdsa1331"}})
+                    .writeXmlFile(plist)
+                    .ok());
+    dir.mkdir("root/Users/tester/Library/mdsa1331");
+
+    auto s = scanner();
+    auto d = std::make_shared<BlockingDelegate>();
+    s->startQuickScan(d);
+    while (!d->inside)
+        std::this_thread::yield();
+    EXPECT_TRUE(s->isStopScan()) << "a quick scan is not a walk";
+    d->release = true;
+    ASSERT_TRUE(d->waitForEnd());
+    ASSERT_EQ(d->results().size(), 1u);
+    auto r = d->results()[0];
+    EXPECT_EQ(r->path(), plist);
+    EXPECT_TRUE(r->spec());
+    EXPECT_EQ(r->torjanName(), "OSX/DevilRobber.A");
+    EXPECT_EQ(r->torjanItem(), nullptr);
+    EXPECT_TRUE(r->hashCode().has_value());
+    EXPECT_EQ(d->progress().back().progress, 1.0f);
+}
+
+TEST_F(VkScanWalkTest, SingleFileCheckAnswersOnceWithTheSender) {
+    std::string clean = dir.write("root/clean.txt", "nothing to see");
+    std::string bad = plant("bad.bin");
+    auto s = scanner();
+    auto d = std::make_shared<VkRecordingScanDelegate>();
+    s->startLitScan(clean, d, std::string("row-7"));
+    s->startLitScan(bad, d, 42);
+    auto answers = d->answers();
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_EQ(answers[0].first, nullptr);
+    EXPECT_EQ(std::any_cast<std::string>(answers[0].second), "row-7");
+    ASSERT_NE(answers[1].first, nullptr);
+    EXPECT_EQ(answers[1].first->path(), bad);
+    EXPECT_EQ(std::any_cast<int>(answers[1].second), 42);
+    EXPECT_TRUE(d->progress().empty());
+}
+
+}  // namespace

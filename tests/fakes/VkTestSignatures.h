@@ -1,0 +1,53 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/VkTorjanScan.h"
+
+// A signature made from sample contents: the record matches exactly a file with these
+// bytes (size, MD5, and the head hash when larger than 1 MiB).
+struct VkTestSignature {
+    std::string name;
+    std::string contents;
+    std::vector<std::vector<std::string>> kill;  // empty: no kill list
+};
+
+// Writes a signature database (enciphered text fields, as the store keeps them) at path.
+void vkWriteSignatureDatabase(const std::string& path, const std::string& dbName,
+                              const std::string& version,
+                              const std::vector<VkTestSignature>& signatures);
+
+// Collects what a scan reports and lets a test wait for its end.
+class VkRecordingScanDelegate : public VkTorjanScanDelegate {
+  public:
+    struct Progress {
+        float progress;
+        std::optional<std::string> item;
+    };
+
+    void addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& item) override;
+    void addTorjanPathWithObj(const std::shared_ptr<VkTorjanResultItems>& item,
+                              const std::any& senderObj) override;
+    bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override;
+
+    // Waits (up to `seconds`) until `count` end reports (progress without a path) arrived.
+    bool waitForEnd(double seconds = 20.0, size_t count = 1);
+
+    std::vector<std::shared_ptr<VkTorjanResultItems>> results() const;
+    std::vector<std::string> resultPaths() const;
+    std::vector<Progress> progress() const;
+    std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>> answers() const;
+    size_t endCount() const;
+
+  private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::shared_ptr<VkTorjanResultItems>> results_;
+    std::vector<Progress> progress_;
+    std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>> answers_;
+    size_t ends_ = 0;
+};
