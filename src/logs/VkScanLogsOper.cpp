@@ -1,0 +1,114 @@
+#include "logs/VkScanLogsOper.h"
+
+#include <algorithm>
+
+#include "engine/VkTorjanResultItems.h"
+#include "platform/VkFileUtil.h"
+
+VkScanLogsOper::VkScanLogsOper(std::shared_ptr<VkContext> context)
+    : context_(std::move(context)), common_(context_) {
+    VkDate now = context_->clock->date();
+    auto file = VkPlist::readFile(logsFilePath(), 256u << 20);
+    if (file && file->asArray()) {
+        for (const auto& element : *file->asArray()) {
+            if (element.isDictionary())
+                logsArray_.push_back(std::make_shared<VkScanLogsNode>(element, now));
+        }
+    }
+    if (logsArray_.empty())
+        return;
+    auto& defaults = *context_->userDefaults;
+    double full = defaults.doubleForKey("LastScanTroajnTime");
+    double quick = defaults.doubleForKey("LastQuickScanTime");
+    for (const auto& node : logsArray_) {
+        if (!node->scanTime())
+            continue;
+        double t = node->scanTime()->secondsSince1970;
+        if (node->scanType() == 1)
+            full = std::max(full, t);
+        if (node->scanType() == 0)
+            quick = std::max(quick, t);
+    }
+    // A full scan counts as a quick scan too.
+    defaults.setDouble("LastScanTroajnTime", full);
+    defaults.setDouble("LastQuickScanTime", std::max(full, quick));
+}
+
+std::shared_ptr<VkScanLogsOper> VkScanLogsOper::sharedOper() {
+    static std::shared_ptr<VkScanLogsOper> shared =
+        std::make_shared<VkScanLogsOper>(VkContext::defaultContext());
+    return shared;
+}
+
+std::string VkScanLogsOper::logsFilePath() const {
+    return VkFile::join(common_.logsFolder(), "vkScan.logs");
+}
+
+void VkScanLogsOper::scanEnd(int32_t scanType) {
+    VkDate now = context_->clock->date();
+    auto node = std::make_shared<VkScanLogsNode>(now);
+    node->setScanType(scanType);
+    node->setScanTime(now);
+    currentLogs_ = node;
+    if (std::find(logsArray_.begin(), logsArray_.end(), node) == logsArray_.end()) {
+        logsArray_.push_back(node);
+    }
+    saveFileMonToDisk();
+}
+
+void VkScanLogsOper::addScanLogsArray(const ResultList& results) {
+    if (results.empty())
+        return;
+    for (const auto& result : results)
+        addScanLogsItem(result, 2);
+    saveFileMonToDisk();
+}
+
+void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>& result,
+                                     int32_t operType) {
+    if (currentLogs_ && result) {
+        for (const auto& item : currentLogs_->scanLogsItems()) {
+            if (item->filePath() == result->path().value_or("")) {
+                // Kept as the log has always done it: the change waits for the next write.
+                item->setOperType(operType);
+                return;
+            }
+        }
+        currentLogs_->addScanItem(std::make_shared<VkScanLogsItem>(*result, operType));
+    }
+    // Without a current scan nothing is recorded, but the write happens all the same.
+    saveFileMonToDisk();
+}
+
+void VkScanLogsOper::removeScanLogsItem(const std::shared_ptr<VkScanLogsNode>& node) {
+    std::erase(logsArray_, node);
+    saveFileMonToDisk();
+}
+
+void VkScanLogsOper::removeAllLogs() {
+    currentLogs_.reset();
+    logsArray_.clear();
+    saveFileMonToDisk();
+}
+
+void VkScanLogsOper::saveFileMonToDisk() {
+    if (currentLogs_ &&
+        std::find(logsArray_.begin(), logsArray_.end(), currentLogs_) == logsArray_.end()) {
+        logsArray_.push_back(currentLogs_);
+    }
+    common_.creatLogsFilePath();
+    // An absent "LogsKeepDay" reads 0: only nodes made at this very instant survive.
+    double cutoff =
+        context_->clock->now() -
+        static_cast<double>(context_->userDefaults->integerForKey("LogsKeepDay")) * 86400.0;
+    VkPlist::Array out;
+    std::erase_if(logsArray_, [&](const std::shared_ptr<VkScanLogsNode>& node) {
+        return node->logTime().secondsSince1970 < cutoff;
+    });
+    out.reserve(logsArray_.size());
+    for (const auto& node : logsArray_)
+        out.push_back(node->convertToDict());
+    VkFile::writeAtomically(logsFilePath(), VkPlist(std::move(out)).toXml(), 0600);
+    if (delegate_)
+        delegate_->refreshLogsOper();
+}

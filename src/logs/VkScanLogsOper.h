@@ -1,0 +1,59 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "logs/VkLogsOperCommon.h"
+#include "logs/VkScanLogsNode.h"
+#include "platform/VkContext.h"
+
+class VkTorjanResultItems;
+
+// Told after every write of the scan log.
+class VkScanLogsOperDelegate {
+  public:
+    virtual ~VkScanLogsOperDelegate() = default;
+    virtual void refreshLogsOper() = 0;
+};
+
+// The history of finished scans, kept in "Logs/vkScan.logs" (an XML property list),
+// trimmed by age ("LogsKeepDay") on every write. Used from the main thread.
+class VkScanLogsOper {
+  public:
+    using NodeList = std::vector<std::shared_ptr<VkScanLogsNode>>;
+    using ResultList = std::vector<std::shared_ptr<VkTorjanResultItems>>;
+
+    // Loads the log and brings "LastScanTroajnTime" / "LastQuickScanTime" up to date.
+    explicit VkScanLogsOper(std::shared_ptr<VkContext> context);
+    static std::shared_ptr<VkScanLogsOper> sharedOper();
+
+    // Starts the node of a scan that has just ended (0 quick, 1 full, 2 custom) and writes.
+    void scanEnd(int32_t scanType);
+    // Records each result as found (operation 2), then writes once more.
+    void addScanLogsArray(const ResultList& results);
+    // Records one file in the current scan; a file already listed only changes its
+    // operation, which reaches the disk with the next write.
+    void addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>& result, int32_t operType);
+    // Removes one scan's node and writes.
+    void removeScanLogsItem(const std::shared_ptr<VkScanLogsNode>& node);
+    // Forgets every scan and writes an empty log.
+    void removeAllLogs();
+    // Trims by age and writes the log (the name is historical: it saves the scan log).
+    void saveFileMonToDisk();
+
+    NodeList& scanLogsArray() { return logsArray_; }
+    const std::shared_ptr<VkScanLogsNode>& currentLogs() const { return currentLogs_; }
+    VkScanLogsOperDelegate* scanLogsOperDelegate() const { return delegate_; }
+    // Not retained: the delegate must outlive its registration or unset it.
+    void setScanLogsOperDelegate(VkScanLogsOperDelegate* delegate) { delegate_ = delegate; }
+
+    std::string logsFilePath() const;
+
+  private:
+    std::shared_ptr<VkContext> context_;
+    VkLogsOperCommon common_;
+    NodeList logsArray_;
+    std::shared_ptr<VkScanLogsNode> currentLogs_;
+    VkScanLogsOperDelegate* delegate_ = nullptr;
+};

@@ -1,0 +1,143 @@
+#include "logs/VkScanLogsOper.h"
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "engine/VkTorjanItem.h"
+#include "engine/VkTorjanResultItems.h"
+#include "fakes/VkTempDir.h"
+#include "logs/VkLogsOperCommon.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Listener : public VkScanLogsOperDelegate {
+  public:
+    int refreshes = 0;
+    void refreshLogsOper() override { ++refreshes; }
+};
+
+class VkScanLogsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        VkFile::createDirectory(ctx->dataFolder, true);
+        clock = std::dynamic_pointer_cast<VkManualClock>(ctx->clock);
+    }
+    std::shared_ptr<VkTorjanResultItems> result(const std::string& rel, const char* name) {
+        auto r = std::make_shared<VkTorjanResultItems>();
+        r->setPath(dir.write(rel, "payload"));
+        auto item = std::make_shared<VkTorjanItem>();
+        item->setName(std::string(name));
+        r->setTorjanItem(item);
+        return r;
+    }
+    VkPlist onDisk(VkScanLogsOper& logs) {
+        auto p = VkPlist::contentsOfFile(logs.logsFilePath());
+        return p ? *p : VkPlist();
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkManualClock> clock;
+};
+
+TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
+    ctx->userDefaults->setInteger("LogsKeepDay", 30);
+    VkScanLogsOper logs(ctx);
+    Listener listener;
+    logs.setScanLogsOperDelegate(&listener);
+    logs.scanEnd(1);
+    logs.addScanLogsArray({result("a/evil.bin", "Test.A"), result("b/bad.bin", "Test.B")});
+    auto file = onDisk(logs);
+    ASSERT_TRUE(file.asArray());
+    ASSERT_EQ(file.asArray()->size(), 1u);
+    const VkPlist& node = file.asArray()->at(0);
+    EXPECT_EQ(*node.get("ScanType")->asInt64(), 1);
+    EXPECT_TRUE(node.get("ScanTime")->isDate());
+    EXPECT_TRUE(node.get("LogCreateTime")->isDate());
+    const auto& items = *node.get("ScanItems")->asArray();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(*items[0].getString("FilePath"), dir / "a/evil.bin");
+    EXPECT_EQ(*items[0].get("FileSize")->asUInt64(), 7u);
+    EXPECT_EQ(*items[0].get("OperType")->asInt64(), 2);
+    EXPECT_EQ(*items[0].getString("TrojanName"), "Test.A");
+    EXPECT_EQ(listener.refreshes, 4) << "scanEnd, two items, and the final write";
+}
+
+TEST_F(VkScanLogsTest, AnAlreadyListedFileOnlyChangesItsOperationUntilTheNextWrite) {
+    ctx->userDefaults->setInteger("LogsKeepDay", 30);
+    VkScanLogsOper logs(ctx);
+    auto r = result("a/evil.bin", "Test.A");
+    logs.scanEnd(0);
+    logs.addScanLogsArray({r});
+    logs.addScanLogsItem(r, 1);
+    ASSERT_EQ(logs.currentLogs()->scanLogsItems().size(), 1u);
+    EXPECT_EQ(logs.currentLogs()->scanLogsItems()[0]->operType(), 1);
+    auto stale = onDisk(logs);
+    EXPECT_EQ(*stale.asArray()->at(0).get("ScanItems")->asArray()->at(0).get("OperType")->asInt64(),
+              2);
+    logs.saveFileMonToDisk();
+    auto fresh = onDisk(logs);
+    EXPECT_EQ(*fresh.asArray()->at(0).get("ScanItems")->asArray()->at(0).get("OperType")->asInt64(),
+              1);
+}
+
+TEST_F(VkScanLogsTest, RetentionByLogsKeepDay) {
+    {
+        ctx->userDefaults->setInteger("LogsKeepDay", 30);
+        VkScanLogsOper logs(ctx);
+        logs.scanEnd(1);  // 8 days old at the check below
+        clock->advance(2 * 86400);
+        logs.scanEnd(0);  // 6 days old
+    }
+    clock->advance(6 * 86400);
+    ctx->userDefaults->setInteger("LogsKeepDay", 7);
+    VkScanLogsOper logs(ctx);
+    ASSERT_EQ(logs.scanLogsArray().size(), 2u);
+    logs.saveFileMonToDisk();
+    ASSERT_EQ(logs.scanLogsArray().size(), 1u);
+    EXPECT_EQ(logs.scanLogsArray()[0]->scanType(), 0);
+
+    ctx->userDefaults->removeObject("LogsKeepDay");
+    clock->advance(1);
+    logs.saveFileMonToDisk();
+    EXPECT_TRUE(logs.scanLogsArray().empty()) << "absent LogsKeepDay keeps nothing older than now";
+}
+
+TEST_F(VkScanLogsTest, LoadingBringsBothTimeStampsUpToTheLatestFullScan) {
+    double fullTime = clock->now();
+    {
+        ctx->userDefaults->setInteger("LogsKeepDay", 30);
+        VkScanLogsOper logs(ctx);
+        logs.scanEnd(1);
+    }
+    ctx->userDefaults->setDouble("LastQuickScanTime", fullTime - 500);
+    ctx->userDefaults->removeObject("LastScanTroajnTime");
+    VkScanLogsOper again(ctx);
+    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastScanTroajnTime"), fullTime);
+    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastQuickScanTime"), fullTime);
+}
+
+TEST_F(VkScanLogsTest, RemoveAllWritesAnEmptyLogAndLogsFolderReplacesAPlainFile) {
+    dir.write("data/Logs", "not a folder");
+    ctx->userDefaults->setInteger("LogsKeepDay", 30);
+    VkScanLogsOper logs(ctx);
+    logs.scanEnd(2);
+    bool isDir = false;
+    ASSERT_TRUE(VkFile::exists(ctx->dataPath("Logs"), &isDir));
+    EXPECT_TRUE(isDir);
+    logs.removeAllLogs();
+    EXPECT_EQ(logs.currentLogs(), nullptr);
+    auto file = onDisk(logs);
+    ASSERT_TRUE(file.asArray());
+    EXPECT_TRUE(file.asArray()->empty());
+    // With no scan ended in this run, a recorded item is dropped but the write happens.
+    logs.addScanLogsItem(result("z.bin", "Z"), 0);
+    EXPECT_TRUE(onDisk(logs).asArray()->empty());
+}
+
+}  // namespace
