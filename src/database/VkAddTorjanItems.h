@@ -1,0 +1,154 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "database/VkSqliteManager.h"
+#include "platform/VkContext.h"
+#include "platform/VkDate.h"
+#include "platform/VkHttpClient.h"
+#include "platform/VkPlist.h"
+
+// Told the outcome of an update check. Called on the update loop's thread, or on the caller's
+// thread when startUpdate answers at once; a delegate that touches the UI moves to the main
+// thread itself.
+class VkAddTorjanDelegate {
+  public:
+    virtual ~VkAddTorjanDelegate() = default;
+    // success: the manifest was fetched, deciphered and read; updateDate: the date the last
+    // successful manifest carried, if any did.
+    virtual void updateTrojanData(bool success, std::optional<VkDate> updateDate) = 0;
+};
+
+// What one check of the update server did, entry by entry (for the command line).
+struct VkUpdateReport {
+    enum class Failure { None, Fetch, Decipher, Parse };
+    enum class Action {
+        Downloaded,        // staged in "temp"
+        NotNewer,          // not downloaded: a local copy is current (or the carry-over rule)
+        BadWebPath,        // skipped: "webpath" would leave the staging folder
+        DownloadFailed,    // the server did not deliver the file
+        ChecksumMismatch,  // discarded: not the file that "sha256" names
+        WriteFailed,       // could not be written into the staging folder
+    };
+    struct Entry {
+        std::string name;
+        std::string version;
+        std::string webpath;
+        // Version of the last known database of that name (staged or installed), if any.
+        std::optional<std::string> localVersion;
+        Action action = Action::NotNewer;
+        std::string detail;      // why a download failed
+        std::string stagedPath;  // where a download was written
+    };
+
+    bool success = false;  // the loop's updateSuccess
+    Failure failure = Failure::None;
+    std::string error;  // what went wrong when success is false
+    std::string manifestUrl;
+    std::vector<Entry> entries;          // the manifest's dictionaries, in manifest order
+    std::optional<VkDate> manifestDate;  // the trailing date of this manifest, if any
+};
+
+// Keeps the user's signature databases current: installs the packaged databases, runs a
+// background loop that fetches the enciphered update manifest and stages newer databases in
+// the data folder's "temp", moves staged files into place on request, and adds databases
+// that the user supplies. The scan center owns one instance.
+class VkAddTorjanItems {
+  public:
+    // The manifest's folder on the update server, and its file name.
+    static constexpr const char* kManifestFolder = "/velkora_soft_upgrade_files/trojanupdate/";
+    static constexpr const char* kManifestName = "version.xml";
+    // Wait limits of the loop, in ticks, after a successful and after a failed check.
+    static constexpr uint64_t kSuccessWaitTicks = 900;
+    static constexpr uint64_t kFailureWaitTicks = 300;
+    // Tick length of a loop started by startUpdate.
+    static constexpr double kDefaultTickSeconds = 2.0;
+
+    // Installs the packaged databases (resourceFolder/trojanDB/*.sql) that are missing from
+    // the data folder or newer than the installed copy. Never fails; problems only cut the
+    // installation short.
+    explicit VkAddTorjanItems(std::shared_ptr<VkContext> ctx,
+                              std::shared_ptr<VkHttpClient> http = nullptr);
+    // Stops the loop and waits for its thread.
+    ~VkAddTorjanItems();
+    VkAddTorjanItems(const VkAddTorjanItems&) = delete;
+    VkAddTorjanItems& operator=(const VkAddTorjanItems&) = delete;
+
+    // The elements of a property list (XML or binary) whose root is an array, else nil.
+    static std::optional<VkPlist::Array> arrayWithContentsOfData(const std::vector<uint8_t>& data);
+
+    // The loop thread's body: check, tell the waiting delegate, wait for a request, repeat
+    // until stopped.
+    void checkDataBaseLoop();
+    // Moves every staged "*.sql" into the data folder, replacing a file of the same name;
+    // other staged files stay. Returns the paths installed (our addition).
+    std::vector<std::string> copyToLocalPath();
+    // Copies a database file into the data folder (path appended whole as a component).
+    // Never replaces an existing file; true only when the copy succeeded.
+    bool addItemByPath(const std::string& path);
+    // Sets the tick length and starts the loop thread if there is none (and the loop was
+    // never stopped); with a thread already running only the tick length changes.
+    void startUpdateNotification(double tickSeconds);
+    // Stops the loop for good and waits for its thread (at most one tick plus a running
+    // download). Returns at once when no thread was ever started. A delegate still waiting
+    // is released without a call.
+    void stopUpdateNotification();
+    // Asks for a result: starts the loop (2-second ticks) and reports its first check; or,
+    // less than ten ticks after a successful check, answers at once on this thread; otherwise
+    // ends the loop's wait at the next tick and reports that check. Replaces a delegate that
+    // is still waiting. After stopUpdateNotification it answers at once with false.
+    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate);
+
+    // ---- Our additions ----
+
+    // One synchronous check, as the loop makes it: fetch, decipher and read the manifest,
+    // stage what is missing or newer. Updates updateSuccess and updateDate. Checks never
+    // overlap: a second caller waits for the first.
+    VkUpdateReport checkUpdateOnce();
+    // The manifest's address on the configured update server.
+    std::string manifestUrl() const;
+
+    bool updateSuccess() const { return updateSuccess_.load(); }
+    std::optional<VkDate> updateDate() const;
+    uint64_t loopCount() const { return loopCount_.load(); }
+    bool isContinueLoop() const { return isContinueLoop_.load(); }
+    bool stopLoop() const { return stopLoop_.load(); }
+    double sleepTime() const { return sleepTime_.load(); }
+
+  private:
+    void installPackagedFiles();
+    void tellWaitingDelegate();
+    void waitForRequest();
+    std::string stagingFolder() const;
+    std::string serverBase() const;
+
+    std::shared_ptr<VkContext> ctx_;
+    std::shared_ptr<VkHttpClient> http_;
+    std::shared_ptr<VkPacing> pacing_;
+
+    // The store is not thread-safe; the loop and addItemByPath share it.
+    std::mutex sqliteMutex_;
+    VkSqliteManager sqliteManager_;
+
+    std::atomic<double> sleepTime_{kDefaultTickSeconds};
+    std::atomic<bool> isContinueLoop_{false};
+    std::atomic<bool> stopLoop_{false};
+    std::atomic<bool> updateSuccess_{false};
+    std::atomic<uint64_t> loopCount_{0};
+
+    std::mutex threadMutex_;
+    std::thread loopThread_;
+
+    mutable std::mutex stateMutex_;  // updateDate_ and torjanDelegate_
+    std::optional<VkDate> updateDate_;
+    std::shared_ptr<VkAddTorjanDelegate> torjanDelegate_;
+
+    std::mutex checkMutex_;  // one check at a time
+};

@@ -1,0 +1,695 @@
+#include "database/VkAddTorjanItems.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <limits>
+#include <map>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include "database/VkManifestCipher.h"
+#include "database/VkSqliteManager.h"
+#include "database/VkUpdatePublisher.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHashValue.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Action = VkUpdateReport::Action;
+
+constexpr const char* kFolder = "/velkora_soft_upgrade_files/trojanupdate/";
+constexpr const char* kManifestPath = "/velkora_soft_upgrade_files/trojanupdate/version.xml";
+
+// The update loop's tick sleep, under the test's control: the loop takes only as many ticks
+// as the test allows and nothing really sleeps. A tick that is never allowed gives up after
+// a long failsafe (and says so), so a wrong loop fails instead of hanging.
+class TickGate : public VkPacing {
+  public:
+    void sleepMicroseconds(long long microseconds) override {
+        std::unique_lock lock(mutex_);
+        lastRequest_ = microseconds;
+        ++blocked_;
+        changed_.notify_all();
+        if (!changed_.wait_for(lock, 30s, [&] { return taken_ < allowed_; }))
+            overrun_ = true;
+        ++taken_;
+        --blocked_;
+        changed_.notify_all();
+    }
+    void allow(uint64_t ticks) {
+        std::lock_guard lock(mutex_);
+        allowed_ += ticks;
+        changed_.notify_all();
+    }
+    void openForever() { allow(std::numeric_limits<uint64_t>::max() / 2); }
+    // Waits until the loop has taken `ticks` ticks and sits in the next one.
+    bool waitBlockedAfter(uint64_t ticks) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 30s, [&] { return taken_ == ticks && blocked_ == 1; });
+    }
+    uint64_t taken() {
+        std::lock_guard lock(mutex_);
+        return taken_;
+    }
+    long long lastRequest() {
+        std::lock_guard lock(mutex_);
+        return lastRequest_;
+    }
+    bool overrun() {
+        std::lock_guard lock(mutex_);
+        return overrun_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    uint64_t allowed_ = 0;
+    uint64_t taken_ = 0;
+    int blocked_ = 0;
+    long long lastRequest_ = 0;
+    bool overrun_ = false;
+};
+
+class RecordingDelegate : public VkAddTorjanDelegate {
+  public:
+    struct Call {
+        bool success;
+        std::optional<VkDate> date;
+        std::thread::id thread;
+    };
+    void updateTrojanData(bool success, std::optional<VkDate> date) override {
+        std::lock_guard lock(mutex_);
+        calls_.push_back({success, date, std::this_thread::get_id()});
+        changed_.notify_all();
+    }
+    // The calls so far, after waiting (with a failsafe) for at least `count` of them.
+    std::vector<Call> calls(size_t count = 0) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, 30s, [&] { return calls_.size() >= count; });
+        return calls_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Call> calls_;
+};
+
+// A static HTTP server on loopback serving a folder, recording every path asked for; a path
+// can be made to answer with an error status instead.
+class FolderServer {
+  public:
+    explicit FolderServer(const std::string& root) {
+        VkFile::createDirectory(root, true);
+        server_.set_mount_point("/", root);
+        server_.set_pre_routing_handler(
+            [this](const httplib::Request& req, httplib::Response& res) {
+                std::lock_guard lock(mutex_);
+                requests_.push_back(req.path);
+                if (auto it = forced_.find(req.path); it != forced_.end()) {
+                    res.status = it->second;
+                    return httplib::Server::HandlerResponse::Handled;
+                }
+                return httplib::Server::HandlerResponse::Unhandled;
+            });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        while (!server_.is_running())
+            std::this_thread::yield();
+    }
+    ~FolderServer() {
+        server_.stop();
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    // status 0 serves the file again.
+    void force(const std::string& path, int status) {
+        std::lock_guard lock(mutex_);
+        if (status == 0)
+            forced_.erase(path);
+        else
+            forced_[path] = status;
+    }
+    size_t count(const std::string& path) {
+        std::lock_guard lock(mutex_);
+        return static_cast<size_t>(std::count(requests_.begin(), requests_.end(), path));
+    }
+    std::vector<std::string> requests() {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
+
+  private:
+    httplib::Server server_;
+    std::thread thread_;
+    int port_ = 0;
+    std::mutex mutex_;
+    std::vector<std::string> requests_;
+    std::map<std::string, int> forced_;
+};
+
+class VkAddTorjanItemsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->pacing = gate;
+        ctx->updateServer = server.url();
+        VkFile::createDirectory(ctx->dataFolder, true);
+    }
+    void TearDown() override {
+        gate->openForever();
+        items.reset();
+        EXPECT_FALSE(gate->overrun()) << "the loop waited for a tick the test never allowed";
+    }
+
+    // A signature database with its name and version, and one record so that files differ.
+    std::string makeDb(const std::string& path, const std::string& name,
+                       const std::string& version) {
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        VkSqliteManager store(ctx);
+        store.openDataBase(path);
+        EXPECT_TRUE(store.addDataBaseInfo(std::make_shared<VkDataBaseInfo>(name, version)));
+        auto item = std::make_shared<VkTorjanItem>();
+        item->setName(name + " " + version);
+        item->setFileSize(1000);
+        item->setTorjanCode("0123456789abcdef0123456789abcdef");
+        EXPECT_TRUE(store.addItemToDataBase(item));
+        store.closeDataBase();
+        return path;
+    }
+    std::string installed(const std::string& file, const std::string& name,
+                          const std::string& version) {
+        return makeDb(ctx->dataPath(file), name, version);
+    }
+    std::string staged(const std::string& file) { return ctx->dataPath("temp/" + file); }
+    std::string source(const std::string& file, const std::string& name,
+                       const std::string& version) {
+        return makeDb(dir / ("sources/" + file), name, version);
+    }
+    // What `vksig publish` writes, served by the loopback server.
+    void publish(const std::vector<std::string>& databases, std::optional<VkDate> date) {
+        auto published = VkUpdatePublisher::publish(www(), databases, date);
+        ASSERT_TRUE(published.ok()) << published.error();
+    }
+    // A hand-made manifest, enciphered as the server's are.
+    void serveManifest(const VkPlist& manifest) {
+        std::vector<uint8_t> body = VkUpdatePublisher::manifestBody(manifest);
+        ASSERT_FALSE(body.empty());
+        serveRaw(kManifestPath, std::string(body.begin(), body.end()));
+    }
+    void serveRaw(const std::string& urlPath, const std::string& bytes) {
+        std::string path = www() + urlPath;
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        ASSERT_TRUE(VkFile::writeAtomically(path, bytes).ok());
+    }
+    static VkPlist entry(const std::string& name, const std::string& version,
+                         const std::string& webpath) {
+        return VkPlist::dictionary({{"name", name}, {"version", version}, {"webpath", webpath}});
+    }
+    std::string www() { return dir / "www"; }
+    std::string contents(const std::string& path) {
+        auto read = VkFile::readAll(path);
+        return read.ok() ? *read : std::string("(missing)");
+    }
+    std::optional<std::string> versionOf(const std::string& path) {
+        VkSqliteManager store(ctx);
+        auto info = VkFile::exists(path) ? store.dataBaseForPath(path) : nullptr;
+        return info ? info->version() : std::nullopt;
+    }
+    VkAddTorjanItems& make() {
+        items = std::make_unique<VkAddTorjanItems>(ctx);
+        return *items;
+    }
+    // Starts the loop through startUpdate and returns the answer of its first check.
+    RecordingDelegate::Call firstAnswer() {
+        auto delegate = std::make_shared<RecordingDelegate>();
+        if (!items)
+            make();
+        items->startUpdate(delegate);
+        auto calls = delegate->calls(1);
+        EXPECT_EQ(calls.size(), 1u);
+        EXPECT_TRUE(gate->waitBlockedAfter(0)) << "the loop should wait after its check";
+        return calls.empty() ? RecordingDelegate::Call{} : calls[0];
+    }
+    size_t manifestRequests() { return server.count(kManifestPath); }
+    size_t fileRequests(const std::string& webpath) {
+        return server.count(std::string(kFolder) + webpath);
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
+    FolderServer server{dir / "www"};
+    std::unique_ptr<VkAddTorjanItems> items;
+};
+
+// ---- What the manifest makes the loop download ----
+
+TEST_F(VkAddTorjanItemsTest, DatabaseUnknownLocallyIsStagedAsServed) {
+    std::string a = source("A.sql", "Alpha", "1.0");
+    publish({a}, VkDate{1700000000});
+    auto answer = firstAnswer();
+    EXPECT_TRUE(answer.success);
+    ASSERT_TRUE(answer.date);
+    EXPECT_EQ(answer.date->secondsSince1970, 1700000000);
+    EXPECT_EQ(contents(staged("A.sql")), contents(a));
+    EXPECT_FALSE(VkFile::exists(ctx->dataPath("A.sql"))) << "only staged, not installed";
+    EXPECT_EQ(gate->lastRequest(), 2000000) << "startUpdate runs the loop with 2-second ticks";
+}
+
+TEST_F(VkAddTorjanItemsTest, OnlyNewerVersionsAreDownloadedComparedNumerically) {
+    installed("A.sql", "Alpha", "2.9");
+    installed("B.sql", "Beta", "1.0");
+    publish({source("A.sql", "Alpha", "2.10"), source("B.sql", "Beta", "1.0")}, std::nullopt);
+    VkUpdateReport report = make().checkUpdateOnce();
+    ASSERT_TRUE(report.success);
+    ASSERT_EQ(report.entries.size(), 2u);
+    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
+    EXPECT_EQ(report.entries[0].localVersion, "2.9");
+    EXPECT_EQ(report.entries[1].action, Action::NotNewer);
+    EXPECT_EQ(versionOf(staged("A.sql")), "2.10");
+    EXPECT_FALSE(VkFile::exists(staged("B.sql")));
+    EXPECT_EQ(fileRequests("B.sql"), 0u) << "an equal version is not even fetched";
+}
+
+TEST_F(VkAddTorjanItemsTest, FoundAndNewerCarryOverToEntriesWithoutLocalNamesake) {
+    installed("A.sql", "Alpha", "1.0");
+    std::string a = source("A.sql", "Alpha", "1.0");
+    std::string b = source("B.sql", "Beta", "1.0");
+    serveRaw(std::string(kFolder) + "A.sql", contents(a));
+    serveRaw(std::string(kFolder) + "B.sql", contents(b));
+    make();
+
+    // [A current, B absent]: found stays set from A and newer stays unset, so B is left alone.
+    serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), entry("Beta", "1.0", "B.sql")}));
+    items->checkUpdateOnce();
+    EXPECT_FALSE(VkFile::exists(staged("B.sql")));
+    EXPECT_EQ(fileRequests("B.sql"), 0u);
+
+    // The same entries the other way round: nothing is found before B, so B comes.
+    serveManifest(VkPlist::array({entry("Beta", "1.0", "B.sql"), entry("Alpha", "1.0", "A.sql")}));
+    items->checkUpdateOnce();
+    EXPECT_EQ(contents(staged("B.sql")), contents(b));
+    EXPECT_FALSE(VkFile::exists(staged("A.sql")));
+    ASSERT_TRUE(VkFile::removeTree(staged("B.sql")).ok());
+
+    // A newer A leaves newer set, and B after it is fetched with it.
+    serveManifest(VkPlist::array({entry("Alpha", "1.1", "A.sql"), entry("Beta", "1.0", "B.sql")}));
+    items->checkUpdateOnce();
+    EXPECT_TRUE(VkFile::exists(staged("A.sql")));
+    EXPECT_TRUE(VkFile::exists(staged("B.sql")));
+}
+
+TEST_F(VkAddTorjanItemsTest, StagedFilesAreKnownAndTheLastNamesakeDecides) {
+    std::string a2 = source("A.sql", "Alpha", "2.0");
+    publish({a2}, std::nullopt);
+    make();
+    // Staged 2.0 and nothing installed: the staged file counts, nothing is fetched.
+    makeDb(staged("A.sql"), "Alpha", "2.0");
+    items->checkUpdateOnce();
+    EXPECT_EQ(fileRequests("A.sql"), 0u);
+
+    // An older installed copy is listed after the staged one and so decides: fetched again.
+    installed("A.sql", "Alpha", "1.0");
+    VkUpdateReport report = items->checkUpdateOnce();
+    ASSERT_EQ(report.entries.size(), 1u);
+    EXPECT_EQ(report.entries[0].localVersion, "1.0");
+    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
+    EXPECT_EQ(fileRequests("A.sql"), 1u);
+}
+
+TEST_F(VkAddTorjanItemsTest, TrailingDateIsReportedAndAMissingOneKeepsThePrevious) {
+    make();
+    serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql")}));
+    EXPECT_FALSE(items->checkUpdateOnce().manifestDate);
+    EXPECT_FALSE(items->updateDate()) << "no date at first";
+
+    serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), VkPlist(VkDate{1600000000})}));
+    items->checkUpdateOnce();
+    ASSERT_TRUE(items->updateDate());
+    EXPECT_EQ(items->updateDate()->secondsSince1970, 1600000000);
+
+    // A date that is not last does not count; the previous one stays.
+    serveManifest(VkPlist::array({VkPlist(VkDate{1650000000}), entry("Alpha", "1.0", "A.sql"),
+                                  VkPlist("not a dictionary")}));
+    VkUpdateReport report = items->checkUpdateOnce();
+    EXPECT_TRUE(report.success);
+    EXPECT_EQ(report.entries.size(), 1u) << "elements that are not dictionaries are skipped";
+    ASSERT_TRUE(items->updateDate());
+    EXPECT_EQ(items->updateDate()->secondsSince1970, 1600000000);
+
+    // A failed check reports the previous date too.
+    server.force(kManifestPath, 500);
+    auto answer = firstAnswer();
+    EXPECT_FALSE(answer.success);
+    ASSERT_TRUE(answer.date);
+    EXPECT_EQ(answer.date->secondsSince1970, 1600000000);
+}
+
+// ---- Update safety ----
+
+TEST_F(VkAddTorjanItemsTest, WebPathsLeavingTheStagingFolderAreSkipped) {
+    std::string x = source("x.sql", "Evil", "9.0");
+    // Files where an escaping path would lead, so that a request would have found something.
+    serveRaw("/velkora_soft_upgrade_files/x.sql", contents(x));
+    serveRaw(std::string(kFolder) + "good.sql", contents(source("good.sql", "Good", "1.0")));
+    serveManifest(VkPlist::array({entry("E1", "1", "../x.sql"), entry("E2", "1", ""),
+                                  entry("E3", "1", "."), entry("E4", "1", ".."),
+                                  entry("E5", "1", "sub/x.sql"), entry("E6", "1", "..\\x.sql"),
+                                  VkPlist::dictionary({{"name", "E7"}, {"version", "1"}}),
+                                  entry("Good", "1.0", "good.sql")}));
+    VkUpdateReport report = make().checkUpdateOnce();
+    ASSERT_EQ(report.entries.size(), 8u);
+    for (size_t i = 0; i < 7; ++i)
+        EXPECT_EQ(report.entries[i].action, Action::BadWebPath) << report.entries[i].name;
+    EXPECT_EQ(report.entries[7].action, Action::Downloaded) << "the walk goes on";
+    for (const std::string& path : server.requests())
+        EXPECT_TRUE(path == kManifestPath || path == std::string(kFolder) + "good.sql") << path;
+    EXPECT_FALSE(VkFile::existsNoFollow(ctx->dataPath("x.sql")));
+    auto stagedNames = VkFile::listDirectory(ctx->dataPath("temp"));
+    ASSERT_TRUE(stagedNames.ok());
+    EXPECT_EQ(*stagedNames, std::vector<std::string>{"good.sql"});
+}
+
+TEST_F(VkAddTorjanItemsTest, DownloadNotMatchingItsSha256IsDiscarded) {
+    std::string a = source("A.sql", "Alpha", "1.0");
+    std::string b = source("B.sql", "Beta", "1.0");
+    serveRaw(std::string(kFolder) + "A.sql", contents(a));
+    serveRaw(std::string(kFolder) + "B.sql", contents(b));
+    std::string bytesOfA = contents(a);
+    std::string shaOfA =
+        *VkHashValue::hashWithData(bytesOfA.data(), static_cast<uint32_t>(bytesOfA.size()), 2);
+    VkPlist good = entry("Alpha", "1.0", "A.sql");
+    good.set("sha256", shaOfA);
+    VkPlist bad = entry("Beta", "1.0", "B.sql");
+    bad.set("sha256", shaOfA);  // the digest of another file
+    VkPlist wrongType = entry("Gamma", "1.0", "B.sql");
+    wrongType.set("sha256", VkPlist::integer(7));
+    serveManifest(VkPlist::array({good, bad, wrongType}));
+
+    VkUpdateReport report = make().checkUpdateOnce();
+    ASSERT_EQ(report.entries.size(), 3u);
+    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
+    EXPECT_EQ(report.entries[1].action, Action::ChecksumMismatch);
+    EXPECT_EQ(report.entries[2].action, Action::ChecksumMismatch);
+    EXPECT_EQ(contents(staged("A.sql")), bytesOfA);
+    EXPECT_FALSE(VkFile::exists(staged("B.sql")));
+    EXPECT_TRUE(report.success) << "a bad file does not make the manifest fail";
+}
+
+// ---- Failed fetches ----
+
+TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailure) {
+    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
+    make();
+    struct Case {
+        const char* what;
+        std::function<void()> arrange;
+        VkUpdateReport::Failure failure;
+    };
+    std::vector<Case> cases = {
+        {"404", [&] { server.force(kManifestPath, 404); }, VkUpdateReport::Failure::Fetch},
+        {"500", [&] { server.force(kManifestPath, 500); }, VkUpdateReport::Failure::Fetch},
+        {"down", [&] { ctx->updateServer = "http://127.0.0.1:1"; }, VkUpdateReport::Failure::Fetch},
+        {"plain XML",
+         [&] { serveRaw(kManifestPath, VkPlist::array({entry("Alpha", "1.0", "A.sql")}).toXml()); },
+         VkUpdateReport::Failure::Decipher},
+        {"not an array",
+         [&] {
+             serveManifest(VkPlist::dictionary({{"name", "Alpha"}}));
+         },
+         VkUpdateReport::Failure::Parse},
+    };
+    for (const Case& c : cases) {
+        ctx->updateServer = server.url();
+        c.arrange();
+        VkUpdateReport report = items->checkUpdateOnce();
+        EXPECT_FALSE(report.success) << c.what;
+        EXPECT_FALSE(items->updateSuccess()) << c.what;
+        EXPECT_EQ(report.failure, c.failure) << c.what;
+        EXPECT_FALSE(report.error.empty()) << c.what;
+        EXPECT_FALSE(VkFile::exists(ctx->dataPath("temp"))) << c.what;
+        server.force(kManifestPath, 0);
+        publish({dir / "sources/A.sql"}, VkDate{1700000000});
+    }
+    EXPECT_EQ(fileRequests("A.sql"), 0u);
+}
+
+TEST_F(VkAddTorjanItemsTest, ServerDownIsAFailedAnswerToTheDelegate) {
+    ctx->updateServer = "http://127.0.0.1:1";
+    auto answer = firstAnswer();
+    EXPECT_FALSE(answer.success);
+    EXPECT_FALSE(answer.date);
+    EXPECT_FALSE(items->updateSuccess());
+}
+
+// ---- startUpdate, the wait and stopping ----
+
+TEST_F(VkAddTorjanItemsTest, StartUpdateSoonAfterSuccessAnswersAtOnce) {
+    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
+    EXPECT_TRUE(firstAnswer().success);
+    gate->allow(3);
+    ASSERT_TRUE(gate->waitBlockedAfter(3));
+    EXPECT_EQ(items->loopCount(), 3u);
+
+    auto second = std::make_shared<RecordingDelegate>();
+    items->startUpdate(second);
+    auto calls = second->calls();
+    ASSERT_EQ(calls.size(), 1u) << "answered before startUpdate returned";
+    EXPECT_TRUE(calls[0].success);
+    EXPECT_EQ(calls[0].thread, std::this_thread::get_id());
+    ASSERT_TRUE(calls[0].date);
+    EXPECT_EQ(calls[0].date->secondsSince1970, 1700000000);
+    EXPECT_EQ(manifestRequests(), 1u);
+    EXPECT_FALSE(items->isContinueLoop());
+
+    // Ten ticks after the check the answer is no longer fresh: the loop checks again.
+    gate->allow(7);
+    ASSERT_TRUE(gate->waitBlockedAfter(10));
+    auto third = std::make_shared<RecordingDelegate>();
+    items->startUpdate(third);
+    EXPECT_TRUE(third->calls().empty());
+    gate->allow(1);
+    ASSERT_EQ(third->calls(1).size(), 1u);
+    EXPECT_NE(third->calls()[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(manifestRequests(), 2u);
+}
+
+TEST_F(VkAddTorjanItemsTest, StartUpdateAfterFailureFetchesAgainAtTheNextTick) {
+    server.force(kManifestPath, 500);
+    EXPECT_FALSE(firstAnswer().success);
+    gate->allow(3);
+    ASSERT_TRUE(gate->waitBlockedAfter(3));
+
+    server.force(kManifestPath, 0);
+    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
+    auto replaced = std::make_shared<RecordingDelegate>();
+    auto second = std::make_shared<RecordingDelegate>();
+    items->startUpdate(replaced);
+    items->startUpdate(second);  // replaces the first, which is never called
+    EXPECT_TRUE(second->calls().empty());
+    EXPECT_TRUE(items->isContinueLoop());
+    EXPECT_EQ(manifestRequests(), 1u);
+
+    gate->allow(1);
+    auto calls = second->calls(1);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_TRUE(calls[0].success);
+    EXPECT_NE(calls[0].thread, std::this_thread::get_id());
+    EXPECT_TRUE(VkFile::exists(staged("A.sql")));
+    EXPECT_EQ(manifestRequests(), 2u);
+    ASSERT_TRUE(gate->waitBlockedAfter(4));
+    EXPECT_FALSE(items->isContinueLoop());
+    EXPECT_TRUE(replaced->calls().empty());
+}
+
+TEST_F(VkAddTorjanItemsTest, WaitEndsOnlyOnRequestAndTheLimitHoldsOneTick) {
+    server.force(kManifestPath, 500);
+    EXPECT_FALSE(firstAnswer().success);
+    // Far past both limits without a request: no new check.
+    gate->allow(1000);
+    ASSERT_TRUE(gate->waitBlockedAfter(1000));
+    EXPECT_EQ(manifestRequests(), 1u);
+    EXPECT_EQ(items->loopCount(), 1000u);
+
+    // A request ends it at the next tick.
+    items->startUpdate(std::make_shared<RecordingDelegate>());
+    gate->allow(1);
+    ASSERT_TRUE(gate->waitBlockedAfter(1001));
+    EXPECT_EQ(manifestRequests(), 2u);
+
+    // A request seen when the count equals the limit (300 after a failure) waits one more
+    // tick: 299 ticks, request, and the 300th tick does not end the wait.
+    gate->allow(299);
+    ASSERT_TRUE(gate->waitBlockedAfter(1300));
+    auto held = std::make_shared<RecordingDelegate>();
+    items->startUpdate(held);
+    gate->allow(1);
+    ASSERT_TRUE(gate->waitBlockedAfter(1301));
+    EXPECT_EQ(items->loopCount(), 300u);
+    EXPECT_EQ(manifestRequests(), 2u);
+    EXPECT_TRUE(held->calls().empty());
+    gate->allow(1);
+    EXPECT_EQ(held->calls(1).size(), 1u);
+    EXPECT_EQ(manifestRequests(), 3u);
+}
+
+TEST_F(VkAddTorjanItemsTest, StopReturnsWithinOneTick) {
+    publish({source("A.sql", "Alpha", "1.0")}, std::nullopt);
+    EXPECT_TRUE(firstAnswer().success);
+    gate->allow(2);
+    ASSERT_TRUE(gate->waitBlockedAfter(2));
+
+    std::thread stopper([&] { items->stopUpdateNotification(); });
+    while (!items->stopLoop())
+        std::this_thread::yield();
+    gate->allow(1);  // the one tick the loop is sleeping in
+    stopper.join();
+    EXPECT_EQ(gate->taken(), 3u);
+    EXPECT_FALSE(gate->overrun());
+
+    // Stopped for good: no new thread, and a request is answered at once with failure.
+    items->startUpdateNotification(0.01);
+    auto late = std::make_shared<RecordingDelegate>();
+    items->startUpdate(late);
+    auto calls = late->calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_FALSE(calls[0].success);
+    EXPECT_EQ(manifestRequests(), 1u);
+}
+
+TEST_F(VkAddTorjanItemsTest, StopWithoutALoopReturnsAtOnce) {
+    make().stopUpdateNotification();
+    EXPECT_TRUE(items->stopLoop());
+    items.reset();  // the destructor stops again
+    EXPECT_EQ(manifestRequests(), 0u);
+}
+
+TEST_F(VkAddTorjanItemsTest, RealTicksOfTenMilliseconds) {
+    ctx->pacing = std::make_shared<VkPacing>();
+    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
+    make().startUpdateNotification(0.01);
+    EXPECT_EQ(items->sleepTime(), 0.01);
+    auto delegate = std::make_shared<RecordingDelegate>();
+    // Answered at once or by a fresh check, depending on how many ticks have passed.
+    items->startUpdate(delegate);
+    auto calls = delegate->calls(1);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_TRUE(calls[0].success);
+    EXPECT_TRUE(VkFile::exists(staged("A.sql")));
+    items->stopUpdateNotification();
+    EXPECT_EQ(delegate->calls().size(), 1u);
+}
+
+// ---- Applying staged files, adding databases, packaged databases ----
+
+TEST_F(VkAddTorjanItemsTest, CopyToLocalPathReplacesDatabasesAndLeavesOtherFiles) {
+    installed("x.sql", "X", "1.0");
+    makeDb(staged("x.sql"), "X", "2.0");
+    makeDb(staged("y.sql"), "Y", "1.0");
+    std::string notes = ctx->dataPath("temp/notes.txt");
+    ASSERT_TRUE(VkFile::writeAtomically(notes, std::string("keep me")).ok());
+
+    std::vector<std::string> done = make().copyToLocalPath();
+    std::sort(done.begin(), done.end());
+    EXPECT_EQ(done, (std::vector<std::string>{ctx->dataPath("x.sql"), ctx->dataPath("y.sql")}));
+    EXPECT_EQ(versionOf(ctx->dataPath("x.sql")), "2.0");
+    EXPECT_EQ(versionOf(ctx->dataPath("y.sql")), "1.0");
+    EXPECT_FALSE(VkFile::exists(staged("x.sql")));
+    EXPECT_EQ(contents(notes), "keep me");
+    EXPECT_FALSE(VkFile::exists(ctx->dataPath("notes.txt")));
+}
+
+TEST_F(VkAddTorjanItemsTest, CopyToLocalPathWithoutStagingFolderDoesNothing) {
+    installed("x.sql", "X", "1.0");
+    EXPECT_TRUE(make().copyToLocalPath().empty());
+    EXPECT_EQ(versionOf(ctx->dataPath("x.sql")), "1.0");
+}
+
+class WorkingDirectory {
+  public:
+    explicit WorkingDirectory(const std::string& path) {
+        char buffer[4096];
+        previous_ = ::getcwd(buffer, sizeof buffer) ? buffer : "/";
+        EXPECT_EQ(::chdir(path.c_str()), 0);
+    }
+    ~WorkingDirectory() { EXPECT_EQ(::chdir(previous_.c_str()), 0); }
+
+  private:
+    std::string previous_;
+};
+
+TEST_F(VkAddTorjanItemsTest, AddItemByPathCopiesNewFilesAndNeverReplaces) {
+    source("new.sql", "New", "1.0");
+    source("old.sql", "Old", "5.0");
+    installed("old.sql", "Old", "1.0");
+    make();
+    {
+        // A bare file name lands beside the other databases.
+        WorkingDirectory cwd(dir / "sources");
+        EXPECT_TRUE(items->addItemByPath("new.sql"));
+        EXPECT_EQ(versionOf(ctx->dataPath("new.sql")), "1.0");
+        // Newer offered, older installed: still no replacement.
+        EXPECT_FALSE(items->addItemByPath("old.sql"));
+        EXPECT_EQ(versionOf(ctx->dataPath("old.sql")), "1.0");
+    }
+    // The whole path is appended: an absolute path points into a nested folder.
+    std::string absolute = dir / "sources/new.sql";
+    EXPECT_FALSE(items->addItemByPath(absolute)) << "the nested folder does not exist";
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(ctx->dataFolder + absolute), true);
+    EXPECT_TRUE(items->addItemByPath(absolute));
+    EXPECT_EQ(versionOf(ctx->dataFolder + absolute), "1.0");
+    EXPECT_FALSE(items->addItemByPath(dir / "sources/missing.sql"));
+}
+
+TEST_F(VkAddTorjanItemsTest, PackagedDatabasesReplaceOnlyOlderInstalledOnes) {
+    std::string packaged = ctx->resourceFolder + "/trojanDB/";
+    makeDb(packaged + "P.sql", "P", "2.0");
+    makeDb(packaged + "Q.sql", "Q", "1.0");
+    makeDb(packaged + "S.sql", "S", "1.0");
+    ASSERT_TRUE(VkFile::writeAtomically(packaged + "R.sql", std::string("not sqlite")).ok());
+    ASSERT_TRUE(VkFile::writeAtomically(packaged + "readme.txt", std::string("text")).ok());
+    installed("P.sql", "P", "1.0");
+    installed("Q.sql", "Q", "3.0");
+    installed("R.sql", "R", "1.0");
+
+    make();
+    EXPECT_EQ(versionOf(ctx->dataPath("P.sql")), "2.0");
+    EXPECT_EQ(versionOf(ctx->dataPath("Q.sql")), "3.0");
+    EXPECT_EQ(versionOf(ctx->dataPath("R.sql")), "1.0") << "unreadable compares as the same";
+    EXPECT_EQ(versionOf(ctx->dataPath("S.sql")), "1.0");
+    EXPECT_FALSE(VkFile::exists(ctx->dataPath("readme.txt")));
+}
+
+TEST_F(VkAddTorjanItemsTest, PackagedDatabasesCreateTheDataFolderButNotItsParents) {
+    makeDb(ctx->resourceFolder + "/trojanDB/P.sql", "P", "1.0");
+    ASSERT_TRUE(VkFile::removeTree(ctx->dataFolder).ok());
+    make();
+    EXPECT_EQ(versionOf(ctx->dataPath("P.sql")), "1.0");
+
+    items.reset();
+    ctx->dataFolder = dir / "missing/parent/data";
+    make();
+    EXPECT_FALSE(VkFile::exists(dir / "missing"));
+}
+
+TEST(VkAddTorjanItemsParse, ArrayWithContentsOfDataTakesOnlyArrays) {
+    VkPlist list = VkPlist::array({"a", VkPlist::integer(2)});
+    std::vector<uint8_t> binary = list.toBinary();
+    auto parsed = VkAddTorjanItems::arrayWithContentsOfData(binary);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(VkPlist(*parsed), list);
+    std::string xml = VkPlist::dictionary({{"a", "b"}}).toXml();
+    EXPECT_FALSE(VkAddTorjanItems::arrayWithContentsOfData({xml.begin(), xml.end()}));
+    EXPECT_FALSE(VkAddTorjanItems::arrayWithContentsOfData({'x', 'y', 'z'}));
+    EXPECT_FALSE(VkAddTorjanItems::arrayWithContentsOfData({}));
+}
+
+}  // namespace

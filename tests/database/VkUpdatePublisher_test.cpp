@@ -1,0 +1,95 @@
+#include "database/VkUpdatePublisher.h"
+
+#include <cstdio>
+
+#include <gtest/gtest.h>
+
+#include "database/VkAddTorjanItems.h"
+#include "database/VkManifestCipher.h"
+#include "database/VkSqliteManager.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHashValue.h"
+
+namespace {
+
+class VkUpdatePublisherTest : public ::testing::Test {
+  protected:
+    std::string makeDb(const std::string& relative, const std::optional<std::string>& name,
+                       const std::string& version) {
+        std::string path = dir / relative;
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        VkSqliteManager store(std::make_shared<VkContext>());
+        store.openDataBase(path);
+        if (name) {
+            EXPECT_TRUE(store.addDataBaseInfo(std::make_shared<VkDataBaseInfo>(*name, version)));
+        }
+        store.closeDataBase();
+        return path;
+    }
+    std::string folder() { return dir / "out/velkora_soft_upgrade_files/trojanupdate"; }
+
+    VkTempDir dir;
+};
+
+TEST_F(VkUpdatePublisherTest, WritesDatabasesAndAnEncipheredManifestWithDigests) {
+    std::string a = makeDb("src/A.sql", "Alpha", "1.10");
+    std::string b = makeDb("src/B.sql", "Beta", "2");
+    auto published = VkUpdatePublisher::publish(dir / "out", {a, b}, VkDate{1700000000});
+    ASSERT_TRUE(published.ok()) << published.error();
+
+    auto body = VkFile::readAll(folder() + "/version.xml");
+    ASSERT_TRUE(body.ok());
+    auto plain = VkManifestCipher::decrypt({body->begin(), body->end()});
+    ASSERT_TRUE(plain);
+    auto manifest = VkAddTorjanItems::arrayWithContentsOfData(*plain);
+    ASSERT_TRUE(manifest);
+    ASSERT_EQ(manifest->size(), 3u);
+    EXPECT_EQ((*manifest)[2].asDate()->secondsSince1970, 1700000000);
+    const char* names[] = {"Alpha", "Beta"};
+    const char* versions[] = {"1.10", "2"};
+    const char* files[] = {"A.sql", "B.sql"};
+    for (int i = 0; i < 2; ++i) {
+        const VkPlist& entry = (*manifest)[i];
+        EXPECT_EQ(*entry.getString("name"), names[i]);
+        EXPECT_EQ(*entry.getString("version"), versions[i]);
+        EXPECT_EQ(*entry.getString("webpath"), files[i]);
+        std::string served = *VkFile::readAll(folder() + "/" + files[i]);
+        EXPECT_EQ(served, *VkFile::readAll(i == 0 ? a : b));
+        EXPECT_EQ(
+            *entry.getString("sha256"),
+            *VkHashValue::hashWithData(served.data(), static_cast<uint32_t>(served.size()), 2));
+    }
+}
+
+TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
+    std::string a = makeDb("src/A.sql", "Alpha", "1.0");
+    std::string sameName = makeDb("other/A2.sql", "Alpha", "2.0");
+    std::string sameFile = makeDb("other/A.sql", "Gamma", "1.0");
+    std::string undescribed = makeDb("src/U.sql", std::nullopt, "");
+    std::string text = dir.write("src/T.sql", "not a database");
+    // A real database under a name that clients would never install.
+    std::string wrongName = dir / "src/W.db";
+    ASSERT_EQ(std::rename(makeDb("src/W.sql", "W", "1.0").c_str(), wrongName.c_str()), 0);
+    std::vector<std::vector<std::string>> refused = {
+        {}, {a, sameName}, {a, sameFile}, {undescribed}, {text}, {wrongName}, {dir / "none.sql"}};
+    for (const auto& databases : refused) {
+        auto published = VkUpdatePublisher::publish(dir / "out", databases, std::nullopt);
+        EXPECT_FALSE(published.ok()) << (databases.empty() ? "(none)" : databases.back());
+        EXPECT_FALSE(published.ok() || published.error().empty());
+        EXPECT_FALSE(VkFile::exists(dir / "out"));
+    }
+}
+
+TEST_F(VkUpdatePublisherTest, ManifestWithoutDateEndsWithTheLastEntry) {
+    std::string a = makeDb("src/A.sql", "Alpha", "1.0");
+    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "out", {a}, std::nullopt).ok());
+    auto body = *VkFile::readAll(folder() + "/version.xml");
+    auto manifest = VkAddTorjanItems::arrayWithContentsOfData(
+        *VkManifestCipher::decrypt({body.begin(), body.end()}));
+    ASSERT_TRUE(manifest);
+    ASSERT_EQ(manifest->size(), 1u);
+    EXPECT_TRUE((*manifest)[0].isDictionary());
+}
+
+}  // namespace
