@@ -1,0 +1,86 @@
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "VkCli.h"
+#include "database/VkSqliteManager.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+struct Listed {
+    std::string path;
+    std::optional<std::string> name;
+    std::optional<std::string> version;
+    bool readable = false;
+};
+
+std::vector<Listed> describe(VkSqliteManager& store, const std::vector<std::string>& paths) {
+    std::vector<Listed> out;
+    for (const auto& path : paths) {
+        Listed item{path, std::nullopt, std::nullopt, false};
+        if (auto info = store.dataBaseForPath(path)) {
+            item.readable = true;
+            item.name = info->name();
+            item.version = info->version();
+        }
+        out.push_back(std::move(item));
+    }
+    return out;
+}
+
+nlohmann::json toJson(const std::vector<Listed>& list) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& item : list) {
+        out.push_back({{"path", item.path},
+                       {"file", VkFile::lastPathComponent(item.path)},
+                       {"name", item.name ? nlohmann::json(*item.name) : nullptr},
+                       {"version", item.version ? nlohmann::json(*item.version) : nullptr},
+                       {"readable", item.readable}});
+    }
+    return out;
+}
+
+void print(const char* title, const std::string& folder, const std::vector<Listed>& list) {
+    std::printf("%s (%s):\n", title, folder.c_str());
+    if (list.empty())
+        std::printf("  (none)\n");
+    for (const auto& item : list) {
+        std::string file = VkFile::lastPathComponent(item.path);
+        if (!item.readable)
+            std::printf("  %-24s (not a readable signature database)\n", file.c_str());
+        else
+            std::printf("  %-24s %s %s\n", file.c_str(), item.name.value_or("?").c_str(),
+                        item.version.value_or("?").c_str());
+    }
+}
+
+}  // namespace
+
+// `vksecurity db`: the installed, staged and packaged signature databases with their names
+// and versions.
+static VkCliCommand registration(510, [](CLI::App& app, VkCli& cli) {
+    auto* cmd = app.add_subcommand(
+        "db", "List the installed, staged (downloaded, not yet installed) and packaged databases");
+    cmd->callback([&cli] {
+        auto ctx = cli.context();
+        VkSqliteManager store(ctx);
+        std::string packagedFolder = VkFile::join(ctx->resourceFolder, "trojanDB");
+        auto installed = describe(store, store.dataBasePaths());
+        auto staged = describe(store, store.dataBaseTempPaths());
+        auto packaged = describe(store, VkSqliteManager::contentFilesOfPath(packagedFolder));
+        if (cli.json) {
+            nlohmann::json out = {{"dataFolder", ctx->dataFolder},
+                                  {"installed", toJson(installed)},
+                                  {"staged", toJson(staged)},
+                                  {"packaged", toJson(packaged)}};
+            std::printf("%s\n", out.dump(2).c_str());
+            return;
+        }
+        print("installed", ctx->dataFolder, installed);
+        print("staged", ctx->dataPath("temp"), staged);
+        print("packaged", packagedFolder, packaged);
+    });
+});

@@ -1,0 +1,165 @@
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "VkCli.h"
+#include "database/VkAddTorjanItems.h"
+#include "database/VkSqliteManager.h"
+
+namespace {
+
+using Action = VkUpdateReport::Action;
+
+const char* actionWord(Action action) {
+    switch (action) {
+        case Action::Downloaded:
+            return "downloaded";
+        case Action::NotNewer:
+            return "current";
+        case Action::BadWebPath:
+            return "skipped";
+        case Action::DownloadFailed:
+            return "failed";
+        case Action::ChecksumMismatch:
+            return "discarded";
+        case Action::WriteFailed:
+            return "unwritten";
+    }
+    return "?";
+}
+
+bool isProblem(Action action) {
+    return action != Action::Downloaded && action != Action::NotNewer;
+}
+
+std::string explain(const VkUpdateReport::Entry& e) {
+    switch (e.action) {
+        case Action::Downloaded:
+            return e.localVersion ? "newer than the local " + *e.localVersion : "new database";
+        case Action::NotNewer:
+            return e.localVersion ? "local version " + *e.localVersion
+                                  : "not fetched: no local copy, but an earlier manifest entry "
+                                    "was current";
+        case Action::BadWebPath:
+            return "unsafe file name \"" + e.webpath + "\" in the manifest";
+        case Action::DownloadFailed:
+        case Action::ChecksumMismatch:
+        case Action::WriteFailed:
+            return e.detail;
+    }
+    return "";
+}
+
+std::string dateText(const std::optional<VkDate>& date) {
+    if (!date)
+        return "";
+    time_t seconds = static_cast<time_t>(date->secondsSince1970);
+    std::tm tm{};
+    ::gmtime_r(&seconds, &tm);
+    char buffer[32];
+    std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buffer;
+}
+
+nlohmann::json optionalText(const std::optional<std::string>& text) {
+    return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+
+}  // namespace
+
+// `vksecurity update [--server URL]`: one check of the update server, then the staged
+// databases are moved into place.
+static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
+    auto server = std::make_shared<std::string>();
+    auto* cmd = app.add_subcommand(
+        "update", "Fetch newer signature databases from the update server and install them");
+    cmd->add_option("--server", *server,
+                    "Update server base URL (default: VK_UPDATE_SERVER, else the vendor's "
+                    "server)");
+    cmd->callback([&cli, server] {
+        auto ctx = cli.context();
+        if (!server->empty()) {
+            if (server->rfind("http://", 0) != 0 && server->rfind("https://", 0) != 0)
+                return vkCliFail(cli, "--server " + *server +
+                                          ": expected an http:// or "
+                                          "https:// address");
+            ctx->updateServer = *server;
+        }
+        VkAddTorjanItems updater(ctx);
+        VkUpdateReport report = updater.checkUpdateOnce();
+        // Files staged by an earlier check are applied even when this one fails.
+        std::vector<std::string> installed = updater.copyToLocalPath();
+
+        VkSqliteManager store(ctx);
+        size_t problems = 0;
+        for (const auto& e : report.entries)
+            problems += isProblem(e.action);
+
+        if (cli.json) {
+            nlohmann::json entries = nlohmann::json::array();
+            for (const auto& e : report.entries) {
+                entries.push_back({{"name", e.name},
+                                   {"version", e.version},
+                                   {"webpath", e.webpath},
+                                   {"localVersion", optionalText(e.localVersion)},
+                                   {"action", actionWord(e.action)},
+                                   {"detail", explain(e)}});
+            }
+            nlohmann::json done = nlohmann::json::array();
+            for (const auto& path : installed) {
+                auto info = store.dataBaseForPath(path);
+                done.push_back({{"path", path},
+                                {"name", optionalText(info ? info->name() : std::nullopt)},
+                                {"version", optionalText(info ? info->version() : std::nullopt)}});
+            }
+            nlohmann::json out = {
+                {"server", ctx->updateServer},
+                {"manifest", report.manifestUrl},
+                {"success", report.success},
+                {"error", report.success ? nlohmann::json(nullptr) : nlohmann::json(report.error)},
+                {"updateDate", report.manifestDate ? nlohmann::json(dateText(report.manifestDate))
+                                                   : nlohmann::json(nullptr)},
+                {"entries", entries},
+                {"installed", done}};
+            std::printf("%s\n", out.dump(2).c_str());
+        } else {
+            std::printf("update server: %s\n", ctx->updateServer.c_str());
+            if (report.success) {
+                std::printf("manifest: %zu database(s)%s%s\n", report.entries.size(),
+                            report.manifestDate ? ", update date " : "",
+                            dateText(report.manifestDate).c_str());
+            }
+            for (const auto& e : report.entries) {
+                std::printf("  %-10s %s %s: %s\n", actionWord(e.action), e.name.c_str(),
+                            e.version.c_str(), explain(e).c_str());
+            }
+            for (const auto& path : installed) {
+                auto info = store.dataBaseForPath(path);
+                std::printf("installed %s", path.c_str());
+                if (info)
+                    std::printf(" (%s %s)", info->name().value_or("?").c_str(),
+                                info->version().value_or("?").c_str());
+                std::printf("\n");
+            }
+            if (report.success && problems == 0 && installed.empty())
+                std::printf("the signature databases are up to date\n");
+        }
+
+        if (!report.success) {
+            const char* what = report.failure == VkUpdateReport::Failure::Fetch
+                                   ? "cannot reach the update server"
+                               : report.failure == VkUpdateReport::Failure::Decipher
+                                   ? "the update manifest does not decipher (not an update "
+                                     "server, or a damaged file)"
+                                   : "the update manifest is not a list of databases";
+            return vkCliFail(cli, std::string(what) + ": " + report.error);
+        }
+        if (problems > 0)
+            vkCliFail(cli, std::to_string(problems) +
+                               " database(s) of the manifest could not be "
+                               "downloaded");
+    });
+});

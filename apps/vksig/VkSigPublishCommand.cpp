@@ -1,0 +1,115 @@
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "VkSig.h"
+#include "database/VkUpdatePublisher.h"
+
+namespace {
+
+// "YYYY-MM-DD" (midnight) or "YYYY-MM-DDTHH:MM:SS", with or without a final "Z"; always UTC.
+std::optional<VkDate> parseDate(const std::string& text) {
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    int used = 0;
+    bool parsed = false;
+    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &year, &month, &day, &hour, &minute,
+                    &second, &used) == 6) {
+        parsed = true;
+    } else if (std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &year, &month, &day, &used) == 3) {
+        hour = minute = second = 0;
+        parsed = true;
+    }
+    if (!parsed)
+        return std::nullopt;
+    std::string rest = text.substr(static_cast<size_t>(used));
+    if (!rest.empty() && rest != "Z")
+        return std::nullopt;
+    std::tm tm{};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = minute;
+    tm.tm_sec = second;
+    time_t seconds = ::timegm(&tm);
+    // timegm normalises 2024-02-31 into March; such a date is a typing error.
+    if (tm.tm_year != year - 1900 || tm.tm_mon != month - 1 || tm.tm_mday != day ||
+        tm.tm_hour != hour || tm.tm_min != minute || tm.tm_sec != second) {
+        return std::nullopt;
+    }
+    return VkDate{static_cast<double>(seconds)};
+}
+
+std::string dateText(VkDate date) {
+    time_t seconds = static_cast<time_t>(date.secondsSince1970);
+    std::tm tm{};
+    ::gmtime_r(&seconds, &tm);
+    char buffer[32];
+    std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buffer;
+}
+
+}  // namespace
+
+// `vksig publish OUTDIR DB... [--date DATE | --no-date]`: an update folder for a static HTTP
+// server, with the enciphered manifest listing every database and its SHA-256.
+static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
+    struct Options {
+        std::string outDir;
+        std::vector<std::string> databases;
+        std::string date;
+        bool noDate = false;
+        bool json = false;
+    };
+    auto o = std::make_shared<Options>();
+    auto* cmd = app.add_subcommand(
+        "publish", "Write an update folder (enciphered manifest and databases) for a web server");
+    cmd->add_option("OUTDIR", o->outDir,
+                    "Folder to serve; the files go to "
+                    "OUTDIR/velkora_soft_upgrade_files/trojanupdate/")
+        ->required();
+    cmd->add_option("DB", o->databases, "Signature databases (.sql) to publish")->required();
+    auto* date = cmd->add_option("--date", o->date,
+                                 "Update date shown to users: YYYY-MM-DD or YYYY-MM-DDTHH:MM:SSZ, "
+                                 "UTC (default: now)");
+    cmd->add_flag("--no-date", o->noDate, "Publish the manifest without an update date")
+        ->excludes(date);
+    cmd->add_flag("--json", o->json, "Machine-readable output");
+    cmd->callback([o, &cli] {
+        std::optional<VkDate> when;
+        if (!o->date.empty()) {
+            when = parseDate(o->date);
+            if (!when)
+                return vkSigFail(
+                    cli, "--date " + o->date + ": expected YYYY-MM-DD or YYYY-MM-DDTHH:MM:SSZ");
+        } else if (!o->noDate) {
+            when = VkDate{static_cast<double>(std::time(nullptr))};
+        }
+        auto published = VkUpdatePublisher::publish(o->outDir, o->databases, when);
+        if (!published)
+            return vkSigFail(cli, published.error());
+        std::string folder = VkUpdatePublisher::updateFolder(o->outDir);
+        if (o->json) {
+            nlohmann::json files = nlohmann::json::array();
+            for (const auto& e : *published)
+                files.push_back({{"name", e.name},
+                                 {"version", e.version},
+                                 {"webpath", e.webpath},
+                                 {"sha256", e.sha256}});
+            nlohmann::json out = {{"folder", folder},
+                                  {"date", when ? nlohmann::json(dateText(*when)) : nullptr},
+                                  {"databases", files}};
+            std::printf("%s\n", out.dump(2).c_str());
+            return;
+        }
+        std::printf("published to %s\n", folder.c_str());
+        for (const auto& e : *published)
+            std::printf("  %s %s  %s  sha256 %s\n", e.name.c_str(), e.version.c_str(),
+                        e.webpath.c_str(), e.sha256.c_str());
+        std::printf("update date: %s\n", when ? dateText(*when).c_str() : "(none)");
+    });
+});
