@@ -13,8 +13,11 @@
 
 #include "VkCli.h"
 #include "database/VkSqliteManager.h"
+#include "engine/VkTorjanCenter.h"
 #include "engine/VkTorjanScan.h"
+#include "logs/VkScanLogsOper.h"
 #include "platform/VkFileUtil.h"
+#include "remediation/VkKillTorjans.h"
 
 namespace {
 
@@ -29,7 +32,15 @@ struct ScanOptions {
     bool full = false;
     bool quick = false;
     bool pace = false;
+    bool remove = false;
+    bool quarantine = false;
+    bool trust = false;
 };
+
+// Scan kinds as the scan history numbers them.
+constexpr int32_t kQuickScan = 0;
+constexpr int32_t kFullScan = 1;
+constexpr int32_t kCustomScan = 2;
 
 std::string elapsedText(double seconds) {
     long t = static_cast<long>(seconds);
@@ -137,6 +148,10 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         std::lock_guard lock(mutex_);
         return findings_.size();
     }
+    std::vector<std::shared_ptr<VkTorjanResultItems>> findings() {
+        std::lock_guard lock(mutex_);
+        return findings_;
+    }
     uint64_t entries() {
         std::lock_guard lock(mutex_);
         return entries_;
@@ -162,7 +177,80 @@ class CliScanDelegate : public VkTorjanScanDelegate {
     bool drawn_ = false;
 };
 
+void printOutcome(VkCli& cli, const std::string& path, const char* action, bool ok,
+                  const std::string& reason) {
+    if (cli.json) {
+        nlohmann::json j = {{"type", "action"}, {"path", path}, {"action", action}, {"ok", ok}};
+        if (!ok)
+            j["reason"] = reason;
+        std::printf("%s\n",
+                    j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    } else if (ok) {
+        std::printf("%s: %s\n", path.c_str(), action);
+    } else {
+        std::printf("%s: NOT %s (%s)\n", path.c_str(), action, reason.c_str());
+    }
+}
+
+// Carries out the clean step the user asked for on every finding; false when any file
+// could not be dealt with.
+bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& center,
+                   VkScanLogsOper& logs,
+                   const std::vector<std::shared_ptr<VkTorjanResultItems>>& findings) {
+    bool allDone = true;
+    if (options.trust) {
+        for (const auto& item : findings) {
+            center.addTrustFile(item);
+            logs.addScanLogsItem(item, 1);
+            printOutcome(cli, item->path().value_or(""), "trusted", true, "");
+        }
+    } else if (options.quarantine) {
+        for (const auto& item : findings) {
+            bool ok = center.addQuarantineItem(item);
+            allDone = allDone && ok;
+            printOutcome(cli, item->path().value_or(""), "quarantined", ok,
+                         "the file could not be moved into the quarantine");
+        }
+    } else if (options.remove) {
+        VkKillReport report = center.killTorjans().killTorjanItemAndWait(findings);
+        if (!report.completed) {
+            vkCliFail(cli, "removal did not run: the process list could not be read");
+            return false;
+        }
+        for (const auto& outcome : report.outcomes) {
+            std::string path = outcome.result->path().value_or("");
+            bool ok = true;
+            std::string reason;
+            if (outcome.special) {
+                ok = !outcome.specialFileRemains;
+                reason = "left in place by the built-in detector's clean-up";
+            }
+            for (const auto& d : outcome.deletions) {
+                if (!d.removed) {
+                    ok = false;
+                    reason = d.path + ": " + d.reason;
+                }
+            }
+            for (const auto& k : outcome.kills) {
+                if (!k.ended) {
+                    ok = false;
+                    reason = "process " + std::to_string(k.pid) + " (" + k.name + "): " + k.reason;
+                }
+            }
+            if (ok)
+                logs.addScanLogsItem(outcome.result, 0);
+            allDone = allDone && ok;
+            printOutcome(cli, path, "removed", ok, reason);
+        }
+    }
+    return allDone;
+}
+
 void runScan(VkCli& cli, const ScanOptions& options) {
+    if ((options.remove ? 1 : 0) + (options.quarantine ? 1 : 0) + (options.trust ? 1 : 0) > 1) {
+        vkCliFail(cli, "choose one of --remove, --quarantine, --trust");
+        return;
+    }
     int modes = (options.full ? 1 : 0) + (options.quick ? 1 : 0) + (options.paths.empty() ? 0 : 1);
     if (modes != 1) {
         vkCliFail(cli, "scan needs exactly one of: PATH..., --full, --quick");
@@ -179,6 +267,10 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         paths.push_back(p[0] == '/' ? p
                                     : VkFile::join(std::filesystem::current_path().string(), p));
     }
+    bool live = !cli.json && ::isatty(STDERR_FILENO);
+    auto delegate = std::make_shared<CliScanDelegate>(cli.json, live);
+    // Making the center installs the packaged databases into the data folder if needed.
+    auto center = VkTorjanCenter::shareCenter();
     if (!options.quick) {
         bool isDir = false;
         if (VkFile::exists(ctx->dataFolder, &isDir) && isDir &&
@@ -194,9 +286,7 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         }
     }
 
-    bool live = !cli.json && ::isatty(STDERR_FILENO);
-    auto delegate = std::make_shared<CliScanDelegate>(cli.json, live);
-    VkTorjanScan scanner(ctx);
+    VkTorjanScan& scanner = center->trjanScan();
     scanner.setPaceScans(options.pace);
 
     struct sigaction sa {};
@@ -213,11 +303,11 @@ void runScan(VkCli& cli, const ScanOptions& options) {
     };
     const char* kind = options.quick ? "quick" : (options.full ? "full" : "custom");
     if (options.quick) {
-        scanner.startQuickScan(delegate);
+        center->startQuickScan(delegate);
     } else if (options.full) {
-        scanner.startScan(delegate);
+        center->startScan(delegate);
     } else {
-        scanner.startScan(paths, delegate);
+        center->startScan(paths, delegate);
     }
     bool interrupted = false;
     while (!delegate->waitForEnd(0.1)) {
@@ -237,6 +327,28 @@ void runScan(VkCli& cli, const ScanOptions& options) {
 
     double seconds = elapsed();
     size_t found = delegate->findingCount();
+    auto findings = delegate->findings();
+    auto logs = VkScanLogsOper::sharedOper();
+    if (!interrupted) {
+        // Recorded as the panel records a finished scan; a stopped scan leaves no trace.
+        int32_t scanType = options.quick ? kQuickScan : (options.full ? kFullScan : kCustomScan);
+        logs->scanEnd(scanType);
+        logs->addScanLogsArray(findings);
+        double now = ctx->clock->now();
+        if (scanType == kQuickScan)
+            ctx->userDefaults->setDouble("LastQuickScanTime", now);
+        if (scanType == kFullScan) {
+            ctx->userDefaults->setDouble("LastScanTroajnTime", now);
+            ctx->userDefaults->setDouble("LastQuickScanTime", now);
+        }
+    }
+    bool cleaned = true;
+    if (!findings.empty() && (options.remove || options.quarantine || options.trust)) {
+        cleaned = cleanFindings(cli, options, *center, *logs, findings);
+        // A changed operation waits for the next write of the history; this process ends
+        // here, so write now.
+        logs->saveFileMonToDisk();
+    }
     if (cli.json) {
         nlohmann::json j = {{"type", "summary"},
                             {"scan", kind},
@@ -256,7 +368,9 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         std::printf("Findings:      %zu\n", found);
         std::printf("Time:          %s (%.2f s)\n", elapsedText(seconds).c_str(), seconds);
     }
-    if (found > 0) {
+    if (!cleaned) {
+        cli.exitCode = kExitError;
+    } else if (found > 0) {
         cli.exitCode = kExitFound;
     } else if (interrupted) {
         // An interrupted scan cannot vouch for the files it did not reach.
@@ -278,6 +392,12 @@ static VkCliCommand registration(10, [](CLI::App& app, VkCli& cli) {
                   "Run only the built-in detectors for persistent trojans");
     cmd->add_flag("--pace", options->pace,
                   "Scan gently, pausing briefly before each file, as the panel does");
-    cmd->footer("Exit codes: 0 nothing found, 1 something found, 2 error or interrupted.");
+    cmd->add_flag("--remove", options->remove,
+                  "Remove what was found (carry out each signature's removal instructions)");
+    cmd->add_flag("--quarantine", options->quarantine, "Move what was found into the quarantine");
+    cmd->add_flag("--trust", options->trust, "Add what was found to the trust list");
+    cmd->footer(
+        "Exit codes: 0 nothing found, 1 something found, 2 error, interrupted, or a file that "
+        "could not be removed, quarantined or trusted.");
     cmd->callback([&cli, options] { runScan(cli, *options); });
 });

@@ -112,6 +112,12 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
             VkFile::join(xdg.empty() ? VkFile::join(user.home, ".local/share") : xdg, "Velkora");
 #endif
     }
+    // Records (quarantine list, logs) keep full paths: never store them relative.
+    if (!dataFolder.empty() && dataFolder[0] != '/') {
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(dataFolder, ec);
+        if (!ec) dataFolder = absolute.lexically_normal().string();
+    }
     ctx->dataFolder = dataFolder;
 
     std::string defaults =

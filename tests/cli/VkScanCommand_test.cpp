@@ -16,6 +16,10 @@ class VkScanCommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
         VkFile::createDirectory(dir / "data", true);
+        // Keep the history: scans made seconds apart stay in it.
+        VkFile::writeAtomically(
+            dir / "defaults.plist",
+            VkPlist::dictionary({{"LogsKeepDay", VkPlist::integer(30)}}).toXml());
         vkWriteSignatureDatabase(dir / "data/test.sql", "test", "1.0",
                                  {{"Test.Alpha", "alpha-synthetic-sample", {}},
                                   {"Test.Beta", std::string(2 * 1024 * 1024, 'b'), {}}});
@@ -88,6 +92,57 @@ TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {
     EXPECT_EQ(r.exitCode, 1) << r.err;
     EXPECT_NE(r.out.find(hit + ": Test.Alpha FOUND"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("Volumes"), std::string::npos) << r.out;
+}
+
+TEST_F(VkScanCommandTest, TrustThenRescanIsCleanAndTheHistoryShowsBothScans) {
+    auto first = run({"scan", "--trust", dir / "tree/docs"});
+    EXPECT_EQ(first.exitCode, 1) << first.err;
+    EXPECT_NE(first.out.find(alpha + ": trusted"), std::string::npos) << first.out;
+    auto listed = run({"trust", "list"});
+    EXPECT_NE(listed.out.find(alpha), std::string::npos) << listed.out;
+
+    auto again = run({"scan", dir / "tree/docs"});
+    EXPECT_EQ(again.exitCode, 0) << again.out;
+
+    auto logs = run({"--json", "logs"});
+    ASSERT_EQ(logs.exitCode, 0) << logs.err;
+    auto history = nlohmann::json::parse(logs.out);
+    ASSERT_EQ(history.size(), 2u) << logs.out;
+    EXPECT_EQ(history[0]["kind"], "custom");
+    ASSERT_EQ(history[0]["entries"].size(), 1u);
+    EXPECT_EQ(history[0]["entries"][0]["operation"], "trusted");
+    EXPECT_EQ(history[0]["entries"][0]["name"], "Test.Alpha");
+    EXPECT_TRUE(history[1]["entries"].empty());
+
+    EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 0);
+    EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 2);
+    EXPECT_EQ(run({"scan", dir / "tree/docs"}).exitCode, 1)
+        << "detected again once no longer trusted";
+}
+
+TEST_F(VkScanCommandTest, QuarantineAndRestoreBringTheFileBackByteForByte) {
+    std::string original = *VkFile::readAll(beta);
+    auto r = run({"scan", "--quarantine", dir / "tree/deep"});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_NE(r.out.find(beta + ": quarantined"), std::string::npos) << r.out;
+    EXPECT_FALSE(VkFile::existsNoFollow(beta));
+    auto list = run({"quarantine", "list"});
+    EXPECT_NE(list.out.find(beta), std::string::npos) << list.out;
+    EXPECT_NE(list.out.find("Test.Beta"), std::string::npos) << list.out;
+    EXPECT_EQ(run({"quarantine", "restore", "1"}).exitCode, 0);
+    EXPECT_EQ(*VkFile::readAll(beta), original);
+}
+
+TEST_F(VkScanCommandTest, RemoveDeletesTheFindingsAndLogsTheRemoval) {
+    auto r = run({"scan", "--remove", dir / "tree/docs"});
+    EXPECT_EQ(r.exitCode, 1) << r.err << r.out;
+    EXPECT_NE(r.out.find(alpha + ": removed"), std::string::npos) << r.out;
+    EXPECT_FALSE(VkFile::existsNoFollow(alpha));
+    EXPECT_TRUE(VkFile::existsNoFollow(dir / "tree/docs/clean.txt"));
+    auto logs = nlohmann::json::parse(run({"--json", "logs"}).out);
+    ASSERT_EQ(logs.size(), 1u);
+    EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");
+    EXPECT_EQ(run({"scan", "--remove", "--trust", tree}).exitCode, 2);
 }
 
 }  // namespace

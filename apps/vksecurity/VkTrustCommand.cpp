@@ -1,0 +1,72 @@
+// `vksecurity trust`: the list of files the user declared safe.
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+
+#include "VkCli.h"
+#include "engine/VkTorjanCenter.h"
+#include "support/VkStringExtern.h"
+
+namespace {
+
+void listTrust(VkCli& cli) {
+    cli.context();
+    auto entries = VkTorjanCenter::shareCenter()->ecryptTrustFileArray();
+    if (cli.json) {
+        nlohmann::json out = nlohmann::json::array();
+        for (const auto& e : entries) {
+            nlohmann::json j;
+            if (auto p = e.getString("TrustFilePath"))
+                j["path"] = *p;
+            if (auto n = e.getString("TrustTrojanName"))
+                j["name"] = *n;
+            if (auto s = e.get("TrustFileSize"))
+                j["size"] = s->asUInt64().value_or(0);
+            out.push_back(j);
+        }
+        std::printf("%s\n",
+                    out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        return;
+    }
+    if (entries.empty()) {
+        std::printf("The trust list is empty.\n");
+        return;
+    }
+    int n = 0;
+    for (const auto& e : entries) {
+        const std::string* path = e.getString("TrustFilePath");
+        const std::string* name = e.getString("TrustTrojanName");
+        const VkPlist* size = e.get("TrustFileSize");
+        std::printf(
+            "%3d  %s\n     %s, %s\n", ++n, path ? path->c_str() : "(unreadable entry)",
+            name ? name->c_str() : "(no name)",
+            size ? stringFromFileSize(size->asUInt64().value_or(0)).c_str() : "size unknown");
+    }
+}
+
+void removeTrust(VkCli& cli, const std::string& path) {
+    cli.context();
+    auto center = VkTorjanCenter::shareCenter();
+    size_t before = center->ecryptTrustFileArray().size();
+    center->removeTrustFile(path);
+    size_t after = center->ecryptTrustFileArray().size();
+    if (before == after) {
+        vkCliFail(cli, "not on the trust list: " + path);
+        return;
+    }
+    std::printf("Removed %zu trust list entr%s for %s\n", before - after,
+                before - after == 1 ? "y" : "ies", path.c_str());
+}
+
+}  // namespace
+
+static VkCliCommand registration(30, [](CLI::App& app, VkCli& cli) {
+    auto* cmd = app.add_subcommand("trust", "Show or change the trust list (files declared safe)");
+    cmd->require_subcommand(1);
+    auto* list = cmd->add_subcommand("list", "Show the trusted files");
+    list->callback([&cli] { listTrust(cli); });
+    auto path = std::make_shared<std::string>();
+    auto* remove = cmd->add_subcommand("remove", "Stop trusting a file (it is detected again)");
+    remove->add_option("path", *path, "The trusted file's path")->required();
+    remove->callback([&cli, path] { removeTrust(cli, *path); });
+});

@@ -1,0 +1,171 @@
+#include "engine/VkTorjanCenter.h"
+
+#include "database/VkAddTorjanItems.h"
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanItem.h"
+#include "engine/VkTorjanResultItems.h"
+#include "engine/VkTorjanScan.h"
+#include "remediation/VkKillTorjans.h"
+#include "remediation/VkQuarantineFileManager.h"
+#include "support/VkCrypt.h"
+
+namespace {
+
+const char* const kTrustFileKey = "TrustFileKey";
+
+std::optional<std::string> encipher(const std::optional<std::string>& text) {
+    if (!text)
+        return std::nullopt;
+    return vkEncryptString(*text);
+}
+
+}  // namespace
+
+VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
+                               std::shared_ptr<VkAntiTrojan> antiTrojan,
+                               std::shared_ptr<VkQuarantineFileManager> quarantine,
+                               std::shared_ptr<VkAddTorjanItems> updater)
+    : context_(std::move(context)), quarantine_(std::move(quarantine)) {
+    trjanScan_ = std::make_unique<VkTorjanScan>(context_, antiTrojan);
+    addTorjanItems_ = updater ? std::move(updater) : std::make_shared<VkAddTorjanItems>(context_);
+    killTorjans_ = std::make_unique<VkKillTorjans>(context_, antiTrojan);
+}
+
+VkTorjanCenter::~VkTorjanCenter() = default;
+
+std::shared_ptr<VkTorjanCenter> VkTorjanCenter::shareCenter() {
+    static std::shared_ptr<VkTorjanCenter> shared = std::make_shared<VkTorjanCenter>(
+        VkContext::defaultContext(), VkAntiTrojan::shareAntiManager(),
+        VkQuarantineFileManager::shareManager());
+    return shared;
+}
+
+void VkTorjanCenter::startScan(const std::optional<std::vector<std::string>>& paths,
+                               std::shared_ptr<VkTorjanScanDelegate> delegate) {
+    addTorjanItems_->copyToLocalPath();
+    trjanScan_->startScan(paths, std::move(delegate));
+}
+
+void VkTorjanCenter::startScan(std::shared_ptr<VkTorjanScanDelegate> delegate) {
+    addTorjanItems_->copyToLocalPath();
+    trjanScan_->startScan(std::move(delegate));
+}
+
+void VkTorjanCenter::startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate) {
+    trjanScan_->startQuickScan(std::move(delegate));
+}
+
+void VkTorjanCenter::startLitScan(const std::string& path,
+                                  const std::shared_ptr<VkTorjanScanDelegate>& delegate,
+                                  const std::any& senderObj) {
+    trjanScan_->startLitScan(path, delegate, senderObj);
+}
+
+void VkTorjanCenter::stopCurrentScan() {
+    trjanScan_->stopCurrentScan();
+}
+
+bool VkTorjanCenter::isStopScan() const {
+    return trjanScan_->isStopScan();
+}
+
+bool VkTorjanCenter::addItemByPath(const std::string& path) {
+    return addTorjanItems_->addItemByPath(path);
+}
+
+void VkTorjanCenter::startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate) {
+    addTorjanItems_->startUpdate(std::move(delegate));
+}
+
+void VkTorjanCenter::stopUpdateNotification() {
+    addTorjanItems_->stopUpdateNotification();
+}
+
+void VkTorjanCenter::killTorjanItem(ResultList items,
+                                    std::shared_ptr<VkKillTorjansDelegate> delegate) {
+    killTorjans_->killTorjanItem(std::move(items), std::move(delegate));
+}
+
+void VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item) {
+    if (!item)
+        return;
+    VkPlist::Array list =
+        context_->userDefaults->arrayForKey(kTrustFileKey).value_or(VkPlist::Array{});
+    std::optional<std::string> name =
+        item->torjanItem() ? item->torjanItem()->name() : item->torjanName();
+    // In this order; the first missing value (the empty text enciphers to nothing) ends
+    // the entry, and the shortened entry is stored all the same.
+    std::optional<std::string> fields[] = {encipher(item->path()), encipher(name),
+                                           encipher(item->hashCode())};
+    const char* keys[] = {"TrustFilePath", "TrustTrojanName", "TrustFileHash"};
+    VkPlist entry = VkPlist::dictionary();
+    bool complete = true;
+    for (int i = 0; i < 3 && complete; ++i) {
+        if (!fields[i]) {
+            complete = false;
+            break;
+        }
+        entry.set(keys[i], *fields[i]);
+    }
+    if (complete)
+        entry.set("TrustFileSize", VkPlist::unsignedInteger(item->fileSize()));
+    // No test for duplicates: trusting a file twice stores two equal entries.
+    list.push_back(std::move(entry));
+    context_->userDefaults->setObject(kTrustFileKey, VkPlist(std::move(list)));
+}
+
+void VkTorjanCenter::removeTrustFile(const std::string& path) {
+    VkPlist::Array list =
+        context_->userDefaults->arrayForKey(kTrustFileKey).value_or(VkPlist::Array{});
+    // The cipher has a fixed key and IV: the same path always enciphers to the same text.
+    std::optional<std::string> stored = vkEncryptString(path);
+    std::optional<VkPlist> found;
+    for (const auto& entry : list) {
+        const std::string* p = entry.getString("TrustFilePath");
+        if (stored && p && *p == *stored) {
+            found = entry;
+            break;
+        }
+    }
+    if (found) {
+        // Exact duplicates go together; entries for this path with another hash stay.
+        std::erase_if(list, [&](const VkPlist& e) { return e == *found; });
+    }
+    context_->userDefaults->setObject(kTrustFileKey, VkPlist(std::move(list)));
+}
+
+VkPlist::Array VkTorjanCenter::ecryptTrustFileArray() {
+    VkPlist::Array result;
+    result.reserve(10);
+    auto stored = context_->userDefaults->arrayForKey(kTrustFileKey);
+    if (!stored)
+        return result;
+    for (const auto& entry : *stored) {
+        if (!entry.isDictionary())
+            continue;
+        VkPlist copy = entry;
+        for (const char* key : {"TrustTrojanName", "TrustFilePath"}) {
+            const std::string* text = entry.getString(key);
+            if (!text)
+                continue;
+            // An entry that does not decipher is shown as stored rather than dropped.
+            if (auto plain = vkDecryptString(*text))
+                copy.set(key, *plain);
+        }
+        result.push_back(std::move(copy));
+    }
+    return result;
+}
+
+bool VkTorjanCenter::addQuarantineItem(const std::shared_ptr<VkTorjanResultItems>& item) {
+    if (!item)
+        return false;
+    auto record = std::make_shared<VkQuarantineFileItem>();
+    record->setFileSize(item->fileSize());
+    record->setOriginalPath(item->path());
+    record->setFilePath(item->path());
+    // The record's name only: a special detector's finding arrives without one.
+    if (auto torjan = item->torjanItem())
+        record->setTrojanName(torjan->name());
+    return quarantine_->addItem(record);
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <any>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/VkContext.h"
+#include "platform/VkPlist.h"
+
+class VkAddTorjanDelegate;
+class VkAddTorjanItems;
+class VkAntiTrojan;
+class VkKillTorjans;
+class VkKillTorjansDelegate;
+class VkQuarantineFileManager;
+class VkTorjanResultItems;
+class VkTorjanScan;
+class VkTorjanScanDelegate;
+
+// The one way into the scan engine, the signature update and the removal of trojans; it
+// also keeps the user's trust list (enciphered in the user defaults under "TrustFileKey").
+// Forwarders add no locking of their own; the trust list relies on the defaults store
+// replacing the whole array atomically.
+class VkTorjanCenter {
+  public:
+    using ResultList = std::vector<std::shared_ptr<VkTorjanResultItems>>;
+
+    // Builds the scanner, the updater and the remover on the context; the detector
+    // coordinator is shared by the scanner (which finds) and the remover (which cleans).
+    VkTorjanCenter(std::shared_ptr<VkContext> context, std::shared_ptr<VkAntiTrojan> antiTrojan,
+                   std::shared_ptr<VkQuarantineFileManager> quarantine,
+                   std::shared_ptr<VkAddTorjanItems> updater = nullptr);
+    ~VkTorjanCenter();
+
+    // The process-wide center on the default context, made once, safe from any thread.
+    static std::shared_ptr<VkTorjanCenter> shareCenter();
+
+    // Staged signature databases are moved into place first, so full and custom scans
+    // always start from the newest signatures.
+    void startScan(const std::optional<std::vector<std::string>>& paths,
+                   std::shared_ptr<VkTorjanScanDelegate> delegate);
+    void startScan(std::shared_ptr<VkTorjanScanDelegate> delegate);
+    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate);
+    void startLitScan(const std::string& path,
+                      const std::shared_ptr<VkTorjanScanDelegate>& delegate,
+                      const std::any& senderObj);
+    void stopCurrentScan();
+    bool isStopScan() const;
+
+    bool addItemByPath(const std::string& path);
+    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate);
+    void stopUpdateNotification();
+
+    void killTorjanItem(ResultList items, std::shared_ptr<VkKillTorjansDelegate> delegate);
+
+    // Appends the result to the trust list (path, name, hash enciphered; size plain). A
+    // value that cannot be enciphered ends the entry there; the entry is kept all the same.
+    void addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item);
+    // Removes the first entry for this path and every entry equal to it; the list is
+    // written back even when nothing matched.
+    void removeTrustFile(const std::string& path);
+    // The trust list for display: names and paths deciphered, hash and size as stored.
+    VkPlist::Array ecryptTrustFileArray();
+    // Hands the result's file to the quarantine, named after its record (a special
+    // detector's finding goes without a name). True when the file was moved.
+    bool addQuarantineItem(const std::shared_ptr<VkTorjanResultItems>& item);
+
+    VkTorjanScan& trjanScan() { return *trjanScan_; }
+    VkAddTorjanItems& addTorjanItems() { return *addTorjanItems_; }
+    VkKillTorjans& killTorjans() { return *killTorjans_; }
+    VkQuarantineFileManager& quarantine() { return *quarantine_; }
+    const std::shared_ptr<VkContext>& context() const { return context_; }
+
+  private:
+    std::shared_ptr<VkContext> context_;
+    std::shared_ptr<VkQuarantineFileManager> quarantine_;
+    std::unique_ptr<VkTorjanScan> trjanScan_;
+    std::shared_ptr<VkAddTorjanItems> addTorjanItems_;
+    std::unique_ptr<VkKillTorjans> killTorjans_;
+};

@@ -1,0 +1,145 @@
+#include "engine/VkTorjanCenter.h"
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "database/VkAddTorjanItems.h"
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanResultItems.h"
+#include "engine/VkTorjanScan.h"
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
+#include "platform/VkFileUtil.h"
+#include "remediation/VkQuarantineFileManager.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const char kSample[] = "center-synthetic-sample-bytes";
+
+class QuietPacing : public VkPacing {
+  public:
+    void sleepMicroseconds(long long) override {}
+};
+
+class VkTorjanCenterTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->pacing = std::make_shared<QuietPacing>();
+        auto core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core->performMoves(true);
+        ctx->coreFunction = core;
+        VkFile::createDirectory(ctx->dataFolder, true);
+        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
+                                 {{"Test.Center", kSample, {}}});
+        center = std::make_unique<VkTorjanCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
+                                                  std::make_shared<VkQuarantineFileManager>(ctx));
+        center->trjanScan().setPaceScans(false);
+    }
+    std::vector<std::shared_ptr<VkTorjanResultItems>> scan(const std::string& path) {
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        center->startScan(std::vector<std::string>{path}, d);
+        EXPECT_TRUE(d->waitForEnd());
+        return d->results();
+    }
+    size_t trustCount() {
+        return ctx->userDefaults->arrayForKey("TrustFileKey").value_or(VkPlist::Array{}).size();
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::unique_ptr<VkTorjanCenter> center;
+};
+
+TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
+    std::string file = dir.write("home/sample.bin", kSample);
+    auto found = scan(file);
+    ASSERT_EQ(found.size(), 1u);
+    center->addTrustFile(found[0]);
+    EXPECT_TRUE(scan(file).empty());
+
+    std::string changed = kSample;
+    changed[3] ^= 1;
+    dir.write("home/sample.bin", changed);
+    vkWriteSignatureDatabase(ctx->dataPath("more.sql"), "more", "1.0",
+                             {{"Test.Changed", changed, {}}});
+    EXPECT_EQ(scan(file).size(), 1u) << "a changed file is detected again";
+
+    auto listed = center->ecryptTrustFileArray();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(*listed[0].getString("TrustFilePath"), file);
+    EXPECT_EQ(*listed[0].getString("TrustTrojanName"), "Test.Center");
+    EXPECT_NE(*listed[0].getString("TrustFileHash"), *found[0]->hashCode())
+        << "hash stays enciphered";
+    EXPECT_EQ(*listed[0].get("TrustFileSize")->asUInt64(), sizeof kSample - 1);
+}
+
+TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
+    EXPECT_TRUE(center->ecryptTrustFileArray().empty());
+    std::string file = dir.write("home/a.bin", kSample);
+    auto r = scan(file)[0];
+    center->addTrustFile(r);
+    center->addTrustFile(r);
+    auto other = std::make_shared<VkTorjanResultItems>();
+    other->setPath(file);
+    other->setTorjanName(std::string("OSX/Other"));
+    other->setHashCode(std::string("0123456789abcdef"));
+    center->addTrustFile(other);
+    ASSERT_EQ(trustCount(), 3u);
+
+    center->removeTrustFile(dir / "not/listed");
+    EXPECT_EQ(trustCount(), 3u);
+    center->removeTrustFile(file);
+    ASSERT_EQ(trustCount(), 1u) << "both equal entries gone, the other hash stays";
+    EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
+}
+
+TEST_F(VkTorjanCenterTest, EntryStopsAtTheFirstMissingValue) {
+    auto r = std::make_shared<VkTorjanResultItems>();
+    r->setPath(dir.write("home/x.bin", "x"));
+    r->setTorjanName(std::string(""));  // the empty text enciphers to nothing
+    r->setHashCode(std::string("abc"));
+    center->addTrustFile(r);
+    auto stored = ctx->userDefaults->arrayForKey("TrustFileKey");
+    ASSERT_TRUE(stored && stored->size() == 1);
+    EXPECT_NE(stored->at(0).get("TrustFilePath"), nullptr);
+    EXPECT_EQ(stored->at(0).get("TrustTrojanName"), nullptr);
+    EXPECT_EQ(stored->at(0).get("TrustFileHash"), nullptr);
+    EXPECT_EQ(stored->at(0).get("TrustFileSize"), nullptr);
+}
+
+TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {
+    std::string file = dir.write("home/q.bin", kSample);
+    auto r = scan(file)[0];
+    EXPECT_TRUE(center->addQuarantineItem(r));
+    EXPECT_FALSE(fs::exists(file));
+    auto special = std::make_shared<VkTorjanResultItems>();
+    special->setSpec(true);
+    special->setTorjanName(std::string("OSX/Flashback"));
+    special->setPath(dir.write("home/agent.plist", "<plist/>"));
+    EXPECT_TRUE(center->addQuarantineItem(special));
+    auto& items = center->quarantine().allQuarantineItems();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[0]->trojanName(), "Test.Center");
+    EXPECT_EQ(items[0]->originalPath(), file);
+    EXPECT_FALSE(items[1]->trojanName().has_value());
+}
+
+TEST_F(VkTorjanCenterTest, FullAndCustomScansApplyStagedDatabasesFirst) {
+    std::string fresh = "staged-signature-sample";
+    VkFile::createDirectory(ctx->dataPath("temp"), true);
+    vkWriteSignatureDatabase(ctx->dataPath("temp/staged.sql"), "staged", "2.0",
+                             {{"Test.Staged", fresh, {}}});
+    std::string file = dir.write("home/new.bin", fresh);
+    auto found = scan(file);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]->torjanItem()->name(), "Test.Staged");
+    EXPECT_TRUE(fs::exists(ctx->dataPath("staged.sql")));
+    EXPECT_FALSE(fs::exists(ctx->dataPath("temp/staged.sql")));
+}
+
+}  // namespace
