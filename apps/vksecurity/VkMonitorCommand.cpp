@@ -1,0 +1,245 @@
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "VkCli.h"
+#include "monitor/VkFileMonService.h"
+#include "monitor/VkFileMonStore.h"
+#include "monitor/VkMonitorConfig.h"
+#include "monitor/VkServiceNetClient.h"
+#include "platform/VkFileUtil.h"
+
+// `vksecurity monitor`: the file monitor. Without options it runs the service in the
+// foreground (systemd's user unit and the panel's switch both run it this way).
+namespace {
+
+// "Not running" for --status, as service managers report it.
+constexpr int kExitNotRunning = 3;
+
+std::atomic<VkFileMonService*> runningService{nullptr};
+
+void stopOnSignal(int) {
+    if (VkFileMonService* service = runningService.load())
+        service->requestStop();
+}
+
+struct MonitorOptions {
+    std::vector<std::string> watch;
+    std::vector<std::string> unwatch;
+    double settle = 0;
+    bool status = false;
+    bool start = false;
+    bool stop = false;
+};
+
+std::vector<std::string> stringsOf(const VkPlist* list) {
+    std::vector<std::string> strings;
+    if (list && list->asArray()) {
+        for (const VkPlist& entry : *list->asArray()) {
+            if (const std::string* s = entry.asString())
+                strings.push_back(*s);
+        }
+    }
+    return strings;
+}
+
+int64_t numberOf(const VkPlist& dict, const char* key) {
+    const VkPlist* value = dict.get(key);
+    return value ? value->asInt64().value_or(0) : 0;
+}
+
+void printStatus(VkCli& cli, VkServiceNetClient& client, const std::string& dataFolder) {
+    auto status = client.status();
+    if (!status) {
+        auto records = client.currentRecords();
+        std::vector<std::string> saved = VkMonitorConfig(dataFolder).savedWatchFolders();
+        if (cli.json) {
+            nlohmann::json j = {{"running", false},
+                                {"dataFolder", dataFolder},
+                                {"records", records ? records->size() : 0},
+                                {"downloadFolder", VkMonitorConfig::downloadFolder()},
+                                {"addedFolders", saved}};
+            std::printf("%s\n", j.dump(2).c_str());
+        } else {
+            std::printf("file monitor:  not running\n");
+            std::printf("data folder:   %s\n", dataFolder.c_str());
+            std::printf("download dir:  %s\n", VkMonitorConfig::downloadFolder().c_str());
+            for (size_t i = 0; i < saved.size(); ++i)
+                std::printf("%s%s\n", i == 0 ? "added folders: " : "               ",
+                            saved[i].c_str());
+            if (records)
+                std::printf("records:       %zu\n", records->size());
+        }
+        cli.exitCode = kExitNotRunning;
+        return;
+    }
+    const VkPlist& s = *status;
+    std::vector<std::string> wanted = stringsOf(s.get("WatchFolders"));
+    std::vector<std::string> watching = stringsOf(s.get("Watching"));
+    const std::string* version = s.getString("Version");
+    if (cli.json) {
+        nlohmann::json j = {{"running", true},
+                            {"pid", numberOf(s, "Pid")},
+                            {"version", version ? *version : ""},
+                            {"dataFolder", dataFolder},
+                            {"watchFolders", wanted},
+                            {"watching", watching},
+                            {"records", numberOf(s, "Records")},
+                            {"signatures", numberOf(s, "Signatures")},
+                            {"judged", numberOf(s, "Judged")},
+                            {"infected", numberOf(s, "Infected")},
+                            {"waiting", numberOf(s, "Waiting")},
+                            {"queued", numberOf(s, "Queued")}};
+        std::printf("%s\n", j.dump(2).c_str());
+        return;
+    }
+    std::printf("file monitor:  running (pid %lld, version %s)\n",
+                static_cast<long long>(numberOf(s, "Pid")), version ? version->c_str() : "?");
+    std::printf("data folder:   %s\n", dataFolder.c_str());
+    for (size_t i = 0; i < wanted.size(); ++i) {
+        bool active = std::find(watching.begin(), watching.end(), wanted[i]) != watching.end();
+        std::printf("%s%s%s\n", i == 0 ? "watching:      " : "               ", wanted[i].c_str(),
+                    active ? "" : " (not found yet)");
+    }
+    std::printf("records:       %lld\n", static_cast<long long>(numberOf(s, "Records")));
+    std::printf("signatures:    %lld\n", static_cast<long long>(numberOf(s, "Signatures")));
+    std::printf("judged:        %lld files since start, %lld infected\n",
+                static_cast<long long>(numberOf(s, "Judged")),
+                static_cast<long long>(numberOf(s, "Infected")));
+    std::printf("waiting:       %lld settling, %lld to judge\n",
+                static_cast<long long>(numberOf(s, "Waiting")),
+                static_cast<long long>(numberOf(s, "Queued")));
+}
+
+// A folder named on the command line, as the monitor keeps it.
+VkResult<std::string> folderArgument(const std::string& given, bool mustExist) {
+    std::string folder = VkMonitorConfig::normalizeFolder(given);
+    bool isDirectory = false;
+    if (mustExist && (!VkFile::exists(folder, &isDirectory) || !isDirectory))
+        return VkError{"not a folder: " + given};
+    return folder;
+}
+
+void runMonitor(VkCli& cli, const MonitorOptions& options) {
+    auto ctx = cli.context();
+    VkServiceNetClient client(ctx->dataFolder, ctx->defaultsFile, nullptr);
+    VkMonitorConfig config(ctx->dataFolder);
+
+    if (options.status) {
+        printStatus(cli, client, ctx->dataFolder);
+        return;
+    }
+    if (options.stop) {
+        auto stopped = client.stop();
+        if (!stopped)
+            return vkCliFail(cli, stopped.error());
+        std::printf("file monitor stopped\n");
+        return;
+    }
+
+    bool running = client.isRunning();
+    if (options.settle != 0) {
+        if (auto set = config.setSettleSeconds(options.settle); !set)
+            return vkCliFail(cli, set.error());
+        if (running)
+            std::printf("the new settle time applies from the monitor's next start\n");
+    }
+    for (const std::string& given : options.unwatch) {
+        auto folder = folderArgument(given, false);
+        auto forgotten =
+            running ? client.removeWatchFolder(*folder) : config.removeWatchFolder(*folder);
+        if (!forgotten)
+            return vkCliFail(cli, forgotten.error());
+        std::printf("no longer watching %s\n", folder->c_str());
+    }
+    std::vector<std::string> added;
+    for (const std::string& given : options.watch) {
+        auto folder = folderArgument(given, true);
+        if (!folder)
+            return vkCliFail(cli, folder.error());
+        std::string data = VkMonitorConfig::normalizeFolder(ctx->dataFolder);
+        if (*folder == data || folder->rfind(data + "/", 0) == 0)
+            return vkCliFail(cli, "the data folder cannot be watched: " + *folder);
+        added.push_back(*folder);
+    }
+    if (running) {
+        // The service that runs takes the folders over; there is no second one.
+        for (const std::string& folder : added) {
+            if (auto watched = client.addWatchFolder(folder); !watched)
+                return vkCliFail(cli, watched.error());
+            std::printf("watching %s\n", folder.c_str());
+        }
+        bool changedSomething = !added.empty() || !options.unwatch.empty() || options.settle != 0;
+        if (!options.start && !changedSomething)
+            return vkCliFail(cli, "the file monitor is already running (see --status)");
+        return;
+    }
+    for (const std::string& folder : added) {
+        if (auto saved = config.addWatchFolder(folder); !saved)
+            return vkCliFail(cli, saved.error());
+    }
+    if (!options.unwatch.empty() && added.empty() && !options.start && options.settle == 0)
+        return;  // only forgetting folders
+    if (options.start) {
+        auto started = client.start();
+        if (!started)
+            return vkCliFail(cli, started.error());
+        std::printf("file monitor running\n");
+        return;
+    }
+
+    VkFileMonServiceOptions serviceOptions;
+    serviceOptions.watchFolders.push_back(VkMonitorConfig::downloadFolder());
+    for (const std::string& folder : config.savedWatchFolders())
+        serviceOptions.watchFolders.push_back(folder);
+    serviceOptions.settleSeconds = config.settleSeconds();
+    serviceOptions.report = [](const std::string& line) {
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+    };
+    VkFileMonService service(ctx, serviceOptions);
+    if (auto started = service.start(); !started)
+        return vkCliFail(cli, started.error());
+    runningService.store(&service);
+    std::signal(SIGINT, stopOnSignal);
+    std::signal(SIGTERM, stopOnSignal);
+    std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+    service.run();
+    runningService.store(nullptr);
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
+}  // namespace
+
+static VkCliCommand registration(600, [](CLI::App& app, VkCli& cli) {
+    auto options = std::make_shared<MonitorOptions>();
+    auto* cmd = app.add_subcommand(
+        "monitor",
+        "Run the file monitor in the foreground: judge every new file in the download folder "
+        "(and the folders added with --watch) and record the infected ones");
+    cmd->add_option("--watch", options->watch,
+                    "Also watch this folder; it is remembered for later starts and handed to "
+                    "a monitor that is already running")
+        ->type_name("DIR");
+    cmd->add_option("--unwatch", options->unwatch, "Stop watching a folder added with --watch")
+        ->type_name("DIR");
+    cmd->add_option("--settle", options->settle,
+                    "Seconds a complete file must stay unchanged before it is judged "
+                    "(remembered; default 1)")
+        ->type_name("SECONDS");
+    cmd->add_flag("--status", options->status,
+                  "Tell whether the monitor runs, what it watches and how many records it "
+                  "keeps (exit code 3 when it is not running)");
+    cmd->add_flag("--start", options->start,
+                  "Start the monitor in the background, as the panel's switch does");
+    cmd->add_flag("--stop", options->stop, "Stop the running monitor");
+    cmd->callback([&cli, options] { runMonitor(cli, *options); });
+});

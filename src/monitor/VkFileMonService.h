@@ -1,0 +1,133 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <thread>
+#include <vector>
+
+#include "monitor/VkFileMonStore.h"
+#include "monitor/VkFileSettler.h"
+#include "monitor/VkFileWatcher.h"
+#include "monitor/VkMonitorConfig.h"
+#include "monitor/VkMonitorProtocol.h"
+#include "platform/VkContext.h"
+#include "platform/VkHandle.h"
+#include "platform/VkPlist.h"
+
+struct VkFileMonServiceOptions {
+    // Folders watched from the start (and retried while they cannot be watched).
+    std::vector<std::string> watchFolders;
+    double settleSeconds = VkMonitorConfig::kDefaultSettleSeconds;
+    // Files waiting to settle; while this many wait, no more events are read (the kernel
+    // holds them, and a lost batch is made up by looking at the folders again).
+    size_t maxWaiting = 4096;
+    // Settled files waiting for the judging thread.
+    size_t maxQueued = 256;
+    size_t maxRecords = VkFileMonStore::kDefaultMaxRecords;
+    size_t maxClients = 64;
+    // A request must arrive whole within this time once it has begun.
+    double requestSeconds = 10;
+    // Called on the judging thread after each file (infected or not), in judging order.
+    std::function<void(const std::string& path, bool infected)> judged;
+    // Lines for a user watching in the foreground (the system log gets them as well).
+    std::function<void(const std::string& line)> report;
+};
+
+// The file monitor: watches folders for complete files, waits until each has settled, judges
+// it with the signature engine on a thread of its own and records the infected ones; serves
+// its records over the Unix-domain socket of the data folder (see VkMonitorProtocol). One
+// service per data folder, guarded by the lock file "monitor.lock".
+class VkFileMonService {
+  public:
+    VkFileMonService(std::shared_ptr<VkContext> ctx, VkFileMonServiceOptions options);
+    ~VkFileMonService();
+    VkFileMonService(const VkFileMonService&) = delete;
+    VkFileMonService& operator=(const VkFileMonService&) = delete;
+
+    // Takes the data folder's lock (an error naming the running service otherwise), loads the
+    // records, listens on the socket and starts watching. A folder that cannot be watched yet
+    // is reported and tried again while the service runs.
+    VkResult<void> start();
+    // Serves until requestStop(), a stop request, or the socket file is taken away. Returns
+    // once the judging thread has ended and the socket is gone.
+    void run();
+    // Makes run() return soon. Safe from any thread and from a signal handler.
+    void requestStop();
+
+    // Pid of the service holding the data folder's lock, read from the lock file; nullopt when
+    // no service holds it.
+    static std::optional<pid_t> runningPid(const std::string& dataFolder);
+
+  private:
+    struct Client;
+
+    // Loop thread.
+    void handleEvent(const VkFileEvent& event, double now);
+    bool rescanStep(double now);
+    void rescanEverything();
+    void queueRescan(const std::string& folder);
+    void moveSettled(double now);
+    void pushChanges();
+    void housekeeping(double now);
+    void acceptClients();
+    void readClient(Client& client);
+    void handleRequest(Client& client, const VkMonitorProtocol::Frame& frame);
+    void reply(Client& client, uint8_t opcode, const std::string& body);
+    void flush(Client& client);
+    VkResult<void> watch(const std::string& folder);
+    VkResult<void> unwatch(const std::string& folder);
+    VkPlist status() const;
+    bool isOurs(const std::string& path) const;
+    void say(const std::string& line);
+    void drainWake();
+
+    // Judging thread.
+    void judgeLoop();
+    void wake();
+
+    std::shared_ptr<VkContext> ctx_;
+    VkFileMonServiceOptions options_;
+    VkMonitorConfig config_;
+    VkFileMonStore store_;
+    VkFileSettler settler_;
+    std::unique_ptr<VkFileWatcher> watcher_;
+    std::vector<std::string> wanted_;
+    std::string socketPath_;
+    std::string dataFolder_;  // normalized, to tell our own files apart
+    dev_t socketDev_ = 0;
+    ino_t socketIno_ = 0;
+    VkFd lock_;
+    VkFd listen_;
+    VkFd wakeRead_;
+    VkFd wakeWrite_;
+    std::list<Client> clients_;
+    std::deque<std::string> rescanRoots_;
+    std::optional<std::filesystem::recursive_directory_iterator> rescan_;
+    uint64_t pushedGeneration_ = 0;
+    double nextHousekeeping_ = 0;
+    double startTime_ = 0;
+    bool started_ = false;
+    std::atomic<bool> stop_{false};
+
+    // Shared with the judging thread.
+    std::thread judgeThread_;
+    mutable std::mutex queueMutex_;
+    std::condition_variable queueReady_;
+    std::deque<std::string> queue_;
+    size_t queueHighWater_ = 0;
+    bool judgeStop_ = false;
+    std::atomic<uint64_t> judgedCount_{0};
+    std::atomic<uint64_t> infectedCount_{0};
+    std::atomic<uint64_t> signatureCount_{0};
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "platform/VkNetClient.h"
+
+// An in-process file-monitor client: hands out the archive it was given, records every call
+// and lets a test push changes to the registered receivers as the service would.
+class VkRecordingNetClient : public VkNetClient {
+  public:
+    bool setFileMonStat(bool on) override;
+    std::optional<std::vector<uint8_t>> fileMonLogs() override;
+    bool removeAllFileMonLogs() override;
+    void registerFileMonLogsDelegate(std::weak_ptr<VkFileMonLogsDelegate> delegate) override;
+
+    // Delivers bytes to every registered receiver that is still alive, once each.
+    void push(const std::vector<uint8_t>& archive);
+
+    // What fileMonLogs answers (nullopt: unreachable).
+    std::optional<std::vector<uint8_t>> archive;
+    // What removeAllFileMonLogs and setFileMonStat answer.
+    bool removeSucceeds = true;
+    bool statSucceeds = true;
+
+    int fileMonLogsCalls = 0;
+    int removeCalls = 0;
+    int registerCalls = 0;
+    std::vector<bool> statCalls;
+    // Distinct receivers, in registration order.
+    std::vector<std::weak_ptr<VkFileMonLogsDelegate>> delegates;
+
+  private:
+    std::mutex mutex_;
+};

@@ -1,0 +1,158 @@
+#include "logs/VkFileMonLogsOper.h"
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkRecordingNetClient.h"
+#include "fakes/VkTempDir.h"
+
+namespace {
+
+class CountingListener : public VkFileMonLogsOperDelegate {
+  public:
+    explicit CountingListener(VkFileMonLogsOper* oper = nullptr) : oper_(oper) {}
+    void refreshLogsData() override {
+        ++calls;
+        if (oper_)
+            seenCounts.push_back(oper_->logsFileCount());
+    }
+    int calls = 0;
+    std::vector<uint64_t> seenCounts;
+
+  private:
+    VkFileMonLogsOper* oper_;
+};
+
+std::shared_ptr<VkFileMonLogsItem> record(const std::string& path) {
+    auto item = std::make_shared<VkFileMonLogsItem>();
+    item->setFilePath(path);
+    item->setTrojanName("OSX/Test.A");
+    item->setDownLoadTime(VkDate{100});
+    item->setLogTime(VkDate{200});
+    return item;
+}
+
+std::vector<uint8_t> archiveOf(const std::vector<std::string>& paths) {
+    VkFileMonLogsItem::Items items;
+    for (const auto& path : paths)
+        items.push_back(record(path));
+    return *VkFileMonLogsItem::archiveItems(items);
+}
+
+std::vector<std::string> pathsOf(const VkFileMonLogsOper& oper) {
+    std::vector<std::string> paths;
+    for (const auto& item : oper.fileMonLogsArray())
+        paths.push_back(item->filePath().value_or("?"));
+    return paths;
+}
+
+class VkFileMonLogsOperTest : public ::testing::Test {
+  protected:
+    VkFileMonLogsOperTest() { ctx->netClient = client; }
+
+    std::unique_ptr<VkFileMonLogsOper> makeOper() {
+        return std::make_unique<VkFileMonLogsOper>(ctx);
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
+};
+
+TEST_F(VkFileMonLogsOperTest, LoadsTheClientsRecordsAndSubscribesWithoutTellingAnyone) {
+    client->archive = archiveOf({"/a", "/b"});
+    auto oper = makeOper();
+    EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(oper->logsFileCount(), 2u);
+    EXPECT_EQ(client->fileMonLogsCalls, 1);
+    ASSERT_EQ(client->delegates.size(), 1u);
+    EXPECT_FALSE(client->delegates[0].expired());
+
+    auto listener = std::make_shared<CountingListener>();
+    oper->addFileMonLogsDelegate(listener);
+    EXPECT_EQ(listener->calls, 0);
+}
+
+TEST_F(VkFileMonLogsOperTest, AnUnreachableOrUnreadableClientGivesNoRecords) {
+    client->archive = std::nullopt;
+    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+    client->archive = std::vector<uint8_t>{1, 2, 3};
+    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+    ctx->netClient = nullptr;
+    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+}
+
+TEST_F(VkFileMonLogsOperTest, ASecondRegistrationOfTheSameListenerIsIgnored) {
+    auto oper = makeOper();
+    auto listener = std::make_shared<CountingListener>(oper.get());
+    auto other = std::make_shared<CountingListener>(oper.get());
+    oper->addFileMonLogsDelegate(listener);
+    oper->addFileMonLogsDelegate(other);
+    oper->addFileMonLogsDelegate(listener);
+
+    client->push(archiveOf({"/x"}));
+    EXPECT_EQ(listener->calls, 1);
+    EXPECT_EQ(other->calls, 1);
+    client->push(archiveOf({"/x", "/y"}));
+    EXPECT_EQ(listener->calls, 2);
+    // Told after the list was replaced.
+    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2}));
+    EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/x", "/y"}));
+}
+
+TEST_F(VkFileMonLogsOperTest, BytesThatAreNoArchiveChangeNothing) {
+    client->archive = archiveOf({"/kept"});
+    auto oper = makeOper();
+    auto listener = std::make_shared<CountingListener>();
+    oper->addFileMonLogsDelegate(listener);
+
+    client->push({'g', 'a', 'r', 'b', 'a', 'g', 'e'});
+    client->push({});
+    // An archive of something else, and an archive of nil.
+    client->push(*VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue("text")));
+    client->push(*VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue()));
+    EXPECT_EQ(listener->calls, 0);
+    EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/kept"}));
+
+    // An empty list is a change like any other.
+    client->push(archiveOf({}));
+    EXPECT_EQ(listener->calls, 1);
+    EXPECT_EQ(oper->logsFileCount(), 0u);
+}
+
+TEST_F(VkFileMonLogsOperTest, RemoveAllLogsEmptiesTheListEvenWhenTheClientFails) {
+    client->archive = archiveOf({"/a", "/b"});
+    client->removeSucceeds = false;
+    auto oper = makeOper();
+    auto listener = std::make_shared<CountingListener>(oper.get());
+    oper->addFileMonLogsDelegate(listener);
+
+    oper->removeAllLogs();
+    EXPECT_EQ(client->removeCalls, 1);
+    EXPECT_EQ(oper->logsFileCount(), 0u);
+    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{0}));
+}
+
+TEST_F(VkFileMonLogsOperTest, RegistersAgainWhenTheClientHasReconnected) {
+    auto oper = makeOper();
+    EXPECT_EQ(client->registerCalls, 1);
+    ctx->notificationCenter->post("RegisterNetClientDidEnd", client.get());
+    ctx->notificationCenter->post("RegisterNetClientDidEnd");
+    EXPECT_EQ(client->registerCalls, 3);
+    ctx->notificationCenter->post("SomethingElse");
+    EXPECT_EQ(client->registerCalls, 3);
+    // Still the one receiver.
+    EXPECT_EQ(client->delegates.size(), 1u);
+}
+
+TEST_F(VkFileMonLogsOperTest, NothingReachesAnInstanceThatIsGone) {
+    auto oper = makeOper();
+    auto listener = std::make_shared<CountingListener>();
+    oper->addFileMonLogsDelegate(listener);
+    oper.reset();
+    client->push(archiveOf({"/late"}));
+    ctx->notificationCenter->post("RegisterNetClientDidEnd");
+    EXPECT_EQ(listener->calls, 0);
+    EXPECT_EQ(client->registerCalls, 1);
+}
+
+}  // namespace

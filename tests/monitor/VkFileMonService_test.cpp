@@ -1,0 +1,413 @@
+#include "monitor/VkFileMonService.h"
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+#include "monitor/VkMonitorSocket.h"
+#include "monitor/VkMonitorTestSupport.h"
+#include "platform/VkHashValue.h"
+#include "support/VkCrypt.h"
+
+namespace {
+
+using P = VkMonitorProtocol;
+using vkmon::waitUntil;
+
+// Runs a service on a thread of the test; stops it when the test ends.
+class Runner {
+  public:
+    Runner(std::shared_ptr<VkContext> ctx, VkFileMonServiceOptions options)
+        : service(std::move(ctx), std::move(options)) {}
+    ~Runner() { stop(); }
+    VkResult<void> start() {
+        auto started = service.start();
+        if (started)
+            thread = std::thread([this] {
+                service.run();
+                finished.store(true);
+            });
+        return started;
+    }
+    void stop() {
+        service.requestStop();
+        if (thread.joinable())
+            thread.join();
+    }
+
+    VkFileMonService service;
+    std::thread thread;
+    std::atomic<bool> finished{false};
+};
+
+class VkFileMonServiceTest : public ::testing::Test {
+  protected:
+    VkFileMonServiceTest() {
+        options.watchFolders = {watchFolder};
+        options.settleSeconds = 0.05;
+        options.judged = [this](const std::string& path, bool infected) {
+            std::lock_guard lock(mutex);
+            judged.push_back(path);
+            if (infected)
+                infected_.push_back(path);
+        };
+    }
+
+    std::unique_ptr<Runner> startService() {
+        auto runner = std::make_unique<Runner>(ctx, options);
+        auto started = runner->start();
+        EXPECT_TRUE(started) << started.error();
+        return runner;
+    }
+
+    size_t judgedCount() {
+        std::lock_guard lock(mutex);
+        return judged.size();
+    }
+    bool wasJudged(const std::string& path) {
+        std::lock_guard lock(mutex);
+        return std::find(judged.begin(), judged.end(), path) != judged.end();
+    }
+    std::vector<std::string> infected() {
+        std::lock_guard lock(mutex);
+        return infected_;
+    }
+
+    VkResult<P::Frame> ask(uint8_t opcode, const std::string& body = {}) {
+        return VkMonitorSocket::request(socketPath(), opcode, body, 5);
+    }
+    VkFileMonLogsItem::Items records() {
+        auto reply = ask(P::kGetLogs);
+        EXPECT_TRUE(reply && reply->opcode == P::kOk);
+        if (!reply)
+            return {};
+        auto items = VkFileMonLogsItem::unarchiveItems(
+            std::vector<uint8_t>(reply->body.begin(), reply->body.end()));
+        EXPECT_TRUE(items);
+        return items && *items ? **items : VkFileMonLogsItem::Items{};
+    }
+    VkPlist status() {
+        auto reply = ask(P::kHello);
+        EXPECT_TRUE(reply && reply->opcode == P::kOk);
+        auto parsed = VkPlist::parse(reply->body.data(), reply->body.size());
+        return parsed ? *parsed : VkPlist();
+    }
+    uint64_t statusNumber(const char* key) {
+        VkPlist s = status();
+        const VkPlist* value = s.get(key);
+        return value ? value->asUInt64().value_or(0) : 0;
+    }
+    std::string socketPath() const { return VkMonitorConfig::socketPath(ctx->dataFolder); }
+
+    // Sends raw bytes on a fresh connection and returns what comes back until the service
+    // closes it (or 5 seconds pass).
+    std::string rawExchange(const std::string& bytes, bool* closed = nullptr) {
+        auto fd = VkMonitorSocket::connectTo(socketPath());
+        EXPECT_TRUE(fd);
+        if (!fd)
+            return {};
+        ::send(fd->get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        std::string received;
+        bool ended = false;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fd->get(), POLLIN, 0};
+            if (::poll(&p, 1, 50) <= 0)
+                continue;
+            char buffer[4096];
+            ssize_t n = ::recv(fd->get(), buffer, sizeof buffer, 0);
+            if (n <= 0) {
+                ended = true;
+                break;
+            }
+            received.append(buffer, static_cast<size_t>(n));
+        }
+        if (closed)
+            *closed = ended;
+        return received;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::string watchFolder = dir.mkdir("watch");
+    std::string evil = vkmon::contentsOf(777, 1);
+    VkFileMonServiceOptions options;
+    std::mutex mutex;
+    std::vector<std::string> judged;
+    std::vector<std::string> infected_;
+};
+
+TEST_F(VkFileMonServiceTest, RecordsAnInfectedDownloadAndNotACleanOne) {
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    std::string bad = watchFolder + "/installer.dmg";
+    std::string clean = watchFolder + "/photo.jpg";
+    vkmon::dropFile(clean, vkmon::contentsOf(777, 2));  // same size, other contents
+    vkmon::dropFile(bad, evil);
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(bad) && wasJudged(clean); }));
+
+    auto items = records();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0]->filePath(), bad);
+    EXPECT_EQ(items[0]->trojanName(), "OSX/Test.A");
+    struct stat st {};
+    ASSERT_EQ(::stat(bad.c_str(), &st), 0);
+    EXPECT_EQ(items[0]->downLoadTime(),
+              VkDate{static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9});
+    EXPECT_EQ(items[0]->logTime(), ctx->clock->date());
+    EXPECT_EQ(items[0]->processName(), std::nullopt);  // Linux cannot tell
+
+    // Kept as a keyed archive, owner only, and so is the socket.
+    std::string recordsFile = VkFileMonStore::recordsPath(ctx->dataFolder);
+    EXPECT_EQ(vkmon::permissionsOf(recordsFile), 0600);
+    EXPECT_EQ(vkmon::permissionsOf(socketPath()), 0600);
+    auto onDisk = VkFileMonStore::readArchive(ctx->dataFolder);
+    ASSERT_TRUE(onDisk);
+    auto stored = VkFileMonLogsItem::unarchiveItems(*onDisk);
+    ASSERT_TRUE(stored && *stored);
+    ASSERT_EQ((*stored)->size(), 1u);
+    EXPECT_EQ((**stored)[0]->filePath(), bad);
+    EXPECT_EQ(statusNumber("Records"), 1u);
+    EXPECT_EQ(statusNumber("Signatures"), 1u);
+}
+
+TEST_F(VkFileMonServiceTest, LoadsSignaturesAgainWhenADatabaseAppears) {
+    auto runner = startService();
+    vkmon::dropFile(watchFolder + "/first.bin", evil);
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/first.bin"); }));
+    EXPECT_TRUE(infected().empty());
+
+    vkmon::addSignature(ctx, "new.sql", "OSX/Late.B", evil);
+    vkmon::dropFile(watchFolder + "/second.bin", evil);
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/second.bin"); }));
+    EXPECT_EQ(infected(), std::vector<std::string>{watchFolder + "/second.bin"});
+    ASSERT_EQ(records().size(), 1u);
+    EXPECT_EQ(records()[0]->trojanName(), "OSX/Late.B");
+}
+
+TEST_F(VkFileMonServiceTest, AFileOnTheTrustListIsNotRecorded) {
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    std::string trusted = watchFolder + "/trusted.bin";
+    std::string md5 =
+        *VkHashValue::hashWithData(evil.data(), static_cast<uint32_t>(evil.size()), 0);
+    ctx->userDefaults->setObject(
+        "TrustFileKey",
+        VkPlist::array({VkPlist::dictionary({{"TrustFilePath", *vkEncryptString(trusted)},
+                                             {"TrustTrojanName", *vkEncryptString("OSX/Test.A")},
+                                             {"TrustFileHash", *vkEncryptString(md5)},
+                                             {"TrustFileSize", VkPlist::integer(777)}})}));
+    auto runner = startService();
+    vkmon::dropFile(trusted, evil);
+    vkmon::dropFile(watchFolder + "/copy.bin", evil);
+    ASSERT_TRUE(
+        waitUntil([&] { return wasJudged(trusted) && wasJudged(watchFolder + "/copy.bin"); }));
+    EXPECT_EQ(infected(), std::vector<std::string>{watchFolder + "/copy.bin"});
+}
+
+TEST_F(VkFileMonServiceTest, AFileThatKeepsChangingIsJudgedOnceWhenItSettles) {
+    options.settleSeconds = 0.5;
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    std::string growing = watchFolder + "/growing.bin";
+    // Written in small pieces over more than twice the settle time, closed after each piece
+    // as some downloaders do. Every length but the last is clean, so a file judged before it
+    // settled would be found clean.
+    auto began = std::chrono::steady_clock::now();
+    for (size_t length = 13; length <= evil.size(); length += 13) {
+        FILE* f = std::fopen(growing.c_str(), "ab");
+        ASSERT_NE(f, nullptr);
+        std::fwrite(evil.data() + length - 13, 1, 13, f);
+        std::fclose(f);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    FILE* f = std::fopen(growing.c_str(), "ab");
+    size_t written = evil.size() / 13 * 13;
+    std::fwrite(evil.data() + written, 1, evil.size() - written, f);
+    std::fclose(f);
+    ASSERT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1000));
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(growing); }));
+    EXPECT_EQ(infected(), std::vector<std::string>{growing});
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(judgedCount(), 1u);
+}
+
+TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
+    options.maxWaiting = 32;
+    options.maxQueued = 8;
+    options.settleSeconds = 0.01;
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    constexpr int kFiles = 2000;
+    std::vector<std::string> expected;
+    for (int i = 0; i < kFiles; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/f%04d.bin", i);
+        std::string path = watchFolder + name;
+        expected.push_back(path);
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        if (i == 1234)
+            std::fwrite(evil.data(), 1, evil.size(), f);
+        else
+            std::fputs(name, f);
+        std::fclose(f);
+    }
+    ASSERT_TRUE(waitUntil([&] { return judgedCount() >= kFiles; }, 60)) << judgedCount();
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(judged, expected);
+    }
+    EXPECT_EQ(infected(), std::vector<std::string>{expected[1234]});
+    EXPECT_LE(statusNumber("WaitingHighWater"), 32u);
+    EXPECT_LE(statusNumber("QueuedHighWater"), 8u);
+    EXPECT_EQ(statusNumber("Judged"), static_cast<uint64_t>(kFiles));
+}
+
+TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {
+    auto runner = startService();
+    // Made together with its folder, before the folder can be watched.
+    std::string early = dir.write("watch/new/deeper/early.txt", "x");
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(early); }));
+    std::string late = watchFolder + "/new/deeper/late.txt";
+    vkmon::dropFile(late, "y");
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
+
+    std::string other = dir.mkdir("other");
+    auto refused = ask(P::kWatch, "relative/path");
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->opcode, P::kError);
+    EXPECT_EQ(ask(P::kWatch, dir.write("a-file", "z"))->opcode, P::kError);
+    EXPECT_EQ(ask(P::kWatch, ctx->dataFolder + "/Logs")->opcode, P::kError);
+    auto watched = ask(P::kWatch, other + "/");
+    ASSERT_TRUE(watched);
+    EXPECT_EQ(watched->opcode, P::kOk) << watched->body;
+    EXPECT_EQ(VkMonitorConfig(ctx->dataFolder).savedWatchFolders(),
+              std::vector<std::string>{other});
+    vkmon::dropFile(other + "/in-other.txt", "w");
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(other + "/in-other.txt"); }));
+
+    EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kOk);
+    EXPECT_TRUE(VkMonitorConfig(ctx->dataFolder).savedWatchFolders().empty());
+    EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kError);
+    vkmon::dropFile(other + "/ignored.txt", "v");
+    vkmon::dropFile(watchFolder + "/marker.txt", "m");
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/marker.txt"); }));
+    EXPECT_FALSE(wasJudged(other + "/ignored.txt"));
+}
+
+TEST_F(VkFileMonServiceTest, FilesOfTheDataFolderAreNeverJudged) {
+    // A watched folder that holds the data folder (the home, say).
+    options.watchFolders = {dir.path()};
+    auto runner = startService();
+    dir.write("data/trojan_Quarantine/kept.bin", evil);
+    vkmon::dropFile(watchFolder + "/marker.txt", "m");
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/marker.txt"); }));
+    std::lock_guard lock(mutex);
+    for (const auto& path : judged)
+        EXPECT_EQ(path.find(ctx->dataFolder), std::string::npos) << path;
+}
+
+TEST_F(VkFileMonServiceTest, RejectsMalformedAndOversizedRequestsAndKeepsServing) {
+    options.requestSeconds = 0.3;
+    auto runner = startService();
+    auto errorText = [](const std::string& bytes) -> std::string {
+        VkFrameDecoder decoder(P::kMaxReplyBytes);
+        decoder.feed(bytes.data(), bytes.size());
+        auto frame = decoder.next();
+        if (!frame || frame->opcode != P::kError)
+            return "<no error frame>";
+        return frame->body;
+    };
+    bool closed = false;
+    EXPECT_EQ(errorText(rawExchange(std::string("\x40\x00\x00\x00", 4), &closed)),
+              "request too large");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(errorText(rawExchange(std::string(4, '\0'), &closed)), "malformed request");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(errorText(rawExchange(P::encode(0x42), &closed)), "unknown request");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(errorText(rawExchange(P::encode(P::kHello, std::string("extra")), &closed)),
+              "malformed request");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(errorText(rawExchange(P::encode(P::kOk), &closed)), "unknown request");
+    // A request that never ends is let go.
+    std::string started = rawExchange(std::string("\x00\x00\x00\x10\x01", 5), &closed);
+    EXPECT_TRUE(started.empty());
+    EXPECT_TRUE(closed);
+
+    auto hello = ask(P::kHello);
+    ASSERT_TRUE(hello) << hello.error();
+    EXPECT_EQ(hello->opcode, P::kOk);
+}
+
+TEST_F(VkFileMonServiceTest, SubscribersHearOfEveryChangeAndClearing) {
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    auto fd = VkMonitorSocket::connectTo(socketPath());
+    ASSERT_TRUE(fd);
+    ASSERT_TRUE(VkMonitorSocket::sendAll(fd->get(), P::encode(P::kSubscribe), 5));
+    VkFrameDecoder decoder(P::kMaxReplyBytes);
+    auto first = VkMonitorSocket::readFrame(fd->get(), decoder, 5);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->opcode, P::kOk);
+    EXPECT_EQ(std::vector<uint8_t>(first->body.begin(), first->body.end()),
+              VkFileMonStore::emptyArchive());
+
+    vkmon::dropFile(watchFolder + "/bad.bin", evil);
+    auto pushed = VkMonitorSocket::readFrame(fd->get(), decoder, 10);
+    ASSERT_TRUE(pushed) << pushed.error();
+    EXPECT_EQ(pushed->opcode, P::kLogsChanged);
+    auto items = VkFileMonLogsItem::unarchiveItems(
+        std::vector<uint8_t>(pushed->body.begin(), pushed->body.end()));
+    ASSERT_TRUE(items && *items);
+    ASSERT_EQ((*items)->size(), 1u);
+    EXPECT_EQ((**items)[0]->filePath(), watchFolder + "/bad.bin");
+
+    auto cleared = ask(P::kClear);
+    ASSERT_TRUE(cleared);
+    EXPECT_EQ(cleared->opcode, P::kOk);
+    auto emptied = VkMonitorSocket::readFrame(fd->get(), decoder, 10);
+    ASSERT_TRUE(emptied);
+    EXPECT_EQ(emptied->opcode, P::kLogsChanged);
+    EXPECT_EQ(std::vector<uint8_t>(emptied->body.begin(), emptied->body.end()),
+              VkFileMonStore::emptyArchive());
+    EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), VkFileMonStore::emptyArchive());
+}
+
+TEST_F(VkFileMonServiceTest, OneServicePerDataFolder) {
+    auto runner = startService();
+    VkFileMonService second(ctx, options);
+    auto refused = second.start();
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().find("already running"), std::string::npos) << refused.error();
+    EXPECT_EQ(VkFileMonService::runningPid(ctx->dataFolder), ::getpid());
+    // The refused one left the running one alone.
+    EXPECT_EQ(ask(P::kHello)->opcode, P::kOk);
+
+    runner->stop();
+    EXPECT_FALSE(VkFileMonService::runningPid(ctx->dataFolder));
+    EXPECT_FALSE(VkFile::existsNoFollow(socketPath()));
+}
+
+TEST_F(VkFileMonServiceTest, StopsWhenItsSocketIsTakenAway) {
+    auto runner = startService();
+    ASSERT_EQ(::unlink(socketPath().c_str()), 0);
+    EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));
+}
+
+TEST_F(VkFileMonServiceTest, AStopRequestEndsTheService) {
+    auto runner = startService();
+    auto stopped = ask(P::kStop);
+    ASSERT_TRUE(stopped);
+    EXPECT_EQ(stopped->opcode, P::kOk);
+    EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));
+    EXPECT_FALSE(VkMonitorSocket::connectTo(socketPath()));
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+#include "monitor/VkFileMonStore.h"
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+#include "monitor/VkMonitorConfig.h"
+#include "monitor/VkMonitorTestSupport.h"
+#include "platform/VkFileUtil.h"
+
+namespace {
+
+std::shared_ptr<VkFileMonLogsItem> record(const std::string& path, double downloaded = 100) {
+    auto item = std::make_shared<VkFileMonLogsItem>();
+    item->setFilePath(path);
+    item->setTrojanName("OSX/Test.A");
+    item->setDownLoadTime(VkDate{downloaded});
+    item->setLogTime(VkDate{500});
+    return item;
+}
+
+std::vector<std::string> pathsOf(const VkFileMonLogsItem::Items& items) {
+    std::vector<std::string> paths;
+    for (const auto& item : items)
+        paths.push_back(item->filePath().value_or("?"));
+    return paths;
+}
+
+class VkFileMonStoreTest : public ::testing::Test {
+  protected:
+    VkTempDir dir;
+    std::string data = dir / "data";
+};
+
+TEST_F(VkFileMonStoreTest, KeepsRecordsOnDiskOwnerOnlyAndReadsThemBack) {
+    {
+        VkFileMonStore store(data);
+        ASSERT_TRUE(store.load());
+        ASSERT_TRUE(*store.append(record("/d/a")));
+        ASSERT_TRUE(*store.append(record("/d/b")));
+    }
+    std::string path = VkFileMonStore::recordsPath(data);
+    EXPECT_EQ(path, data + "/Logs/vkFileMon.logs");
+    EXPECT_EQ(vkmon::permissionsOf(path), 0600);
+    EXPECT_EQ(vkmon::permissionsOf(data), 0700);  // made by us
+
+    VkFileMonStore again(data);
+    ASSERT_TRUE(again.load());
+    EXPECT_EQ(pathsOf(again.items()), (std::vector<std::string>{"/d/a", "/d/b"}));
+    // The file is exactly the archive that clients receive.
+    auto onDisk = VkFileMonStore::readArchive(data);
+    ASSERT_TRUE(onDisk);
+    EXPECT_EQ(*onDisk, again.archive());
+}
+
+TEST_F(VkFileMonStoreTest, AFileJudgedAgainIsNotRecordedTwice) {
+    VkFileMonStore store(data);
+    uint64_t generation = store.generation();
+    ASSERT_TRUE(*store.append(record("/d/a", 100)));
+    EXPECT_FALSE(*store.append(record("/d/a", 100)));
+    EXPECT_EQ(store.generation(), generation + 1);
+    // Downloaded again later: a new record.
+    EXPECT_TRUE(*store.append(record("/d/a", 200)));
+    EXPECT_EQ(store.count(), 2u);
+}
+
+TEST_F(VkFileMonStoreTest, ClearingWritesAnEmptyList) {
+    VkFileMonStore store(data);
+    ASSERT_TRUE(*store.append(record("/d/a")));
+    ASSERT_TRUE(store.clear());
+    EXPECT_EQ(store.count(), 0u);
+    VkFileMonStore again(data);
+    ASSERT_TRUE(again.load());
+    EXPECT_EQ(again.count(), 0u);
+    EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
+}
+
+TEST_F(VkFileMonStoreTest, AnUnreadableFileIsSetAsideNotLost) {
+    dir.write("data/Logs/vkFileMon.logs", "this is no archive");
+    VkFileMonStore store(data);
+    auto loaded = store.load();
+    ASSERT_FALSE(loaded);
+    EXPECT_NE(loaded.error().find(".unreadable"), std::string::npos);
+    EXPECT_EQ(store.count(), 0u);
+    EXPECT_EQ(*VkFile::readAll(VkFileMonStore::recordsPath(data) + ".unreadable"),
+              "this is no archive");
+    ASSERT_TRUE(*store.append(record("/d/new")));
+    EXPECT_EQ(store.count(), 1u);
+}
+
+TEST_F(VkFileMonStoreTest, APlainFileNamedLogsGivesWayToTheFolder) {
+    dir.write("data/Logs", "in the way");
+    VkFileMonStore store(data);
+    ASSERT_TRUE(*store.append(record("/d/a")));
+    bool isDirectory = false;
+    EXPECT_TRUE(VkFile::exists(data + "/Logs", &isDirectory) && isDirectory);
+}
+
+TEST_F(VkFileMonStoreTest, TheOldestRecordsGiveWayBeyondTheLimit) {
+    VkFileMonStore store(data, 3);
+    for (const char* path : {"/1", "/2", "/3", "/4", "/5"})
+        ASSERT_TRUE(store.append(record(path)));
+    EXPECT_EQ(pathsOf(store.items()), (std::vector<std::string>{"/3", "/4", "/5"}));
+}
+
+TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {
+    VkTempDir dir;
+    VkMonitorConfig config(dir / "data");
+    EXPECT_TRUE(config.savedWatchFolders().empty());
+    ASSERT_TRUE(config.addWatchFolder("/srv/in"));
+    ASSERT_TRUE(config.addWatchFolder("/srv/other"));
+    ASSERT_TRUE(config.addWatchFolder("/srv/in"));
+    EXPECT_EQ(config.savedWatchFolders(), (std::vector<std::string>{"/srv/in", "/srv/other"}));
+    EXPECT_EQ(vkmon::permissionsOf(VkMonitorConfig::configPath(dir / "data")), 0600);
+    ASSERT_TRUE(config.removeWatchFolder("/srv/in"));
+    EXPECT_FALSE(config.removeWatchFolder("/srv/in"));
+    EXPECT_EQ(config.savedWatchFolders(), std::vector<std::string>{"/srv/other"});
+
+    EXPECT_EQ(config.settleSeconds(), VkMonitorConfig::kDefaultSettleSeconds);
+    EXPECT_FALSE(config.setSettleSeconds(0));
+    EXPECT_FALSE(config.setSettleSeconds(-1));
+    ASSERT_TRUE(config.setSettleSeconds(0.25));
+    EXPECT_EQ(VkMonitorConfig(dir / "data").settleSeconds(), 0.25);
+}
+
+TEST(VkMonitorConfigTest, FindsTheDownloadFolderInUserDirs) {
+    std::string text =
+        "# written by xdg-user-dirs-update\n"
+        "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
+        "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements/\"\n";
+    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs(text, "/home/ann"),
+              "/home/ann/Téléchargements");
+    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("XDG_DOWNLOAD_DIR=\"/data/dl\"\n", "/h"),
+              "/data/dl");
+    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("XDG_DOWNLOAD_DIR=\"dl\"\n", "/h"),
+              std::nullopt);
+    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("# XDG_DOWNLOAD_DIR=\"/x\"\n", "/h"),
+              std::nullopt);
+}
+
+}  // namespace

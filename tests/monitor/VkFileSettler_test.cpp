@@ -1,0 +1,122 @@
+#include "monitor/VkFileSettler.h"
+
+#include <map>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+
+namespace {
+
+// Files whose size and time the test sets by hand.
+class FakeFiles {
+  public:
+    VkFileSettler::Observe observe() {
+        return [this](const std::string& path) -> std::optional<VkFileSettler::Observation> {
+            ++looks;
+            auto it = files.find(path);
+            if (it == files.end())
+                return std::nullopt;
+            return it->second;
+        };
+    }
+    void touch(const std::string& path, uint64_t size) { files[path] = {size, ++tick, 0}; }
+    std::map<std::string, VkFileSettler::Observation> files;
+    int64_t tick = 0;
+    int looks = 0;
+};
+
+std::vector<std::string> drain(VkFileSettler& settler, double now) {
+    std::vector<std::string> out;
+    while (auto path = settler.nextSettled(now))
+        out.push_back(*path);
+    return out;
+}
+
+TEST(VkFileSettlerTest, HandsOnFilesInTheOrderTheyCompletedOnceTheSettleTimeHasPassed) {
+    FakeFiles files;
+    VkFileSettler settler(2.0, 10, files.observe());
+    for (const char* name : {"/w/c", "/w/a", "/w/b"}) {
+        files.touch(name, 10);
+        ASSERT_TRUE(settler.complete(name, 100));
+    }
+    EXPECT_EQ(settler.secondsUntilDue(100.5), 1.5);
+    EXPECT_TRUE(drain(settler, 101.9).empty());
+    EXPECT_EQ(drain(settler, 102), (std::vector<std::string>{"/w/c", "/w/a", "/w/b"}));
+    EXPECT_EQ(settler.size(), 0u);
+    EXPECT_FALSE(settler.secondsUntilDue(102));
+}
+
+TEST(VkFileSettlerTest, AFileThatKeepsChangingIsHandedOnOnceItSettles) {
+    FakeFiles files;
+    VkFileSettler settler(1.0, 10, files.observe());
+    files.touch("/w/big", 100);
+    settler.complete("/w/big", 0);
+    files.touch("/w/small", 5);
+    settler.complete("/w/small", 0.5);
+
+    // Still growing when due: waits again, behind the file that was quiet.
+    files.touch("/w/big", 200);
+    EXPECT_EQ(drain(settler, 1.0), std::vector<std::string>{});
+    EXPECT_EQ(drain(settler, 1.5), std::vector<std::string>{"/w/small"});
+    // Completed again while waiting: the wait starts over.
+    files.touch("/w/big", 300);
+    settler.complete("/w/big", 1.8);
+    EXPECT_EQ(drain(settler, 2.5), std::vector<std::string>{});
+    EXPECT_EQ(drain(settler, 2.8), std::vector<std::string>{"/w/big"});
+    EXPECT_EQ(settler.size(), 0u);
+}
+
+TEST(VkFileSettlerTest, AChangeOfTimeAloneAlsoCountsAsChanging) {
+    FakeFiles files;
+    VkFileSettler settler(1.0, 10, files.observe());
+    files.touch("/w/f", 7);
+    settler.complete("/w/f", 0);
+    files.touch("/w/f", 7);  // same size, rewritten
+    EXPECT_TRUE(drain(settler, 1.0).empty());
+    EXPECT_EQ(drain(settler, 2.0), std::vector<std::string>{"/w/f"});
+}
+
+TEST(VkFileSettlerTest, FilesThatVanishAreDroppedAndNeverHandedOn) {
+    FakeFiles files;
+    VkFileSettler settler(1.0, 10, files.observe());
+    EXPECT_FALSE(settler.complete("/w/never-there", 0));
+    files.touch("/w/partial", 1);
+    files.touch("/w/final", 1);
+    settler.complete("/w/partial", 0);
+    settler.complete("/w/final", 0);
+    files.files.erase("/w/partial");  // renamed into place
+    EXPECT_EQ(drain(settler, 5), std::vector<std::string>{"/w/final"});
+}
+
+TEST(VkFileSettlerTest, IsBoundedAndKnownPathsStillMoveWhenFull) {
+    FakeFiles files;
+    VkFileSettler settler(1.0, 3, files.observe());
+    for (const char* name : {"/a", "/b", "/c", "/d"})
+        files.touch(name, 1);
+    EXPECT_TRUE(settler.complete("/a", 0));
+    EXPECT_TRUE(settler.complete("/b", 0));
+    EXPECT_TRUE(settler.complete("/c", 0));
+    EXPECT_TRUE(settler.full());
+    EXPECT_FALSE(settler.complete("/d", 0));
+    EXPECT_TRUE(settler.complete("/a", 0.5));  // already waiting: waits again, at the back
+    EXPECT_EQ(settler.size(), 3u);
+    EXPECT_EQ(settler.highWater(), 3u);
+    EXPECT_EQ(drain(settler, 1.0), (std::vector<std::string>{"/b", "/c"}));
+    EXPECT_EQ(drain(settler, 1.5), std::vector<std::string>{"/a"});
+}
+
+TEST(VkFileSettlerTest, RealFilesAreObservedWithoutFollowingLinks) {
+    VkTempDir dir;
+    std::string file = dir.write("f", "12345");
+    auto seen = VkFileSettler::observeFile(file);
+    ASSERT_TRUE(seen);
+    EXPECT_EQ(seen->size, 5u);
+    ASSERT_EQ(::symlink(file.c_str(), (dir / "link").c_str()), 0);
+    EXPECT_FALSE(VkFileSettler::observeFile(dir / "link"));
+    EXPECT_FALSE(VkFileSettler::observeFile(dir.path()));
+    EXPECT_FALSE(VkFileSettler::observeFile(dir / "missing"));
+}
+
+}  // namespace

@@ -1,0 +1,76 @@
+#include "monitor/VkMonitorProtocol.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using P = VkMonitorProtocol;
+
+TEST(VkMonitorProtocolTest, FramesCarryABigEndianLengthThenTheOpcode) {
+    std::string frame = P::encode(P::kWatch, std::string("/tmp"));
+    EXPECT_EQ(frame, std::string("\0\0\0\x05\x06/tmp", 9));
+    EXPECT_EQ(P::encode(P::kHello), std::string("\0\0\0\x01\x01", 5));
+}
+
+TEST(VkMonitorProtocolTest, DecodesFramesSplitAnywhereAndSeveralAtOnce) {
+    std::string stream =
+        P::encode(P::kHello) + P::encode(P::kWatch, std::string(300, 'x')) + P::encode(P::kGetLogs);
+    VkFrameDecoder decoder(P::kMaxRequestBytes);
+    for (char c : stream)
+        decoder.feed(&c, 1);
+    auto first = decoder.next();
+    auto second = decoder.next();
+    auto third = decoder.next();
+    ASSERT_TRUE(first && second && third);
+    EXPECT_EQ(first->opcode, P::kHello);
+    EXPECT_EQ(second->opcode, P::kWatch);
+    EXPECT_EQ(second->body, std::string(300, 'x'));
+    EXPECT_EQ(third->opcode, P::kGetLogs);
+    EXPECT_FALSE(decoder.next());
+    EXPECT_FALSE(decoder.partial());
+
+    VkFrameDecoder whole(P::kMaxRequestBytes);
+    whole.feed(stream.data(), 7);
+    EXPECT_TRUE(whole.partial());
+    whole.feed(stream.data() + 7, stream.size() - 7);
+    int count = 0;
+    while (whole.next())
+        ++count;
+    EXPECT_EQ(count, 3);
+    EXPECT_FALSE(whole.failed());
+}
+
+TEST(VkMonitorProtocolTest, AnOversizedFrameFailsBeforeItsBodyIsKept) {
+    VkFrameDecoder decoder(16);
+    std::string header("\x7f\xff\xff\xff\x01", 5);
+    decoder.feed(header.data(), header.size());
+    EXPECT_TRUE(decoder.failed());
+    EXPECT_EQ(decoder.failure(), "message too large");
+    EXPECT_FALSE(decoder.partial());  // nothing buffered
+    std::string more(1000, 'a');
+    decoder.feed(more.data(), more.size());
+    EXPECT_FALSE(decoder.partial());
+    EXPECT_FALSE(decoder.next());
+
+    VkFrameDecoder limit(16);
+    std::string exactly = P::encode(P::kWatch, std::string(15, 'p'));
+    limit.feed(exactly.data(), exactly.size());
+    EXPECT_FALSE(limit.failed());
+    ASSERT_TRUE(limit.next());
+    std::string over = P::encode(P::kWatch, std::string(16, 'p'));
+    limit.feed(over.data(), over.size());
+    EXPECT_TRUE(limit.failed());
+}
+
+TEST(VkMonitorProtocolTest, AnEmptyFrameIsMalformed) {
+    VkFrameDecoder decoder(16);
+    std::string good = P::encode(P::kHello);
+    std::string stream = good + std::string(4, '\0') + good;
+    decoder.feed(stream.data(), stream.size());
+    EXPECT_TRUE(decoder.next());  // what came before is kept
+    EXPECT_FALSE(decoder.next());
+    EXPECT_TRUE(decoder.failed());
+    EXPECT_EQ(decoder.failure(), "empty message");
+}
+
+}  // namespace

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "database/VkSqliteManager.h"
+#include "engine/VkTorjanItem.h"
+#include "platform/VkContext.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHashValue.h"
+
+// Helpers shared by the file-monitor tests.
+namespace vkmon {
+
+// Polls pred every few milliseconds until it holds or `seconds` have passed.
+inline bool waitUntil(const std::function<bool()>& pred, double seconds = 10) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// Synthetic contents of a given length; seed makes different contents of one length.
+inline std::string contentsOf(size_t length, unsigned seed) {
+    std::string s(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 7)) & 0xFF);
+    return s;
+}
+
+// Adds a signature record matching `contents` exactly (size and MD5) to the database `file` of
+// the data folder, its text fields enciphered as the databases keep them.
+inline void addSignature(const std::shared_ptr<VkContext>& ctx, const std::string& file,
+                         const std::string& name, const std::string& contents) {
+    VkFile::createDirectory(ctx->dataFolder, true, 0700);
+    VkSqliteManager manager(ctx);
+    manager.openDataBase(VkFile::join(ctx->dataFolder, file));
+    auto item = std::make_shared<VkTorjanItem>();
+    item->setName(name);
+    item->setDetail("made by the test");
+    item->setFileSize(contents.size());
+    item->setTorjanCode(
+        *VkHashValue::hashWithData(contents.data(), static_cast<uint32_t>(contents.size()), 0));
+    item->enCodeTrojanInfo();
+    manager.addItemToDataBase(item);
+    manager.closeDataBase();
+}
+
+// Writes a file the way many downloads end: under a temporary name (closed after writing),
+// then renamed into place.
+inline void dropFile(const std::string& path, const std::string& contents) {
+    VkFile::writeAtomically(path, contents);
+}
+
+inline int permissionsOf(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0)
+        return -1;
+    return static_cast<int>(st.st_mode & 07777);
+}
+
+}  // namespace vkmon

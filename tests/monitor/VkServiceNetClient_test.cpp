@@ -1,0 +1,220 @@
+#include "monitor/VkServiceNetClient.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+#include "fakes/VkTempDir.h"
+#include "logs/VkFileMonLogsOper.h"
+#include "monitor/VkFileMonService.h"
+#include "monitor/VkFileMonStore.h"
+#include "monitor/VkMonitorConfig.h"
+#include "monitor/VkMonitorTestSupport.h"
+
+// End to end: the built vksecurity program runs the monitor as the panel's switch starts it,
+// and the real client talks to it.
+namespace {
+
+using vkmon::waitUntil;
+
+const std::string kProgram = std::string(VK_BINARY_DIR) + "/apps/vksecurity/vksecurity";
+
+// A panel-like listener: remembers what the list held each time it was told.
+class Listener : public VkFileMonLogsOperDelegate {
+  public:
+    explicit Listener(VkFileMonLogsOper& oper) : oper_(oper) {}
+    void refreshLogsData() override {
+        std::vector<std::string> paths;
+        for (const auto& item : oper_.fileMonLogsArray())
+            paths.push_back(item->filePath().value_or("?") + " = " +
+                            item->trojanName().value_or("?"));
+        std::lock_guard lock(mutex_);
+        seen_.push_back(std::move(paths));
+    }
+    std::vector<std::vector<std::string>> seen() {
+        std::lock_guard lock(mutex_);
+        return seen_;
+    }
+    size_t calls() { return seen().size(); }
+    std::vector<std::string> last() {
+        auto all = seen();
+        return all.empty() ? std::vector<std::string>{} : all.back();
+    }
+
+  private:
+    VkFileMonLogsOper& oper_;
+    std::mutex mutex_;
+    std::vector<std::vector<std::string>> seen_;
+};
+
+class VkServiceNetClientTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // The monitor that the client starts watches this folder as the user's downloads.
+        ::setenv("XDG_DOWNLOAD_DIR", watchFolder.c_str(), 1);
+        ASSERT_TRUE(VkMonitorConfig(ctx->dataFolder).setSettleSeconds(0.05));
+        vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+        client = makeClient();
+        ctx->netClient = client;
+        reconnections = 0;
+        ctx->notificationCenter->addObserver(
+            "RegisterNetClientDidEnd", nullptr,
+            [this](const VkNotification&) { reconnections.fetch_add(1); });
+    }
+    void TearDown() override {
+        // Never leave a monitor behind, whatever the test did.
+        if (client) {
+            auto stopped = client->stop();
+            EXPECT_TRUE(stopped) << stopped.error();
+        }
+    }
+
+    std::shared_ptr<VkServiceNetClient> makeClient() {
+        VkServiceNetClientOptions options;
+        options.programPath = kProgram;
+        options.startSeconds = 30;  // the sanitizer build starts slowly
+        options.retrySeconds = 0.2;
+        return std::make_shared<VkServiceNetClient>(ctx->dataFolder, ctx->defaultsFile,
+                                                    ctx->notificationCenter, options);
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::string watchFolder = dir.mkdir("Downloads");
+    std::string evil = vkmon::contentsOf(4099, 7);
+    std::shared_ptr<VkServiceNetClient> client;
+    std::atomic<int> reconnections{0};
+};
+
+TEST_F(VkServiceNetClientTest, ADetectionReachesAListenerAndClearingTellsIt) {
+    ASSERT_TRUE(client->setFileMonStat(true));
+    EXPECT_TRUE(client->isRunning());
+    auto oper = std::make_shared<VkFileMonLogsOper>(ctx);
+    auto listener = std::make_shared<Listener>(*oper);
+    oper->addFileMonLogsDelegate(listener);
+    oper->addFileMonLogsDelegate(listener);
+    ASSERT_TRUE(waitUntil([&] { return client->isSubscribed(); }));
+
+    std::string bad = watchFolder + "/FlashPlayer.dmg";
+    vkmon::dropFile(bad, evil);
+    ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return listener->calls() >= 1; }));
+    EXPECT_EQ(listener->last(), std::vector<std::string>{bad + " = OSX/Test.A"});
+    // Once per change, though registered twice.
+    EXPECT_EQ(listener->calls(), 1u);
+
+    oper->removeAllLogs();
+    // Told at once, with the list already empty...
+    ASSERT_GE(listener->calls(), 2u);
+    EXPECT_TRUE(listener->seen()[1].empty());
+    // ...and the monitor's own list is empty too.
+    auto records = client->currentRecords();
+    ASSERT_TRUE(records);
+    EXPECT_TRUE(records->empty());
+    EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), VkFileMonStore::emptyArchive());
+}
+
+TEST_F(VkServiceNetClientTest, ACleanFileLeavesNoRecord) {
+    ASSERT_TRUE(client->setFileMonStat(true));
+    vkmon::dropFile(watchFolder + "/clean.bin", vkmon::contentsOf(4099, 8));
+    ASSERT_TRUE(waitUntil([&] {
+        auto status = client->status();
+        const VkPlist* judged = status ? status->get("Judged") : nullptr;
+        return judged && judged->asUInt64().value_or(0) >= 1;
+    }));
+    auto records = client->currentRecords();
+    ASSERT_TRUE(records);
+    EXPECT_TRUE(records->empty());
+}
+
+TEST_F(VkServiceNetClientTest, RecordsSurviveARestartAndTheClientReconnects) {
+    auto oper = std::make_shared<VkFileMonLogsOper>(ctx);
+    auto listener = std::make_shared<Listener>(*oper);
+    oper->addFileMonLogsDelegate(listener);
+    ASSERT_TRUE(client->setFileMonStat(true));
+    ASSERT_TRUE(waitUntil([&] { return reconnections.load() == 1; }));
+
+    std::string bad = watchFolder + "/payload.pkg";
+    vkmon::dropFile(bad, evil);
+    ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 1; }));
+
+    ASSERT_TRUE(client->setFileMonStat(false));
+    EXPECT_FALSE(client->isRunning());
+    EXPECT_FALSE(VkFileMonService::runningPid(ctx->dataFolder));
+    ASSERT_TRUE(waitUntil([&] { return !client->isSubscribed(); }));
+    // Off, the records are still there to be shown.
+    auto kept = client->currentRecords();
+    ASSERT_TRUE(kept);
+    ASSERT_EQ(kept->size(), 1u);
+    EXPECT_EQ((*kept)[0]->filePath(), bad);
+
+    size_t callsBefore = listener->calls();
+    ASSERT_TRUE(client->setFileMonStat(true));
+    ASSERT_TRUE(waitUntil([&] { return reconnections.load() == 2; }));
+    // The same list after the restart: nothing to tell the listener.
+    EXPECT_EQ(listener->calls(), callsBefore);
+    EXPECT_EQ(oper->logsFileCount(), 1u);
+
+    // And changes keep arriving through the renewed subscription.
+    vkmon::dropFile(watchFolder + "/again.pkg", evil);
+    ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 2; }));
+}
+
+TEST_F(VkServiceNetClientTest, ASecondClientSeesTheSameRecords) {
+    ASSERT_TRUE(client->setFileMonStat(true));
+    std::string bad = watchFolder + "/shared.zip";
+    vkmon::dropFile(bad, evil);
+    ASSERT_TRUE(waitUntil([&] {
+        auto records = client->currentRecords();
+        return records && records->size() == 1;
+    }));
+
+    auto second = makeClient();
+    // Switching on again finds the running monitor instead of starting another.
+    ASSERT_TRUE(second->setFileMonStat(true));
+    auto records = second->currentRecords();
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 1u);
+    EXPECT_EQ((*records)[0]->filePath(), bad);
+    EXPECT_EQ((*records)[0]->trojanName(), "OSX/Test.A");
+    EXPECT_EQ(client->fileMonLogs(), second->fileMonLogs());
+
+    auto secondCtx = VkContext::forTesting(dir / "other");
+    secondCtx->netClient = second;
+    auto oper = std::make_shared<VkFileMonLogsOper>(secondCtx);
+    EXPECT_EQ(oper->logsFileCount(), 1u);
+    EXPECT_TRUE(client->removeAllFileMonLogs());
+    ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 0; }));
+}
+
+TEST_F(VkServiceNetClientTest, StartingFailsClearlyWithoutTheProgram) {
+    VkServiceNetClientOptions options;
+    options.programPath = dir / "no-such-program";
+    options.startSeconds = 1;
+    VkServiceNetClient lost(ctx->dataFolder, ctx->defaultsFile, nullptr, options);
+    auto started = lost.start();
+    ASSERT_FALSE(started);
+    EXPECT_NE(started.error().find("no-such-program"), std::string::npos) << started.error();
+    EXPECT_FALSE(lost.setFileMonStat(true));
+    // Switching off what does not run is no failure.
+    EXPECT_TRUE(lost.setFileMonStat(false));
+}
+
+TEST_F(VkServiceNetClientTest, WithNoMonitorRunningClearingEmptiesTheFileItLeft) {
+    VkFileMonStore store(ctx->dataFolder);
+    auto item = std::make_shared<VkFileMonLogsItem>();
+    item->setFilePath("/left/behind");
+    item->setDownLoadTime(VkDate{1});
+    item->setLogTime(VkDate{2});
+    ASSERT_TRUE(store.append(item));
+
+    auto records = client->currentRecords();
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 1u);
+    EXPECT_TRUE(client->removeAllFileMonLogs());
+    EXPECT_TRUE(client->currentRecords()->empty());
+}
+
+}  // namespace
