@@ -5,7 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
+#include "logs/VkFileMonLogsItem.h"
 #include "logs/VkScanLogsOper.h"
+#include "platform/VkNetClient.h"
 #include "support/VkStringExtern.h"
 
 namespace {
@@ -49,9 +51,73 @@ std::string timeText(const std::optional<VkDate>& date) {
 
 struct LogsOptions {
     bool clear = false;
+    bool monitor = false;
 };
 
+// The file monitor's records (through the monitor service, or its records file when the
+// service is not running).
+void showMonitorLogs(VkCli& cli, const LogsOptions& options) {
+    auto ctx = cli.context();
+    if (!ctx->netClient) {
+        vkCliFail(cli, "the file monitor is not available on this system");
+        return;
+    }
+    if (options.clear) {
+        if (!ctx->netClient->removeAllFileMonLogs()) {
+            vkCliFail(cli, "the file monitor's records could not be deleted");
+            return;
+        }
+        if (!cli.json)
+            std::printf("The file monitor's records are deleted.\n");
+        return;
+    }
+    VkFileMonLogsItem::Items items;
+    if (auto bytes = ctx->netClient->fileMonLogs(); bytes && !bytes->empty()) {
+        auto decoded = VkFileMonLogsItem::unarchiveItems(*bytes);
+        if (!decoded) {
+            vkCliFail(cli, "the file monitor's records cannot be read: " + decoded.error());
+            return;
+        }
+        if (*decoded)
+            items = **decoded;
+    }
+    if (cli.json) {
+        nlohmann::json out = nlohmann::json::array();
+        for (const auto& item : items) {
+            nlohmann::json j = {{"path", item->filePath().value_or("")},
+                                {"name", item->trojanName().value_or("")}};
+            if (auto t = item->downLoadTime())
+                j["downloadTime"] = t->secondsSince1970;
+            if (auto t = item->logTime())
+                j["logTime"] = t->secondsSince1970;
+            if (auto p = item->processName())
+                j["processName"] = *p;
+            if (auto p = item->processPath())
+                j["processPath"] = *p;
+            out.push_back(j);
+        }
+        std::printf("%s\n",
+                    out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        return;
+    }
+    if (items.empty()) {
+        std::printf("The file monitor has recorded nothing.\n");
+        return;
+    }
+    for (const auto& item : items) {
+        std::printf("%s  %s: %s%s%s\n", timeText(item->logTime()).c_str(),
+                    item->filePath().value_or("?").c_str(),
+                    item->trojanName().value_or("?").c_str(),
+                    item->processName() ? " (written by " : "",
+                    item->processName() ? (*item->processName() + ")").c_str() : "");
+    }
+}
+
 void showLogs(VkCli& cli, const LogsOptions& options) {
+    if (options.monitor) {
+        showMonitorLogs(cli, options);
+        return;
+    }
     cli.context();
     auto logs = VkScanLogsOper::sharedOper();
     if (options.clear) {
@@ -99,7 +165,9 @@ void showLogs(VkCli& cli, const LogsOptions& options) {
 
 static VkCliCommand registration(40, [](CLI::App& app, VkCli& cli) {
     auto options = std::make_shared<LogsOptions>();
-    auto* cmd = app.add_subcommand("logs", "Show the scan history");
-    cmd->add_flag("--clear", options->clear, "Delete the scan history");
+    auto* cmd = app.add_subcommand("logs", "Show the scan history or the file monitor's records");
+    cmd->add_flag("--clear", options->clear,
+                  "Delete the scan history (with --monitor: the monitor's records)");
+    cmd->add_flag("--monitor", options->monitor, "Show the file monitor's records instead");
     cmd->callback([&cli, options] { showLogs(cli, *options); });
 });

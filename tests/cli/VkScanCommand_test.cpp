@@ -6,6 +6,7 @@
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
+#include "logs/VkFileMonLogsItem.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -143,6 +144,31 @@ TEST_F(VkScanCommandTest, RemoveDeletesTheFindingsAndLogsTheRemoval) {
     ASSERT_EQ(logs.size(), 1u);
     EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");
     EXPECT_EQ(run({"scan", "--remove", "--trust", tree}).exitCode, 2);
+}
+
+TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
+    auto record = std::make_shared<VkFileMonLogsItem>();
+    record->setFilePath(dir / "Downloads/setup.dmg");
+    record->setTrojanName(std::string("Test.Alpha"));
+    record->setDownLoadTime(VkDate{1700000000});
+    record->setLogTime(VkDate{1700000100});
+    auto bytes = VkFileMonLogsItem::archiveItems({record});
+    ASSERT_TRUE(bytes.ok());
+    VkFile::createDirectory(dir / "data/Logs", true);
+    ASSERT_TRUE(
+        VkFile::writeAtomically(dir / "data/Logs/vkFileMon.logs", bytes->data(), bytes->size())
+            .ok());
+
+    auto listed = run({"--json", "logs", "--monitor"});
+    ASSERT_EQ(listed.exitCode, 0) << listed.err;
+    auto records = nlohmann::json::parse(listed.out);
+    ASSERT_EQ(records.size(), 1u) << listed.out;
+    EXPECT_EQ(records[0]["path"], dir / "Downloads/setup.dmg");
+    EXPECT_EQ(records[0]["name"], "Test.Alpha");
+    EXPECT_FALSE(records[0].contains("processName"));
+
+    EXPECT_EQ(run({"logs", "--monitor", "--clear"}).exitCode, 0);
+    EXPECT_EQ(nlohmann::json::parse(run({"--json", "logs", "--monitor"}).out).size(), 0u);
 }
 
 }  // namespace
