@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
@@ -17,13 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-
-std::string quote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
 
 struct CliRun {
     int code = -1;
@@ -39,20 +33,11 @@ class VkQuarantineCommandTest : public ::testing::Test {
     }
 
     CliRun vksecurity(const std::vector<std::string>& args) {
-        std::string command = "VK_DEFAULTS_FILE=" + quote(ctx->defaultsFile) + " " +
-                              quote(std::string(VK_BINARY_DIR) + "/apps/vksecurity/vksecurity") +
-                              " --data-dir " + quote(ctx->dataFolder);
-        for (const auto& a : args)
-            command += " " + quote(a);
-        std::string out = dir / "stdout.txt";
-        std::string err = dir / "stderr.txt";
-        command += " >" + quote(out) + " 2>" + quote(err);
-        int status = std::system(command.c_str());
-        CliRun run;
-        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        run.out = VkFile::readAll(out).ok() ? *VkFile::readAll(out) : "";
-        run.err = VkFile::readAll(err).ok() ? *VkFile::readAll(err) : "";
-        return run;
+        std::vector<std::string> all = {"--data-dir", ctx->dataFolder};
+        all.insert(all.end(), args.begin(), args.end());
+        VkProgramOutput r = vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/vksecurity/vksecurity",
+                                         all, {{"VK_DEFAULTS_FILE", ctx->defaultsFile}});
+        return CliRun{r.exitCode, r.out, r.err};
     }
 
     // Quarantines a new file through the store, as a scan's clean step does.

@@ -8,6 +8,7 @@
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "engine/VkTorjanScan.h"
+#include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
@@ -20,16 +21,11 @@ namespace fs = std::filesystem;
 
 const char kSample[] = "center-synthetic-sample-bytes";
 
-class QuietPacing : public VkPacing {
-  public:
-    void sleepMicroseconds(long long) override {}
-};
-
 class VkTorjanCenterTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
-        ctx->pacing = std::make_shared<QuietPacing>();
+        ctx->pacing = std::make_shared<VkQuietPacing>();
         auto core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
         core->performMoves(true);
         ctx->coreFunction = core;

@@ -8,6 +8,7 @@
 
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanScan.h"
+#include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
@@ -19,16 +20,11 @@ namespace fs = std::filesystem;
 
 const char kPayload[] = "synthetic-scan-test-payload-0123456789";
 
-class QuietPacing : public VkPacing {
-  public:
-    void sleepMicroseconds(long long) override {}
-};
-
 class VkScanWalkTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
-        ctx->pacing = std::make_shared<QuietPacing>();
+        ctx->pacing = std::make_shared<VkQuietPacing>();
         ctx->coreFunction = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
         VkFile::createDirectory(ctx->dataFolder, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",

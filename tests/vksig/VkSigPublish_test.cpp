@@ -10,17 +10,11 @@
 #include <nlohmann/json.hpp>
 
 #include "database/VkSqliteManager.h"
+#include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
-
-std::string quote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
 
 struct ProgramRun {
     int code = -1;
@@ -47,22 +41,12 @@ class VkSigPublishTest : public ::testing::Test {
     ProgramRun run(const std::string& program, const std::vector<std::string>& args) {
         // A private data folder, defaults file and (empty) resource folder: nothing of the
         // user's is read or written, and no packaged database gets in the way.
-        std::string command =
-            "VK_DATA_DIR=" + quote(dir / "data") +
-            " VK_DEFAULTS_FILE=" + quote(dir / "defaults.plist") +
-            " VK_RESOURCE_DIR=" + quote(dir / "resources") + " " +
-            quote(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program);
-        for (const auto& a : args)
-            command += " " + quote(a);
-        command += " >" + quote(dir / "stdout.txt") + " 2>" + quote(dir / "stderr.txt");
-        int status = std::system(command.c_str());
-        ProgramRun result;
-        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        auto out = VkFile::readAll(dir / "stdout.txt");
-        auto err = VkFile::readAll(dir / "stderr.txt");
-        result.out = out.ok() ? *out : "";
-        result.err = err.ok() ? *err : "";
-        return result;
+        VkProgramOutput r =
+            vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program, args,
+                         {{"VK_DATA_DIR", dir / "data"},
+                          {"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                          {"VK_RESOURCE_DIR", dir / "resources"}});
+        return ProgramRun{r.exitCode, r.out, r.err};
     }
     std::string url() { return "http://127.0.0.1:" + std::to_string(port); }
     std::string manifest() {

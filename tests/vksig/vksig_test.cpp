@@ -12,6 +12,7 @@
 #include "database/VkDataBaseCheck.h"
 #include "database/VkSqliteManager.h"
 #include "engine/VkTorjanScan.h"
+#include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
@@ -20,13 +21,6 @@
 namespace {
 
 constexpr size_t kMiB = 1048576;
-
-std::string quote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
 
 std::string md5(const std::string& bytes) {
     return *VkHashValue::hashWithData(bytes.data(), static_cast<uint32_t>(bytes.size()), 0);
@@ -59,18 +53,8 @@ struct SigRun {
 class VksigTest : public ::testing::Test {
   protected:
     SigRun vksig(const std::vector<std::string>& args) {
-        std::string command = quote(std::string(VK_BINARY_DIR) + "/apps/vksig/vksig");
-        for (const auto& a : args)
-            command += " " + quote(a);
-        std::string out = dir / "stdout.txt";
-        std::string err = dir / "stderr.txt";
-        command += " >" + quote(out) + " 2>" + quote(err);
-        int status = std::system(command.c_str());
-        SigRun run;
-        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        run.out = VkFile::readAll(out).ok() ? *VkFile::readAll(out) : "";
-        run.err = VkFile::readAll(err).ok() ? *VkFile::readAll(err) : "";
-        return run;
+        VkProgramOutput r = vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/vksig/vksig", args);
+        return SigRun{r.exitCode, r.out, r.err};
     }
 
     // The database's records as the scanner loads them: read by the store, deciphered.
