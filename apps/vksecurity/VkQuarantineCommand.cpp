@@ -8,6 +8,7 @@
 
 #include "VkCli.h"
 #include "platform/VkFileUtil.h"
+#include "engine/VkTorjanCenter.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "support/VkStringExtern.h"
 
@@ -77,7 +78,9 @@ std::string restoreFailure(const VkQuarantineFileManager& store, const VkQuarant
 }
 
 void listCommand(VkCli& cli) {
-    VkQuarantineFileManager store(cli.context());
+    cli.context();
+    // The scan center's quarantine: the same store its scans quarantine into.
+    VkQuarantineFileManager& store = VkTorjanCenter::shareCenter()->quarantine();
     const auto& items = store.allQuarantineItems();
     if (cli.json) {
         nlohmann::json list = nlohmann::json::array();
@@ -102,7 +105,8 @@ void listCommand(VkCli& cli) {
 // Restores (or deletes) the numbered files; every file is tried, the exit code says
 // whether any failed.
 void actCommand(VkCli& cli, const std::vector<std::string>& numbers, bool restore) {
-    VkQuarantineFileManager store(cli.context());
+    cli.context();
+    VkQuarantineFileManager& store = VkTorjanCenter::shareCenter()->quarantine();
     auto picked = pickItems(cli, store, numbers);
     if (!picked)
         return;
