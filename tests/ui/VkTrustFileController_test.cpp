@@ -1,0 +1,144 @@
+#include "ui/VkTrustFileController.h"
+
+#include <gtest/gtest.h>
+
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanCenter.h"
+#include "engine/VkTorjanResultItems.h"
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkRecordingListView.h"
+#include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
+#include "remediation/VkQuarantineFileManager.h"
+#include "support/VkStringExtern.h"
+
+namespace {
+
+class RecordingCommonDelegate : public VkTrojanCommonDelegate {
+  public:
+    void disApperaView() override { ++calls; }
+    int calls = 0;
+};
+
+class VkTrustFileControllerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->coreFunction = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        VkFile::createDirectory(ctx->dataFolder, true);
+        center = std::make_shared<VkTorjanCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
+                                                  std::make_shared<VkQuarantineFileManager>(ctx));
+        localizer = std::make_shared<VkLocalizer>();
+        localizer->setString("Security-1-13-1", "%d trusted files");
+        // File-name order (alpha, mid, zeta) differs from trojan-name order on purpose.
+        trust("home/zeta.bin", "OSX/Alpha", 3);
+        trust("home/alpha.bin", "OSX/Gamma", 1);
+        trust("home/mid.bin", "OSX/Beta", 20);
+        controller = std::make_unique<VkTrustFileController>(center, localizer);
+        controller->setView(&view);
+        controller->setCommonDelegate(&delegate);
+        controller->awakeFromNib();
+        controller->reloadDataView();
+    }
+
+    void trust(const std::string& name, const char* trojan, size_t size) {
+        auto r = std::make_shared<VkTorjanResultItems>();
+        r->setPath(dir.write(name, std::string(size, 'x')));
+        r->setTorjanName(std::string(trojan));
+        r->setHashCode(std::string("00112233445566778899aabbccddeeff"));
+        center->addTrustFile(r);
+    }
+
+    std::vector<std::string> column(VkListColumn c) {
+        std::vector<std::string> out;
+        for (uint64_t i = 0; i < controller->numberOfRows(); ++i)
+            out.push_back(controller->objectValue(c, static_cast<int64_t>(i)).value_or("-"));
+        return out;
+    }
+
+    using Names = std::vector<std::string>;
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkTorjanCenter> center;
+    std::shared_ptr<VkLocalizer> localizer;
+    VkRecordingListView view;
+    RecordingCommonDelegate delegate;
+    std::unique_ptr<VkTrustFileController> controller;
+};
+
+TEST_F(VkTrustFileControllerTest, FirstShowingSortsByTrojanNameAndCountsRows) {
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSAscendingSortIndicator");
+    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Names{"zeta.bin", "mid.bin", "alpha.bin"}));
+    EXPECT_EQ(column(VkListColumn::fileSize),
+              (Names{stringFromFileSize(3), stringFromFileSize(20), stringFromFileSize(1)}));
+    EXPECT_EQ(column(VkListColumn::check), (Names{"-", "-", "-"}));
+    EXPECT_EQ(*controller->iconPath(0), dir / "home/zeta.bin");
+    EXPECT_EQ(view.texts["trustFileText"], "3 trusted files");
+    EXPECT_EQ(view.reloads, 1);
+}
+
+TEST_F(VkTrustFileControllerTest, FileNameHeaderSortsByTrojanNameAndDirectionFlipsEveryClick) {
+    controller->didClickTableColumn(VkListColumn::fileName);
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSDescendingSortIndicator");
+    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "mid.bin", "zeta.bin"}))
+        << "by trojan name, not by file name";
+
+    // The direction is shared: the next click on another column sorts ascending.
+    controller->didClickTableColumn(VkListColumn::fileSize);
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "");
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "NSAscendingSortIndicator");
+    EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "zeta.bin", "mid.bin"}));
+
+    controller->didClickTableColumn(VkListColumn::torjanName);
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "");
+    EXPECT_EQ(view.indicatorOn(VkListColumn::torjanName), "NSDescendingSortIndicator");
+    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
+}
+
+TEST_F(VkTrustFileControllerTest, CheckColumnClickChangesNothingVisible) {
+    int indicatorCalls = view.indicatorCalls, reloads = view.reloads;
+    controller->didClickTableColumn(VkListColumn::check);
+    EXPECT_EQ(controller->trustResultOrder(), 0);
+    EXPECT_FALSE(controller->isSortAsc()) << "direction not flipped";
+    EXPECT_EQ(view.indicatorCalls, indicatorCalls);
+    EXPECT_EQ(view.reloads, reloads);
+    EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSAscendingSortIndicator");
+    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
+}
+
+TEST_F(VkTrustFileControllerTest, DroppingARowLeavesTheTrustListAndMissingRowsDoNothing) {
+    controller->disFileTrust(3);
+    controller->disFileTrust(-1);
+    EXPECT_EQ(view.reloads, 1);
+    EXPECT_EQ(center->ecryptTrustFileArray().size(), 3u);
+
+    controller->disFileTrust(1);  // OSX/Beta, mid.bin
+    EXPECT_EQ(view.reloads, 2);
+    EXPECT_EQ(view.texts["trustFileText"], "2 trusted files");
+    EXPECT_EQ(column(VkListColumn::fileName), (Names{"zeta.bin", "alpha.bin"}));
+    auto stored = center->ecryptTrustFileArray();
+    ASSERT_EQ(stored.size(), 2u);
+    for (const auto& row : stored)
+        EXPECT_NE(*row.getString("TrustFilePath"), dir / "home/mid.bin");
+}
+
+TEST_F(VkTrustFileControllerTest, RevealTakesClickedThenSelectedRowElseNothing) {
+    controller->realInFinder();
+    EXPECT_TRUE(view.revealed.empty());
+
+    view.selected = 1;
+    controller->realInFinder();
+    view.clicked = 2;
+    controller->realInFinder();
+    EXPECT_EQ(view.revealed, (Names{dir / "home/mid.bin", dir / "home/alpha.bin"}));
+}
+
+TEST_F(VkTrustFileControllerTest, FinishClosesAndTellsTheMainScreen) {
+    controller->operaComplete();
+    EXPECT_EQ(view.closes, 1);
+    EXPECT_EQ(delegate.calls, 1);
+}
+
+}  // namespace
