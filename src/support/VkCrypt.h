@@ -9,7 +9,8 @@
 
 // The string cipher of signature records and of the trust list: Triple-DES in CBC mode with
 // PKCS#7 padding under one fixed default key, the cipher text written with the system's own
-// Base64 coder. Every failure is a nil result; nothing keeps state, so any thread may call.
+// Base64 coder. Every failure is a nil result. Any thread may call: each thread keeps its own
+// cipher context, so nothing is shared.
 
 using VkCipherKey = std::array<uint8_t, 24>;
 using VkCipherIv = std::array<uint8_t, 8>;

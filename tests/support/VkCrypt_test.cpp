@@ -244,6 +244,34 @@ TEST_F(VkCryptInterTest, IvStaysTheDefaultUnderACallersKey) {
     EXPECT_NE(cipher, VkCryptInterWithIv(plain_, true, key, callerIv));
 }
 
+TEST_F(VkCryptInterTest, RepeatedCallsGiveTheBytesOfAFreshCipher) {
+    // Each thread reuses its cipher context; no call may leak chaining or padding state into
+    // the next, whatever came before: the same call, another IV, another key, the other
+    // direction, or a failure half-way.
+    const Bytes expected = fromHex("73f9e2b3ade03c511e711729b9f27f968b86fed46a0930f0");
+    EXPECT_EQ(VkCryptInter(plain_, true), expected);
+    EXPECT_EQ(VkCryptInter(plain_, true), expected);
+    VkCipherIv otherIv{1, 2, 3, 4, 5, 6, 7, 8};
+    auto withOtherIv = VkCryptInterWithIv(plain_, true, defaultKey_, otherIv);
+    ASSERT_TRUE(withOtherIv.has_value());
+    EXPECT_NE(*withOtherIv, expected);
+    EXPECT_EQ(VkCryptInter(plain_, true), expected);
+    EXPECT_EQ(VkCryptInterWithIv(*withOtherIv, false, defaultKey_, otherIv), plain_);
+    EXPECT_EQ(VkCryptInter(expected, false), plain_);
+    // A failure in the middle of a decipher (a partial block, then bad padding).
+    EXPECT_FALSE(VkCryptInter(Bytes(expected.begin(), expected.end() - 3), false).has_value());
+    EXPECT_EQ(VkCryptInter(expected, false), plain_);
+    EXPECT_FALSE(VkCryptInter(Bytes(expected.begin(), expected.begin() + 8), false).has_value());
+    EXPECT_EQ(VkCryptInter(expected, false), plain_);
+    // Another key and back.
+    auto underOther = VkCryptInter(plain_, true, bytesOf("another key"));
+    ASSERT_TRUE(underOther.has_value());
+    EXPECT_NE(*underOther, expected);
+    EXPECT_FALSE(VkCryptInter(*underOther, false) == plain_);
+    EXPECT_EQ(VkCryptInter(*underOther, false, bytesOf("another key")), plain_);
+    EXPECT_EQ(VkCryptInter(plain_, true), expected);
+}
+
 TEST_F(VkCryptInterTest, CompletesKeysForOtherCiphersTheSameWay) {
     Bytes twelve = bytesOf("manifest-key");
     VkCipherKey key = vkCompleteCipherKey(twelve.data(), twelve.size());
