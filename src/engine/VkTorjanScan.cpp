@@ -1,5 +1,6 @@
 #include "engine/VkTorjanScan.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <utility>
@@ -76,6 +77,12 @@ bool VkTorjanScan::attributesOfItem(const std::string& path, struct stat& attrib
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
+    return judgeFile(path, nullptr, std::move(trojanArray));
+}
+
+std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
+    const std::string& path, const struct stat* knownAttributes,
+    std::shared_ptr<const VkTorjanRecordList> trojanArray) {
     // Device nodes are never opened: reading one can block or have side effects.
     if (path.rfind("/dev/", 0) == 0)
         return nullptr;
@@ -88,8 +95,11 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     }
 
     struct stat attributes {};
-    if (!attributesOfItem(path, attributes))
+    if (knownAttributes) {
+        attributes = *knownAttributes;
+    } else if (!attributesOfItem(path, attributes)) {
         return nullptr;
+    }
     if (S_ISLNK(attributes.st_mode))
         return nullptr;
     auto size = static_cast<uint64_t>(attributes.st_size);
@@ -102,6 +112,8 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     // Only records of this size can match; the index keeps them in list order, so the first
     // record in the list still wins.
     JudgmentHashes hashes(*this, path);
+    // Hash types whose whole-file hash has reached the trust test so far, in order.
+    std::vector<int32_t> reachedTrust;
     for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
         int32_t type = record->hashValueType();
         const std::optional<std::string>* whole = nullptr;
@@ -112,17 +124,25 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
                 continue;
             whole = &hashes.whole(type);
         }
+        // A missing hash is never on the trust list.
+        if (*whole &&
+            std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
+            reachedTrust.push_back(type);
+        if (!sameHash(*whole, record->TorjanCode()))
+            continue;
         // The trust test comes before the comparison on purpose: a trusted path and
-        // contents end the search even where this record would not have matched. A missing
-        // hash is never on the trust list.
-        if (*whole && hashes.trusted(type, **whole))
-            return nullptr;
-        if (sameHash(*whole, record->TorjanCode())) {
-            auto result = std::make_shared<VkTorjanResultItems>();
-            result->setPath(path);
-            result->setTorjanItem(record);
-            return result;
+        // contents end the search even where this record would not have matched. Without
+        // any match the answer is nothing whether trusted or not, so the trust list is read
+        // only once a record matches, and then asked for every hash that reached the test up
+        // to here, which gives the answer the record-by-record order gives.
+        for (int32_t reached : reachedTrust) {
+            if (hashes.trusted(reached, *hashes.whole(reached)))
+                return nullptr;
         }
+        auto result = std::make_shared<VkTorjanResultItems>();
+        result->setPath(path);
+        result->setTorjanItem(record);
+        return result;
     }
     return nullptr;
 }

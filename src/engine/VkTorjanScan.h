@@ -146,6 +146,11 @@ class VkTorjanScan {
     std::atomic<uint64_t> searchIndex_{0};
 
   private:
+    // checkTorjan with the item's attributes (lstat) already read by the caller; nullptr
+    // reads them after the pause, as checkTorjan does.
+    std::shared_ptr<VkTorjanResultItems> judgeFile(
+        const std::string& path, const struct stat* knownAttributes,
+        std::shared_ptr<const VkTorjanRecordList> trojanArray);
     std::shared_ptr<VkTorjanScanDelegate> delegate() const;
     void joinFinishedScanThread();
 

@@ -145,10 +145,23 @@ void VkTorjanScan::scanBaseItem() {
             break;
         if (queue.count() > 0) {
             std::string path = queue.dequeue();
-            bool isDir = false;
-            if (VkFile::exists(path, &isDir) && !isDir) {
+            // Judged when it exists and is no folder, a link followed. One lstat answers
+            // that for everything but a link, and unpaced its answer is also the one
+            // judging needs, so a plain file costs a single attribute read. Paced, judging
+            // reads the attributes again after the pause, as it always has.
+            struct stat attributes {};
+            bool known = attributesOfItem(path, attributes) && !S_ISLNK(attributes.st_mode);
+            bool judge = false;
+            if (known) {
+                judge = !S_ISDIR(attributes.st_mode);
+            } else {
+                bool isDir = false;
+                judge = VkFile::exists(path, &isDir) && !isDir;
+            }
+            if (judge) {
                 filesJudged_.fetch_add(1);
-                if (auto result = checkTorjan(path)) {
+                bool reuse = known && !needDelay();
+                if (auto result = judgeFile(path, reuse ? &attributes : nullptr, nullptr)) {
                     if (scanDelegate)
                         scanDelegate->addTorjanPath(result);
                 }

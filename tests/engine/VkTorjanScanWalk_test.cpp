@@ -2,6 +2,7 @@
 #include <atomic>
 #include <filesystem>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -107,6 +108,37 @@ TEST_F(VkScanWalkTest, ProgressClimbsOnlyAfterListingAndCountsFolders) {
         EXPECT_GE(progress[i].progress, last);
         EXPECT_LT(progress[i].progress, 1.0f);
         last = progress[i].progress;
+    }
+}
+
+class CountingPacing : public VkPacing {
+  public:
+    std::atomic<int> pauses{0};
+    void sleepMicroseconds(long long) override { ++pauses; }
+};
+
+TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealFilesOnly) {
+    std::string hit = plant("kinds/hit.bin");
+    dir.write("root/kinds/clean.txt", "clean");
+    dir.mkdir("root/kinds/folder");
+    fs::create_symlink(hit, root + "/kinds/link-to-hit");
+    fs::create_symlink(root + "/kinds/folder", root + "/kinds/link-to-folder");
+    fs::create_symlink(root + "/kinds/gone", root + "/kinds/dangling");
+    ASSERT_EQ(::mkfifo((root + "/kinds/fifo").c_str(), 0600), 0);
+    // Judged: the two files, the link to a file and the FIFO; never the folder, the link to
+    // it or the dangling link. Only the real file is reported. The same paced and unpaced.
+    for (bool paced : {false, true}) {
+        auto pacing = std::make_shared<CountingPacing>();
+        ctx->pacing = pacing;
+        auto s = scanner();
+        s->setPaceScans(paced);
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        s->startScan(std::vector<std::string>{root + "/kinds"}, d);
+        ASSERT_TRUE(d->waitForEnd()) << paced;
+        EXPECT_EQ(d->resultPaths(), std::vector<std::string>{hit}) << paced;
+        EXPECT_EQ(s->filesJudged(), 4u) << paced;
+        EXPECT_EQ(pacing->pauses.load(), paced ? 4 : 0);
+        EXPECT_EQ(d->progress().size(), 8u) << "7 entries + the end";
     }
 }
 
