@@ -1,32 +1,62 @@
 #!/usr/bin/env python3
 """Generates a benchmark tree and a matching signature list.
 
-The tree holds N files of mixed sizes in nested folders; a few of them are planted
-"matches" whose MD5 and size go into the signature list, together with random records
-(random hashes, sizes drawn from the same distribution so that some files share a size
-with a record and must be hashed). The list uses the common MD5:size:name line format.
+The tree holds N files of mixed sizes in nested folders (200 files per folder, 200
+folders per group); a few of them are planted "matches" whose MD5 and size go into the
+signature list, together with random records (random hashes, sizes drawn from the same
+distribution as the files, so that many files share a size with some record and must be
+hashed although they match nothing). The list uses the common MD5:size:name line format,
+which both `vksig import-hdb` and ClamAV's .hdb loader read.
+
+Every file's content is unique (it starts with its own index), so a random record never
+matches by accident and the planted files are the only findings.
+
+With --tiny the files are empty (a walk benchmark: nothing is ever hashed). Without --out
+only the list is written (a load benchmark).
+
 Synthetic data only: nothing here resembles real malware.
 """
 import argparse
 import hashlib
 import os
 import random
+import sys
+
+KIB = 1024
+MIB = 1024 * 1024
+# Records larger than this would need a head hash, which the list format cannot carry.
+MAX_RECORD_SIZE = MIB
+PER_DIR = 200
 
 
 def size_choice(rng):
+    """Mostly small files, a tail of large ones (mean about 30 KiB)."""
     r = rng.random()
-    if r < 0.70:
-        return rng.randint(1, 16 * 1024)
-    if r < 0.95:
-        return rng.randint(16 * 1024, 256 * 1024)
-    if r < 0.995:
-        return rng.randint(256 * 1024, 1024 * 1024)
-    return rng.randint(1024 * 1024, 3 * 1024 * 1024)
+    if r < 0.75:
+        return rng.randint(1, 16 * KIB)
+    if r < 0.98:
+        return rng.randint(16 * KIB, 64 * KIB)
+    if r < 0.998:
+        return rng.randint(64 * KIB, MIB)
+    return rng.randint(MIB, 4 * MIB)
+
+
+def record_size(rng):
+    size = size_choice(rng)
+    while size > MAX_RECORD_SIZE:
+        size = size_choice(rng)
+    return size
+
+
+def folder_of(root, i):
+    return os.path.join(root, "d%03d" % (i // (PER_DIR * PER_DIR)),
+                         "e%03d" % ((i // PER_DIR) % PER_DIR))
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--out", required=True, help="folder to fill")
+    ap = argparse.ArgumentParser(description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--out", help="folder to fill (omit to write the list only)")
     ap.add_argument("--files", type=int, default=100000)
     ap.add_argument("--records", type=int, default=10000)
     ap.add_argument("--planted", type=int, default=5)
@@ -36,36 +66,54 @@ def main():
     args = ap.parse_args()
 
     rng = random.Random(args.seed)
-    os.makedirs(args.out, exist_ok=True)
-    per_dir = 200
-    planted_at = set(rng.sample(range(args.files), min(args.planted, args.files)))
+    files = args.files if args.out else 0
+    planted_at = set(rng.sample(range(files), min(args.planted, files))) if not args.tiny else set()
     records = []
-    block = rng.randbytes(4 * 1024 * 1024)
-    for i in range(args.files):
-        d = os.path.join(args.out, "d%03d" % (i // (per_dir * per_dir)), "e%03d" % ((i // per_dir) % per_dir))
-        if i % per_dir == 0:
+    sizes = []
+    total_bytes = 0
+    if args.out:
+        os.makedirs(args.out, exist_ok=True)
+    block = rng.randbytes(4 * MIB + 16) if files and not args.tiny else b""
+    for i in range(files):
+        d = folder_of(args.out, i)
+        if i % PER_DIR == 0:
             os.makedirs(d, exist_ok=True)
         path = os.path.join(d, "f%07d.bin" % i)
         if args.tiny:
             open(path, "wb").close()
             continue
-        size = size_choice(rng) if i not in planted_at else rng.randint(1000, 900 * 1024)
-        start = rng.randint(0, len(block) - size)
-        data = i.to_bytes(8, "little") + block[start:start + size - 8] if size > 8 else block[:size]
+        size = rng.randint(1000, 900 * KIB) if i in planted_at else size_choice(rng)
+        if size > 8:
+            start = rng.randint(0, len(block) - size)
+            data = i.to_bytes(8, "little") + block[start:start + size - 8]
+        else:
+            data = i.to_bytes(8, "little")[:size]
         with open(path, "wb") as f:
             f.write(data)
+        sizes.append(size)
+        total_bytes += size
         if i in planted_at:
-            records.append((hashlib.md5(data).hexdigest(), len(data), "Bench.Planted.%d" % len(records)))
+            records.append((hashlib.md5(data).hexdigest(), size, "Bench.Planted.%d" % len(records)))
+    planted = len(records)
     while len(records) < args.records:
-        h = "%032x" % rng.getrandbits(128)
-        records.append((h, size_choice(rng) if not args.tiny else rng.randint(1, 1 << 20),
+        records.append(("%032x" % rng.getrandbits(128), record_size(rng),
                         "Bench.Random.%d" % len(records)))
-    # Records above 1 MiB would need a head hash; keep the list importable as it is.
+    # Planted records first would make them the cheapest to find; spread them out.
+    rng.shuffle(records)
     with open(args.list, "w") as f:
         for h, size, name in records:
-            if size > 1048576:
-                size = rng.randint(1, 1048576)
             f.write("%s:%d:%s\n" % (h, size, name))
+
+    record_sizes = {size for _, size, _ in records}
+    same_size = sum(1 for s in sizes if s in record_sizes)
+    same_size_bytes = sum(s for s in sizes if s in record_sizes)
+    print("gen_tree: %d files (%.1f MiB)%s, %d records (%d planted) in %s" %
+          (files, total_bytes / MIB, " empty" if args.tiny else "", len(records), planted,
+           args.list))
+    if files and not args.tiny:
+        print("gen_tree: %d files (%.1f MiB) share a size with some record and must be hashed" %
+              (same_size, same_size_bytes / MIB))
+    sys.stdout.flush()
 
 
 if __name__ == "__main__":

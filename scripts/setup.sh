@@ -14,7 +14,7 @@ if [[ " $* " == *" --gui "* ]]; then
   packages+=(qt6-base-dev qt6-svg-dev libgl-dev)
 fi
 if [[ " $* " == *" --bench "* ]]; then
-  packages+=(clamav time)
+  packages+=(clamav time python3)
 fi
 
 missing=()
