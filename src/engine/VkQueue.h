@@ -8,8 +8,8 @@
 #include <string>
 
 // The locked first-in-first-out queue between the scan walk's producer and its consumer.
-// Bounded: a producer that gets far ahead waits, so memory stays flat however many
-// files the walk lists.
+// Bounded: a producer that gets far ahead waits (until half the queue has been taken), so
+// memory stays flat however many files the walk lists.
 class VkQueue {
   public:
     static constexpr size_t kDefaultCapacity = 65536;
@@ -17,8 +17,8 @@ class VkQueue {
     explicit VkQueue(size_t capacity = kDefaultCapacity)
         : capacity_(capacity == 0 ? 1 : capacity) {}
 
-    // Appends a path, waiting while the queue is full. Gives up (false) when `stop` is
-    // set while it waits for room.
+    // Appends a path; when the queue is full, first waits until half of it has been taken.
+    // Gives up (false) when `stop` is set while it waits for room.
     bool enqueue(std::string path, const std::atomic<bool>& stop);
     // Takes the first path. Only call when count() is nonzero.
     std::string dequeue();
@@ -27,9 +27,13 @@ class VkQueue {
     size_t count() const { return count_.load(std::memory_order_acquire); }
 
   private:
+    // A producer that found the queue full goes on once it holds no more than this.
+    size_t lowWater() const { return capacity_ / 2; }
+
     const size_t capacity_;
     std::mutex lock_;
     std::condition_variable notFull_;
     std::deque<std::string> array_;
     std::atomic<size_t> count_{0};
+    bool producerWaiting_ = false;  // guarded by lock_
 };
