@@ -2,8 +2,9 @@
 # The scan benchmark: `vksecurity scan` against clamscan and against a find + md5sum floor on
 # a generated tree, the time to load and decipher large signature databases, and the peak
 # memory of a walk over a million files. A benchmark, not a test: nothing here runs in
-# scripts/test.sh or CI. It takes roughly 15 to 25 minutes on 2 cores and a few GB of disk
-# under the work folder, which it removes at the end.
+# scripts/test.sh or CI. On 2 cores it takes about 6 minutes (most of it clamscan) once no
+# build holds the lock, and needs 3 GB of disk and a million inodes under the work folder,
+# which it removes at the end.
 #
 #   bench/run.sh [options]
 #     --work DIR          parent of the work folder (default: $TMPDIR or /tmp); a fresh
@@ -280,19 +281,19 @@ loads() { for f in "$work"/t.*; do awk '{print $6}' "$f"; done | sort -g | tr '\
     echo
     echo "## Loading and deciphering records"
     echo
-    echo "vkbench_load: VkTorjanScan::getCurrentTorjanItems() plus the size index, best and median of the runs; then one run split into its parts. CLI: median \`seconds\` of \`vksecurity --json scan ONE-FILE\` with the database minus the same with an empty database (empty: ${empty_s} s)."
+    echo "vkbench_load: VkTorjanScan::getCurrentTorjanItems() plus the size index, several runs in one process: the first (the heap still growing, as in a scan), the best and the median; then one more run split into its parts. CLI: median \`seconds\` of three \`vksecurity --json scan ONE-FILE\` with the database minus the same with an empty database (empty: ${empty_s} s)."
     echo
-    echo "| records | best ms | median ms | read ms | decipher ms | index ms | peak RSS MiB | CLI extra s | CLI peak RSS MiB |"
-    echo "|---|---|---|---|---|---|---|---|---|"
+    echo "| records | first ms | best ms | median ms | read ms | decipher ms | index ms | peak RSS MiB | CLI extra s | CLI peak RSS MiB |"
+    echo "|---|---|---|---|---|---|---|---|---|---|"
     for r in "${load_rows[@]}"; do
       get() { echo "$r" | tr ' ' '\n' | sed -n "s/^$1=//p"; }
-      echo "| $(get records) | $(get best_ms) | $(get median_ms) | $(get read_ms) | $(get decipher_ms) | $(get index_ms) | $(mib "$(get peak_rss_kib)") | $(calc "%.3f" "$(get cli_s) - $empty_s") | $(mib "$(get cli_rss)") |"
+      echo "| $(get records) | $(get first_ms) | $(get best_ms) | $(get median_ms) | $(get read_ms) | $(get decipher_ms) | $(get index_ms) | $(mib "$(get peak_rss_kib)") | $(calc "%.3f" "$(get cli_s) - $empty_s") | $(mib "$(get cli_rss)") |"
     done
     first=${load_rows[0]}
     n100=$(echo "$first" | tr ' ' '\n' | sed -n 's/^records=//p')
-    med100=$(echo "$first" | tr ' ' '\n' | sed -n 's/^median_ms=//p')
+    first100=$(echo "$first" | tr ' ' '\n' | sed -n 's/^first_ms=//p')
     echo
-    echo "- $n100 records loaded in $med100 ms (median) — target < 1 s ($(calc "%s" "($med100 < 1000) ? \"met\" : \"MISSED\""))"
+    echo "- $n100 records loaded in $first100 ms (first load) — target < 1 s ($(calc "%s" "($first100 < 1000) ? \"met\" : \"MISSED\""))"
   fi
   if [[ -f $work/t.walk ]]; then
     echo
