@@ -1,0 +1,191 @@
+#pragma once
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ui/VkPanelView.h"
+
+// A window kept in memory: it remembers every control's state as the screen logic left
+// it, and logs each call as one line ("setHidden cancelButton 0", "reloadData
+// torjanResultView") so a test can check order as well as outcome. Controls that were
+// never touched are shown, enabled, empty and at the origin. Frames given by a test with
+// setFrame stand for the interface file's layout; a drawn width is 7 points a byte.
+class VkRecordingPanelView : public VkPanelView {
+  public:
+    void setHidden(const std::string& control, bool hidden) override {
+        log("setHidden " + control + (hidden ? " 1" : " 0"));
+        hidden_[control] = hidden;
+    }
+    bool isHidden(const std::string& control) const override {
+        auto it = hidden_.find(control);
+        return it != hidden_.end() && it->second;
+    }
+    void setEnabled(const std::string& control, bool enabled) override {
+        log("setEnabled " + control + (enabled ? " 1" : " 0"));
+        disabled_[control] = !enabled;
+    }
+    bool isEnabled(const std::string& control) const {
+        auto it = disabled_.find(control);
+        return it == disabled_.end() || !it->second;
+    }
+    void setText(const std::string& control, const std::string& text) override {
+        log("setText " + control + " " + text);
+        texts_[control] = text;
+        styled_.erase(control);
+    }
+    std::string text(const std::string& control) const override {
+        auto it = texts_.find(control);
+        return it == texts_.end() ? std::string() : it->second;
+    }
+    void setStyledText(const std::string& control, const VkStyledText& text) override {
+        log("setStyledText " + control + " " + text.text);
+        texts_[control] = text.text;
+        styled_[control] = text;
+    }
+    std::optional<VkStyledText> styledText(const std::string& control) const {
+        auto it = styled_.find(control);
+        if (it == styled_.end())
+            return std::nullopt;
+        return it->second;
+    }
+    double drawnWidth(const VkStyledText& text) const override { return 7.0 * text.text.size(); }
+    void setImage(const std::string& control, const VkPanelImage& image) override {
+        log("setImage " + control + " " + describe(image));
+        images_[control] = image;
+    }
+    VkPanelImage image(const std::string& control) const {
+        auto it = images_.find(control);
+        return it == images_.end() ? VkPanelImage::none() : it->second;
+    }
+    void setProgress(const std::string& control, double value) override {
+        log("setProgress " + control + " " + std::to_string(value));
+        progress_[control] = value;
+    }
+    double progress(const std::string& control) const {
+        auto it = progress_.find(control);
+        return it == progress_.end() ? 0.0 : it->second;
+    }
+    int32_t state(const std::string& control) const override {
+        auto it = states_.find(control);
+        return it == states_.end() ? 0 : it->second;
+    }
+    void setState(const std::string& control, int32_t state) override {
+        log("setState " + control + " " + std::to_string(state));
+        states_[control] = state;
+    }
+
+    VkRect frame(const std::string& control) const override {
+        auto it = frames_.find(control);
+        return it == frames_.end() ? VkRect{} : it->second;
+    }
+    void setFrame(const std::string& control, const VkRect& frame) override {
+        frames_[control] = frame;
+    }
+    void setOrigin(const std::string& control, VkPoint origin) override {
+        log("setOrigin " + control + " " + std::to_string(origin.x) + " " +
+            std::to_string(origin.y));
+        frames_[control].origin = origin;
+    }
+
+    void addSubview(const std::string& parent, const std::string& child) override {
+        log("addSubview " + parent + " " + child);
+        removeChild(child);
+        children_[parent].push_back(child);
+    }
+    void removeFromSuperview(const std::string& child) override {
+        log("removeFromSuperview " + child);
+        removeChild(child);
+    }
+    bool isSubview(const std::string& parent, const std::string& child) const override {
+        auto it = children_.find(parent);
+        return it != children_.end() &&
+               std::find(it->second.begin(), it->second.end(), child) != it->second.end();
+    }
+    std::vector<std::string> subviews(const std::string& parent) const {
+        auto it = children_.find(parent);
+        return it == children_.end() ? std::vector<std::string>() : it->second;
+    }
+    void beginSheet(const std::string& sheet) override {
+        log("beginSheet " + sheet);
+        openSheets_.insert(sheet);
+    }
+    void endSheet(const std::string& sheet) override {
+        log("endSheet " + sheet);
+        openSheets_.erase(sheet);
+    }
+    bool isSheetOpen(const std::string& sheet) const { return openSheets_.count(sheet) > 0; }
+
+    void reloadData(const std::string& outline) override {
+        log("reloadData " + outline);
+        ++reloads_[outline];
+    }
+    int reloads(const std::string& outline) const {
+        auto it = reloads_.find(outline);
+        return it == reloads_.end() ? 0 : it->second;
+    }
+    void setSortIndicator(const std::string& column,
+                          const std::optional<std::string>& indicator) override {
+        log("setSortIndicator " + column + " " + indicator.value_or("-"));
+        indicators_[column] = indicator.value_or("");
+    }
+    // The indicator on a column ("" when none).
+    std::string indicatorOn(const std::string& column) const {
+        auto it = indicators_.find(column);
+        return it == indicators_.end() ? std::string() : it->second;
+    }
+    std::optional<int64_t> clickedRow(const std::string&) const override { return clicked; }
+    std::optional<int64_t> selectedRow(const std::string&) const override { return selected; }
+
+    void revealInFileViewer(const std::string& path) override {
+        log("revealInFileViewer " + path);
+        revealed.push_back(path);
+    }
+
+    // Every call so far, one line each; cleared by the test when it wants a fresh start.
+    std::vector<std::string> calls;
+    std::vector<std::string> revealed;
+    std::optional<int64_t> clicked;
+    std::optional<int64_t> selected;
+
+    bool called(const std::string& line) const {
+        return std::find(calls.begin(), calls.end(), line) != calls.end();
+    }
+
+    static std::string describe(const VkPanelImage& image) {
+        switch (image.kind) {
+            case VkPanelImage::Kind::none:
+                return "none";
+            case VkPanelImage::Kind::resource:
+                return image.name;
+            case VkPanelImage::Kind::icon:
+                return "icon:" + (image.icon.path.empty() ? image.icon.type : image.icon.path);
+            case VkPanelImage::Kind::button:
+                return "button:" + image.title;
+        }
+        return "?";
+    }
+
+  private:
+    void log(std::string line) { calls.push_back(std::move(line)); }
+    void removeChild(const std::string& child) {
+        for (auto& [parent, list] : children_)
+            list.erase(std::remove(list.begin(), list.end(), child), list.end());
+    }
+
+    std::map<std::string, bool> hidden_;
+    std::map<std::string, bool> disabled_;
+    std::map<std::string, std::string> texts_;
+    std::map<std::string, VkStyledText> styled_;
+    std::map<std::string, VkPanelImage> images_;
+    std::map<std::string, double> progress_;
+    std::map<std::string, int32_t> states_;
+    std::map<std::string, VkRect> frames_;
+    std::map<std::string, std::vector<std::string>> children_;
+    std::set<std::string> openSheets_;
+    std::map<std::string, int> reloads_;
+    std::map<std::string, std::string> indicators_;
+};
