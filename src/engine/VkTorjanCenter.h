@@ -22,7 +22,8 @@ class VkTorjanScanDelegate;
 // The one way into the scan engine, the signature update and the removal of trojans; it
 // also keeps the user's trust list (enciphered in the user defaults under "TrustFileKey").
 // Forwarders add no locking of their own; the trust list relies on the defaults store
-// replacing the whole array atomically.
+// replacing the whole array atomically. The calls that start work on other threads are
+// virtual so that a panel can be driven against a center that only records them.
 class VkTorjanCenter {
   public:
     using ResultList = std::vector<std::shared_ptr<VkTorjanResultItems>>;
@@ -32,28 +33,28 @@ class VkTorjanCenter {
     VkTorjanCenter(std::shared_ptr<VkContext> context, std::shared_ptr<VkAntiTrojan> antiTrojan,
                    std::shared_ptr<VkQuarantineFileManager> quarantine,
                    std::shared_ptr<VkAddTorjanItems> updater = nullptr);
-    ~VkTorjanCenter();
+    virtual ~VkTorjanCenter();
 
     // The process-wide center on the default context, made once, safe from any thread.
     static std::shared_ptr<VkTorjanCenter> shareCenter();
 
     // Staged signature databases are moved into place first, so full and custom scans
     // always start from the newest signatures.
-    void startScan(const std::optional<std::vector<std::string>>& paths,
-                   std::shared_ptr<VkTorjanScanDelegate> delegate);
+    virtual void startScan(const std::optional<std::vector<std::string>>& paths,
+                           std::shared_ptr<VkTorjanScanDelegate> delegate);
     void startScan(std::shared_ptr<VkTorjanScanDelegate> delegate);
-    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate);
+    virtual void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate);
     void startLitScan(const std::string& path,
                       const std::shared_ptr<VkTorjanScanDelegate>& delegate,
                       const std::any& senderObj);
-    void stopCurrentScan();
+    virtual void stopCurrentScan();
     bool isStopScan() const;
 
     bool addItemByPath(const std::string& path);
-    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate);
+    virtual void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate);
     void stopUpdateNotification();
 
-    void killTorjanItem(ResultList items, std::shared_ptr<VkKillTorjansDelegate> delegate);
+    virtual void killTorjanItem(ResultList items, std::shared_ptr<VkKillTorjansDelegate> delegate);
 
     // Appends the result to the trust list (path, name, hash enciphered; size plain). A
     // value that cannot be enciphered ends the entry there; the entry is kept all the same.
@@ -71,6 +72,9 @@ class VkTorjanCenter {
     VkAddTorjanItems& addTorjanItems() { return *addTorjanItems_; }
     VkKillTorjans& killTorjans() { return *killTorjans_; }
     VkQuarantineFileManager& quarantine() { return *quarantine_; }
+    const std::shared_ptr<VkQuarantineFileManager>& quarantineManager() const {
+        return quarantine_;
+    }
     const std::shared_ptr<VkContext>& context() const { return context_; }
 
   private:

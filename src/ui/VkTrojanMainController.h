@@ -39,9 +39,9 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
   public:
     using ResultList = std::vector<std::shared_ptr<VkTorjanResultItems>>;
 
-    static std::shared_ptr<VkTrojanMainController> make(
-        std::shared_ptr<VkContext> context, std::shared_ptr<VkTorjanCenter> center,
-        std::shared_ptr<VkScanLogsOper> scanLogs);
+    static std::shared_ptr<VkTrojanMainController> make(std::shared_ptr<VkContext> context,
+                                                        std::shared_ptr<VkTorjanCenter> center,
+                                                        std::shared_ptr<VkScanLogsOper> scanLogs);
     ~VkTrojanMainController() override;
 
     // The window that draws the trojan screens; not owned, must outlive this controller's
@@ -92,7 +92,8 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     // A trust-list or quarantine screen closed.
     void disApperaView() override;
 
-    // Host notifications, acted on only when their object is this controller.
+    // Host notifications, acted on only when the host names this controller as their
+    // sender ("AllScanEnd" from anyone). stopScan() called directly always acts.
     void startScanTrojan();
     void readlyScanTrojan();
     void stopScan();
@@ -157,7 +158,8 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     int32_t scanType_ = 3;
     int32_t scanResultOrder_ = 1;
     bool isSortAsc_ = false;
-    bool userScan_ = false;
+    // Read by the removal worker as well.
+    std::atomic<bool> userScan_ = false;
     bool userCancel_ = false;
     uint64_t scanFileCount_ = 0;
     uint64_t updateTimeCount_ = 0;
@@ -168,6 +170,4 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     VkPanelImage completeButtonImage_;
     std::string currenSelectedView_;
     std::vector<VkNotificationCenter::Token> observers_;
-    // Cleared on destruction so work still queued on the main queue does nothing.
-    std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
 };

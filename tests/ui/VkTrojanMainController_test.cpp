@@ -1,0 +1,574 @@
+#include "ui/VkTrojanMainController.h"
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "database/VkAddTorjanItems.h"
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanCenter.h"
+#include "engine/VkTorjanResultItems.h"
+#include "fakes/VkQuietPacing.h"
+#include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkRecordingHostReporter.h"
+#include "fakes/VkRecordingListView.h"
+#include "fakes/VkRecordingPanelView.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
+#include "logs/VkScanLogsItem.h"
+#include "logs/VkScanLogsNode.h"
+#include "logs/VkScanLogsOper.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkHttpClient.h"
+#include "remediation/VkQuarantineFileManager.h"
+#include "ui/VkListSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+const char kSample[] = "panel-synthetic-sample-bytes";
+
+// A scan center that records what the panel starts instead of starting it, unless a test
+// lets it through to the real engine.
+class VkScriptedCenter : public VkTorjanCenter {
+  public:
+    using VkTorjanCenter::VkTorjanCenter;
+
+    void startScan(const std::optional<std::vector<std::string>>& paths,
+                   std::shared_ptr<VkTorjanScanDelegate> delegate) override {
+        calls.push_back(paths ? "startScan " + std::to_string(paths->size()) : "startScan full");
+        if (realEngine)
+            VkTorjanCenter::startScan(paths, std::move(delegate));
+    }
+    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate) override {
+        calls.push_back("startQuickScan");
+        if (realEngine)
+            VkTorjanCenter::startQuickScan(std::move(delegate));
+    }
+    void stopCurrentScan() override {
+        calls.push_back("stopCurrentScan");
+        if (realEngine)
+            VkTorjanCenter::stopCurrentScan();
+    }
+    void startUpdate(std::shared_ptr<VkAddTorjanDelegate>) override {
+        calls.push_back("startUpdate");
+    }
+    void killTorjanItem(ResultList items,
+                        std::shared_ptr<VkKillTorjansDelegate> delegate) override {
+        calls.push_back("killTorjanItem " + std::to_string(items.size()));
+        if (realEngine)
+            VkTorjanCenter::killTorjanItem(std::move(items), std::move(delegate));
+    }
+
+    bool realEngine = false;
+    Lines calls;
+};
+
+class VkTrojanMainControllerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->pacing = std::make_shared<VkQuietPacing>();
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core->performMoves(true);
+        core->performDeletes(true);
+        ctx->coreFunction = core;
+        host = std::make_shared<VkRecordingHostReporter>();
+        ctx->hostReporter = host;
+        VkFile::createDirectory(ctx->dataFolder, true);
+        VkFile::createDirectory(ctx->systemRoot, true);
+        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
+                                 {{"OSX/Panel.A", kSample, {}}});
+        for (auto [key, text] : std::initializer_list<std::pair<const char*, const char*>>{
+                 {"Security-1-7-1", "Files: "},
+                 {"Security-1-5-1", "Time: "},
+                 {"Security-1-5-2", "No threats found"},
+                 {"Security-1-9-1", "threats found"},
+                 {"Security-1-9-7", "Back"},
+                 {"Security-1-4-3", "Finish"},
+                 {"Security-1-11", "Signatures of "},
+                 {"Security-1-11-1", "Checking..."},
+                 {"Security-1-11-2", "Updated to %@"},
+                 {"Security-50-1", "Update failed"},
+                 {"Security-50-2", "Up to date (100%%)"},
+                 {"Secuirty Warning", "At risk"},
+                 {"Secuirty Good", "Protected"}})
+            ctx->localizer->setString(key, text);
+        auto quarantine = std::make_shared<VkQuarantineFileManager>(ctx);
+        center = std::make_shared<VkScriptedCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
+                                                    quarantine);
+        center->trjanScan().setPaceScans(false);
+        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
+        queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
+        for (const char* name : {"TrojanScanNotify", "ReloadIntrodutNotify"}) {
+            ctx->notificationCenter->addObserver(name, nullptr, [this](const VkNotification& n) {
+                std::optional<bool> flag = n.object.asBool();
+                posted.push_back(n.name + (flag ? (*flag ? " YES" : " NO") : ""));
+            });
+        }
+        view.setFrame("progressHeaderView", {{0, 0}, {400, 50}});
+        view.setFrame("cleanButton", {{0, 0}, {100, 30}});
+        view.setFrame("backButton", {{0, 0}, {100, 30}});
+        view.setFrame("scanContentView", {{0, 40}, {500, 300}});
+        view.setFrame("mainView", {{0, 0}, {600, 460}});
+        view.setFrame("currentScanPathText", {{10, 77}, {300, 20}});
+        view.setText("cancelButton", "Stop");
+        view.setText("cleanButton", "Clean");
+        controller = VkTrojanMainController::make(ctx, center, scanLogs);
+        controller->setView(&view);
+        controller->setTrustView(&trustView);
+        controller->setQuarantineView(&quarantineView);
+        controller->setHeadView("headView");
+        controller->awakeFromNib();
+    }
+
+    void TearDown() override { center->trjanScan().stopCurrentScan(); }
+
+    // The engine's reports, delivered the way the scanner delivers them.
+    void report(float progress, std::optional<std::string> path) {
+        controller->scanTorjanProcess(progress, path);
+        queue->runPending();
+    }
+    void endScan() { report(1.0f, std::nullopt); }
+
+    std::shared_ptr<VkTorjanResultItems> found(const std::string& relative, uint64_t size = 0) {
+        std::string path = dir.write(relative, kSample);
+        auto item = std::make_shared<VkTorjanResultItems>();
+        item->setTorjanName(std::string("OSX/Panel.A"));
+        item->setPath(path);
+        if (size)
+            item->setFileSize(size);
+        item->setHashCode(std::string("hash"));
+        controller->addTorjanPath(item);
+        queue->runPending();
+        return item;
+    }
+
+    Lines column(const std::string& name) const {
+        Lines out;
+        for (uint64_t row = 0; row < controller->numberOfRows(); ++row)
+            out.push_back(controller->objectValue(name, static_cast<int64_t>(row)).value_or("-"));
+        return out;
+    }
+
+    std::optional<double> storedTime(const char* key) {
+        auto value = ctx->userDefaults->objectForKey(key);
+        if (!value)
+            return std::nullopt;
+        return ctx->userDefaults->doubleForKey(key);
+    }
+
+    // Serves the main queue until the controller's scan has ended (real engine).
+    void runUntilScanEnds() {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (controller->isScanning() && std::chrono::steady_clock::now() < deadline) {
+            queue->runPending();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        queue->runPending();
+        ASSERT_FALSE(controller->isScanning());
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingCoreFunction> core;
+    std::shared_ptr<VkRecordingHostReporter> host;
+    std::shared_ptr<VkScriptedCenter> center;
+    std::shared_ptr<VkScanLogsOper> scanLogs;
+    VkRunLoopMainQueue* queue = nullptr;
+    VkRecordingPanelView view;
+    VkRecordingListView trustView;
+    VkRecordingListView quarantineView;
+    std::shared_ptr<VkTrojanMainController> controller;
+    Lines posted;
+};
+
+TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUpdate) {
+    EXPECT_EQ(view.indicatorOn("fileNameColumn"), "NSAscendingSortIndicator");
+    EXPECT_EQ(view.subviews("view"), Lines{"mainView"});
+    // No clean on record: the status warns.
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("warningImageView")), "security_warning");
+    EXPECT_EQ(view.text("warningText"), "At risk");
+    EXPECT_EQ(view.text("lastUpdateText"), "Signatures of 2013-2-27");
+    EXPECT_EQ(center->calls, Lines{"startUpdate"});
+    // The titles are drawn into the button images.
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("cancelButton")), "button:Stop");
+    EXPECT_EQ(view.text("cleanButton"), "");
+    EXPECT_EQ(host->lines(), Lines{"updateOperObjs"});
+
+    ctx->userDefaults->setObject("LastSecurityScanTime",
+                                 VkPlist(VkDate{ctx->clock->now() - 604800}));
+    controller->killTorjansEnd();  // re-reads the status with a clean just stored
+    EXPECT_EQ(view.text("warningText"), "Protected");
+}
+
+TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
+    controller->fullScanAction();
+    EXPECT_EQ(center->calls.back(), "startScan full");
+    EXPECT_TRUE(controller->isScanning());
+    EXPECT_EQ(controller->currenSelectedView(), "scanView");
+    EXPECT_TRUE(view.isHidden("headView"));
+    EXPECT_FALSE(view.isHidden("shutDownButton")) << "a full scan offers the shutdown box";
+    EXPECT_EQ(view.frame("scanProgressIndicator").origin, (VkPoint{9, 28}));
+    EXPECT_EQ(view.frame("currentScanPathText").origin, (VkPoint{85, 77}));
+
+    endScan();
+    EXPECT_FALSE(controller->isScanning());
+    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
+    EXPECT_EQ(view.text("currentScanPathText"), "No threats found");
+    EXPECT_EQ(view.frame("currentScanPathText").origin, (VkPoint{63, 77}));
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("scanDisplayImage")), "security_good");
+    EXPECT_EQ(view.subviews("scanContentView"), Lines{"safeView"});
+    EXPECT_EQ(view.frame("safeView").size, (VkSize{500, 300}));
+    // The finish button, centred: (400 - 100) / 2 and (50 - 30) / 2.
+    EXPECT_EQ(view.frame("backButton").origin, (VkPoint{150, 10}));
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "button:Finish");
+    EXPECT_TRUE(view.isHidden("cleanButton"));
+
+    double now = ctx->clock->now();
+    EXPECT_EQ(storedTime("LastScanTroajnTime"), now);
+    EXPECT_EQ(storedTime("LastQuickScanTime"), now);
+    EXPECT_FALSE(ctx->userDefaults->objectForKey("LastSecurityScanTime"));
+    EXPECT_EQ(posted,
+              (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO", "ReloadIntrodutNotify"}));
+    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
+    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanType(), 1);
+    EXPECT_EQ(host->lines(), (Lines{"updateOperObjs", "startUserOper", "fullTrojanScan",
+                                    "sendUserAction 14", "userOperEnd"}));
+}
+
+TEST_F(VkTrojanMainControllerTest, ElapsedTimeAndCountFollowTheTick) {
+    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3599), "59:59");
+    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3600), "1:00:00");
+    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3661), "1:01:01");
+
+    controller->fullScanAction();
+    EXPECT_EQ(view.text("scanTimeText"), "Time: 00:00");
+    report(0.01f, "/Users/x/report.PDF");
+    report(0.01f, "/Users/x/notes");
+    // Path, count and icon wait for the tick in a full scan.
+    EXPECT_EQ(view.text("currentScanPathText"), "");
+    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
+    queue->advance(1.0);
+    EXPECT_EQ(view.text("scanTimeText"), "Time: 00:01");
+    EXPECT_EQ(view.text("scanCountText"), "Files: 2");
+    EXPECT_EQ(view.text("currentScanPathText"), "/Users/x/notes");
+    EXPECT_EQ(view.image("litteIconImage"),
+              VkPanelImage::fromIcon(VkImage::iconForFileType("rtf").resized(16, 16)));
+    queue->advance(3660.0);
+    EXPECT_EQ(view.text("scanTimeText"), "Time: 1:01:01");
+    EXPECT_EQ(controller->updateTimeCount(), 3661u);
+
+    endScan();
+    uint64_t ticks = controller->updateTimeCount();
+    queue->advance(5.0);
+    EXPECT_EQ(controller->updateTimeCount(), ticks) << "the clock stops with the scan";
+}
+
+TEST_F(VkTrojanMainControllerTest, QuickScanShowsEachPathButNeverTheCount) {
+    controller->quickScanAction();
+    EXPECT_EQ(center->calls.back(), "startQuickScan");
+    EXPECT_TRUE(view.isHidden("scanCountText"));
+    EXPECT_TRUE(view.isHidden("shutDownButton"));
+    EXPECT_EQ(view.frame("scanProgressIndicator").origin, (VkPoint{9, 21}));
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("litteIconImage")), "quick_icon");
+
+    report(0.5f, "OSX/Flashback");
+    EXPECT_EQ(view.text("currentScanPathText"), "OSX/Flashback");
+    queue->advance(1.0);
+    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("litteIconImage")), "quick_icon");
+
+    endScan();
+    EXPECT_EQ(storedTime("LastQuickScanTime"), ctx->clock->now());
+    EXPECT_FALSE(storedTime("LastScanTroajnTime"));
+    EXPECT_EQ(posted.back(), "ReloadIntrodutNotify");
+    EXPECT_EQ(host->count("quickTrojanScan"), 1u);
+    EXPECT_EQ(host->count("sendUserAction -1"), 1u);
+}
+
+TEST_F(VkTrojanMainControllerTest, StopLeavesNoTraceEvenWithShutdownChecked) {
+    controller->fullScanAction();
+    view.setState("shutDownButton", 1);
+    found("home/evil.bin");
+    controller->stopAction();
+    EXPECT_EQ(center->calls.back(), "stopCurrentScan");
+    EXPECT_EQ(controller->currenSelectedView(), "mainView");
+    EXPECT_FALSE(view.isHidden("headView"));
+    endScan();
+
+    EXPECT_TRUE(scanLogs->scanLogsArray().empty());
+    EXPECT_FALSE(storedTime("LastScanTroajnTime"));
+    EXPECT_FALSE(storedTime("LastQuickScanTime"));
+    EXPECT_EQ(posted, (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO"}));
+    EXPECT_EQ(host->count("runScript tell application \"Finder\" to shut down"), 0u);
+    EXPECT_EQ(host->count("resetHomeView"), 2u) << "the stop and the way back both reset";
+    EXPECT_FALSE(controller->userCancel());
+}
+
+TEST_F(VkTrojanMainControllerTest, DroppedFilesScanAfterASecondAndAreLoggedWithoutTimes) {
+    std::string target = dir.write("drop/a.txt", "x");
+    controller->fileDragEnd({target, dir / "drop"});
+    EXPECT_EQ(view.image("dropImageView"),
+              VkPanelImage::fromIcon(VkImage::iconForFile(target).resized(48, 48)));
+    EXPECT_EQ(center->calls, Lines{"startUpdate"});
+    queue->advance(1.0);
+    EXPECT_EQ(center->calls.back(), "startScan 2");
+    EXPECT_EQ(controller->scanType(), 2);
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("dropImageView")), "none");
+
+    found("drop/evil.bin");
+    endScan();
+    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
+    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanType(), 2);
+    EXPECT_FALSE(storedTime("LastQuickScanTime"));
+    EXPECT_EQ(posted, (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO"}));
+    EXPECT_EQ(host->count("userTrojanScan"), 1u);
+
+    // One result: its count is highlighted in green, the clean button comes back beside
+    // the back button, which trades its finish image for the link title.
+    auto text = view.styledText("currentScanPathText");
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->text, "1 threats found");
+    EXPECT_EQ(text->highlightStart, 0u);
+    EXPECT_EQ(text->highlightLength, 1u);
+    EXPECT_EQ(text->highlightColor, VkColor::rgb255(1, 183, 1));
+    EXPECT_EQ(text->fontOf, "warningDetailText");
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("scanDisplayImage")), "security_warning");
+    EXPECT_EQ(view.frame("cleanButton").origin, (VkPoint{95, 10}));
+    EXPECT_EQ(view.frame("backButton").origin, (VkPoint{210, 10}));
+    EXPECT_FALSE(view.isHidden("cleanButton"));
+}
+
+TEST_F(VkTrojanMainControllerTest, FinishImageGivesWayToTheLinkTitleOnceThereAreResults) {
+    controller->fullScanAction();
+    endScan();
+    ASSERT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "button:Finish");
+    controller->fullScanAction();
+    found("home/evil.bin");
+    endScan();
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "none");
+    auto title = view.styledText("backButton");
+    ASSERT_TRUE(title);
+    EXPECT_EQ(title->text, "Back");
+    EXPECT_EQ(title->fontSize, 11);
+    EXPECT_EQ(title->color, VkColor::rgb255(60, 126, 218));
+}
+
+TEST_F(VkTrojanMainControllerTest, CleaningOnlyTrustAndQuarantineEndsAtOnce) {
+    controller->fullScanAction();
+    auto kept = found("home/quarantine-me.bin");
+    auto trusted = found("home/trust-me.bin");
+    auto ignored = found("home/leave-me.bin");
+    endScan();
+    kept->setTrojanProcess(1);
+    trusted->setTrojanProcess(3);
+    ignored->setTrojanProcess(7);
+    std::string keptPath = *kept->path();
+    host->clear();
+
+    controller->killTorjansAction();
+    EXPECT_FALSE(fs::exists(keptPath)) << "moved into the quarantine";
+    ASSERT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
+    EXPECT_EQ(center->quarantine().allQuarantineItems()[0]->originalPath(), keptPath);
+    auto trust = center->ecryptTrustFileArray();
+    ASSERT_EQ(trust.size(), 1u);
+    EXPECT_EQ(*trust[0].getString("TrustFilePath"), *trusted->path());
+    EXPECT_EQ(column("fileNameColumn"), Lines{"leave-me.bin"}) << "the untouched row stays";
+    EXPECT_EQ(center->calls.back(), "startScan full") << "nothing to remove, no removal";
+    EXPECT_FALSE(ctx->userDefaults->objectForKey("LastSecurityScanTime"))
+        << "a row is still listed, so the clean has not ended";
+
+    ignored->setTrojanProcess(3);
+    controller->killTorjansAction();
+    EXPECT_EQ(controller->numberOfRows(), 0u);
+    EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityScanTime"), ctx->clock->date());
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "button:Finish");
+    EXPECT_EQ(host->lines(), Lines{"userOperEnd"});
+    EXPECT_FALSE(controller->userScan());
+    // The scan's log entries of the trusted files now say "trusted" (1); the quarantined
+    // one keeps "found" (2).
+    std::map<std::string, int32_t> logged;
+    for (const auto& item : scanLogs->currentLogs()->scanLogsItems())
+        logged[vkLastPathComponent(item->filePath())] = item->operType();
+    EXPECT_EQ(logged, (std::map<std::string, int32_t>{
+                          {"quarantine-me.bin", 2}, {"trust-me.bin", 1}, {"leave-me.bin", 1}}));
+}
+
+TEST_F(VkTrojanMainControllerTest, RemovalProgressDropsRowsAndTheEndStoresTheCleanTime) {
+    controller->fullScanAction();
+    auto first = found("home/one.bin");
+    auto second = found("home/two.bin");
+    endScan();
+    controller->killTorjansAction();
+    EXPECT_EQ(center->calls.back(), "killTorjanItem 2");
+    EXPECT_TRUE(view.isHidden("backButton"));
+    EXPECT_TRUE(view.called("setEnabled cancelButton 0"));
+    EXPECT_TRUE(view.called("setEnabled removeFileButon 0"));
+
+    EXPECT_FALSE(controller->killTorjansProgress(first, 0.5f, false));
+    queue->runPending();
+    EXPECT_EQ(controller->numberOfRows(), 2u) << "a failed removal stays listed";
+    EXPECT_FALSE(controller->killTorjansProgress(second, 0.5f, true));
+    EXPECT_EQ(controller->numberOfRows(), 2u) << "the row leaves on the main queue";
+    queue->runPending();
+    EXPECT_EQ(column("fileNameColumn"), Lines{"one.bin"});
+    EXPECT_EQ(view.progress("scanProgressIndicator"), 0.5);
+    EXPECT_EQ(scanLogs->currentLogs()->scanLogsItems().back()->operType(), 0);
+    EXPECT_EQ(host->count("postProgressInfo 0.50 two.bin"), 0u) << "the user's own clean";
+
+    controller->killTorjansEnd();
+    EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityScanTime"), ctx->clock->date());
+    EXPECT_TRUE(view.called("setEnabled cancelButton 1"));
+    EXPECT_EQ(host->lines().back(), "userOperEnd");
+    EXPECT_EQ(view.text("warningText"), "Protected");
+}
+
+TEST_F(VkTrojanMainControllerTest, ShutdownAfterACleanScanRunsTheScriptAndLogsItsFailure) {
+    controller->fullScanAction();
+    view.setState("shutDownButton", 1);
+    host->scriptError = "not allowed";
+    endScan();
+    EXPECT_EQ(host->count("runScript tell application \"Finder\" to shut down"), 1u);
+    auto* log = dynamic_cast<VkCapturedLog*>(ctx->systemLog.get());
+    ASSERT_TRUE(log);
+    EXPECT_EQ(log->lines().back(), "[Shut down ERR] : not allowed");
+    EXPECT_TRUE(view.isHidden("shutDownButton"));
+    EXPECT_EQ(view.state("shutDownButton"), 1) << "the box keeps its state";
+
+    // With results the box starts the clean instead.
+    controller->fullScanAction();
+    view.setState("shutDownButton", 1);
+    found("home/evil.bin");
+    endScan();
+    EXPECT_EQ(center->calls.back(), "killTorjanItem 1");
+}
+
+TEST_F(VkTrojanMainControllerTest, SortingByHeaderClicksWithTheEqualSizeRule) {
+    auto a = std::make_shared<VkTorjanResultItems>();
+    auto b = std::make_shared<VkTorjanResultItems>();
+    a->setFileSize(10);
+    b->setFileSize(10);
+    EXPECT_EQ(VkTrojanMainController::compareResults(*a, *b, 2, false), -1);
+    EXPECT_EQ(VkTrojanMainController::compareResults(*b, *a, 2, false), -1);
+    EXPECT_EQ(VkTrojanMainController::compareResults(*a, *b, 2, true), 1);
+
+    controller->fullScanAction();
+    found("home/b.bin", 300);
+    found("home/c.bin", 100);
+    found("home/a.bin", 200);
+    EXPECT_EQ(column("fileNameColumn"), (Lines{"a.bin", "b.bin", "c.bin"}));
+
+    controller->didClickTableColumn("fileSizeColumn");
+    EXPECT_EQ(view.indicatorOn("fileSizeColumn"), "NSDescendingSortIndicator");
+    EXPECT_EQ(view.indicatorOn("fileNameColumn"), "");
+    EXPECT_EQ(column("fileNameColumn"), (Lines{"b.bin", "a.bin", "c.bin"}))
+        << "the first click sorts descending";
+    controller->didClickTableColumn("fileSizeColumn");
+    EXPECT_EQ(view.indicatorOn("fileSizeColumn"), "NSAscendingSortIndicator");
+    EXPECT_EQ(column("fileNameColumn"), (Lines{"c.bin", "a.bin", "b.bin"}));
+    EXPECT_EQ(column("fileSizeColumn"), (Lines{"100 Byte", "200 Byte", "300 Byte"}));
+
+    size_t before = view.calls.size();
+    controller->didClickTableColumn("prcoessColumn");
+    EXPECT_EQ(view.calls.size(), before) << "the action column changes nothing visible";
+    EXPECT_EQ(column("prcoessColumn"), (Lines{"0", "0", "0"}));
+}
+
+TEST_F(VkTrojanMainControllerTest, UpdateLineShowsEachOutcomeAndComesBackAfterTwoSeconds) {
+    controller->checkUpdate();
+    EXPECT_EQ(view.text("lastUpdateText"), "Checking...");
+    EXPECT_TRUE(view.isHidden("updateButton"));
+    EXPECT_FALSE(view.isHidden("updateIndicator"));
+
+    controller->updateTrojanData(false, std::nullopt);
+    queue->runPending();
+    EXPECT_EQ(view.text("lastUpdateText"), "Update failed");
+    EXPECT_FALSE(ctx->userDefaults->objectForKey("LastSecurityUpdateTime"));
+    queue->advance(2.0);
+    EXPECT_EQ(view.text("lastUpdateText"), "Signatures of 2013-2-27");
+
+    // Noon on 31 December 2026, a Thursday: its week belongs to 2027.
+    VkDate newYearsEve{1798718400.0};
+    controller->updateTrojanData(true, newYearsEve);
+    queue->runPending();
+    EXPECT_EQ(view.text("lastUpdateText"), "Updated to 2027-12-31");
+    EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityUpdateTime"), newYearsEve);
+    queue->advance(2.0);
+    EXPECT_EQ(view.text("lastUpdateText"), "Signatures of 2027-12-31");
+
+    controller->updateTrojanData(true, newYearsEve);
+    queue->runPending();
+    EXPECT_EQ(view.text("lastUpdateText"), "Up to date (100%)");
+}
+
+TEST_F(VkTrojanMainControllerTest, HostNotificationsActOnlyForThisController) {
+    int other = 0;
+    ctx->notificationCenter->post("StartScanNotify", &other);
+    EXPECT_EQ(center->calls, Lines{"startUpdate"});
+
+    ctx->notificationCenter->post("StartCleanNotify", controller.get());
+    EXPECT_EQ(host->lines().back(), "cleanEndInfo") << "nothing listed to clean";
+
+    ctx->notificationCenter->post("StartScanNotify", controller.get());
+    EXPECT_EQ(center->calls.back(), "startQuickScan");
+    EXPECT_TRUE(controller->isScanning());
+    report(0.2f, "OSX/Olyx");
+    EXPECT_EQ(host->lines().back(), "postProgressInfo 0.20 OSX/Olyx")
+        << "a scan the host started reports its progress to the host";
+    found("home/evil.bin")->setTrojanProcess(7);
+    endScan();
+    EXPECT_EQ(host->lines().back(), "userOperEnd");
+    EXPECT_EQ(host->count("scanEndInfo 1"), 1u);
+
+    ctx->notificationCenter->post("StartCleanNotify", controller.get());
+    EXPECT_EQ(center->calls.back(), "killTorjanItem 1") << "the host's clean takes every row";
+
+    ctx->notificationCenter->post("StopScanNotify", controller.get());
+    EXPECT_EQ(center->calls.back(), "stopCurrentScan");
+}
+
+TEST_F(VkTrojanMainControllerTest, TrustAndQuarantineScreensCoverTheCurrentView) {
+    controller->showQuarantineFiles();
+    EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
+    EXPECT_EQ(view.frame("VkQuarantineFileController"), view.frame("mainView"));
+    EXPECT_TRUE(view.isHidden("headView"));
+    EXPECT_TRUE(view.isHidden("userScanView"));
+    controller->quarantineFileController().operaComplete();
+    EXPECT_FALSE(view.isHidden("headView"));
+    EXPECT_FALSE(view.isHidden("userScanView"));
+    EXPECT_EQ(quarantineView.closes, 1);
+}
+
+// The whole way through on the real engine: a dropped folder with a planted file is
+// scanned, listed, quarantined and the clean recorded.
+TEST_F(VkTrojanMainControllerTest, DroppedFolderIsScannedAndCleanedForReal) {
+    center->realEngine = true;
+    std::string planted = dir.write("root/Users/me/Downloads/setup.bin", kSample);
+    dir.write("root/Users/me/Downloads/readme.txt", "harmless");
+    controller->fileDragEnd({dir / "root/Users/me"});
+    queue->advance(1.0);
+    runUntilScanEnds();
+
+    EXPECT_EQ(column("fileNameColumn"), Lines{"setup.bin"});
+    EXPECT_EQ(column("torjanNameColumn"), Lines{"OSX/Panel.A"});
+    EXPECT_EQ(view.text("currentScanPathText"), "1 threats found");
+    // Every path the walk reports counts, the Downloads folder included.
+    EXPECT_EQ(view.text("scanCountText"), "Files: 3");
+    EXPECT_EQ(view.progress("scanProgressIndicator"), 1.0);
+    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
+    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanLogsItems().size(), 1u);
+
+    controller->itemAt(0)->setTrojanProcess(1);
+    controller->killTorjansAction();
+    EXPECT_FALSE(fs::exists(planted));
+    EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
+    EXPECT_TRUE(ctx->userDefaults->dateForKey("LastSecurityScanTime"));
+    EXPECT_EQ(view.text("warningText"), "Protected");
+}
+
+}  // namespace
