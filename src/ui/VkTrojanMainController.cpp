@@ -82,11 +82,46 @@ std::string pathOf(const VkTorjanResultItems& item) {
 
 }  // namespace
 
+class VkTrojanMainController::EngineDelegate : public VkTorjanScanDelegate,
+                                               public VkKillTorjansDelegate,
+                                               public VkAddTorjanDelegate {
+  public:
+    explicit EngineDelegate(std::weak_ptr<VkTrojanMainController> owner)
+        : owner_(std::move(owner)) {}
+
+    void addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& item) override {
+        if (auto owner = owner_.lock())
+            owner->addTorjanPath(item);
+    }
+    bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override {
+        auto owner = owner_.lock();
+        return owner ? owner->scanTorjanProcess(progress, item) : false;
+    }
+    bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& item, float progress,
+                             bool isSuccess) override {
+        auto owner = owner_.lock();
+        return owner ? owner->killTorjansProgress(item, progress, isSuccess) : false;
+    }
+    void killTorjansEnd() override {
+        if (auto owner = owner_.lock())
+            owner->killTorjansEnd();
+    }
+    void updateTrojanData(bool success, std::optional<VkDate> updateDate) override {
+        if (auto owner = owner_.lock())
+            owner->updateTrojanData(success, updateDate);
+    }
+
+  private:
+    std::weak_ptr<VkTrojanMainController> owner_;
+};
+
 std::shared_ptr<VkTrojanMainController> VkTrojanMainController::make(
     std::shared_ptr<VkContext> context, std::shared_ptr<VkTorjanCenter> center,
     std::shared_ptr<VkScanLogsOper> scanLogs) {
-    return std::shared_ptr<VkTrojanMainController>(
+    auto controller = std::shared_ptr<VkTrojanMainController>(
         new VkTrojanMainController(std::move(context), std::move(center), std::move(scanLogs)));
+    controller->engineDelegate_ = std::make_shared<EngineDelegate>(controller);
+    return controller;
 }
 
 VkTrojanMainController::VkTrojanMainController(std::shared_ptr<VkContext> context,
@@ -133,7 +168,7 @@ void VkTrojanMainController::awakeFromNib() {
     completeButtonImage_ = VkPanelImage::button(kButtonStyle, view_->frame("backButton").size,
                                                 localized("Security-1-4-3"));
     refreshUpdateInfo();
-    torjanCenter_->startUpdate(shared_from_this());
+    torjanCenter_->startUpdate(engineDelegate_);
     for (const char* button : {"cancelButton", "cleanButton"}) {
         view_->setImage(button, VkPanelImage::button(kButtonStyle, view_->frame(button).size,
                                                      view_->text(button)));
@@ -249,7 +284,7 @@ void VkTrojanMainController::processChangeAction(int32_t tag) {
 void VkTrojanMainController::checkUpdate() {
     view_->setHidden("updateButton", true);
     view_->setHidden("updateIndicator", false);
-    torjanCenter_->startUpdate(shared_from_this());
+    torjanCenter_->startUpdate(engineDelegate_);
     view_->setText("lastUpdateText", localized("Security-1-11-1"));
 }
 
@@ -287,7 +322,7 @@ void VkTrojanMainController::disApperaView() {
 void VkTrojanMainController::startScanTrojan() {
     context_->notificationCenter->post("TrojanScanNotify", this, VkPlist::boolean(true));
     scanType_ = kQuickScan;
-    torjanCenter_->startQuickScan(shared_from_this());
+    torjanCenter_->startQuickScan(engineDelegate_);
     updateTimeCount_ = 0;
     if (loopUpdateTime_)
         loopUpdateTime_->invalidate();  // one ticking clock, however the host calls
@@ -338,10 +373,10 @@ void VkTrojanMainController::startScan(const std::optional<std::vector<std::stri
     view_->setImage("scanDisplayImage", VkPanelImage::resource("scan_animation"));
     if (scanType_ != kQuickScan) {
         view_->setHidden("scanCountText", false);
-        torjanCenter_->startScan(paths, shared_from_this());
+        torjanCenter_->startScan(paths, engineDelegate_);
     } else {
         view_->setHidden("scanCountText", true);
-        torjanCenter_->startQuickScan(shared_from_this());
+        torjanCenter_->startQuickScan(engineDelegate_);
         view_->setImage("litteIconImage", VkPanelImage::resource("quick_icon"));
     }
     view_->setText("scanCountText", localized("Security-1-7-1") + "0");
@@ -718,7 +753,7 @@ void VkTrojanMainController::killTorjansAction() {
 void VkTrojanMainController::killTorjans(const ResultList& items) {
     setKillState();
     view_->setEnabled("removeFileButon", false);
-    torjanCenter_->killTorjanItem(items, shared_from_this());
+    torjanCenter_->killTorjanItem(items, engineDelegate_);
 }
 
 bool VkTrojanMainController::killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& item,

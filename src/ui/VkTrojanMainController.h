@@ -30,7 +30,7 @@ class VkTimer;
 // file; the list "torjanResultView" reads its rows from this object. Main thread only,
 // except the delegate callbacks, which hop to the main queue.
 //
-// Build it with make(): the engine holds its delegates as shared pointers.
+// Build it with make(), which gives it the delegate object the engine holds.
 class VkTrojanMainController : public VkTorjanScanDelegate,
                                public VkKillTorjansDelegate,
                                public VkAddTorjanDelegate,
@@ -122,6 +122,8 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     static std::string elapsedTimeText(uint64_t seconds);
 
   private:
+    class EngineDelegate;
+
     VkTrojanMainController(std::shared_ptr<VkContext> context,
                            std::shared_ptr<VkTorjanCenter> center,
                            std::shared_ptr<VkScanLogsOper> scanLogs);
@@ -170,4 +172,7 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     VkPanelImage completeButtonImage_;
     std::string currenSelectedView_;
     std::vector<VkNotificationCenter::Token> observers_;
+    // What the engine holds instead of this controller: it forwards while the controller
+    // lives, so a scanner or updater that outlives the panel keeps nothing alive.
+    std::shared_ptr<EngineDelegate> engineDelegate_;
 };
