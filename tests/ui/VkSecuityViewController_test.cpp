@@ -1,0 +1,266 @@
+#include "ui/VkSecuityViewController.h"
+
+#include <gtest/gtest.h>
+
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanCenter.h"
+#include "fakes/VkRecordingNetClient.h"
+#include "fakes/VkRecordingPanelView.h"
+#include "fakes/VkTempDir.h"
+#include "logs/VkFileMonLogsOper.h"
+#include "logs/VkScanLogsOper.h"
+#include "remediation/VkQuarantineFileManager.h"
+#include "ui/VkListSupport.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A scan center that records what the panel starts instead of starting it.
+class VkStartRecordingCenter : public VkTorjanCenter {
+  public:
+    using VkTorjanCenter::VkTorjanCenter;
+    void startScan(const std::optional<std::vector<std::string>>& paths,
+                   std::shared_ptr<VkTorjanScanDelegate>) override {
+        calls.push_back(paths ? "startScan paths" : "startScan full");
+    }
+    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate>) override {
+        calls.push_back("startQuickScan");
+    }
+    void stopCurrentScan() override { calls.push_back("stopCurrentScan"); }
+    void startUpdate(std::shared_ptr<VkAddTorjanDelegate>) override {
+        calls.push_back("startUpdate");
+    }
+    Lines calls;
+};
+
+std::vector<uint8_t> archiveOf(size_t count) {
+    VkFileMonLogsItem::Items items;
+    for (size_t i = 0; i < count; ++i) {
+        auto item = std::make_shared<VkFileMonLogsItem>();
+        item->setFilePath("/Users/t/Downloads/file" + std::to_string(i) + ".dmg");
+        item->setProcessName("Safari");
+        item->setTrojanName("OSX/Mon.A");
+        item->setDownLoadTime(VkDate{100.0 + static_cast<double>(i)});
+        item->setLogTime(VkDate{200});
+        items.push_back(item);
+    }
+    return *VkFileMonLogsItem::archiveItems(items);
+}
+
+class VkSecuityViewControllerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->netClient = client;
+        for (auto [key, text] : std::initializer_list<std::pair<const char*, const char*>>{
+                 {"Security-1-3-1", "Monitor on"},
+                 {"Security-1-3-2", "Monitor off"},
+                 {"Security-1-4", "Logged: %ld files"}})
+            ctx->localizer->setString(key, text);
+        queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
+        ctx->notificationCenter->addObserver(
+            "ReloadIntrodutNotify", nullptr, [this](const VkNotification& n) {
+                const VkPlist::Dictionary* info = n.userInfo.asDictionary();
+                if (info && info->count("DetectedFileCount"))
+                    counts.push_back(info->at("DetectedFileCount").asDouble().value_or(-1));
+            });
+        ctx->notificationCenter->addObserver("OnlineDownScanChangeNotify", nullptr,
+                                             [this](const VkNotification&) { ++switchNotices; });
+        center = std::make_shared<VkStartRecordingCenter>(
+            ctx, std::make_shared<VkAntiTrojan>(ctx),
+            std::make_shared<VkQuarantineFileManager>(ctx));
+        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
+        view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
+        view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});
+        view.setText("viewFileMonLogs", "View logs");
+    }
+
+    // Builds the panel the way the host does, once the monitor's records are in place.
+    void build() {
+        fileMonLogs = std::make_shared<VkFileMonLogsOper>(ctx);
+        panel =
+            std::make_unique<VkSecuityViewController>(ctx, center, scanLogs, fileMonLogs, client);
+        panel->setView(&view);
+        panel->setLogsView(&logsView);
+        panel->trojanController()->setView(&trojanView);
+    }
+    void show() {
+        build();
+        view.calls.clear();
+        panel->awakeFromNib();
+    }
+
+    // Whether "FileMonStart" was written (not only answered by the registration domain).
+    std::optional<bool> storedFileMonStart() const {
+        auto file = VkPlist::contentsOfFile(ctx->defaultsFile);
+        const VkPlist::Dictionary* values = file ? file->asDictionary() : nullptr;
+        if (!values || !values->count("FileMonStart"))
+            return std::nullopt;
+        return values->at("FileMonStart").asBool();
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
+    VkRunLoopMainQueue* queue = nullptr;
+    std::shared_ptr<VkStartRecordingCenter> center;
+    std::shared_ptr<VkScanLogsOper> scanLogs;
+    std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
+    VkRecordingPanelView view;
+    VkRecordingPanelView trojanView;
+    VkRecordingPanelView logsView;
+    std::unique_ptr<VkSecuityViewController> panel;
+    std::vector<double> counts;
+    int switchNotices = 0;
+};
+
+TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelInOrder) {
+    show();
+    EXPECT_EQ(client->statCalls, (std::vector<bool>{true}));
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor on");
+    EXPECT_FALSE(storedFileMonStart());  // the default YES is registered, never stored
+
+    Lines expected = {
+        "addSubview contentView VkTrojanMainController",
+        "setOrigin headView 0.000000 431.000000",
+        "addSubview VkTrojanMainController headView",
+        "setStyledText fileMonDetailText Logged: 0 files",
+        "setOrigin viewFileMonLogs 120.000000 12.000000",
+        "setStyledText viewFileMonLogs View logs",
+        "setText fileMonOnText Monitor on",
+    };
+    EXPECT_EQ(view.calls, expected);
+    auto link = view.styledText("viewFileMonLogs");
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->fontSize, 12);
+    EXPECT_EQ(link->color, VkColor::rgb255(75, 137, 208));
+    // The trojan screens had their own first showing and know the head strip.
+    EXPECT_EQ(center->calls, (Lines{"startUpdate"}));
+    EXPECT_TRUE(trojanView.isSubview("view", "mainView"));
+}
+
+TEST_F(VkSecuityViewControllerTest, AFailedStartStoresNoAndShowsTheOffText) {
+    client->statSucceeds = false;
+    show();
+    EXPECT_EQ(client->statCalls, (std::vector<bool>{true}));
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
+    EXPECT_EQ(view.state("startFileMon"), 1);
+    EXPECT_EQ(storedFileMonStart(), false);
+    EXPECT_FALSE(ctx->userDefaults->boolForKey("FileMonStart"));
+}
+
+TEST_F(VkSecuityViewControllerTest, AMonitorTheUserSwitchedOffIsNotStarted) {
+    ctx->userDefaults->setBool("FileMonStart", false);
+    show();
+    EXPECT_TRUE(client->statCalls.empty());
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
+    EXPECT_EQ(view.state("startFileMon"), 1);
+}
+
+TEST_F(VkSecuityViewControllerTest, ZeroLoggedFilesStillHighlightsTheZeroAndPostsTheCount) {
+    show();
+    auto sentence = view.styledText("fileMonDetailText");
+    ASSERT_TRUE(sentence);
+    EXPECT_EQ(sentence->text, "Logged: 0 files");
+    EXPECT_EQ(sentence->text.substr(sentence->highlightStart, sentence->highlightLength), "0");
+    EXPECT_EQ(sentence->highlightColor, VkColor::rgb255(75, 137, 208));
+    EXPECT_EQ(sentence->color, VkColor::black());
+    EXPECT_EQ(sentence->fontSize, 12);
+    EXPECT_EQ(counts, (std::vector<double>{0}));
+}
+
+TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueue) {
+    show();
+    panel->viewFileMonLogs();
+    counts.clear();
+
+    client->push(archiveOf(12));
+    EXPECT_TRUE(counts.empty());  // nothing is drawn on the client's thread
+    queue->runPending();
+    auto sentence = view.styledText("fileMonDetailText");
+    ASSERT_TRUE(sentence);
+    EXPECT_EQ(sentence->text, "Logged: 12 files");
+    EXPECT_EQ(sentence->text.substr(sentence->highlightStart, sentence->highlightLength), "12");
+    EXPECT_EQ(view.frame("viewFileMonLogs").origin, (VkPoint{7.0 * 16 + 15, 12}));
+    EXPECT_EQ(counts, (std::vector<double>{12}));
+    EXPECT_EQ(panel->logsController()->numberOfRows(VkLogsController::kFileLogsOutline), 12u);
+}
+
+TEST_F(VkSecuityViewControllerTest, AQuickScanBeforeTheLogsWereOpenedDoesNotMakeTheLogsPage) {
+    show();
+    view.calls.clear();
+    panel->startQuickScan();
+    EXPECT_EQ(panel->logsController(), nullptr);
+    EXPECT_TRUE(view.calls.empty());
+    EXPECT_EQ(center->calls.back(), "startQuickScan");
+}
+
+TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClosesOrAScanStarts) {
+    show();
+    panel->viewFileMonLogs();
+    VkLogsController* logs = panel->logsController();
+    ASSERT_NE(logs, nullptr);
+    EXPECT_EQ(logs->logsControllerDelegate(), panel.get());
+    EXPECT_EQ(logs->logsDisplay(), 0);
+    EXPECT_TRUE(logsView.isSubview("contentView", "fileLogsView"));
+    EXPECT_EQ(logsView.state("showFileMonButton"), 1);
+    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
+    EXPECT_TRUE(view.isSubview("view", "VkLogsController"));
+    EXPECT_EQ(view.frame("VkLogsController"), (VkRect{{0, 0}, {700, 480}}));
+
+    logs->closeFileMonLogsView();
+    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
+
+    // Made once and kept.
+    panel->viewFileMonLogs();
+    EXPECT_EQ(panel->logsController(), logs);
+    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
+
+    panel->startFullScan();
+    EXPECT_FALSE(view.isSubview("view", "VkLogsController"));
+    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
+    EXPECT_EQ(center->calls.back(), "startScan full");
+}
+
+TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEveryone) {
+    show();
+    client->statCalls.clear();
+
+    panel->setFileMonStat(false);
+    EXPECT_EQ(client->statCalls, (std::vector<bool>{false}));
+    EXPECT_EQ(storedFileMonStart(), false);
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
+    EXPECT_EQ(switchNotices, 1);
+
+    panel->setFileMonStat(true);
+    EXPECT_EQ(client->statCalls, (std::vector<bool>{false, true}));
+    EXPECT_EQ(storedFileMonStart(), true);
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor on");
+    EXPECT_EQ(switchNotices, 2);
+}
+
+TEST_F(VkSecuityViewControllerTest, TheUserFlippingTheSwitchOffIgnoresTheMonitorsAnswer) {
+    show();
+    client->statSucceeds = false;
+    view.setState("startFileMon", 0);
+    panel->swithChange();
+    EXPECT_EQ(client->statCalls.back(), false);
+    EXPECT_EQ(storedFileMonStart(), false);
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
+    EXPECT_EQ(switchNotices, 1);
+}
+
+TEST_F(VkSecuityViewControllerTest, RecordsArrivingAfterThePanelIsGoneReachNothing) {
+    show();
+    client->push(archiveOf(2));
+    panel.reset();
+    counts.clear();
+    queue->runPending();
+    client->push(archiveOf(3));
+    queue->runPending();
+    EXPECT_TRUE(counts.empty());
+    EXPECT_EQ(fileMonLogs->logsFileCount(), 3u);
+}
+
+}  // namespace
