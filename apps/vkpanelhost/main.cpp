@@ -1,0 +1,74 @@
+// vkpanelhost: a small host application for the security panel. It loads the panel's
+// library at run time, shows the panel in a window and plays the host's part: its menus
+// call the panel's entry points and post the host's notifications, and its log pane shows
+// what the panel reports to the host.
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QFileInfo>
+#include <QLibrary>
+#include <QMessageBox>
+#include <cstdio>
+
+#include "VkPanelHostWindow.h"
+#include "panel/VkSecurityEntry.h"
+
+namespace {
+
+void hostLog(const char* line, void* user) {
+    static_cast<VkPanelHostWindow*>(user)->appendLog(QString::fromUtf8(line));
+}
+
+QString findLibrary(const QString& given) {
+    if (!given.isEmpty())
+        return given;
+    QString beside = QCoreApplication::applicationDirPath() + "/../lib/" +
+                     QFileInfo(VK_INSTALL_PANEL_LIBRARY).fileName();
+    for (const QString& candidate :
+         {QString(VK_BUILD_PANEL_LIBRARY), beside, QString(VK_INSTALL_PANEL_LIBRARY)})
+        if (QFileInfo::exists(candidate))
+            return candidate;
+    return QString(VK_BUILD_PANEL_LIBRARY);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QApplication::setApplicationName("vkpanelhost");
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Shows the VkSecurity panel in a window of its own.");
+    parser.addHelpOption();
+    QCommandLineOption dataDir("data-dir", "Data folder (signature databases, logs, quarantine).",
+                               "folder");
+    QCommandLineOption root("root", "Root of the inspected system (default /).", "folder");
+    QCommandLineOption library("library", "The panel library to load.", "file");
+    parser.addOptions({dataDir, root, library});
+    parser.process(app);
+
+    QString path = findLibrary(parser.value(library));
+    QLibrary panelLibrary(path);
+    auto create =
+        reinterpret_cast<VkSecurityCreatePanelFn>(panelLibrary.resolve(VK_SECURITY_CREATE_PANEL));
+    if (!create) {
+        QString message =
+            QString("Cannot load the panel from %1: %2").arg(path, panelLibrary.errorString());
+        std::fprintf(stderr, "vkpanelhost: %s\n", qPrintable(message));
+        QMessageBox::critical(nullptr, "vkpanelhost", message);
+        return 2;
+    }
+
+    QByteArray dataFolder = parser.value(dataDir).toUtf8();
+    QByteArray systemRoot = parser.value(root).toUtf8();
+    // The window exists before the panel so that the panel's first reports have a pane to
+    // go to; the panel is put into it right after.
+    auto* window = new VkPanelHostWindow;
+    VkPanelHostOptions options{dataFolder.isEmpty() ? nullptr : dataFolder.constData(),
+                               systemRoot.isEmpty() ? nullptr : systemRoot.constData(), &hostLog,
+                               window};
+    QWidget* panel = create(nullptr, &options);
+    window->setPanel(panel);
+    window->show();
+    int status = app.exec();
+    delete window;
+    return status;
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QStyledItemDelegate>
+
+// The action pop-up of a result row: remove (tag 0), quarantine (1) or trust (3). The cell's
+// value is the row's current action; choosing an entry reports the row and the entry's tag.
+class VkProcessPopUpCell : public QStyledItemDelegate {
+    Q_OBJECT
+  public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    // The entries, in menu order: title and tag.
+    static QList<QPair<QString, int>> entries();
+
+    QWidget* createEditor(QWidget* parent, const QStyleOptionViewItem& option,
+                          const QModelIndex& index) const override;
+    void setEditorData(QWidget* editor, const QModelIndex& index) const override;
+    void setModelData(QWidget*, QAbstractItemModel*, const QModelIndex&) const override {}
+    void updateEditorGeometry(QWidget* editor, const QStyleOptionViewItem& option,
+                              const QModelIndex& index) const override;
+
+  signals:
+    void processChosen(int row, int tag) const;
+};

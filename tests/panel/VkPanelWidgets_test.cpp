@@ -1,0 +1,364 @@
+#include <QApplication>
+#include <QCheckBox>
+#include <QDropEvent>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMimeData>
+#include <QStandardItemModel>
+#include <QStyleFactory>
+#include <QTest>
+#include <QToolButton>
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "panel/VkCenterTextCell.h"
+#include "panel/VkQtMainQueue.h"
+#include "panel/VkQtPanelView.h"
+#include "panel/VkQtSortIndicator.h"
+#include "panel/VkTrojanDragView.h"
+#include "panel/VkTrojanOutlineView.h"
+
+namespace {
+
+// Serves the Qt event loop until pred() holds or the (generous) limit passes; the loop
+// wakes on every posted event, so a passing test waits only as long as the work takes.
+bool serveUntil(const std::function<bool()>& pred, int limitMs = 10000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!pred() && timer.elapsed() < limitMs)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    return pred();
+}
+
+TEST(VkQtMainQueueTest, WorkFromAnyThreadRunsOnTheMainThreadInOrder) {
+    VkQtMainQueue queue;
+    std::vector<int> order;
+    std::atomic<bool> offMain{false};
+    std::thread worker([&] {
+        offMain = !queue.isMainThread();
+        for (int i = 0; i < 5; ++i)
+            queue.async([&order, i, &queue] {
+                EXPECT_TRUE(queue.isMainThread());
+                order.push_back(i);
+            });
+    });
+    worker.join();
+    EXPECT_TRUE(offMain);
+    EXPECT_TRUE(queue.isMainThread());
+    EXPECT_TRUE(order.empty());  // nothing runs before the loop serves it
+    ASSERT_TRUE(serveUntil([&] { return order.size() == 5; }));
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(VkQtMainQueueTest, RepeatingTimerFiresUntilInvalidatedFromAWorker) {
+    VkQtMainQueue queue;
+    int ticks = 0;
+    auto timer = queue.scheduledTimer(0.001, true, [&] { ++ticks; });
+    ASSERT_TRUE(serveUntil([&] { return ticks >= 3; }));
+    std::thread([&] { timer->invalidate(); }).join();
+    EXPECT_FALSE(timer->isValid());
+    int stoppedAt = ticks;
+    bool later = false;
+    queue.asyncAfter(0.02, [&] { later = true; });
+    ASSERT_TRUE(serveUntil([&] { return later; }));
+    EXPECT_EQ(ticks, stoppedAt);
+}
+
+TEST(VkQtMainQueueTest, OneShotTimerFiresOnceAndEndsInvalid) {
+    VkQtMainQueue queue;
+    int ticks = 0;
+    auto timer = queue.scheduledTimer(0.001, false, [&] { ++ticks; });
+    ASSERT_TRUE(serveUntil([&] { return ticks == 1; }));
+    EXPECT_FALSE(timer->isValid());
+    bool later = false;
+    queue.asyncAfter(0.02, [&] { later = true; });
+    ASSERT_TRUE(serveUntil([&] { return later; }));
+    EXPECT_EQ(ticks, 1);
+}
+
+// A window with named controls in a 400 x 300 top view.
+class VkQtPanelViewTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        root.setObjectName("VkTestScreen");
+        root.resize(400, 300);
+        box = new QWidget(&root);
+        box->setObjectName("box");
+        box->setGeometry(10, 20, 100, 50);
+        label = new QLabel(box);
+        label->setObjectName("label");
+        label->setGeometry(5, 5, 80, 20);
+        check = new QCheckBox(&root);
+        check->setObjectName("check");
+        other.setObjectName("VkOtherScreen");
+        other.resize(200, 100);
+        screens->add("VkOtherScreen", &other);
+    }
+
+    QWidget root;
+    QWidget other;
+    QWidget* box = nullptr;
+    QLabel* label = nullptr;
+    QCheckBox* check = nullptr;
+    std::shared_ptr<VkQtScreens> screens = std::make_shared<VkQtScreens>("");
+    VkQtPanelView view{&root, screens};
+};
+
+TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftOfTheParent) {
+    // Top-left (10, 20) of 50 high in a 300 high parent is 230 up from the bottom.
+    EXPECT_EQ(view.frame("box"), (VkRect{{10, 230}, {100, 50}}));
+    view.setOrigin("box", {0, 0});
+    EXPECT_EQ(box->geometry(), QRect(0, 250, 100, 50));
+    view.setFrame("label", {{5, 0}, {90, 10}});
+    EXPECT_EQ(label->geometry(), QRect(5, 40, 90, 10));
+}
+
+TEST_F(VkQtPanelViewTest, RemovedViewKeepsItsFrameAndHiddenStateUntilAddedAgain) {
+    view.setHidden("label", true);
+    view.removeFromSuperview("box");
+    EXPECT_FALSE(view.isSubview("view", "box"));
+    EXPECT_EQ(view.frame("box"), (VkRect{{10, 230}, {100, 50}}));
+    // Still found by name while off screen, and placed while there.
+    view.setOrigin("box", {20, 0});
+    view.addSubview("view", "box");
+    EXPECT_TRUE(view.isSubview("view", "box"));
+    EXPECT_EQ(box->geometry(), QRect(20, 250, 100, 50));
+    EXPECT_FALSE(box->isHidden());
+    EXPECT_TRUE(view.isHidden("label"));
+}
+
+TEST_F(VkQtPanelViewTest, AnotherScreenIsFoundByItsInterfaceName) {
+    view.setFrame("VkOtherScreen", {{0, 100}, {200, 100}});
+    view.addSubview("view", "VkOtherScreen");
+    EXPECT_EQ(other.parentWidget(), &root);
+    EXPECT_EQ(other.geometry(), QRect(0, 100, 200, 100));
+    EXPECT_TRUE(other.isVisibleTo(&root));
+}
+
+TEST_F(VkQtPanelViewTest, TextsStatesAndHighlightedCounts) {
+    view.setText("label", "plain");
+    EXPECT_EQ(view.text("label"), "plain");
+    VkStyledText styled;
+    styled.text = "3 threats";
+    styled.highlightStart = 0;
+    styled.highlightLength = 1;
+    styled.highlightColor = VkColor::rgb255(1, 183, 1);
+    view.setStyledText("label", styled);
+    EXPECT_EQ(view.text("label"), "3 threats");
+    EXPECT_TRUE(label->text().contains("rgba(1,183,1,1)>3<") ||
+                label->text().contains("rgba(1,183,1,1)\">3</span>"))
+        << label->text().toStdString();
+    view.setState("check", 1);
+    EXPECT_EQ(view.state("check"), 1);
+    EXPECT_TRUE(check->isChecked());
+    styled.fontSize = 12;
+    EXPECT_GT(view.drawnWidth(styled), 0);
+}
+
+// What a header of the style in use shows, looked at in its pixels.
+bool headerArrowPointsUp(QHeaderView* header, int section) {
+    QImage image = header->grab().toImage();
+    QImage plain;
+    {
+        bool shown = header->isSortIndicatorShown();
+        header->setSortIndicatorShown(false);
+        plain = header->grab().toImage();
+        header->setSortIndicatorShown(shown);
+    }
+    int left = header->sectionViewportPosition(section);
+    int right = left + header->sectionSize(section);
+    int first = -1, last = -1;
+    std::vector<int> widths(static_cast<size_t>(image.height()), 0);
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = left; x < right; ++x)
+            if (image.pixel(x, y) != plain.pixel(x, y)) {
+                ++widths[static_cast<size_t>(y)];
+                first = first < 0 ? y : first;
+                last = y;
+            }
+    EXPECT_GT(last, first) << "no arrow drawn";
+    long top = 0, bottom = 0;
+    int middle = (first + last + 1) / 2;
+    for (int y = first; y <= last; ++y)
+        (y < middle ? top : bottom) += widths[static_cast<size_t>(y)];
+    return bottom > top;
+}
+
+TEST(VkQtSortIndicatorTest, NamesShowTheirPictureInFusionAndInWindowsStyle) {
+    for (const char* styleName : {"Fusion", "Windows"}) {
+        std::unique_ptr<QStyle> style(QStyleFactory::create(styleName));
+        ASSERT_TRUE(style) << styleName;
+        VkQtOutlineView outline;
+        outline.setStyle(style.get());
+        outline.header()->setStyle(style.get());
+        outline.setColumns({"a", "b"}, {"A", "B"});
+        outline.resize(300, 200);
+        outline.setSortIndicator("b", std::string("NSAscendingSortIndicator"));
+        EXPECT_TRUE(headerArrowPointsUp(outline.header(), 1)) << styleName;
+        EXPECT_EQ(outline.sortIndicator("b"), "NSAscendingSortIndicator");
+        outline.setSortIndicator("b", std::string("NSDescendingSortIndicator"));
+        EXPECT_FALSE(headerArrowPointsUp(outline.header(), 1)) << styleName;
+        outline.setSortIndicator("b", std::nullopt);
+        EXPECT_EQ(outline.sortIndicator("b"), std::nullopt);
+    }
+    // Fusion draws its upward triangle for the descending order.
+    EXPECT_EQ(
+        VkQtSortIndicator::sortOrder("NSAscendingSortIndicator", QStyleFactory::create("Fusion")),
+        Qt::DescendingOrder);
+}
+
+// An outline of three rows with the two row buttons.
+class VkTrojanOutlineViewTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        outline.setColumns({"torjanNameColumn", "fileNameColumn"}, {"Threat", "File"});
+        outline.rowModel()->setSource({[this] { return rows; },
+                                       [](const std::string&, int64_t row) {
+                                           return std::optional<std::string>(std::to_string(row));
+                                       },
+                                       {}});
+        one->resize(16, 16);
+        two->resize(16, 16);
+        outline.setMoveButtons(one, two);
+        outline.resize(300, 200);
+        outline.show();
+    }
+
+    VkTrojanOutlineView outline;
+    QToolButton* one = new QToolButton;
+    QToolButton* two = new QToolButton;
+    int64_t rows = 3;
+};
+
+TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOverRowsAndHideOffThem) {
+    QRect second = outline.visualRect(outline.model()->index(1, 0));
+    outline.mouseMoved(second.center());
+    EXPECT_EQ(VkTrojanOutlineView::tag(one), 1);
+    EXPECT_EQ(VkTrojanOutlineView::tag(two), 1);
+    EXPECT_FALSE(one->isHidden());
+    int y = second.y() + (second.height() - 16) / 2;
+    EXPECT_EQ(one->pos(), QPoint(2, y));
+    EXPECT_EQ(two->pos(), QPoint(20, y));
+
+    outline.mouseMoved(QPoint(5, 190));  // below the last row
+    EXPECT_EQ(VkTrojanOutlineView::tag(one), -1);
+    EXPECT_EQ(VkTrojanOutlineView::tag(two), -1);
+    EXPECT_TRUE(one->isHidden());
+    EXPECT_TRUE(two->isHidden());
+}
+
+TEST_F(VkTrojanOutlineViewTest, ReloadHidesTheButtonsUntilThePointerMovesAgain) {
+    QRect first = outline.visualRect(outline.model()->index(0, 0));
+    outline.mouseMoved(first.center());
+    ASSERT_FALSE(one->isHidden());
+    outline.reloadData();
+    EXPECT_TRUE(one->isHidden());
+    EXPECT_TRUE(two->isHidden());
+    EXPECT_EQ(VkTrojanOutlineView::tag(one), -1);
+}
+
+TEST_F(VkTrojanOutlineViewTest, SelectedRowPlacesTheSecondButtonTwiceAtTheRightEnd) {
+    outline.selectionModel()->select(
+        outline.model()->index(2, 0),
+        QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    outline.checkSelectedProcess();
+    QRect third = outline.visualRect(outline.model()->index(2, 0));
+    int x = outline.viewport()->width() - 16 - 5 + 18;
+    EXPECT_EQ(two->pos(), QPoint(x, third.y() + (third.height() - 16) / 2));
+    EXPECT_EQ(VkTrojanOutlineView::tag(two), 2);
+    EXPECT_TRUE(one->isHidden());  // the first button is not touched
+    outline.selectionModel()->clearSelection();
+    outline.checkSelectedProcess();
+    EXPECT_TRUE(two->isHidden());
+    EXPECT_EQ(VkTrojanOutlineView::tag(two), -1);
+}
+
+TEST(VkCenterTextCellTest, TextAtNaturalSizeLeftAlignedAndCentredVertically) {
+    QRectF rect = VkCenterTextCell::titleRectForBounds(QRectF(10.25, 4, 200, 30), QSizeF(50, 14));
+    EXPECT_EQ(rect, QRectF(10.25, 12, 50, 14));
+}
+
+// A drop view 300 x 200 whose delegate and picker are recorded.
+class VkTrojanDragViewTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        drop.resize(300, 200);
+        drop.awakeFromNib("", "Scan");
+        drop.setTrojanDragDelegate(
+            [this](const std::vector<std::string>& paths) { calls.push_back(paths); });
+        drop.setFilePicker([this](QWidget*, const QString& prompt) {
+            prompts.push_back(prompt);
+            return picked;
+        });
+        drop.show();
+    }
+
+    void dropUrls(const QList<QUrl>& urls) {
+        QMimeData data;
+        data.setUrls(urls);
+        QDragEnterEvent enter(QPoint(150, 100), Qt::CopyAction, &data, Qt::LeftButton,
+                              Qt::NoModifier);
+        QApplication::sendEvent(&drop, &enter);
+        EXPECT_TRUE(enter.isAccepted());
+        EXPECT_TRUE(drop.isAnimating());
+        QDropEvent dropped(QPointF(150, 100), Qt::CopyAction, &data, Qt::LeftButton,
+                           Qt::NoModifier);
+        QApplication::sendEvent(&drop, &dropped);
+    }
+
+    VkTrojanDragView drop;
+    std::vector<std::vector<std::string>> calls;
+    std::vector<QString> prompts;
+    std::optional<std::string> picked;
+};
+
+TEST_F(VkTrojanDragViewTest, ADropOfSeveralItemsTellsTheDelegateOnceInOrder) {
+    dropUrls({QUrl::fromLocalFile("/tmp/b"), QUrl::fromLocalFile("/tmp/a dir"),
+              QUrl::fromLocalFile("/tmp/c")});
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0], (std::vector<std::string>{"/tmp/b", "/tmp/a dir", "/tmp/c"}));
+    EXPECT_TRUE(drop.anchorImageView()->isHidden());
+    EXPECT_FALSE(drop.isAnimating());
+    // Shown again by its owner, the anchor comes back with the view.
+    drop.hide();
+    drop.show();
+    EXPECT_FALSE(drop.anchorImageView()->isHidden());
+}
+
+TEST_F(VkTrojanDragViewTest, DragLeavingStopsTheAnchorWhereItRests) {
+    QPoint rest = drop.anchorImageView()->pos();
+    EXPECT_EQ(rest.x(), (300 - drop.anchorImageView()->width()) / 2);
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile("/tmp/x")});
+    QDragEnterEvent enter(QPoint(150, 100), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&drop, &enter);
+    ASSERT_TRUE(drop.isAnimating());
+    QDragLeaveEvent leave;
+    QApplication::sendEvent(&drop, &leave);
+    EXPECT_FALSE(drop.isAnimating());
+    EXPECT_EQ(drop.anchorImageView()->pos(), rest);
+    EXPECT_FALSE(drop.anchorImageView()->isHidden());
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(VkTrojanDragViewTest, ClickInsideTheMarginsPicksOnePathAndInTheMarginNothing) {
+    picked = "/tmp/picked";
+    QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(20, 100));  // left margin
+    QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(150, 10));  // top margin
+    EXPECT_TRUE(prompts.empty());
+    EXPECT_TRUE(calls.empty());
+    QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(31, 16));
+    ASSERT_EQ(prompts.size(), 1u);
+    EXPECT_EQ(prompts[0], "Scan");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0], (std::vector<std::string>{"/tmp/picked"}));
+    // Cancelling the picker calls nothing.
+    picked.reset();
+    QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(150, 100));
+    EXPECT_EQ(prompts.size(), 2u);
+    EXPECT_EQ(calls.size(), 1u);
+}
+
+}  // namespace
