@@ -8,11 +8,9 @@ packages=(
   libsqlite3-dev sqlite3 libssl-dev libplist-dev libcurl4-openssl-dev
   libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  qt6-base-dev qt6-svg-dev libgl-dev
 )
 # Extra groups, asked for by the scripts that need them.
-if [[ " $* " == *" --gui "* ]]; then
-  packages+=(qt6-base-dev qt6-svg-dev libgl-dev)
-fi
 if [[ " $* " == *" --bench "* ]]; then
   packages+=(clamav time python3)
 fi

@@ -42,7 +42,9 @@ int main(int argc, char** argv) {
                                "folder");
     QCommandLineOption root("root", "Root of the inspected system (default /).", "folder");
     QCommandLineOption library("library", "The panel library to load.", "file");
-    parser.addOptions({dataDir, root, library});
+    QCommandLineOption keepDays("logs-keep-days", "Days of scan history to keep (default 30).",
+                                "days", "30");
+    parser.addOptions({dataDir, root, library, keepDays});
     parser.process(app);
 
     QString path = findLibrary(parser.value(library));
@@ -64,7 +66,7 @@ int main(int argc, char** argv) {
     auto* window = new VkPanelHostWindow;
     VkPanelHostOptions options{dataFolder.isEmpty() ? nullptr : dataFolder.constData(),
                                systemRoot.isEmpty() ? nullptr : systemRoot.constData(), &hostLog,
-                               window};
+                               window, parser.value(keepDays).toInt()};
     QWidget* panel = create(nullptr, &options);
     window->setPanel(panel);
     window->show();

@@ -52,7 +52,8 @@ class VkQtMainQueue::Timer : public VkTimer, public std::enable_shared_from_this
     std::atomic<bool> valid_{true};
 };
 
-VkQtMainQueue::VkQtMainQueue() : receiver_(new QObject()) {
+VkQtMainQueue::VkQtMainQueue(double timeScale)
+    : receiver_(new QObject()), timeScale_(std::max(0.0, timeScale)) {
     receiver_->moveToThread(QCoreApplication::instance()->thread());
 }
 
@@ -67,7 +68,7 @@ void VkQtMainQueue::async(std::function<void()> fn) {
 }
 
 void VkQtMainQueue::asyncAfter(double seconds, std::function<void()> fn) {
-    int ms = static_cast<int>(std::max(0.0, seconds) * 1000.0);
+    int ms = static_cast<int>(std::max(0.0, seconds) * timeScale_ * 1000.0);
     QPointer<QObject> receiver = receiver_;
     if (!receiver)
         return;
@@ -85,7 +86,7 @@ std::shared_ptr<VkTimer> VkQtMainQueue::scheduledTimer(double interval, bool rep
                                                        std::function<void()> fn) {
     auto timer = std::make_shared<Timer>(repeats, std::move(fn));
     if (receiver_)
-        timer->start(receiver_, interval);
+        timer->start(receiver_, interval * timeScale_);
     return timer;
 }
 

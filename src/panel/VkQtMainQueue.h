@@ -12,7 +12,9 @@
 // QApplication.
 class VkQtMainQueue : public VkMainQueue {
   public:
-    VkQtMainQueue();
+    // `timeScale` multiplies every delay and interval: 1 for the panel, less in tests that
+    // must not wait out the panel's one-second pauses.
+    explicit VkQtMainQueue(double timeScale = 1.0);
     ~VkQtMainQueue() override;
 
     void async(std::function<void()> fn) override;
@@ -26,4 +28,5 @@ class VkQtMainQueue : public VkMainQueue {
     // Lives on the main thread; work posted to it runs there. Deleting it (when the queue
     // goes) drops what is still queued instead of running it on a dead panel.
     QPointer<QObject> receiver_;
+    double timeScale_;
 };

@@ -21,6 +21,9 @@ VkQtOutlineView::VkQtOutlineView(QWidget* parent) : QTreeView(parent) {
     header()->setStretchLastSection(false);
     header()->setSectionResizeMode(QHeaderView::Stretch);
     connect(header(), &QHeaderView::sectionClicked, this, [this](int section) {
+        // The header flips its indicator on a click by itself; only the logic decides what
+        // the headers show, so its last word is put back before it hears of the click.
+        showIndicator(indicatorSection_, indicatorOrder_);
         if (model_)
             emit headerClicked(model_->columnName(section));
     });
@@ -55,13 +58,18 @@ void VkQtOutlineView::setSortIndicator(const std::string& column,
     std::optional<Qt::SortOrder> order =
         name ? VkQtSortIndicator::sortOrder(*name, style()) : std::nullopt;
     if (order) {
-        header()->setSortIndicatorShown(true);
-        header()->setSortIndicator(section, *order);
-    } else if (header()->sortIndicatorSection() == section) {
+        showIndicator(section, *order);
+    } else if (indicatorSection_ == section) {
         // A header shows one indicator at most; taking it off this column leaves none.
-        header()->setSortIndicatorShown(false);
-        header()->setSortIndicator(-1, Qt::AscendingOrder);
+        showIndicator(-1, Qt::AscendingOrder);
     }
+}
+
+void VkQtOutlineView::showIndicator(int section, Qt::SortOrder order) {
+    indicatorSection_ = section;
+    indicatorOrder_ = order;
+    header()->setSortIndicatorShown(section >= 0);
+    header()->setSortIndicator(section, order);
 }
 
 std::optional<std::string> VkQtOutlineView::sortIndicator(const std::string& column) const {

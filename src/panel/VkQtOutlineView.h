@@ -45,6 +45,11 @@ class VkQtOutlineView : public QTreeView {
     void mouseDoubleClickEvent(QMouseEvent* event) override;
 
   private:
+    void showIndicator(int section, Qt::SortOrder order);
+
     VkQtRowModel* model_ = nullptr;
+    // What the logic last showed: the column (-1 none) and the order drawn there.
+    int indicatorSection_ = -1;
+    Qt::SortOrder indicatorOrder_ = Qt::AscendingOrder;
     int64_t clickedRow_ = -1;
 };

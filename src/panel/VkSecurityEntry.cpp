@@ -31,6 +31,8 @@ extern "C" VK_EXPORT QWidget* vkSecurityCreatePanel(QWidget* parent,
                     mainQueue->async([hostLog, user, line] { hostLog(line.c_str(), user); });
             });
     }
+    if (options && options->logsKeepDays > 0)
+        context->userDefaults->setObject("LogsKeepDay", VkPlist::integer(options->logsKeepDays));
     // The panel's shared instances (logs, quarantine) are built on this context.
     VkContext::setDefaultContext(context);
     return new VkSecurityPanel(context, parent);

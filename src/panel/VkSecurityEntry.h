@@ -14,6 +14,9 @@ struct VkPanelHostOptions {
     // manager, usage counters, experience service, scripts); may be null.
     void (*hostLog)(const char* line, void* user);
     void* user;
+    // Days of scan history to keep ("LogsKeepDay", which the host owns); 0 leaves the stored
+    // value alone.
+    int logsKeepDays;
 };
 
 // The name the host resolves in the loaded library.

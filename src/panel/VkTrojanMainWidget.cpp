@@ -61,6 +61,14 @@ VkTrojanMainWidget::VkTrojanMainWidget(std::shared_ptr<VkContext> context,
             controller->fileDragEnd(paths);
     });
 
+    // The two list screens open from links of the main screen, in the update line's colours.
+    for (QAbstractButton* link : {static_cast<QAbstractButton*>(ui_->trustListButton),
+                                  static_cast<QAbstractButton*>(ui_->quarantineButton)}) {
+        link->setCursor(Qt::PointingHandCursor);
+        link->setStyleSheet(
+            "QAbstractButton { color: rgb(60,126,218); border: none; background: transparent; }");
+    }
+
     auto forward = [this](QAbstractButton* button, void (VkTrojanMainController::*action)()) {
         connect(button, &QAbstractButton::clicked, this,
                 [this, action] { ((*controller_).*action)(); });

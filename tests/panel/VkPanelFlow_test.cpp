@@ -1,0 +1,291 @@
+#include <QAbstractButton>
+#include <QApplication>
+#include <QComboBox>
+#include <QDir>
+#include <QDropEvent>
+#include <QElapsedTimer>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMimeData>
+#include <QTest>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "detectors/VkAntiTrojan.h"
+#include "engine/VkTorjanCenter.h"
+#include "engine/VkTorjanResultItems.h"
+#include "fakes/VkQuietPacing.h"
+#include "fakes/VkRecordingHostReporter.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
+#include "logs/VkScanLogsNode.h"
+#include "logs/VkScanLogsOper.h"
+#include "panel/VkQtMainQueue.h"
+#include "panel/VkQtOutlineView.h"
+#include "panel/VkQuarantineFileWidget.h"
+#include "panel/VkSecurityPanel.h"
+#include "panel/VkTrojanDragView.h"
+#include "panel/VkTrojanMainWidget.h"
+#include "panel/VkTrojanOutlineView.h"
+#include "platform/VkFileUtil.h"
+#include "remediation/VkQuarantineFileManager.h"
+#include "ui/VkTrojanMainController.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+const char kSample[] = "panel-synthetic-sample-bytes";
+const char kBigSample[] = "a-longer-synthetic-sample-that-is-not-malware-at-all";
+
+// The real engine, except that the signature check answers at once that the server could
+// not be reached (no network in tests, and no update loop left running).
+class VkOfflineCenter : public VkTorjanCenter {
+  public:
+    using VkTorjanCenter::VkTorjanCenter;
+    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate) override {
+        if (delegate)
+            delegate->updateTrojanData(false, std::nullopt);
+    }
+};
+
+bool serveUntil(const std::function<bool()>& pred, int limitMs = 30000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!pred() && timer.elapsed() < limitMs)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    return pred();
+}
+
+// The whole panel on the real engine, in a temporary data folder with one signature
+// database, drawn offscreen.
+class VkPanelFlowTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctx = VkContext::forTesting(dir.path());
+        ctx->pacing = std::make_shared<VkQuietPacing>();
+        ctx->clock = std::make_shared<VkSystemClock>();
+        // The panel's one-second pauses pass a hundred times faster here.
+        ctx->mainQueue = std::make_shared<VkQtMainQueue>(0.01);
+        ctx->resourceFolder = std::string(VK_BINARY_DIR) + "/resources";
+        ctx->localizer = std::make_shared<VkLocalizer>(ctx->resourceFolder, "en");
+        host = std::make_shared<VkRecordingHostReporter>();
+        ctx->hostReporter = host;
+        // The host keeps a month of scan history.
+        ctx->userDefaults->setObject("LogsKeepDay", VkPlist::integer(30));
+        VkFile::createDirectory(ctx->dataFolder, true);
+        VkFile::createDirectory(ctx->systemRoot, true);
+        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
+                                 {{"OSX/Panel.A", kSample, {}}, {"OSX/Panel.B", kBigSample, {}}});
+        auto quarantine = std::make_shared<VkQuarantineFileManager>(ctx);
+        center =
+            std::make_shared<VkOfflineCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx), quarantine);
+        center->trjanScan().setPaceScans(false);
+        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
+        scanEnds = std::make_shared<int>(0);
+        ctx->notificationCenter->addObserver("TrojanScanNotify", nullptr,
+                                             [ends = scanEnds](const VkNotification& n) {
+                                                 if (n.object.asBool() == false)
+                                                     ++*ends;
+                                             });
+        panel = std::make_unique<VkSecurityPanel>(ctx, center, scanLogs);
+        revealed = std::make_shared<Lines>();
+        panel->screens()->setRevealer(
+            [r = revealed](const std::string& path) { r->push_back(path); });
+        panel->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(panel.get()));
+        // The signature check's answer arrives through the main queue.
+        serveUntil([this] { return label("lastUpdateText") != ""; }, 2000);
+    }
+
+    void TearDown() override {
+        center->trjanScan().stopCurrentScan();
+        panel.reset();
+    }
+
+    VkTrojanMainWidget* trojan() const { return panel->trojanWidget(); }
+    VkTrojanMainController& controller() const { return *trojan()->controller(); }
+    // A control of the trojan screens, on screen or off.
+    template <typename T = QWidget>
+    T* find(const char* name) const {
+        T* found = qobject_cast<T*>(trojan()->panelView().widget(name));
+        if (!found)
+            ADD_FAILURE() << "no control " << name;
+        return found;
+    }
+    std::string label(const char* name) const { return trojan()->panelView().text(name); }
+    bool shown(QWidget* w) const {
+        return w && w->isVisibleTo(panel.get()) && w->window() == panel->window();
+    }
+
+    // Drops the paths on the drop view the way a file manager does, then serves the
+    // window until the scan that follows has ended.
+    void dropAndScan(const QList<QUrl>& urls) {
+        VkTrojanDragView* drop = trojan()->dragView();
+        QMimeData data;
+        data.setUrls(urls);
+        QPoint middle = drop->rect().center();
+        QDragEnterEvent enter(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(drop, &enter);
+        QDropEvent dropped(QPointF(middle), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        int before = *scanEnds;
+        QApplication::sendEvent(drop, &dropped);
+        ASSERT_TRUE(serveUntil([&] { return *scanEnds > before; }));
+        QCoreApplication::processEvents();
+    }
+
+    Lines column(VkQtOutlineView* outline, const std::string& name) const {
+        Lines out;
+        VkQtRowModel* model = outline->rowModel();
+        int c = model->columnIndex(name);
+        for (int row = 0; row < model->rowCount(); ++row)
+            out.push_back(model->index(row, c).data().toString().toStdString());
+        return out;
+    }
+
+    void clickHeader(VkQtOutlineView* outline, const std::string& name) {
+        QHeaderView* header = outline->header();
+        int section = outline->rowModel()->columnIndex(name);
+        QPoint at(header->sectionViewportPosition(section) + header->sectionSize(section) / 2,
+                  header->height() / 2);
+        QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, at);
+    }
+
+    void screenshot(const char* name) {
+        QDir().mkpath(QString(VK_BINARY_DIR) + "/screenshots");
+        QCoreApplication::processEvents();
+        QString file = QString("%1/screenshots/%2.png").arg(VK_BINARY_DIR, name);
+        EXPECT_TRUE(panel->grab().save(file)) << file.toStdString();
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkRecordingHostReporter> host;
+    std::shared_ptr<VkOfflineCenter> center;
+    std::shared_ptr<VkScanLogsOper> scanLogs;
+    std::unique_ptr<VkSecurityPanel> panel;
+    std::shared_ptr<Lines> revealed;
+    std::shared_ptr<int> scanEnds;
+};
+
+TEST_F(VkPanelFlowTest, MainScreenShowsStatusUpdateLineAndDropArea) {
+    EXPECT_TRUE(shown(find("mainView")));
+    EXPECT_TRUE(shown(find("userScanView")));
+    EXPECT_TRUE(shown(find("headView")));
+    EXPECT_FALSE(shown(find("scanView")));
+    // No clean on record yet: the warning, in the strings table's words.
+    EXPECT_EQ(label("warningText"), ctx->localizer->localizedString("Secuirty Warning"));
+    EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
+    EXPECT_EQ(label("lastUpdateText"), ctx->localizer->localizedString("Security-50-1"));
+    screenshot("main");
+}
+
+TEST_F(VkPanelFlowTest, DroppedFolderIsScannedQuarantinedListedAndRestored) {
+    std::string planted = dir.write("root/Users/me/Downloads/setup.bin", kSample);
+    dir.write("root/Users/me/Downloads/readme.txt", "harmless");
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+
+    VkTrojanOutlineView* results = trojan()->resultView();
+    EXPECT_TRUE(shown(results));
+    EXPECT_EQ(column(results, "fileNameColumn"), Lines{"setup.bin"});
+    EXPECT_EQ(column(results, "torjanNameColumn"), Lines{"OSX/Panel.A"});
+    EXPECT_EQ(label("currentScanPathText"),
+              "1 " + ctx->localizer->localizedString("Security-1-9-1"));
+    EXPECT_TRUE(shown(find("cleanButton")));
+    EXPECT_TRUE(shown(find("backButton")));
+    EXPECT_FALSE(shown(find("cancelButton")));
+    screenshot("result");
+
+    // Quarantine chosen in the row's pop-up, then the clean button.
+    VkQtRowModel* model = results->rowModel();
+    auto* popUp = qobject_cast<QComboBox*>(
+        results->indexWidget(model->index(0, model->columnIndex("prcoessColumn"))));
+    ASSERT_NE(popUp, nullptr);
+    int quarantineEntry = popUp->findData(1);
+    ASSERT_GE(quarantineEntry, 0);
+    popUp->setCurrentIndex(quarantineEntry);
+    emit popUp->activated(quarantineEntry);
+    EXPECT_EQ(controller().itemAt(0)->trojanProcess(), 1);
+    QTest::mouseClick(find<QAbstractButton>("cleanButton"), Qt::LeftButton);
+    ASSERT_TRUE(serveUntil([&] { return !fs::exists(planted); }));
+    EXPECT_EQ(model->rowCount(), 0);
+    EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
+    EXPECT_EQ(label("warningText"), ctx->localizer->localizedString("Secuirty Good"));
+    // The finish state: one centred button with the painted face.
+    EXPECT_TRUE(shown(find("backButton")));
+    EXPECT_FALSE(shown(find("cleanButton")));
+    EXPECT_FALSE(find<QAbstractButton>("backButton")->icon().isNull());
+
+    // Back to the main screen, then the quarantine screen lists the file.
+    QTest::mouseClick(find<QAbstractButton>("backButton"), Qt::LeftButton);
+    EXPECT_TRUE(shown(find("mainView")));
+    QTest::mouseClick(find<QAbstractButton>("quarantineButton"), Qt::LeftButton);
+    VkQuarantineFileWidget* quarantine = trojan()->quarantineWidget();
+    ASSERT_TRUE(shown(quarantine));
+    EXPECT_EQ(column(quarantine->outline(), "fileNameColumn"), Lines{"setup.bin"});
+    EXPECT_EQ(column(quarantine->outline(), "filePathColumn"), Lines{planted});
+    EXPECT_EQ(find<QLabel>("QuarantineFileText")->text().toStdString(), "1 file(s) in quarantine");
+    EXPECT_FALSE(shown(find("headView")));
+    screenshot("quarantine");
+
+    // Restoring puts it back where it was and empties the list.
+    QAbstractButton* restore = quarantine->rowButton(0, "disFileQuarantineButton");
+    ASSERT_NE(restore, nullptr);
+    QTest::mouseClick(restore, Qt::LeftButton);
+    EXPECT_TRUE(fs::exists(planted));
+    auto restored = VkFile::readAll(planted);
+    ASSERT_TRUE(restored.ok());
+    EXPECT_EQ(restored.value(), kSample);
+    EXPECT_EQ(quarantine->outline()->rowModel()->rowCount(), 0);
+    EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 0u);
+
+    // The finish button closes the screen and brings the main screen's controls back.
+    QTest::mouseClick(quarantine->findChild<QAbstractButton*>("completeButton"), Qt::LeftButton);
+    EXPECT_FALSE(shown(quarantine));
+    EXPECT_TRUE(shown(find("userScanView")));
+    EXPECT_TRUE(shown(find("headView")));
+
+    // The scan is in the scan log with its finding.
+    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
+    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanLogsItems().size(), 1u);
+}
+
+TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndShowTheIndicators) {
+    dir.write("root/Users/me/a-small.bin", kSample);
+    dir.write("root/Users/me/z-big.bin", kBigSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+    VkTrojanOutlineView* results = trojan()->resultView();
+    // At first the file-name column carries the ascending indicator.
+    EXPECT_EQ(results->sortIndicator("fileNameColumn"), "NSAscendingSortIndicator");
+    ASSERT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
+
+    clickHeader(results, "fileSizeColumn");
+    EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSDescendingSortIndicator");
+    EXPECT_EQ(results->sortIndicator("fileNameColumn"), std::nullopt);
+    EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"z-big.bin", "a-small.bin"}));
+
+    clickHeader(results, "fileSizeColumn");
+    EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSAscendingSortIndicator");
+    EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
+
+    // The action column is no sort key: nothing changes.
+    clickHeader(results, "prcoessColumn");
+    EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSAscendingSortIndicator");
+    EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
+}
+
+TEST_F(VkPanelFlowTest, RowButtonRevealsTheFileOfItsRow) {
+    std::string planted = dir.write("root/Users/me/setup.bin", kSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+    VkTrojanOutlineView* results = trojan()->resultView();
+    QRect row = results->visualRect(results->rowModel()->index(0, 1));
+    QTest::mouseMove(results->viewport(), row.center());
+    results->mouseMoved(row.center());
+    ASSERT_EQ(VkTrojanOutlineView::tag(results->moveButton()), 0);
+    QTest::mouseClick(results->moveButton(), Qt::LeftButton);
+    EXPECT_EQ(*revealed, Lines{planted});
+}
+
+}  // namespace
