@@ -17,6 +17,8 @@ namespace {
 // Kept on a shelved view: its frame (bottom-left origin) and whether the logic hid it.
 constexpr const char* kShelfFrame = "vkShelfFrame";
 constexpr const char* kShelfHidden = "vkShelfHidden";
+// Which window put a view on the shelf: only that window finds it there by name.
+constexpr const char* kShelvedBy = "vkShelvedBy";
 
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
@@ -33,9 +35,11 @@ QString cssColor(const VkColor& color) {
 }  // namespace
 
 VkQtPanelView::VkQtPanelView(QWidget* root, std::shared_ptr<VkQtScreens> screens)
-    : root_(root), screens_(std::move(screens)), shelf_(std::make_unique<QWidget>()) {
-    shelf_->setObjectName("vkShelf");
-    shelf_->hide();
+    : root_(root), screens_(std::move(screens)) {
+    if (!screens_)
+        screens_ = std::make_shared<VkQtScreens>("");
+    screens_->shelf()->setObjectName("vkShelf");
+    screens_->shelf()->hide();
 }
 
 VkQtPanelView::~VkQtPanelView() = default;
@@ -46,19 +50,48 @@ QWidget* VkQtPanelView::widget(const std::string& name) const {
     QString objectName = qs(name);
     if (name == "view" || root_->objectName() == objectName)
         return root_;
-    if (auto* found = root_->findChild<QWidget*>(objectName))
-        return found;
-    if (auto* shelved = shelf_->findChild<QWidget*>(objectName))
-        return shelved;
-    return screens_ ? screens_->find(name) : nullptr;
+    QWidget* shelf = screens_->shelf();
+    for (QWidget* found : root_->findChildren<QWidget*>(objectName)) {
+        // The shelf may lie inside the panel; what waits there is found below, by its owner.
+        if (!shelf->isAncestorOf(found))
+            return found;
+    }
+    for (QWidget* shelved : shelvedHere()) {
+        if (shelved->objectName() == objectName)
+            return shelved;
+        if (auto* found = shelved->findChild<QWidget*>(objectName))
+            return found;
+    }
+    return screens_->find(name);
+}
+
+QList<QWidget*> VkQtPanelView::shelvedHere() const {
+    QList<QWidget*> out;
+    auto self = QVariant::fromValue(reinterpret_cast<quintptr>(this));
+    for (QObject* child : screens_->shelf()->children()) {
+        auto* view = qobject_cast<QWidget*>(child);
+        if (view && view->property(kShelvedBy) == self)
+            out.push_back(view);
+    }
+    return out;
+}
+
+bool VkQtPanelView::isShelved(const QWidget* view) const {
+    return !view->parentWidget() || view->parentWidget() == screens_->shelf();
 }
 
 VkQtOutlineView* VkQtPanelView::outlineWithColumn(const std::string& column) const {
-    for (QWidget* tree : {root_.data(), shelf_.get()}) {
+    QList<QWidget*> trees = shelvedHere();
+    trees.prepend(root_.data());
+    for (QWidget* tree : trees) {
         if (!tree)
             continue;
+        if (auto* outline = qobject_cast<VkQtOutlineView*>(tree);
+            outline && outline->hasColumn(column))
+            return outline;
         for (auto* outline : tree->findChildren<VkQtOutlineView*>())
-            if (outline->hasColumn(column))
+            if (outline->hasColumn(column) &&
+                (tree != root_ || !screens_->shelf()->isAncestorOf(outline)))
                 return outline;
     }
     return nullptr;
@@ -70,7 +103,7 @@ void VkQtPanelView::setHidden(const std::string& control, bool hidden) {
     QWidget* w = widget(control);
     if (!w)
         return;
-    if (w->parentWidget() == shelf_.get())
+    if (isShelved(w))
         w->setProperty(kShelfHidden, hidden);
     w->setHidden(hidden);
 }
@@ -79,9 +112,9 @@ bool VkQtPanelView::isHidden(const std::string& control) const {
     QWidget* w = widget(control);
     if (!w)
         return false;
-    if (w->parentWidget() == shelf_.get())
+    if (isShelved(w))
         return w->property(kShelfHidden).toBool();
-    return w->parentWidget() ? w->isHidden() : false;
+    return w->isHidden();
 }
 
 void VkQtPanelView::setEnabled(const std::string& control, bool enabled) {
@@ -211,14 +244,14 @@ void VkQtPanelView::setState(const std::string& control, int32_t state) {
 // ---- geometry and hierarchy ----
 
 VkRect VkQtPanelView::frameOf(const QWidget* view) const {
-    if (view->parentWidget() == shelf_.get()) {
-        QRectF stored = view->property(kShelfFrame).toRectF();
-        return VkRect{{stored.x(), stored.y()}, {stored.width(), stored.height()}};
+    if (isShelved(view)) {
+        QVariant stored = view->property(kShelfFrame);
+        QRectF r =
+            stored.isValid() ? stored.toRectF() : QRectF(0, 0, view->width(), view->height());
+        return VkRect{{r.x(), r.y()}, {r.width(), r.height()}};
     }
     QRect g = view->geometry();
-    double parentHeight = view->parentWidget() ? view->parentWidget()->height() : g.height();
-    if (!view->parentWidget())
-        return VkRect{{0, 0}, {double(g.width()), double(g.height())}};
+    double parentHeight = view->parentWidget()->height();
     return VkRect{{double(g.x()), parentHeight - g.y() - g.height()},
                   {double(g.width()), double(g.height())}};
 }
@@ -226,7 +259,7 @@ VkRect VkQtPanelView::frameOf(const QWidget* view) const {
 void VkQtPanelView::applyFrame(QWidget* view, const VkRect& frame) {
     int w = static_cast<int>(std::lround(frame.size.width));
     int h = static_cast<int>(std::lround(frame.size.height));
-    if (!view->parentWidget() || view->parentWidget() == shelf_.get()) {
+    if (isShelved(view)) {
         view->setProperty(kShelfFrame, QRectF(frame.origin.x, frame.origin.y, w, h));
         view->resize(w, h);
         return;
@@ -257,13 +290,20 @@ void VkQtPanelView::setOrigin(const std::string& control, VkPoint origin) {
 }
 
 void VkQtPanelView::shelve(QWidget* view) {
-    if (!view || view->parentWidget() == shelf_.get())
+    if (!view)
         return;
-    bool hidden = view->parentWidget() ? view->isHidden() : false;
-    VkRect f = frameOf(view);
-    view->setParent(shelf_.get());
-    view->setProperty(kShelfFrame, QRectF(f.origin.x, f.origin.y, f.size.width, f.size.height));
-    view->setProperty(kShelfHidden, hidden);
+    if (!isShelved(view)) {
+        bool hidden = view->isHidden();
+        VkRect f = frameOf(view);
+        view->setParent(screens_->shelf());
+        view->setProperty(kShelfFrame, QRectF(f.origin.x, f.origin.y, f.size.width, f.size.height));
+        view->setProperty(kShelfHidden, hidden);
+    } else if (!view->parentWidget()) {
+        VkRect f = frameOf(view);
+        view->setParent(screens_->shelf());
+        view->setProperty(kShelfFrame, QRectF(f.origin.x, f.origin.y, f.size.width, f.size.height));
+    }
+    view->setProperty(kShelvedBy, QVariant::fromValue(reinterpret_cast<quintptr>(this)));
 }
 
 void VkQtPanelView::addSubview(const std::string& parent, const std::string& child) {
@@ -271,21 +311,13 @@ void VkQtPanelView::addSubview(const std::string& parent, const std::string& chi
     QWidget* c = widget(child);
     if (!p || !c || c == p)
         return;
-    bool hidden;
-    VkRect f;
-    if (!c->parentWidget() || c->parentWidget()->objectName() == "vkShelf") {
-        // From a shelf (ours or another screen's) or never placed: the kept frame.
-        QVariant stored = c->property(kShelfFrame);
-        QRectF r = stored.isValid() ? stored.toRectF() : QRectF(0, 0, c->width(), c->height());
-        f = VkRect{{r.x(), r.y()}, {r.width(), r.height()}};
-        hidden = c->property(kShelfHidden).toBool();
-    } else {
-        f = frameOf(c);
-        hidden = c->isHidden();
-    }
+    // From the shelf (or never placed) a view keeps the frame it was given there.
+    VkRect f = frameOf(c);
+    bool hidden = isHidden(child);
     c->setParent(p);
     c->setProperty(kShelfFrame, QVariant());
     c->setProperty(kShelfHidden, QVariant());
+    c->setProperty(kShelvedBy, QVariant());
     applyFrame(c, f);
     // The last added view lies on top, as subviews are drawn in order.
     c->raise();

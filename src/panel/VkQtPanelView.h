@@ -12,8 +12,8 @@ class VkQtOutlineView;
 // A screen's window for its logic: controls are found by object name in the screen's own
 // widget tree (its top view answers to "view"), then among the panel's screens. Geometry is
 // given with the origin at the bottom left of the parent, as the logic counts it, and turned
-// into Qt's top-left frames here. A view taken out of the window waits, unseen, on this
-// screen's shelf, keeping its frame until it is added again. Main thread only.
+// into Qt's top-left frames here. A view taken out of the window waits, unseen, on the
+// panel's shelf, keeping its frame until it is added again. Main thread only.
 class VkQtPanelView : public VkPanelView {
   public:
     VkQtPanelView(QWidget* root, std::shared_ptr<VkQtScreens> screens);
@@ -54,11 +54,13 @@ class VkQtPanelView : public VkPanelView {
 
   private:
     VkQtOutlineView* outlineWithColumn(const std::string& column) const;
+    // The views this window put on the shelf (each with what it holds).
+    QList<QWidget*> shelvedHere() const;
+    bool isShelved(const QWidget* view) const;
     VkRect frameOf(const QWidget* view) const;
     void applyFrame(QWidget* view, const VkRect& frame);
     QFont fontFor(const VkStyledText& text) const;
 
     QPointer<QWidget> root_;
     std::shared_ptr<VkQtScreens> screens_;
-    std::unique_ptr<QWidget> shelf_;
 };

@@ -9,6 +9,14 @@ void VkQtScreens::add(const std::string& name, QWidget* screen) {
     screens_.insert(QString::fromStdString(name), screen);
 }
 
+QWidget* VkQtScreens::shelf() {
+    if (!shelf_) {
+        ownShelf_ = std::make_unique<QWidget>();
+        shelf_ = ownShelf_.get();
+    }
+    return shelf_;
+}
+
 QWidget* VkQtScreens::find(const std::string& name) const {
     auto it = screens_.find(QString::fromStdString(name));
     return it == screens_.end() ? nullptr : it->data();

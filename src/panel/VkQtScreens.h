@@ -5,6 +5,7 @@
 #include <QString>
 #include <QWidget>
 #include <functional>
+#include <memory>
 #include <string>
 
 // The panel's screens by their interface-file names ("VkTrojanMainController",
@@ -20,6 +21,11 @@ class VkQtScreens {
 
     const std::string& resourceFolder() const { return resourceFolder_; }
 
+    // Where views taken out of a window wait, unseen: a hidden widget that the panel owns
+    // (setShelf), or one of this registry's own when the panel gave none.
+    QWidget* shelf();
+    void setShelf(QWidget* shelf) { shelf_ = shelf; }
+
     // Opens a file viewer on the file's folder with the file selected.
     void revealInFileViewer(const std::string& path) const;
     // Replaces the file viewer (tests record instead).
@@ -29,6 +35,8 @@ class VkQtScreens {
 
   private:
     std::string resourceFolder_;
+    QPointer<QWidget> shelf_;
+    std::unique_ptr<QWidget> ownShelf_;
     QHash<QString, QPointer<QWidget>> screens_;
     std::function<void(const std::string&)> revealer_;
 };

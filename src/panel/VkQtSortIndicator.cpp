@@ -31,8 +31,11 @@ QImage drawnHeader(QStyle* style, std::optional<Qt::SortOrder> order) {
 }  // namespace
 
 bool VkQtSortIndicator::drawsUpward(QStyle* style, Qt::SortOrder order) {
-    static std::map<std::pair<QStyle*, int>, bool> known;
-    auto key = std::make_pair(style, static_cast<int>(order));
+    // By the style's kind, not its address: a style made later may reuse a freed one's.
+    static std::map<std::pair<std::string, int>, bool> known;
+    auto key = std::make_pair(
+        std::string(style->metaObject()->className()) + "/" + style->name().toStdString(),
+        static_cast<int>(order));
     if (auto it = known.find(key); it != known.end())
         return it->second;
     // The arrow is what differs between a header with and without the indicator; a

@@ -28,6 +28,11 @@ VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context,
       scanLogs_(std::move(scanLogs)),
       screens_(std::make_shared<VkQtScreens>(context_->resourceFolder)) {
     ui_->setupUi(this);
+    // Views out of the window wait here; the panel owns them, wherever they are.
+    auto* shelf = new QWidget(this);
+    shelf->setObjectName("vkShelf");
+    shelf->hide();
+    screens_->setShelf(shelf);
     screens_->add("VkSecuityViewController", this);
     panelView_ = std::make_unique<VkQtPanelView>(this, screens_);
     trojanWidget_ = new VkTrojanMainWidget(context_, center_, scanLogs_, screens_, this);

@@ -28,6 +28,7 @@
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanMainWidget.h"
 #include "panel/VkTrojanOutlineView.h"
+#include "panel/VkTrustFileWidget.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "ui/VkTrojanMainController.h"
@@ -153,6 +154,19 @@ class VkPanelFlowTest : public ::testing::Test {
         QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, at);
     }
 
+    // Chooses an action (0 remove, 1 quarantine, 3 trust) in the row's pop-up.
+    void choose(int row, int tag) {
+        VkTrojanOutlineView* results = trojan()->resultView();
+        VkQtRowModel* model = results->rowModel();
+        auto* popUp = qobject_cast<QComboBox*>(
+            results->indexWidget(model->index(row, model->columnIndex("prcoessColumn"))));
+        ASSERT_NE(popUp, nullptr);
+        int entry = popUp->findData(tag);
+        ASSERT_GE(entry, 0);
+        popUp->setCurrentIndex(entry);
+        emit popUp->activated(entry);
+    }
+
     void screenshot(const char* name) {
         QDir().mkpath(QString(VK_BINARY_DIR) + "/screenshots");
         QCoreApplication::processEvents();
@@ -200,13 +214,7 @@ TEST_F(VkPanelFlowTest, DroppedFolderIsScannedQuarantinedListedAndRestored) {
 
     // Quarantine chosen in the row's pop-up, then the clean button.
     VkQtRowModel* model = results->rowModel();
-    auto* popUp = qobject_cast<QComboBox*>(
-        results->indexWidget(model->index(0, model->columnIndex("prcoessColumn"))));
-    ASSERT_NE(popUp, nullptr);
-    int quarantineEntry = popUp->findData(1);
-    ASSERT_GE(quarantineEntry, 0);
-    popUp->setCurrentIndex(quarantineEntry);
-    emit popUp->activated(quarantineEntry);
+    choose(0, 1);
     EXPECT_EQ(controller().itemAt(0)->trojanProcess(), 1);
     QTest::mouseClick(find<QAbstractButton>("cleanButton"), Qt::LeftButton);
     ASSERT_TRUE(serveUntil([&] { return !fs::exists(planted); }));
@@ -250,6 +258,62 @@ TEST_F(VkPanelFlowTest, DroppedFolderIsScannedQuarantinedListedAndRestored) {
     // The scan is in the scan log with its finding.
     ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
     EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanLogsItems().size(), 1u);
+}
+
+TEST_F(VkPanelFlowTest, TrustedFileIsListedOnTheTrustListUntilDroppedFromIt) {
+    std::string planted = dir.write("root/Users/me/tool.bin", kSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(planted))});
+    ASSERT_EQ(trojan()->resultView()->rowModel()->rowCount(), 1);
+    choose(0, 3);
+    QTest::mouseClick(find<QAbstractButton>("cleanButton"), Qt::LeftButton);
+    EXPECT_TRUE(fs::exists(planted));  // trusted files stay where they are
+    EXPECT_EQ(center->ecryptTrustFileArray().size(), 1u);
+
+    QTest::mouseClick(find<QAbstractButton>("backButton"), Qt::LeftButton);
+    QTest::mouseClick(find<QAbstractButton>("trustListButton"), Qt::LeftButton);
+    VkTrustFileWidget* trust = trojan()->trustWidget();
+    ASSERT_TRUE(shown(trust));
+    EXPECT_EQ(column(trust->outline(), "torjanNameColumn"), Lines{"OSX/Panel.A"});
+    EXPECT_EQ(column(trust->outline(), "fileNameColumn"), Lines{"tool.bin"});
+    EXPECT_EQ(trust->outline()->sortIndicator("fileNameColumn"), "NSAscendingSortIndicator");
+    QAbstractButton* untrust = trust->rowButton(0);
+    ASSERT_NE(untrust, nullptr);
+    QTest::mouseClick(untrust, Qt::LeftButton);
+    EXPECT_EQ(trust->outline()->rowModel()->rowCount(), 0);
+    EXPECT_TRUE(center->ecryptTrustFileArray().empty());
+    EXPECT_EQ(trust->findChild<QLabel*>("trustFileText")->text().toStdString(),
+              "0 file(s) on the trust list");
+
+    // Closed and opened again, it covers the main screen's place once more.
+    QTest::mouseClick(trust->findChild<QAbstractButton*>("completeButton"), Qt::LeftButton);
+    EXPECT_FALSE(shown(trust));
+    QTest::mouseClick(find<QAbstractButton>("trustListButton"), Qt::LeftButton);
+    EXPECT_TRUE(shown(trust));
+    EXPECT_EQ(trust->geometry(), find("mainView")->geometry());
+}
+
+TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {
+    panel->postHostNotification("ReadlyStartScanNotify");
+    EXPECT_TRUE(shown(find("scanView")));
+    EXPECT_FALSE(shown(find("cancelButton")));
+    EXPECT_FALSE(shown(find("scanCountText")));
+    EXPECT_FALSE(shown(find("headView")));
+
+    int before = *scanEnds;
+    panel->postHostNotification("StartScanNotify");
+    EXPECT_TRUE(controller().isScanning());
+    ASSERT_TRUE(serveUntil([&] { return *scanEnds > before; }));
+    QCoreApplication::processEvents();
+    // Nothing found on the empty test system: the safe view.
+    EXPECT_TRUE(shown(find("safeView")));
+    EXPECT_EQ(label("currentScanPathText"), ctx->localizer->localizedString("Security-1-5-2"));
+
+    panel->postHostNotification("StopScanNotify");
+    EXPECT_TRUE(shown(find("mainView")));
+    EXPECT_FALSE(shown(find("scanView")));
+    // A notification naming another panel's controller is not for this one.
+    ctx->notificationCenter->post("ReadlyStartScanNotify", panel.get());
+    EXPECT_TRUE(shown(find("mainView")));
 }
 
 TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndShowTheIndicators) {
