@@ -298,6 +298,7 @@ TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {
     EXPECT_FALSE(shown(find("cancelButton")));
     EXPECT_FALSE(shown(find("scanCountText")));
     EXPECT_FALSE(shown(find("headView")));
+    screenshot("scanning");
 
     int before = *scanEnds;
     panel->postHostNotification("StartScanNotify");
@@ -307,6 +308,7 @@ TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {
     // Nothing found on the empty test system: the safe view.
     EXPECT_TRUE(shown(find("safeView")));
     EXPECT_EQ(label("currentScanPathText"), ctx->localizer->localizedString("Security-1-5-2"));
+    screenshot("safe");
 
     panel->postHostNotification("StopScanNotify");
     EXPECT_TRUE(shown(find("mainView")));
