@@ -13,10 +13,12 @@
 
 #include <gtest/gtest.h>
 
+#include "panel/VkBaseImageUtil.h"
 #include "panel/VkCenterTextCell.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkQtPanelView.h"
 #include "panel/VkQtSortIndicator.h"
+#include "panel/VkSwitchButton.h"
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanOutlineView.h"
 
@@ -359,6 +361,30 @@ TEST_F(VkTrojanDragViewTest, ClickInsideTheMarginsPicksOnePathAndInTheMarginNoth
     QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(150, 100));
     EXPECT_EQ(prompts.size(), 2u);
     EXPECT_EQ(calls.size(), 1u);
+}
+
+TEST(VkSwitchButtonTest, AClickFlipsAndTellsTheDelegateSetOnTellsNobody) {
+    VkSwitchButton toggle;
+    toggle.resize(toggle.sizeHint());
+    std::vector<bool> told;
+    toggle.setMondoSwithDelegate([&](VkSwitchButton* sender) { told.push_back(sender->isOn()); });
+    toggle.setOn(true);
+    EXPECT_TRUE(toggle.isOn());
+    EXPECT_TRUE(told.empty());
+    QTest::mouseClick(&toggle, Qt::LeftButton);
+    EXPECT_FALSE(toggle.isOn());
+    QTest::mouseClick(&toggle, Qt::LeftButton);
+    EXPECT_EQ(told, (std::vector<bool>{false, true}));
+}
+
+TEST(VkBaseImageUtilTest, ButtonFaceHasTheSizeAndCarriesItsTitle) {
+    QPixmap titled = VkBaseImageUtil::baseButtonImage(1, QSize(110, 30), "Done");
+    QPixmap plain = VkBaseImageUtil::baseButtonImage(1, QSize(110, 30), "");
+    EXPECT_EQ(titled.deviceIndependentSize().toSize(), QSize(110, 30));
+    EXPECT_NE(titled.toImage(), plain.toImage());
+    EXPECT_NE(VkBaseImageUtil::baseButtonImage(2, QSize(110, 30), "Done").toImage(),
+              titled.toImage());
+    EXPECT_TRUE(VkBaseImageUtil::baseButtonImage(1, QSize(), "Done").isNull());
 }
 
 }  // namespace
