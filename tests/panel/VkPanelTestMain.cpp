@@ -1,7 +1,6 @@
 // The panel tests need a QApplication for their whole run; without a display they draw
 // offscreen (CTest sets QT_QPA_PLATFORM, a direct run gets the same default here).
 #include <QApplication>
-#include <QStyleFactory>
 
 #include <gtest/gtest.h>
 
@@ -10,7 +9,7 @@ int main(int argc, char** argv) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     // One style everywhere, so pictures and sizes do not depend on the desktop.
-    QApplication::setStyle(QStyleFactory::create("Fusion"));
+    QApplication::setStyle("Fusion");
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
