@@ -50,10 +50,9 @@ QWidget* VkQtPanelView::widget(const std::string& name) const {
     QString objectName = qs(name);
     if (name == "view" || root_->objectName() == objectName)
         return root_;
-    QWidget* shelf = screens_->shelf();
     for (QWidget* found : root_->findChildren<QWidget*>(objectName)) {
         // The shelf may lie inside the panel; what waits there is found below, by its owner.
-        if (!shelf->isAncestorOf(found))
+        if (!onShelfInside(found))
             return found;
     }
     for (QWidget* shelved : shelvedHere()) {
@@ -76,6 +75,11 @@ QList<QWidget*> VkQtPanelView::shelvedHere() const {
     return out;
 }
 
+bool VkQtPanelView::onShelfInside(const QWidget* view) const {
+    QWidget* shelf = screens_->shelf();
+    return root_->isAncestorOf(shelf) && shelf->isAncestorOf(view);
+}
+
 bool VkQtPanelView::isShelved(const QWidget* view) const {
     return !view->parentWidget() || view->parentWidget() == screens_->shelf();
 }
@@ -90,8 +94,7 @@ VkQtOutlineView* VkQtPanelView::outlineWithColumn(const std::string& column) con
             outline && outline->hasColumn(column))
             return outline;
         for (auto* outline : tree->findChildren<VkQtOutlineView*>())
-            if (outline->hasColumn(column) &&
-                (tree != root_ || !screens_->shelf()->isAncestorOf(outline)))
+            if (outline->hasColumn(column) && (tree != root_ || !onShelfInside(outline)))
                 return outline;
     }
     return nullptr;
@@ -325,8 +328,8 @@ void VkQtPanelView::addSubview(const std::string& parent, const std::string& chi
 }
 
 void VkQtPanelView::removeFromSuperview(const std::string& child) {
-    QWidget* c = widget(child);
-    if (c && c != root_)
+    // The screen's own top view ("view") may take itself away too.
+    if (QWidget* c = widget(child))
         shelve(c);
 }
 

@@ -57,6 +57,8 @@ class VkQtPanelView : public VkPanelView {
     // The views this window put on the shelf (each with what it holds).
     QList<QWidget*> shelvedHere() const;
     bool isShelved(const QWidget* view) const;
+    // Whether the view waits on a shelf that lies inside this window's top view.
+    bool onShelfInside(const QWidget* view) const;
     VkRect frameOf(const QWidget* view) const;
     void applyFrame(QWidget* view, const VkRect& frame);
     QFont fontFor(const VkStyledText& text) const;

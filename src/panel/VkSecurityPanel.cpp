@@ -2,13 +2,14 @@
 
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanCenter.h"
+#include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
+#include "panel/VkLogsWidget.h"
 #include "panel/VkSwitchButton.h"
 #include "panel/VkTrojanMainWidget.h"
 #include "platform/VkContext.h"
-#include "platform/VkNetClient.h"
 #include "remediation/VkQuarantineFileManager.h"
-#include "ui/VkTrojanMainController.h"
+#include "ui/VkSecuityViewController.h"
 #include "ui_VkSecuityViewController.h"
 
 VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context, QWidget* parent)
@@ -16,16 +17,16 @@ VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context, QWidget* pa
           context,
           std::make_shared<VkTorjanCenter>(context, std::make_shared<VkAntiTrojan>(context),
                                            std::make_shared<VkQuarantineFileManager>(context)),
-          std::make_shared<VkScanLogsOper>(context), parent) {}
+          std::make_shared<VkScanLogsOper>(context), std::make_shared<VkFileMonLogsOper>(context),
+          parent) {}
 
 VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context,
                                  std::shared_ptr<VkTorjanCenter> center,
-                                 std::shared_ptr<VkScanLogsOper> scanLogs, QWidget* parent)
+                                 std::shared_ptr<VkScanLogsOper> scanLogs,
+                                 std::shared_ptr<VkFileMonLogsOper> fileMonLogs, QWidget* parent)
     : QWidget(parent),
       ui_(std::make_unique<Ui::VkSecuityViewController>()),
       context_(std::move(context)),
-      center_(std::move(center)),
-      scanLogs_(std::move(scanLogs)),
       screens_(std::make_shared<VkQtScreens>(context_->resourceFolder)) {
     ui_->setupUi(this);
     // Views out of the window wait here; the panel owns them, wherever they are.
@@ -35,39 +36,48 @@ VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context,
     screens_->setShelf(shelf);
     screens_->add("VkSecuityViewController", this);
     panelView_ = std::make_unique<VkQtPanelView>(this, screens_);
-    trojanWidget_ = new VkTrojanMainWidget(context_, center_, scanLogs_, screens_, this);
-    awakeFromNib();
+
+    logic_ =
+        std::make_unique<VkSecuityViewController>(context_, std::move(center), std::move(scanLogs),
+                                                  std::move(fileMonLogs), context_->netClient);
+    // Made without a place: their frames start at the origin of whatever view takes them.
+    trojanWidget_ = new VkTrojanMainWidget(context_, logic_->trojanController(), screens_);
+    panelView_->shelve(trojanWidget_);
+    logsWidget_ =
+        new VkLogsWidget([this] { return logic_ ? logic_->logsController() : nullptr; }, screens_);
+    panelView_->shelve(logsWidget_);
+    logic_->setView(panelView_.get());
+    logic_->setLogsView(&logsWidget_->panelView());
+
+    ui_->startFileMon->setMondoSwithDelegate([this](VkSwitchButton*) { logic_->swithChange(); });
+    connect(ui_->viewFileMonLogs, &QAbstractButton::clicked, this,
+            [this] { logic_->viewFileMonLogs(); });
+    logic_->awakeFromNib();
 }
 
-VkSecurityPanel::~VkSecurityPanel() = default;
-
-void VkSecurityPanel::awakeFromNib() {
-    VkQtPanelView& view = *panelView_;
-    view.addSubview("contentView", "VkTrojanMainController");
-    view.setOrigin("VkTrojanMainController", {0, 0});
-    // The head strip lies over the trojan screens' top, where their main screen leaves it room.
-    view.setOrigin("headView", {0, 431});
-    view.addSubview("VkTrojanMainController", "headView");
-    trojanWidget_->controller()->setHeadView("headView");
-    trojanWidget_->awakeFromNib();
-    ui_->startFileMon->setMondoSwithDelegate(
-        [this](VkSwitchButton* toggle) { setFileMonStat(toggle->isOn()); });
+VkSecurityPanel::~VkSecurityPanel() {
+    // The screens go before the logic that draws on them.
+    delete logsWidget_;
+    logsWidget_ = nullptr;
+    delete trojanWidget_;
+    trojanWidget_ = nullptr;
+    logic_->setView(nullptr);
+    logic_->setLogsView(nullptr);
+    logic_.reset();
 }
 
 void VkSecurityPanel::startQuickScan() {
-    trojanWidget_->controller()->quickScanAction();
+    logic_->startQuickScan();
 }
 
 void VkSecurityPanel::startFullScan() {
-    trojanWidget_->controller()->fullScanAction();
+    logic_->startFullScan();
 }
 
 void VkSecurityPanel::setFileMonStat(bool on) {
-    ui_->startFileMon->setOn(on);
-    if (context_->netClient)
-        context_->netClient->setFileMonStat(on);
+    logic_->setFileMonStat(on);
 }
 
 void VkSecurityPanel::postHostNotification(const QString& name) {
-    context_->notificationCenter->post(name.toStdString(), trojanWidget_->controller().get());
+    context_->notificationCenter->post(name.toStdString(), logic_->trojanController().get());
 }

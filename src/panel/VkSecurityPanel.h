@@ -2,9 +2,7 @@
 
 #include <QString>
 #include <QWidget>
-#include <functional>
 #include <memory>
-#include <string>
 
 #include "panel/VkQtPanelView.h"
 
@@ -12,28 +10,33 @@ namespace Ui {
 class VkSecuityViewController;
 }
 class VkContext;
+class VkFileMonLogsOper;
+class VkLogsWidget;
 class VkScanLogsOper;
+class VkSecuityViewController;
 class VkTorjanCenter;
 class VkTrojanMainWidget;
 
-// The security panel the host embeds: the head strip with the file-monitor switch, and the
-// trojan screens as its content. The host's entry points are slots, so a host that loads
-// the panel at run time calls them by name (QMetaObject::invokeMethod).
+// The security panel the host embeds, drawing what VkSecuityViewController says: the head
+// strip with the file-monitor switch, the trojan screens as its content and the logs page.
+// The host's entry points are slots, so a host that loads the panel at run time calls them
+// by name (QMetaObject::invokeMethod).
 class VkSecurityPanel : public QWidget {
     Q_OBJECT
   public:
     // Builds the panel's engine on `context`, whose main queue must be a VkQtMainQueue.
-    VkSecurityPanel(std::shared_ptr<VkContext> context, QWidget* parent = nullptr);
-    // The same on an engine the caller made (tests script the scan center).
+    explicit VkSecurityPanel(std::shared_ptr<VkContext> context, QWidget* parent = nullptr);
+    // The same on collaborators the caller made (tests script the scan center).
     VkSecurityPanel(std::shared_ptr<VkContext> context, std::shared_ptr<VkTorjanCenter> center,
-                    std::shared_ptr<VkScanLogsOper> scanLogs, QWidget* parent = nullptr);
+                    std::shared_ptr<VkScanLogsOper> scanLogs,
+                    std::shared_ptr<VkFileMonLogsOper> fileMonLogs, QWidget* parent = nullptr);
     ~VkSecurityPanel() override;
 
     VkTrojanMainWidget* trojanWidget() const { return trojanWidget_; }
+    VkLogsWidget* logsWidget() const { return logsWidget_; }
+    VkSecuityViewController& logic() const { return *logic_; }
+    VkQtPanelView& panelView() { return *panelView_; }
     const std::shared_ptr<VkQtScreens>& screens() const { return screens_; }
-    const std::shared_ptr<VkContext>& context() const { return context_; }
-    const std::shared_ptr<VkTorjanCenter>& center() const { return center_; }
-    const std::shared_ptr<VkScanLogsOper>& scanLogs() const { return scanLogs_; }
 
   public slots:
     void startQuickScan();
@@ -45,13 +48,11 @@ class VkSecurityPanel : public QWidget {
     void postHostNotification(const QString& name);
 
   private:
-    void awakeFromNib();
-
     std::unique_ptr<Ui::VkSecuityViewController> ui_;
     std::shared_ptr<VkContext> context_;
-    std::shared_ptr<VkTorjanCenter> center_;
-    std::shared_ptr<VkScanLogsOper> scanLogs_;
     std::shared_ptr<VkQtScreens> screens_;
     std::unique_ptr<VkQtPanelView> panelView_;
+    std::unique_ptr<VkSecuityViewController> logic_;
     VkTrojanMainWidget* trojanWidget_ = nullptr;
+    VkLogsWidget* logsWidget_ = nullptr;
 };

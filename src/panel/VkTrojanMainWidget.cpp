@@ -4,7 +4,6 @@
 #include <QMenu>
 #include <QStyle>
 
-#include "engine/VkTorjanCenter.h"
 #include "panel/VkCenterTextCell.h"
 #include "panel/VkImageTextCell.h"
 #include "panel/VkProcessPopUpCell.h"
@@ -22,17 +21,16 @@ constexpr int kRowButtonsWidth = 42;
 }  // namespace
 
 VkTrojanMainWidget::VkTrojanMainWidget(std::shared_ptr<VkContext> context,
-                                       std::shared_ptr<VkTorjanCenter> center,
-                                       std::shared_ptr<VkScanLogsOper> scanLogs,
+                                       std::shared_ptr<VkTrojanMainController> controller,
                                        std::shared_ptr<VkQtScreens> screens, QWidget* parent)
     : QWidget(parent),
       ui_(std::make_unique<Ui::VkTrojanMainController>()),
       context_(std::move(context)),
-      screens_(std::move(screens)) {
+      screens_(std::move(screens)),
+      controller_(std::move(controller)) {
     ui_->setupUi(this);
     screens_->add("VkTrojanMainController", this);
     panelView_ = std::make_unique<VkQtPanelView>(this, screens_);
-    controller_ = VkTrojanMainController::make(context_, std::move(center), std::move(scanLogs));
 
     // The scan screen and its two contents wait off screen until the controller asks.
     panelView_->shelve(ui_->scanTrojanView);
@@ -50,6 +48,8 @@ VkTrojanMainWidget::VkTrojanMainWidget(std::shared_ptr<VkContext> context,
     controller_->setView(panelView_.get());
     controller_->setTrustView(&trustWidget_->listView());
     controller_->setQuarantineView(&quarantineWidget_->listView());
+    // The trust screen's interface loads with this one.
+    controller_->trustFileController().awakeFromNib();
 
     setUpResultList();
     ui_->userScanView->awakeFromNib(
@@ -89,11 +89,6 @@ VkTrojanMainWidget::~VkTrojanMainWidget() {
     controller_->setTrustView(nullptr);
     controller_->setQuarantineView(nullptr);
     controller_.reset();
-}
-
-void VkTrojanMainWidget::awakeFromNib() {
-    controller_->trustFileController().awakeFromNib();
-    controller_->awakeFromNib();
 }
 
 VkTrojanDragView* VkTrojanMainWidget::dragView() const {

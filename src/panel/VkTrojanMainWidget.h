@@ -10,8 +10,6 @@ namespace Ui {
 class VkTrojanMainController;
 }
 class VkContext;
-class VkScanLogsOper;
-class VkTorjanCenter;
 class VkTrojanMainController;
 class VkTrojanDragView;
 class VkTrojanOutlineView;
@@ -24,14 +22,12 @@ class VkQuarantineFileWidget;
 class VkTrojanMainWidget : public QWidget {
     Q_OBJECT
   public:
-    VkTrojanMainWidget(std::shared_ptr<VkContext> context, std::shared_ptr<VkTorjanCenter> center,
-                       std::shared_ptr<VkScanLogsOper> scanLogs,
+    // Draws the screens of `controller`, which the security panel made; the trust-list
+    // screen has its first showing here, the controller's own comes from the panel.
+    VkTrojanMainWidget(std::shared_ptr<VkContext> context,
+                       std::shared_ptr<VkTrojanMainController> controller,
                        std::shared_ptr<VkQtScreens> screens, QWidget* parent = nullptr);
     ~VkTrojanMainWidget() override;
-
-    // Shows the first screen and starts the signature check (the controller's first
-    // showing). The head view, if any, must have been handed over before.
-    void awakeFromNib();
 
     const std::shared_ptr<VkTrojanMainController>& controller() const { return controller_; }
     VkQtPanelView& panelView() { return *panelView_; }

@@ -19,8 +19,10 @@
 #include "fakes/VkRecordingHostReporter.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
+#include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsNode.h"
 #include "logs/VkScanLogsOper.h"
+#include "panel/VkLogsWidget.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkQtOutlineView.h"
 #include "panel/VkQuarantineFileWidget.h"
@@ -91,7 +93,8 @@ class VkPanelFlowTest : public ::testing::Test {
                                                  if (n.object.asBool() == false)
                                                      ++*ends;
                                              });
-        panel = std::make_unique<VkSecurityPanel>(ctx, center, scanLogs);
+        fileMonLogs = std::make_shared<VkFileMonLogsOper>(ctx);
+        panel = std::make_unique<VkSecurityPanel>(ctx, center, scanLogs, fileMonLogs);
         revealed = std::make_shared<Lines>();
         panel->screens()->setRevealer(
             [r = revealed](const std::string& path) { r->push_back(path); });
@@ -179,6 +182,7 @@ class VkPanelFlowTest : public ::testing::Test {
     std::shared_ptr<VkRecordingHostReporter> host;
     std::shared_ptr<VkOfflineCenter> center;
     std::shared_ptr<VkScanLogsOper> scanLogs;
+    std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
     std::unique_ptr<VkSecurityPanel> panel;
     std::shared_ptr<Lines> revealed;
     std::shared_ptr<int> scanEnds;
@@ -258,6 +262,49 @@ TEST_F(VkPanelFlowTest, DroppedFolderIsScannedQuarantinedListedAndRestored) {
     // The scan is in the scan log with its finding.
     ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
     EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanLogsItems().size(), 1u);
+}
+
+TEST_F(VkPanelFlowTest, LogsPageListsTheScanAndOpensItsEntries) {
+    dir.write("root/Users/me/Downloads/setup.bin", kSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+    QTest::mouseClick(find<QAbstractButton>("backButton"), Qt::LeftButton);
+
+    // The head strip's link opens the page on the file monitor's records.
+    QTest::mouseClick(panel->findChild<QAbstractButton*>("viewFileMonLogs"), Qt::LeftButton);
+    VkLogsWidget* logs = panel->logsWidget();
+    ASSERT_TRUE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+    EXPECT_FALSE(trojan()->isVisibleTo(panel.get()));
+    VkQtPanelView& page = logs->panelView();
+    EXPECT_TRUE(page.isSubview("contentView", "fileLogsView"));
+    EXPECT_FALSE(page.isHidden("serachField"));
+
+    // The scan toggle shows the history: one custom scan with one finding.
+    QTest::mouseClick(logs->findChild<QAbstractButton*>("showScanButton"), Qt::LeftButton);
+    EXPECT_TRUE(page.isSubview("contentView", "scanLogsView"));
+    EXPECT_TRUE(page.isHidden("serachField"));
+    VkQtOutlineView* scans = logs->outline("scanLogsOutlineView");
+    EXPECT_EQ(column(scans, "scanTypeColumn"),
+              Lines{ctx->localizer->localizedString("Security-1-9")});
+    ASSERT_NE(logs->resultButton(0), nullptr);
+    EXPECT_EQ(logs->resultButton(0)->text().toStdString(), "1 threat(s)");
+    EXPECT_EQ(scans->sortIndicator("scanTimeColumn"), "NSDescendingSortIndicator");
+    screenshot("logs");
+
+    // Its result button opens the sheet with the entry.
+    QTest::mouseClick(logs->resultButton(0), Qt::LeftButton);
+    QWidget* sheet = page.widget("detailWind");
+    ASSERT_NE(sheet, nullptr);
+    EXPECT_TRUE(sheet->isVisibleTo(logs));
+    EXPECT_EQ(column(logs->outline("scanDetailOutline"), "scanNameColumn"), Lines{"setup.bin"});
+    screenshot("logs-detail");
+    QTest::mouseClick(logs->findChild<QAbstractButton*>("closeDetailButton"), Qt::LeftButton);
+    EXPECT_FALSE(sheet->isVisibleTo(logs));
+
+    // Done takes the page away and brings the trojan screens back.
+    QTest::mouseClick(logs->findChild<QAbstractButton*>("completeButton"), Qt::LeftButton);
+    EXPECT_FALSE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+    EXPECT_TRUE(trojan()->isVisibleTo(panel.get()));
+    EXPECT_TRUE(shown(find("mainView")));
 }
 
 TEST_F(VkPanelFlowTest, TrustedFileIsListedOnTheTrustListUntilDroppedFromIt) {
