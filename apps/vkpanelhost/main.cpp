@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QLibrary>
 #include <QMessageBox>
+#include <QTimer>
 #include <cstdio>
 
 #include "VkPanelHostWindow.h"
@@ -44,7 +45,9 @@ int main(int argc, char** argv) {
     QCommandLineOption library("library", "The panel library to load.", "file");
     QCommandLineOption keepDays("logs-keep-days", "Days of scan history to keep (default 30).",
                                 "days", "30");
-    parser.addOptions({dataDir, root, library, keepDays});
+    QCommandLineOption screenshot(
+        "screenshot", "Save a picture of the window to the file after a moment and quit.", "file");
+    parser.addOptions({dataDir, root, library, keepDays, screenshot});
     parser.process(app);
 
     QString path = findLibrary(parser.value(library));
@@ -70,6 +73,14 @@ int main(int argc, char** argv) {
     QWidget* panel = create(nullptr, &options);
     window->setPanel(panel);
     window->show();
+    if (parser.isSet(screenshot)) {
+        QString file = parser.value(screenshot);
+        QTimer::singleShot(1500, window, [window, file] {
+            if (!window->grab().save(file))
+                std::fprintf(stderr, "vkpanelhost: cannot write %s\n", qPrintable(file));
+            QCoreApplication::quit();
+        });
+    }
     int status = app.exec();
     delete window;
     return status;
