@@ -17,6 +17,7 @@
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"
+#include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsOper.h"
@@ -27,6 +28,7 @@
 #include "panel/VkQtOutlineView.h"
 #include "panel/VkQuarantineFileWidget.h"
 #include "panel/VkSecurityPanel.h"
+#include "panel/VkSwitchButton.h"
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanMainWidget.h"
 #include "panel/VkTrojanOutlineView.h"
@@ -94,6 +96,8 @@ class VkPanelFlowTest : public ::testing::Test {
                                                      ++*ends;
                                              });
         fileMonLogs = std::make_shared<VkFileMonLogsOper>(ctx);
+        net = std::make_shared<VkRecordingNetClient>();
+        ctx->netClient = net;
         panel = std::make_unique<VkSecurityPanel>(ctx, center, scanLogs, fileMonLogs);
         revealed = std::make_shared<Lines>();
         panel->screens()->setRevealer(
@@ -183,6 +187,7 @@ class VkPanelFlowTest : public ::testing::Test {
     std::shared_ptr<VkOfflineCenter> center;
     std::shared_ptr<VkScanLogsOper> scanLogs;
     std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
+    std::shared_ptr<VkRecordingNetClient> net;
     std::unique_ptr<VkSecurityPanel> panel;
     std::shared_ptr<Lines> revealed;
     std::shared_ptr<int> scanEnds;
@@ -198,6 +203,23 @@ TEST_F(VkPanelFlowTest, MainScreenShowsStatusUpdateLineAndDropArea) {
     EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
     EXPECT_EQ(label("lastUpdateText"), ctx->localizer->localizedString("Security-50-1"));
     screenshot("main");
+}
+
+// The panel starts the monitor on first run and never sets the switch when that works, so
+// the switch must start on to agree with the text; a click then switches the monitor off.
+TEST_F(VkPanelFlowTest, MonitorStartedOnFirstRunShowsTheSwitchOnAndAClickTurnsItOff) {
+    auto* toggle = panel->findChild<VkSwitchButton*>("startFileMon");
+    ASSERT_NE(toggle, nullptr);
+    EXPECT_EQ(net->statCalls, std::vector<bool>{true});
+    EXPECT_TRUE(toggle->isOn());
+    EXPECT_EQ(panel->panelView().text("fileMonOnText"), "File monitoring is on");
+
+    QTest::mouseClick(toggle, Qt::LeftButton);
+    EXPECT_FALSE(toggle->isOn());
+    EXPECT_EQ(net->statCalls, (std::vector<bool>{true, false}));
+    EXPECT_EQ(panel->panelView().text("fileMonOnText"), "File monitoring is off");
+    EXPECT_FALSE(ctx->userDefaults->boolForKey("FileMonStart"));
+    ASSERT_TRUE(ctx->userDefaults->objectForKey("FileMonStart").has_value());
 }
 
 TEST_F(VkPanelFlowTest, DroppedFolderIsScannedQuarantinedListedAndRestored) {
