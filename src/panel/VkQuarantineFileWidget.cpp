@@ -7,6 +7,7 @@
 
 #include "panel/VkCenterTextCell.h"
 #include "panel/VkImageTextCell.h"
+#include "panel/VkQtListScreen.h"
 #include "panel/VkQtOutlineView.h"
 #include "ui/VkTrojanMainController.h"
 #include "ui_VkQuarantineFileController.h"
@@ -24,55 +25,9 @@ VkQuarantineFileWidget::VkQuarantineFileWidget(std::weak_ptr<VkTrojanMainControl
     list->setUpFromProperties();
     listView_ = std::make_unique<VkQtListView>(this, list, screens);
 
-    list->rowModel()->setSource({
-        [this]() -> int64_t {
-            auto* screen = logic();
-            return screen ? static_cast<int64_t>(screen->numberOfRows()) : 0;
-        },
-        [this](const std::string& column, int64_t row) -> std::optional<std::string> {
-            auto* screen = logic();
-            auto which = VkQtListView::column(column);
-            return screen && which ? screen->objectValue(*which, row) : std::nullopt;
-        },
-        [this](const std::string& column, int64_t row) -> std::optional<VkImage> {
-            auto* screen = logic();
-            if (!screen || column != "fileNameColumn")
-                return std::nullopt;
-            auto path = screen->iconPath(row);
-            return path ? std::optional<VkImage>(VkImage::iconForFile(*path).resized(16, 16))
-                        : std::nullopt;
-        },
-    });
-    VkQtRowModel* model = list->rowModel();
-    list->setItemDelegateForColumn(model->columnIndex("fileNameColumn"), new VkImageTextCell(list));
-    list->setItemDelegateForColumn(model->columnIndex("torjanNameColumn"),
-                                   new VkCenterTextCell(list));
-    list->setItemDelegateForColumn(model->columnIndex("fileSizeColumn"),
-                                   new VkCenterTextCell(list));
-    int check = model->columnIndex("checkColumn");
-    list->header()->setSectionResizeMode(check, QHeaderView::Fixed);
-    list->header()->resizeSection(check, 60);
-    connect(model, &QAbstractItemModel::modelReset, this, [this] { addRowButtons(); });
-    connect(list, &VkQtOutlineView::headerClicked, this, [this](const std::string& column) {
-        if (auto* screen = logic())
-            screen->didClickTableColumn(VkQtListView::column(column).value_or(VkListColumn::check));
-    });
-    connect(list, &VkQtOutlineView::rowDoubleClicked, this, [this] {
-        if (auto* screen = logic())
-            screen->realInFinder();
-    });
-    // The finish button shows a painted face with its title drawn in.
-    VkQtPanelView face(this, screens);
-    face.setImage(
-        "completeButton",
-        VkPanelImage::button(
-            1, {double(ui_->completeButton->width()), double(ui_->completeButton->height())},
-            ui_->completeButton->text().toStdString()));
-    face.setText("completeButton", "");
-    connect(ui_->completeButton, &QAbstractButton::clicked, this, [this] {
-        if (auto* screen = logic())
-            screen->operaComplete();
-    });
+    vkWireListScreen<VkQuarantineFileController>(
+        this, list, ui_->completeButton, screens, [this] { return logic(); }, 60,
+        [this] { addRowButtons(); });
 }
 
 VkQuarantineFileWidget::~VkQuarantineFileWidget() {
