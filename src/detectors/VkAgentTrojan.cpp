@@ -119,12 +119,13 @@ void VkAgentTrojan::remove() {
     if (serviceFiles_.empty() && binFiles_.empty())
         return;
     // The Flashback remover issues this too; both keep it.
-    context_->coreFunction->systemCommand("launchctl unsetenv DYLD_INSERT_LIBRARIES");
+    context_->coreFunction->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     std::vector<std::string> paths;
     paths.reserve(serviceFiles_.size() + binFiles_.size());
     paths.insert(paths.end(), serviceFiles_.begin(), serviceFiles_.end());
     paths.insert(paths.end(), binFiles_.begin(), binFiles_.end());
     // The lists stay as they are: everything found over the process's life is removed
     // again by every later remove.
-    context_->coreFunction->startClean(paths, false, nullptr);
+    // Only the files and links found are deleted, never a folder a launch item names.
+    context_->coreFunction->startClean(paths, false, nullptr, VkCleanScope::filesOnly);
 }

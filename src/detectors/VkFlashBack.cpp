@@ -269,10 +269,10 @@ void VkFlashBack::remove() {
     VkCoreFunction& core = *context_->coreFunction;
     std::vector<std::string> extra;
     extra.reserve(10);
-    core.systemCommand("launchctl unsetenv DYLD_INSERT_LIBRARIES");
-    // Inserted as recorded, unquoted, the way this command has always been issued.
+    core.systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
+    // The path is one argument of its own: a launch item's name never reaches a shell.
     for (const std::string& service : serviceFiles_)
-        core.systemCommand("launchctl unload " + service);
+        core.systemCommand({"launchctl", "unload", service});
     for (const std::string& plist : plistFiles_) {
         if (!VkLaunchItem::readDictionary(plist))
             continue;
@@ -284,6 +284,7 @@ void VkFlashBack::remove() {
     extra.insert(extra.end(), databases.begin(), databases.end());
     extra.insert(extra.end(), serviceFiles_.begin(), serviceFiles_.end());
     extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
-    // The lists are kept: a later remove acts on all of it again.
-    core.startClean(extra, false, nullptr);
+    // The lists are kept: a later remove acts on all of it again. Only files and links are
+    // deleted: a launch item naming a folder as its hidden program never takes the folder.
+    core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
 }

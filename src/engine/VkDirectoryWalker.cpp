@@ -1,5 +1,6 @@
 #include "engine/VkDirectoryWalker.h"
 
+#include <algorithm>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -56,7 +57,16 @@ bool isFolder(DIR* parent, const std::string& fullPath, const char* name, unsign
 }  // namespace
 
 bool VkDirectoryWalker::walk(const std::string& root,
-                             const std::function<bool(const std::string&)>& visit) {
+                             const std::function<bool(const std::string&)>& visit,
+                             const std::vector<FolderId>& skip) {
+    // One attribute read per folder, and only when there is something to skip.
+    auto skipped = [&](DIR* dir) {
+        if (skip.empty())
+            return false;
+        struct stat st {};
+        return ::fstat(::dirfd(dir), &st) == 0 &&
+               std::find(skip.begin(), skip.end(), FolderId{st.st_dev, st.st_ino}) != skip.end();
+    };
     std::string base = root;
     while (base.size() > 1 && base.back() == '/')
         base.pop_back();
@@ -69,6 +79,10 @@ bool VkDirectoryWalker::walk(const std::string& root,
     if (!rootDir) {
         ::close(rootFd);
         return false;
+    }
+    if (skipped(rootDir)) {
+        ::closedir(rootDir);
+        return true;
     }
     std::vector<std::unique_ptr<Frame>> stack;
     stack.push_back(std::make_unique<Frame>());
@@ -107,6 +121,10 @@ bool VkDirectoryWalker::walk(const std::string& root,
         DIR* child = openChild(f.dir, full, name.c_str());
         if (!child)
             continue;
+        if (skipped(child)) {
+            ::closedir(child);
+            continue;
+        }
         auto frame = std::make_unique<Frame>();
         frame->path = std::move(full);
         frame->dir = child;

@@ -89,8 +89,6 @@ void VkTorjanCenter::killTorjanItem(ResultList items,
 void VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item) {
     if (!item)
         return;
-    VkPlist::Array list =
-        context_->userDefaults->arrayForKey(kTrustFileKey).value_or(VkPlist::Array{});
     std::optional<std::string> name =
         item->torjanItem() ? item->torjanItem()->name() : item->torjanName();
     // In this order; the first missing value (the empty text enciphers to nothing) ends
@@ -109,29 +107,34 @@ void VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& it
     }
     if (complete)
         entry.set("TrustFileSize", VkPlist::unsignedInteger(item->fileSize()));
-    // No test for duplicates: trusting a file twice stores two equal entries.
-    list.push_back(std::move(entry));
-    context_->userDefaults->setObject(kTrustFileKey, VkPlist(std::move(list)));
+    // No test for duplicates: trusting a file twice stores two equal entries. Read, changed
+    // and written under the defaults' lock, so another process's entry is never lost.
+    context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
+        VkPlist::Array list = stored && stored->asArray() ? *stored->asArray() : VkPlist::Array{};
+        list.push_back(std::move(entry));
+        stored = VkPlist(std::move(list));
+    });
 }
 
 void VkTorjanCenter::removeTrustFile(const std::string& path) {
-    VkPlist::Array list =
-        context_->userDefaults->arrayForKey(kTrustFileKey).value_or(VkPlist::Array{});
     // The cipher has a fixed key and IV: the same path always enciphers to the same text.
-    std::optional<std::string> stored = vkEncryptString(path);
-    std::optional<VkPlist> found;
-    for (const auto& entry : list) {
-        const std::string* p = entry.getString("TrustFilePath");
-        if (stored && p && *p == *stored) {
-            found = entry;
-            break;
+    std::optional<std::string> enciphered = vkEncryptString(path);
+    context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
+        VkPlist::Array list = stored && stored->asArray() ? *stored->asArray() : VkPlist::Array{};
+        std::optional<VkPlist> found;
+        for (const auto& entry : list) {
+            const std::string* p = entry.getString("TrustFilePath");
+            if (enciphered && p && *p == *enciphered) {
+                found = entry;
+                break;
+            }
         }
-    }
-    if (found) {
-        // Exact duplicates go together; entries for this path with another hash stay.
-        std::erase_if(list, [&](const VkPlist& e) { return e == *found; });
-    }
-    context_->userDefaults->setObject(kTrustFileKey, VkPlist(std::move(list)));
+        if (found) {
+            // Exact duplicates go together; entries for this path with another hash stay.
+            std::erase_if(list, [&](const VkPlist& e) { return e == *found; });
+        }
+        stored = VkPlist(std::move(list));
+    });
 }
 
 VkPlist::Array VkTorjanCenter::ecryptTrustFileArray() {

@@ -1,6 +1,7 @@
 // The scans of VkTorjanScan: the full and custom walks with their producer and consumer,
 // the quick stage, the single-file check and stopping.
 #include <chrono>
+#include <sys/stat.h>
 #include <set>
 #include <thread>
 
@@ -113,13 +114,20 @@ void VkTorjanScan::scanBaseItem() {
     const std::vector<std::string> roots = scopeDirectories_;
     const bool fullScan = isFullScan_.load();
     const std::string volumes = ctx_->resolve("/Volumes");
+    // This program's own folder (databases, quarantine, logs) is never walked: a scan that
+    // quarantines must not take the quarantine itself.
+    std::vector<VkDirectoryWalker::FolderId> ownFolders;
+    if (struct stat data {}; ::stat(ctx_->dataFolder.c_str(), &data) == 0)
+        ownFolders.emplace_back(data.st_dev, data.st_ino);
+    const std::string dataPrefix = ctx_->dataFolder + "/";
 
     std::thread producer([&] {
         for (const auto& root : roots) {
             bool isDir = false;
             if (VkFile::exists(root, &isDir)) {
                 if (!isDir) {
-                    if (queue.enqueue(root, isSearchStop_))
+                    bool ours = !ctx_->dataFolder.empty() && root.rfind(dataPrefix, 0) == 0;
+                    if (!ours && queue.enqueue(root, isSearchStop_))
                         total.fetch_add(1);
                 } else {
                     VkDirectoryWalker::walk(root, [&](const std::string& path) {
@@ -129,7 +137,7 @@ void VkTorjanScan::scanBaseItem() {
                             total.fetch_add(1);
                         }
                         return !isSearchStop_.load();
-                    });
+                    }, ownFolders);
                 }
             }
             if (isSearchStop_.load())

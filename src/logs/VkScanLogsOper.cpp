@@ -1,8 +1,10 @@
 #include "logs/VkScanLogsOper.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "engine/VkTorjanResultItems.h"
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 
 VkScanLogsOper::VkScanLogsOper(std::shared_ptr<VkContext> context)
@@ -80,12 +82,24 @@ void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>&
     saveFileMonToDisk();
 }
 
+VkScanLogsOper::NodeId VkScanLogsOper::idOf(const VkScanLogsNode& node) {
+    return {node.logTime().secondsSince1970, node.scanType()};
+}
+
+bool VkScanLogsOper::sameId(const NodeId& a, const NodeId& b) {
+    return a.second == b.second && std::fabs(a.first - b.first) < 1.0;
+}
+
 void VkScanLogsOper::removeScanLogsItem(const std::shared_ptr<VkScanLogsNode>& node) {
+    if (node)
+        removed_.push_back(idOf(*node));
     std::erase(logsArray_, node);
     saveFileMonToDisk();
 }
 
 void VkScanLogsOper::removeAllLogs() {
+    for (const auto& node : logsArray_)
+        removed_.push_back(idOf(*node));
     currentLogs_.reset();
     logsArray_.clear();
     saveFileMonToDisk();
@@ -97,6 +111,26 @@ void VkScanLogsOper::saveFileMonToDisk() {
         logsArray_.push_back(currentLogs_);
     }
     common_.creatLogsFilePath();
+    // Reloaded, changed and written under a lock beside the file: scans that other
+    // processes (the panel, another command-line run) wrote meanwhile are kept.
+    VkFileLock lock(logsFilePath());
+    VkFileLock::removeStaleTemporaries(logsFilePath());
+    if (auto file = VkPlist::readFile(logsFilePath(), 256u << 20); file && file->asArray()) {
+        std::vector<NodeId> known = removed_;
+        for (const auto& node : logsArray_)
+            known.push_back(idOf(*node));
+        VkDate now = context_->clock->date();
+        for (const auto& element : *file->asArray()) {
+            if (!element.isDictionary())
+                continue;
+            auto node = std::make_shared<VkScanLogsNode>(element, now);
+            NodeId id = idOf(*node);
+            if (std::none_of(known.begin(), known.end(),
+                             [&](const NodeId& k) { return sameId(k, id); })) {
+                logsArray_.push_back(node);
+            }
+        }
+    }
     // An absent "LogsKeepDay" reads 0: only nodes made at this very instant survive.
     double cutoff =
         context_->clock->now() -

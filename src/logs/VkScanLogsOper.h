@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <set>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -53,7 +55,15 @@ class VkScanLogsOper {
   private:
     std::shared_ptr<VkContext> context_;
     VkLogsOperCommon common_;
+    // Nodes by identity (log time, scan type), to merge with what other processes wrote.
+    // The file keeps whole seconds of the time, so ids within a second are the same.
+    using NodeId = std::pair<double, int32_t>;
+    static NodeId idOf(const VkScanLogsNode& node);
+    static bool sameId(const NodeId& a, const NodeId& b);
+
     NodeList logsArray_;
     std::shared_ptr<VkScanLogsNode> currentLogs_;
+    // Nodes this process removed: never taken back from the file on a merge.
+    std::vector<NodeId> removed_;
     VkScanLogsOperDelegate* delegate_ = nullptr;
 };

@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -54,6 +55,8 @@ VkResult<void> VkFileMonStore::writeArchive(const std::string& dataFolder,
                                             const std::vector<uint8_t>& bytes) {
     if (auto made = makeLogsFolder(dataFolder); !made)
         return made;
+    // The monitor appends, the client clears while no monitor runs: one writer at a time.
+    VkFileLock lock(recordsPath(dataFolder));
     return VkFile::writeAtomically(recordsPath(dataFolder), bytes.data(), bytes.size(), 0600);
 }
 
@@ -68,6 +71,7 @@ VkResult<void> VkFileMonStore::load() {
     archive_ = emptyArchive();
     ++generation_;
     std::string path = recordsPath(dataFolder_);
+    VkFileLock::removeStaleTemporaries(path);
     if (!VkFile::existsNoFollow(path))
         return {};
     auto bytes = readArchive(dataFolder_);

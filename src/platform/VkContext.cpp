@@ -142,7 +142,8 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
     ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(ctx->clock);
     ctx->notificationCenter = std::make_shared<VkNotificationCenter>();
     ctx->userDefaults = std::make_shared<VkUserDefaults>(ctx->defaultsFile);
-    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot);
+    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot, ctx->dataFolder,
+                                                               ctx->homeDirectory);
     ctx->systemLog = std::make_shared<VkSystemLog>();
     ctx->processList = std::make_shared<VkSystemProcessList>();
     ctx->localizer =
@@ -169,7 +170,8 @@ std::shared_ptr<VkContext> VkContext::forTesting(const std::string& folder) {
     ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(clock);
     ctx->notificationCenter = std::make_shared<VkNotificationCenter>();
     ctx->userDefaults = std::make_shared<VkUserDefaults>(ctx->defaultsFile);
-    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot);
+    ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot, ctx->dataFolder,
+                                                               ctx->homeDirectory);
     ctx->systemLog = std::make_shared<VkCapturedLog>();
     ctx->processList = std::make_shared<VkSystemProcessList>();
     ctx->localizer = std::make_shared<VkLocalizer>();

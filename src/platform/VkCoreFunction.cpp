@@ -21,53 +21,6 @@ extern char** environ;
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// Folders one level below the top that are never deleted whole: a user's home and the
-// system's own library folders. Deeper paths inside them may be deleted.
-const std::set<std::string> kProtectedFolders = {
-    "/usr/bin",
-    "/usr/sbin",
-    "/usr/lib",
-    "/usr/libexec",
-    "/usr/local",
-    "/usr/share",
-    "/System/Library",
-    "/Library/LaunchAgents",
-    "/Library/LaunchDaemons",
-    "/Library/Application Support",
-    "/Library/Preferences",
-    "/private/var",
-    "/private/etc",
-    "/private/tmp",
-    "/var/folders",
-    "/var/lib",
-    "/var/log",
-    "/etc/init.d",
-    "/etc/systemd",
-};
-const std::set<std::string> kHomeParents = {"/Users", "/home"};
-
-// Why an absolute path (as seen from its own root) must not be deleted, or "".
-std::string refusalInside(const std::string& path) {
-    std::vector<std::string> parts = VkFile::components(path);
-    if (parts.empty())
-        return "refusing to delete the root folder";
-    if (parts.size() == 1)
-        return "refusing to delete a top-level system folder";
-    std::string top = "/" + parts[0];
-    std::string two = top + "/" + parts[1];
-    if (parts.size() == 2 && kHomeParents.count(top))
-        return "refusing to delete a home folder";
-    if (parts.size() == 2 && kProtectedFolders.count(two))
-        return "refusing to delete a system folder";
-    if (parts.size() == 3 &&
-        kProtectedFolders.count("/" + parts[0] + "/" + parts[1] + "/" + parts[2])) {
-        return "refusing to delete a system folder";
-    }
-    return "";
-}
-
 bool processGone(pid_t pid) {
     if (::kill(pid, 0) != 0)
         return errno == ESRCH;
@@ -91,18 +44,40 @@ bool waitGone(pid_t pid, std::chrono::milliseconds limit) {
 
 }  // namespace
 
-VkSystemCoreFunction::VkSystemCoreFunction(std::string systemRoot)
-    : systemRoot_(systemRoot.empty() ? "/" : std::move(systemRoot)) {
-    while (systemRoot_.size() > 1 && systemRoot_.back() == '/')
-        systemRoot_.pop_back();
-}
+VkSystemCoreFunction::VkSystemCoreFunction(std::string systemRoot, std::string dataFolder,
+                                           std::string homeDirectory)
+    : systemFs_(std::move(systemRoot)),
+      dataFolder_(std::move(dataFolder)),
+      dataFs_(dataFolder_.empty() ? std::string("/nonexistent-data-folder") : dataFolder_),
+      policy_(std::move(homeDirectory)) {}
 
-bool VkSystemCoreFunction::systemCommand(const std::string& command) {
-    pid_t pid = 0;
-    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-    if (::posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
+bool VkSystemCoreFunction::systemCommand(const std::vector<std::string>& arguments) {
+    if (arguments.empty() || arguments[0].empty())
         return false;
+    // A bare program name is looked for in the system's own folders only, never in a
+    // PATH that whoever started us chose.
+    std::string program = arguments[0];
+    if (program.find('/') == std::string::npos) {
+        std::string found;
+        for (const char* folder : {"/bin", "/usr/bin", "/sbin", "/usr/sbin"}) {
+            std::string candidate = std::string(folder) + "/" + program;
+            if (::access(candidate.c_str(), X_OK) == 0) {
+                found = candidate;
+                break;
+            }
+        }
+        if (found.empty())
+            return false;
+        program = found;
     }
+    std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
+    for (const auto& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (::posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
+        return false;
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
@@ -111,53 +86,47 @@ bool VkSystemCoreFunction::systemCommand(const std::string& command) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-std::string VkSystemCoreFunction::refusalReason(const std::string& path) const {
-    if (path.empty())
-        return "refusing to delete an empty path";
-    if (path[0] != '/')
-        return "refusing to delete a relative path";
-    for (const auto& part : VkFile::components(path)) {
-        if (part == "..")
-            return "refusing to delete a path with a \"..\" component";
+const VkContainedFs& VkSystemCoreFunction::treeOf(const std::string& path) const {
+    // The data folder is ours and may lie anywhere, inside the inspected system or not.
+    if (!dataFolder_.empty() && dataFs_.contains(path))
+        return dataFs_;
+    return systemFs_;
+}
+
+VkResult<void> VkSystemCoreFunction::cleanOne(const std::string& path, VkCleanScope scope) const {
+    if (!dataFolder_.empty() && dataFs_.contains(path))
+        return VkError{"refused: the data folder and what it holds are never deleted"};
+    auto entry = systemFs_.openParent(path);
+    if (!entry)
+        return VkError{entry.error()};
+    auto st = VkContainedFs::statEntry(*entry);
+    if (!st)
+        return VkError{st.error()};
+    bool isFolder = S_ISDIR(st->st_mode);
+    if (std::string refusal = policy_.refusal(entry->components, isFolder); !refusal.empty())
+        return VkError{refusal};
+    if (isFolder && scope == VkCleanScope::filesOnly)
+        return VkError{"refused: only files are removed here, and this is a folder"};
+    std::vector<std::pair<dev_t, ino_t>> keep;
+    struct stat data {};
+    if (!dataFolder_.empty() && ::stat(dataFolder_.c_str(), &data) == 0) {
+        // The same folder reached by another name (a bind mount, a second root).
+        if (data.st_dev == st->st_dev && data.st_ino == st->st_ino)
+            return VkError{"refused: the data folder and what it holds are never deleted"};
+        keep.emplace_back(data.st_dev, data.st_ino);
     }
-    std::string normal = VkFile::join("/", path);
-    if (normal == "/")
-        return "refusing to delete the root folder";
-    if (systemRoot_ != "/") {
-        if (normal == systemRoot_)
-            return "refusing to delete the system root";
-        if (normal.rfind(systemRoot_ + "/", 0) == 0) {
-            std::string inside = normal.substr(systemRoot_.size());
-            if (std::string r = refusalInside(inside); !r.empty())
-                return r;
-        }
-    }
-    return refusalInside(normal);
+    return VkContainedFs::removeEntry(*entry, scope == VkCleanScope::filesAndFolders, keep);
 }
 
 std::vector<VkCleanOutcome> VkSystemCoreFunction::startClean(const std::vector<std::string>& paths,
                                                              bool /*cutBinary*/,
-                                                             VkCleanDelegate* delegate) {
+                                                             VkCleanDelegate* delegate,
+                                                             VkCleanScope scope) {
     std::vector<VkCleanOutcome> outcomes;
     outcomes.reserve(paths.size());
     for (const auto& path : paths) {
-        VkCleanOutcome outcome{path, false, refusalReason(path)};
-        if (outcome.reason.empty()) {
-            struct stat st {};
-            if (::lstat(path.c_str(), &st) != 0) {
-                outcome.reason = std::string("not found: ") + std::strerror(errno);
-            } else if (S_ISDIR(st.st_mode)) {
-                auto removed = VkFile::removeTree(path);
-                outcome.removed = removed.ok();
-                if (!removed)
-                    outcome.reason = removed.error();
-            } else if (::unlink(path.c_str()) == 0) {
-                // A link is removed itself; its target stays.
-                outcome.removed = true;
-            } else {
-                outcome.reason = std::string("cannot delete: ") + std::strerror(errno);
-            }
-        }
+        auto cleaned = cleanOne(path, scope);
+        VkCleanOutcome outcome{path, cleaned.ok(), cleaned ? "" : cleaned.error()};
         if (delegate)
             delegate->cleanProgress(outcome);
         outcomes.push_back(std::move(outcome));
@@ -166,10 +135,13 @@ std::vector<VkCleanOutcome> VkSystemCoreFunction::startClean(const std::vector<s
 }
 
 bool VkSystemCoreFunction::fixPlistFile(const std::string& path, const std::string& removeKey) {
-    struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    auto entry = treeOf(path).openParent(path);
+    if (!entry)
         return false;
-    auto bytes = VkFile::readAll(path, 16u << 20);
+    auto st = VkContainedFs::statEntry(*entry);
+    if (!st || !S_ISREG(st->st_mode))
+        return false;
+    auto bytes = VkContainedFs::readEntry(*entry, 16u << 20);
     if (!bytes)
         return false;
     bool binary = bytes->rfind("bplist00", 0) == 0;
@@ -179,19 +151,14 @@ bool VkSystemCoreFunction::fixPlistFile(const std::string& path, const std::stri
     VkPlist plist = std::move(parsed).value();
     if (plist.asDictionary()->erase(removeKey) == 0)
         return true;
-    VkResult<void> written;
+    std::string out;
     if (binary) {
-        auto out = plist.toBinary();
-        written = VkFile::writeAtomically(path, out.data(), out.size(), st.st_mode & 07777);
+        auto bin = plist.toBinary();
+        out.assign(reinterpret_cast<const char*>(bin.data()), bin.size());
     } else {
-        written = VkFile::writeAtomically(path, plist.toXml(), st.st_mode & 07777);
+        out = plist.toXml();
     }
-    if (!written)
-        return false;
-    // Keep the owner; failing to is harmless when we are that owner already.
-    if (::lchown(path.c_str(), st.st_uid, st.st_gid) != 0 && ::geteuid() == 0)
-        return false;
-    return true;
+    return VkContainedFs::replaceEntry(*entry, out, st->st_mode, st->st_uid, st->st_gid).ok();
 }
 
 bool VkSystemCoreFunction::killProcessByID(int32_t pid) {
@@ -207,27 +174,13 @@ bool VkSystemCoreFunction::killProcessByID(int32_t pid) {
 }
 
 bool VkSystemCoreFunction::moveFileItem(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty() || !VkFile::existsNoFollow(from) || VkFile::existsNoFollow(to)) {
+    if (from.empty() || to.empty())
         return false;
-    }
-    std::string parent = VkFile::deletingLastPathComponent(to);
-    if (!parent.empty() && !VkFile::createDirectory(parent, true))
+    auto source = treeOf(from).openParent(from);
+    if (!source || !VkContainedFs::statEntry(*source))
         return false;
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    if (errno == EINVAL || errno == ENOSYS) {
-        // File systems without no-replace renames: the existence test above must do.
-        if (!VkFile::existsNoFollow(to) && ::rename(from.c_str(), to.c_str()) == 0)
-            return true;
-    }
-    if (errno != EXDEV)
+    auto target = treeOf(to).openParent(to, true);
+    if (!target)
         return false;
-    std::error_code ec;
-    fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
-    if (ec) {
-        fs::remove_all(to, ec);
-        return false;
-    }
-    fs::remove_all(from, ec);
-    return !ec;
+    return VkContainedFs::moveEntry(*source, *target).ok();
 }

@@ -4,6 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/VkContainedFs.h"
+#include "platform/VkDeletionPolicy.h"
+#include "platform/VkResult.h"
+
 // What became of one path handed to startClean.
 struct VkCleanOutcome {
     std::string path;
@@ -18,19 +22,29 @@ class VkCleanDelegate {
     virtual void cleanProgress(const VkCleanOutcome& outcome) = 0;
 };
 
-// The suite's core operations: shell commands, deletion, property-list edits, process
+// What a clean run may delete: a kill list's "d" entry may name a folder, the detectors
+// delete only the files and links they found.
+enum class VkCleanScope { filesAndFolders, filesOnly };
+
+// The suite's core operations: running a program, deletion, property-list edits, process
 // kills and file moves. Every deletion of the system goes through startClean.
 class VkCoreFunction {
   public:
     virtual ~VkCoreFunction() = default;
 
-    // Runs one shell command line; true when it exited with status 0.
-    virtual bool systemCommand(const std::string& command) = 0;
-    // Deletes every listed path without following links (a folder with its contents).
-    // Refuses "", "/", the system root itself, any path with a ".." component and the
-    // top-level system folders. cutBinary is reserved (always NO here).
+    // Runs a program with this argument vector (the first is the program), never through
+    // a shell, so no path or name ever becomes a command; true when it exited with 0.
+    virtual bool systemCommand(const std::vector<std::string>& arguments) = 0;
+    // Deletes every listed path of the inspected system without following any link on the
+    // way, under the deletion policy; each outcome says what was refused and why.
+    // cutBinary is reserved (always NO here).
     virtual std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths,
-                                                   bool cutBinary, VkCleanDelegate* delegate) = 0;
+                                                   bool cutBinary, VkCleanDelegate* delegate,
+                                                   VkCleanScope scope) = 0;
+    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+                                           VkCleanDelegate* delegate) {
+        return startClean(paths, cutBinary, delegate, VkCleanScope::filesAndFolders);
+    }
     // Rewrites the property list at path without the top-level key, in the file's own
     // format, keeping mode and owner, atomically. True when the key is gone afterwards.
     virtual bool fixPlistFile(const std::string& path, const std::string& removeKey) = 0;
@@ -42,21 +56,33 @@ class VkCoreFunction {
 };
 
 // The real operations on this machine. `systemRoot` is the root under which the inspected
-// system lives ("/" for the live system); its top-level folders are never deleted.
+// system lives ("/" for the live system): everything deleted, rewritten or moved lies
+// beneath it and is reached without following a link. `dataFolder` (this program's own)
+// is never deleted by a clean run; moves into and out of it (the quarantine) are contained
+// in it the same way. `homeDirectory` is the inspected system's home, protected wherever it
+// lies.
 class VkSystemCoreFunction : public VkCoreFunction {
   public:
-    explicit VkSystemCoreFunction(std::string systemRoot = "/");
+    explicit VkSystemCoreFunction(std::string systemRoot = "/", std::string dataFolder = "",
+                                  std::string homeDirectory = "");
 
-    bool systemCommand(const std::string& command) override;
+    using VkCoreFunction::startClean;
+    bool systemCommand(const std::vector<std::string>& arguments) override;
     std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
-                                           VkCleanDelegate* delegate) override;
+                                           VkCleanDelegate* delegate,
+                                           VkCleanScope scope) override;
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
     bool killProcessByID(int32_t pid) override;
     bool moveFileItem(const std::string& from, const std::string& to) override;
 
-    // Why startClean would refuse this path, or "" when it may be deleted.
-    std::string refusalReason(const std::string& path) const;
+    // Deletes one path as startClean does; the error says why not.
+    VkResult<void> cleanOne(const std::string& path, VkCleanScope scope) const;
 
   private:
-    std::string systemRoot_;
+    const VkContainedFs& treeOf(const std::string& path) const;
+
+    VkContainedFs systemFs_;
+    std::string dataFolder_;
+    VkContainedFs dataFs_;
+    VkDeletionPolicy policy_;
 };

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 
 VkUserDefaults::VkUserDefaults(std::string path) : path_(std::move(path)) {
@@ -12,7 +13,7 @@ VkUserDefaults::VkUserDefaults(std::string path) : path_(std::move(path)) {
     refreshLocked();
 }
 
-void VkUserDefaults::refreshLocked() {
+void VkUserDefaults::refreshLocked(bool force) {
     struct stat st {};
     if (::stat(path_.c_str(), &st) != 0) {
         // No file (any more): nothing stored. Keep what we had if we never read one.
@@ -21,7 +22,7 @@ void VkUserDefaults::refreshLocked() {
         haveStamp_ = false;
         return;
     }
-    if (haveStamp_ && st.st_dev == dev_ && st.st_ino == ino_ && st.st_size == size_ &&
+    if (!force && haveStamp_ && st.st_dev == dev_ && st.st_ino == ino_ && st.st_size == size_ &&
         st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec) {
         return;
     }
@@ -48,8 +49,8 @@ void VkUserDefaults::refreshLocked() {
 }
 
 bool VkUserDefaults::saveLocked() {
-    VkFile::createDirectory(VkFile::deletingLastPathComponent(path_), true, 0700);
-    auto written = VkPlist(values_).writeXmlFile(path_);
+    // The trust list lives here: readable by its owner only, like every other list.
+    auto written = VkFile::writeAtomically(path_, VkPlist(values_).toXml(), 0600);
     struct stat st {};
     if (written && ::stat(path_.c_str(), &st) == 0) {
         haveStamp_ = true;
@@ -129,11 +130,28 @@ std::optional<VkPlist::Array> VkUserDefaults::arrayForKey(const std::string& key
     return *v->asArray();
 }
 
-bool VkUserDefaults::setObject(const std::string& key, VkPlist value) {
+bool VkUserDefaults::updateObject(const std::string& key,
+                                  const std::function<void(std::optional<VkPlist>&)>& change) {
     std::lock_guard lock(mutex_);
-    refreshLocked();
-    values_[key] = std::move(value);
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(path_), true, 0700);
+    VkFileLock fileLock(path_);
+    VkFileLock::removeStaleTemporaries(path_);
+    // Under the lock the file is read whatever its stamp says: a change by another
+    // process within the same time tick must not be missed.
+    refreshLocked(true);
+    std::optional<VkPlist> value;
+    if (auto it = values_.find(key); it != values_.end())
+        value = it->second;
+    change(value);
+    if (value)
+        values_[key] = std::move(*value);
+    else
+        values_.erase(key);
     return saveLocked();
+}
+
+bool VkUserDefaults::setObject(const std::string& key, VkPlist value) {
+    return updateObject(key, [&](std::optional<VkPlist>& slot) { slot = std::move(value); });
 }
 
 bool VkUserDefaults::setBool(const std::string& key, bool value) {
@@ -147,10 +165,7 @@ bool VkUserDefaults::setDouble(const std::string& key, double value) {
 }
 
 bool VkUserDefaults::removeObject(const std::string& key) {
-    std::lock_guard lock(mutex_);
-    refreshLocked();
-    values_.erase(key);
-    return saveLocked();
+    return updateObject(key, [](std::optional<VkPlist>& slot) { slot.reset(); });
 }
 
 std::string VkUserDefaults::quarantinedCopy() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -9,8 +10,9 @@
 #include "platform/VkPlist.h"
 
 // The application's user defaults: a property-list dictionary kept in one file.
-// Every change replaces the whole file atomically; a file changed by another process is
-// read again before the next access. Values registered with registerDefaults() answer
+// Every change is made under a lock beside the file: the file is read again, changed and
+// replaced whole atomically, so two processes never lose each other's changes; a file
+// changed by another process is read again before the next access. Values registered with registerDefaults() answer
 // when the file has no value of its own and are never written.
 class VkUserDefaults {
   public:
@@ -38,12 +40,17 @@ class VkUserDefaults {
     bool setInteger(const std::string& key, int64_t value);
     bool setDouble(const std::string& key, double value);
     bool removeObject(const std::string& key);
+    // Reads the value afresh under the lock, lets `change` edit it (nullopt: absent; set
+    // it to nullopt to remove the key) and writes the result before the lock is released.
+    // For read-change-write sequences such as adding one entry to a list.
+    bool updateObject(const std::string& key,
+                      const std::function<void(std::optional<VkPlist>&)>& change);
 
     // Where an unreadable defaults file was moved, if that happened (empty otherwise).
     std::string quarantinedCopy() const;
 
   private:
-    void refreshLocked();
+    void refreshLocked(bool force = false);
     bool saveLocked();
 
     std::string path_;

@@ -1,9 +1,11 @@
 #include "remediation/VkKillTorjans.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <unistd.h>
 
+#include "platform/VkContainedFs.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkMainQueue.h"
 
@@ -39,11 +41,12 @@ std::string VkKillTorjans::refusalOfDeleteEntry(const std::string& folder,
                                                 const std::string& name) {
     if (folder.empty())
         return "refusing a removal entry without a folder";
-    // A name of "" or "/" would make the entry name the folder itself.
-    if (VkFile::components(name).empty())
-        return "refusing a removal entry without a file name";
     if (hasDotDotComponent(folder) || hasDotDotComponent(name))
         return "refusing a removal entry with a \"..\" component";
+    // A name of "", "/", "." or "./" would make the entry name the folder itself.
+    auto nameParts = VkContainedFs::normalise("/" + name);
+    if (!nameParts || nameParts->empty())
+        return "refusing a removal entry without a file name";
     return "";
 }
 
@@ -223,9 +226,11 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
                     // Names are read afresh for every entry; with few "k" entries that is
                     // cheap, so no name cache is kept.
                     std::vector<int32_t> matches;
+                    // The kernel's short name is cut (15 bytes on Linux): the executable's
+                    // own name counts as well, so a long name still finds its process.
                     for (int32_t pid : *pids) {
-                        auto processName = context_->processList->processName(pid);
-                        if (processName && *processName == name)
+                        auto names = context_->processList->processNames(pid);
+                        if (std::find(names.begin(), names.end(), name) != names.end())
                             matches.push_back(pid);
                     }
                     for (int32_t pid : matches) {

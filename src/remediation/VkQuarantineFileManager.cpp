@@ -4,6 +4,8 @@
 #include <ctime>
 #include <sys/stat.h>
 
+#include "platform/VkContainedFs.h"
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -39,14 +41,85 @@ VkQuarantineFileManager::VkQuarantineFileManager(std::shared_ptr<VkContext> cont
     if (::lstat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 07777) != 0700)
         ::chmod(folder.c_str(), 0700);
 
+    reload();
+}
+
+void VkQuarantineFileManager::reload() {
+    VkFileLock lock(infoListPath());
+    if (reloadLocked())
+        writeLocked();
+}
+
+bool VkQuarantineFileManager::isReservedName(const std::string& name) const {
+    // The list, its lock and the temporary files of its writers.
+    return name.rfind("info.list", 0) == 0 || name.rfind(".info.list", 0) == 0;
+}
+
+bool VkQuarantineFileManager::reloadLocked(bool keepHeld) {
+    VkFileLock::removeStaleTemporaries(infoListPath());
+    ItemList onDisk;
     auto list = VkPlist::readFile(infoListPath(), 64u << 20);
     if (list && list->asArray()) {
         for (const auto& element : *list->asArray()) {
-            if (!element.isDictionary())
-                continue;
-            quarantineItemArray_.push_back(std::make_shared<VkQuarantineFileItem>(element));
+            if (element.isDictionary())
+                onDisk.push_back(std::make_shared<VkQuarantineFileItem>(element));
         }
     }
+    bool changed = false;
+    // Settle the journal: a pending record whose file is in the folder was moved in; one
+    // whose file is not never was (the file is still where it was found).
+    std::erase_if(onDisk, [&](const std::shared_ptr<VkQuarantineFileItem>& record) {
+        if (!record->pending())
+            return false;
+        changed = true;
+        if (record->filePath() && holdsFile(*record->filePath()) &&
+            VkFile::existsNoFollow(*record->filePath())) {
+            record->setPending(false);
+            return false;
+        }
+        return true;
+    });
+    // Files that lie in the folder with no record get one.
+    if (auto names = VkFile::listDirectory(quarantineFolder())) {
+        for (const auto& name : *names) {
+            if (isReservedName(name))
+                continue;
+            std::string path = VkFile::join(quarantineFolder(), name);
+            bool recorded = std::any_of(onDisk.begin(), onDisk.end(), [&](const auto& record) {
+                return record->filePath() == path;
+            });
+            if (recorded)
+                continue;
+            struct stat st {};
+            if (::lstat(path.c_str(), &st) != 0)
+                continue;
+            auto record = std::make_shared<VkQuarantineFileItem>();
+            record->setFilePath(path);
+            record->setFileSize(static_cast<uint64_t>(st.st_size));
+            record->setFoundOnReconcile(true);
+            onDisk.push_back(record);
+            changed = true;
+        }
+    }
+    // Keep the objects (and the order) that callers already hold; take the rest as read.
+    ItemList merged;
+    merged.reserve(onDisk.size());
+    auto sameFile = [](const auto& a, const auto& b) { return a->filePath() == b->filePath(); };
+    for (const auto& held : quarantineItemArray_) {
+        auto found = std::find_if(onDisk.begin(), onDisk.end(),
+                                  [&](const auto& record) { return sameFile(held, record); });
+        if (found == onDisk.end()) {
+            if (keepHeld)
+                merged.push_back(held);
+            continue;
+        }
+        *held = **found;
+        merged.push_back(held);
+        onDisk.erase(found);
+    }
+    merged.insert(merged.end(), onDisk.begin(), onDisk.end());
+    quarantineItemArray_ = std::move(merged);
+    return changed;
 }
 
 std::shared_ptr<VkQuarantineFileManager> VkQuarantineFileManager::shareManager() {
@@ -71,8 +144,10 @@ std::string VkQuarantineFileManager::candidatePathFor(const std::string& origina
     std::string name = base;
     for (int n = 0;; ++n) {
         // A name without an extension gets no trailing ".".
-        std::string candidate = VkFile::join(folder, ext.empty() ? name : name + "." + ext);
-        if (!VkFile::existsNoFollow(candidate))
+        std::string file = ext.empty() ? name : name + "." + ext;
+        std::string candidate = VkFile::join(folder, file);
+        // The list's own names are always taken, whether or not the list exists yet.
+        if (!isReservedName(file) && !VkFile::existsNoFollow(candidate))
             return candidate;
         // Rebuilt from the base each time, with the time read afresh on every pass.
         std::string time = fileNameTime(context_->clock->now());
@@ -83,13 +158,22 @@ std::string VkQuarantineFileManager::candidatePathFor(const std::string& origina
 bool VkQuarantineFileManager::addItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
     if (!item || !item->originalPath())
         return false;
+    VkFileLock lock(infoListPath());
+    reloadLocked();
     std::string candidate = candidatePathFor(*item->originalPath());
-    if (!context_->coreFunction->moveFileItem(*item->originalPath(), candidate))
-        return false;
     item->setFilePath(candidate);
+    // The record reaches the disk before the file moves: a writer killed in between
+    // leaves a pending record that the next load settles, never a file without a record.
+    item->setPending(true);
     quarantineItemArray_.push_back(item);
-    saveQuarantineInfoList();
-    return true;
+    writeLocked();
+    bool moved = context_->coreFunction->moveFileItem(*item->originalPath(), candidate);
+    if (moved)
+        item->setPending(false);
+    else
+        std::erase(quarantineItemArray_, item);
+    writeLocked();
+    return moved;
 }
 
 bool VkQuarantineFileManager::holdsFile(const std::string& path) const {
@@ -98,44 +182,64 @@ bool VkQuarantineFileManager::holdsFile(const std::string& path) const {
             return false;
     }
     std::string name = VkFile::lastPathComponent(path);
-    return !name.empty() && name != "." && name != "info.list" &&
+    return !name.empty() && name != "." && !isReservedName(name) &&
            VkFile::deletingLastPathComponent(path) == quarantineFolder();
 }
 
 bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
-    if (!item || !item->filePath() || !item->originalPath())
+    if (!item)
         return false;
-    // "info.list" is plain text in the user's folder: a record naming a file elsewhere is
-    // never acted on.
-    if (!holdsFile(*item->filePath()))
-        return false;
-    if (!context_->coreFunction->moveFileItem(*item->filePath(), *item->originalPath())) {
+    VkFileLock lock(infoListPath());
+    reloadLocked();
+    // Another process may have restored or deleted it meanwhile.
+    if (std::find(quarantineItemArray_.begin(), quarantineItemArray_.end(), item) ==
+        quarantineItemArray_.end()) {
         return false;
     }
+    // "info.list" is plain text in the user's folder: a record naming a file elsewhere is
+    // never acted on. The original place is reached without following any link.
+    if (!item->filePath() || !item->originalPath() || item->originalPath()->empty() ||
+        !holdsFile(*item->filePath())) {
+        return false;
+    }
+    if (!context_->coreFunction->moveFileItem(*item->filePath(), *item->originalPath()))
+        return false;
     std::erase(quarantineItemArray_, item);
-    saveQuarantineInfoList();
+    writeLocked();
     return true;
 }
 
 bool VkQuarantineFileManager::removeItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
     if (!item)
         return false;
+    VkFileLock lock(infoListPath());
+    reloadLocked();
     std::erase(quarantineItemArray_, item);
     bool removed = false;
     if (item->filePath() && holdsFile(*item->filePath())) {
-        auto outcome = context_->coreFunction->startClean({*item->filePath()}, false, nullptr);
-        removed = !outcome.empty() && outcome[0].removed;
+        // Deleted inside our own folder, never through a link.
+        VkContainedFs folder(quarantineFolder());
+        if (auto entry = folder.openParent(*item->filePath()))
+            removed = VkContainedFs::removeEntry(*entry, true).ok();
     }
-    saveQuarantineInfoList();
+    writeLocked();
     return removed;
 }
 
 void VkQuarantineFileManager::removeAllItem() {
+    VkFileLock lock(infoListPath());
+    reloadLocked();
     quarantineItemArray_.clear();
-    saveQuarantineInfoList();
+    writeLocked();
 }
 
 bool VkQuarantineFileManager::saveQuarantineInfoList() {
+    VkFileLock lock(infoListPath());
+    reloadLocked(true);
+    return writeLocked();
+}
+
+bool VkQuarantineFileManager::writeLocked() {
     VkPlist::Array list;
     list.reserve(quarantineItemArray_.size());
     for (const auto& item : quarantineItemArray_)

@@ -8,13 +8,16 @@
 #include "remediation/VkQuarantineFileItem.h"
 
 // The quarantine: detected files moved into one folder of the user's, with the list of
-// them in "info.list" beside them. Used from one thread at a time.
+// them in "info.list" beside them. Every change reloads the list under a lock beside it,
+// changes it and writes it, so two processes (the panel and the command line) never lose
+// each other's records; a record is written before its file is moved in, so a writer
+// killed between the move and the save never leaves a file without a record.
 class VkQuarantineFileManager {
   public:
     using ItemList = std::vector<std::shared_ptr<VkQuarantineFileItem>>;
 
     // Prepares the folder (created without parents, readable only by its owner) and loads
-    // the list.
+    // the list, reconciling it with the folder (see reload).
     explicit VkQuarantineFileManager(std::shared_ptr<VkContext> context);
 
     // The process-wide store on the default context.
@@ -33,8 +36,14 @@ class VkQuarantineFileManager {
     bool removeItem(const std::shared_ptr<VkQuarantineFileItem>& item);
     // Forgets every record; the files themselves stay in the folder.
     void removeAllItem();
-    // Writes the list to "info.list" (temporary file, then rename).
+    // Writes the list to "info.list" (temporary file, then rename), merged under the lock
+    // with what other processes wrote meanwhile.
     bool saveQuarantineInfoList();
+    // Reads "info.list" again and reconciles it with the folder: a record whose move never
+    // happened is dropped, a file without a record gets one (marked found on reconcile),
+    // temporary files of killed writers are removed. Records already held keep their
+    // objects and their order.
+    void reload();
 
     std::string quarantineFolder() const;
     std::string infoListPath() const;
@@ -44,6 +53,14 @@ class VkQuarantineFileManager {
     bool holdsFile(const std::string& path) const;
 
   private:
+    // Under the lock: merge the list on disk into the live list, reconcile, and say
+    // whether the result differs from the file. Records held but not on disk are dropped
+    // (another process restored or deleted them) unless keepHeld says they are ours to
+    // write.
+    bool reloadLocked(bool keepHeld = false);
+    bool writeLocked();
+    bool isReservedName(const std::string& name) const;
+
     std::shared_ptr<VkContext> context_;
     ItemList quarantineItemArray_;
 };

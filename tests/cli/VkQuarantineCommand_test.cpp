@@ -43,7 +43,7 @@ class VkQuarantineCommandTest : public ::testing::Test {
     // Quarantines a new file through the store, as a scan's clean step does.
     std::string quarantine(const std::string& relative, const std::string& bytes,
                            const char* trojanName) {
-        std::string path = dir.write(relative, bytes);
+        std::string path = dir.write("root/" + relative, bytes);
         VkQuarantineFileManager store(ctx);
         auto item = std::make_shared<VkQuarantineFileItem>();
         item->setOriginalPath(path);
@@ -124,7 +124,7 @@ TEST_F(VkQuarantineCommandTest, DeleteRemovesFilesForGoodAndRestoreReportsAnOccu
     EXPECT_FALSE(fs::exists(first));
 
     // Something new lies where the file came from: the restore fails and says why.
-    dir.write("home/b.bin", "new");
+    dir.write("root/home/b.bin", "new");
     CliRun restore = vksecurity({"--json", "quarantine", "restore", "1"});
     EXPECT_EQ(restore.code, 2);
     nlohmann::json answers = nlohmann::json::parse(restore.out);

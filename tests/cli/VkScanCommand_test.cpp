@@ -24,11 +24,12 @@ class VkScanCommandTest : public ::testing::Test {
         vkWriteSignatureDatabase(dir / "data/test.sql", "test", "1.0",
                                  {{"Test.Alpha", "alpha-synthetic-sample", {}},
                                   {"Test.Beta", std::string(2 * 1024 * 1024, 'b'), {}}});
-        tree = dir.mkdir("tree");
-        alpha = dir.write("tree/docs/alpha.bin", "alpha-synthetic-sample");
-        beta = dir.write("tree/deep/er/beta.img", std::string(2 * 1024 * 1024, 'b'));
-        dir.write("tree/docs/clean.txt", "alpha-synthetic-sampl3");
-        dir.write("tree/empty", "");
+        // Inside the inspected system: removal never reaches outside it.
+        tree = dir.mkdir("root/tree");
+        alpha = dir.write("root/tree/docs/alpha.bin", "alpha-synthetic-sample");
+        beta = dir.write("root/tree/deep/er/beta.img", std::string(2 * 1024 * 1024, 'b'));
+        dir.write("root/tree/docs/clean.txt", "alpha-synthetic-sampl3");
+        dir.write("root/tree/empty", "");
     }
     VkProgramOutput run(std::vector<std::string> args) {
         args.insert(args.begin(), {"--data-dir", dir / "data"});
@@ -53,7 +54,7 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAndExitsOne) {
 }
 
 TEST_F(VkScanCommandTest, CleanFolderExitsZeroAndErrorsExitTwo) {
-    auto clean = run({"scan", dir / "tree/docs/clean.txt"});
+    auto clean = run({"scan", dir / "root/tree/docs/clean.txt"});
     EXPECT_EQ(clean.exitCode, 0) << clean.out << clean.err;
     EXPECT_NE(clean.out.find("Findings:      0"), std::string::npos);
 
@@ -96,13 +97,13 @@ TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {
 }
 
 TEST_F(VkScanCommandTest, TrustThenRescanIsCleanAndTheHistoryShowsBothScans) {
-    auto first = run({"scan", "--trust", dir / "tree/docs"});
+    auto first = run({"scan", "--trust", dir / "root/tree/docs"});
     EXPECT_EQ(first.exitCode, 1) << first.err;
     EXPECT_NE(first.out.find(alpha + ": trusted"), std::string::npos) << first.out;
     auto listed = run({"trust", "list"});
     EXPECT_NE(listed.out.find(alpha), std::string::npos) << listed.out;
 
-    auto again = run({"scan", dir / "tree/docs"});
+    auto again = run({"scan", dir / "root/tree/docs"});
     EXPECT_EQ(again.exitCode, 0) << again.out;
 
     auto logs = run({"--json", "logs"});
@@ -117,13 +118,13 @@ TEST_F(VkScanCommandTest, TrustThenRescanIsCleanAndTheHistoryShowsBothScans) {
 
     EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 0);
     EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 2);
-    EXPECT_EQ(run({"scan", dir / "tree/docs"}).exitCode, 1)
+    EXPECT_EQ(run({"scan", dir / "root/tree/docs"}).exitCode, 1)
         << "detected again once no longer trusted";
 }
 
 TEST_F(VkScanCommandTest, QuarantineAndRestoreBringTheFileBackByteForByte) {
     std::string original = *VkFile::readAll(beta);
-    auto r = run({"scan", "--quarantine", dir / "tree/deep"});
+    auto r = run({"scan", "--quarantine", dir / "root/tree/deep"});
     EXPECT_EQ(r.exitCode, 1) << r.err;
     EXPECT_NE(r.out.find(beta + ": quarantined"), std::string::npos) << r.out;
     EXPECT_FALSE(VkFile::existsNoFollow(beta));
@@ -135,11 +136,11 @@ TEST_F(VkScanCommandTest, QuarantineAndRestoreBringTheFileBackByteForByte) {
 }
 
 TEST_F(VkScanCommandTest, RemoveDeletesTheFindingsAndLogsTheRemoval) {
-    auto r = run({"scan", "--remove", dir / "tree/docs"});
+    auto r = run({"scan", "--remove", dir / "root/tree/docs"});
     EXPECT_EQ(r.exitCode, 1) << r.err << r.out;
     EXPECT_NE(r.out.find(alpha + ": removed"), std::string::npos) << r.out;
     EXPECT_FALSE(VkFile::existsNoFollow(alpha));
-    EXPECT_TRUE(VkFile::existsNoFollow(dir / "tree/docs/clean.txt"));
+    EXPECT_TRUE(VkFile::existsNoFollow(dir / "root/tree/docs/clean.txt"));
     auto logs = nlohmann::json::parse(run({"--json", "logs"}).out);
     ASSERT_EQ(logs.size(), 1u);
     EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");

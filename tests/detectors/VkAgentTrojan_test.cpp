@@ -277,9 +277,10 @@ TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
     auto calls = core->calls();
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[0].op, "systemCommand");
-    EXPECT_EQ(calls[0].args, Paths{"launchctl unsetenv DYLD_INSERT_LIBRARIES"});
+    EXPECT_EQ(calls[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
     EXPECT_EQ(calls[1].op, "startClean");
     EXPECT_EQ(calls[1].args, (Paths{legion, logind, legion, logind, agent}));
+    EXPECT_EQ(calls[1].scope, VkCleanScope::filesOnly) << "never a folder a launch item names";
 
     // The lists are kept: a second remove acts on the same paths again.
     detector.remove();

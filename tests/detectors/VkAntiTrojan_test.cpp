@@ -125,9 +125,9 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     anti.remove();
     auto recorded = core->calls();
     ASSERT_EQ(recorded.size(), 4u);
-    EXPECT_EQ(recorded[0].args, Paths{"launchctl unsetenv DYLD_INSERT_LIBRARIES"});
+    EXPECT_EQ(recorded[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
     EXPECT_EQ(recorded[1].args, Paths{agentPlist});
-    EXPECT_EQ(recorded[2].args, Paths{"launchctl unsetenv DYLD_INSERT_LIBRARIES"});
+    EXPECT_EQ(recorded[2].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
     EXPECT_EQ(recorded[3].op, "startClean");
     EXPECT_EQ(recorded[3].args, Paths{conf});
 

@@ -34,7 +34,7 @@ class VkFakeMacTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         ctx->coreFunction = core;
         pacing = std::make_shared<VkRecordingPacing>();
         ctx->pacing = pacing;

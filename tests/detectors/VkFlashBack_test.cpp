@@ -246,14 +246,15 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
 
     auto calls = core->calls();
     ASSERT_EQ(calls.size(), 5u);
-    EXPECT_EQ(calls[0].args, Paths{"launchctl unsetenv DYLD_INSERT_LIBRARIES"});
+    EXPECT_EQ(calls[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
     EXPECT_EQ(calls[1].op, "systemCommand");
-    EXPECT_EQ(calls[1].args, Paths{"launchctl unload " + item});
+    EXPECT_EQ(calls[1].args, (Paths{"launchctl", "unload", item})) << "one argument, no shell";
     EXPECT_EQ(calls[2].op, "fixPlistFile");
     EXPECT_EQ(calls[2].args, (Paths{safari, "LSEnvironment"}));
     EXPECT_EQ(calls[3].op, "fixPlistFile");
     EXPECT_EQ(calls[3].args, (Paths{env, "DYLD_INSERT_LIBRARIES"}));
     EXPECT_EQ(calls[4].op, "startClean");
+    EXPECT_EQ(calls[4].scope, VkCleanScope::filesOnly);
     EXPECT_EQ(calls[4].args, (Paths{databases[0], databases[1], item, onDisk("/Library/x.dylib"),
                                     onDisk("/Library/y.dylib"), onDisk("/opt/.x")}));
     auto lines = logLines();

@@ -26,7 +26,7 @@ class VkTorjanCenterTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         ctx->pacing = std::make_shared<VkQuietPacing>();
-        auto core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        auto core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performMoves(true);
         ctx->coreFunction = core;
         VkFile::createDirectory(ctx->dataFolder, true);
@@ -52,7 +52,7 @@ class VkTorjanCenterTest : public ::testing::Test {
 };
 
 TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
-    std::string file = dir.write("home/sample.bin", kSample);
+    std::string file = dir.write("root/home/sample.bin", kSample);
     auto found = scan(file);
     ASSERT_EQ(found.size(), 1u);
     center->addTrustFile(found[0]);
@@ -60,7 +60,7 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
 
     std::string changed = kSample;
     changed[3] ^= 1;
-    dir.write("home/sample.bin", changed);
+    dir.write("root/home/sample.bin", changed);
     vkWriteSignatureDatabase(ctx->dataPath("more.sql"), "more", "1.0",
                              {{"Test.Changed", changed, {}}});
     EXPECT_EQ(scan(file).size(), 1u) << "a changed file is detected again";
@@ -76,7 +76,7 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
 
 TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
     EXPECT_TRUE(center->ecryptTrustFileArray().empty());
-    std::string file = dir.write("home/a.bin", kSample);
+    std::string file = dir.write("root/home/a.bin", kSample);
     auto r = scan(file)[0];
     center->addTrustFile(r);
     center->addTrustFile(r);
@@ -96,7 +96,7 @@ TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
 
 TEST_F(VkTorjanCenterTest, EntryStopsAtTheFirstMissingValue) {
     auto r = std::make_shared<VkTorjanResultItems>();
-    r->setPath(dir.write("home/x.bin", "x"));
+    r->setPath(dir.write("root/home/x.bin", "x"));
     r->setTorjanName(std::string(""));  // the empty text enciphers to nothing
     r->setHashCode(std::string("abc"));
     center->addTrustFile(r);
@@ -109,14 +109,14 @@ TEST_F(VkTorjanCenterTest, EntryStopsAtTheFirstMissingValue) {
 }
 
 TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {
-    std::string file = dir.write("home/q.bin", kSample);
+    std::string file = dir.write("root/home/q.bin", kSample);
     auto r = scan(file)[0];
     EXPECT_TRUE(center->addQuarantineItem(r));
     EXPECT_FALSE(fs::exists(file));
     auto special = std::make_shared<VkTorjanResultItems>();
     special->setSpec(true);
     special->setTorjanName(std::string("OSX/Flashback"));
-    special->setPath(dir.write("home/agent.plist", "<plist/>"));
+    special->setPath(dir.write("root/home/agent.plist", "<plist/>"));
     EXPECT_TRUE(center->addQuarantineItem(special));
     auto& items = center->quarantine().allQuarantineItems();
     ASSERT_EQ(items.size(), 2u);
@@ -130,7 +130,7 @@ TEST_F(VkTorjanCenterTest, FullAndCustomScansApplyStagedDatabasesFirst) {
     VkFile::createDirectory(ctx->dataPath("temp"), true);
     vkWriteSignatureDatabase(ctx->dataPath("temp/staged.sql"), "staged", "2.0",
                              {{"Test.Staged", fresh, {}}});
-    std::string file = dir.write("home/new.bin", fresh);
+    std::string file = dir.write("root/home/new.bin", fresh);
     auto found = scan(file);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0]->torjanItem()->name(), "Test.Staged");

@@ -5,16 +5,17 @@ void VkRecordingCoreFunction::record(Call call) {
     calls_.push_back(std::move(call));
 }
 
-bool VkRecordingCoreFunction::systemCommand(const std::string& command) {
-    record({"systemCommand", {command}});
+bool VkRecordingCoreFunction::systemCommand(const std::vector<std::string>& arguments) {
+    record({"systemCommand", arguments});
     return true;
 }
 
 std::vector<VkCleanOutcome> VkRecordingCoreFunction::startClean(
-    const std::vector<std::string>& paths, bool cutBinary, VkCleanDelegate* delegate) {
-    record({"startClean", paths});
+    const std::vector<std::string>& paths, bool cutBinary, VkCleanDelegate* delegate,
+    VkCleanScope scope) {
+    record({"startClean", paths, scope});
     if (performDeletes_)
-        return real_.startClean(paths, cutBinary, delegate);
+        return real_.startClean(paths, cutBinary, delegate, scope);
     std::vector<VkCleanOutcome> out;
     for (const auto& p : paths)
         out.push_back({p, true, ""});

@@ -13,14 +13,18 @@ class VkRecordingCoreFunction : public VkCoreFunction {
   public:
     struct Call {
         std::string op;                 // "systemCommand", "startClean", "fixPlistFile", ...
-        std::vector<std::string> args;  // command / paths / path + key / pid / from + to
+        std::vector<std::string> args;  // argument vector / paths / path + key / pid / from + to
+        VkCleanScope scope = VkCleanScope::filesAndFolders;  // startClean only
     };
 
-    explicit VkRecordingCoreFunction(std::string systemRoot = "/") : real_(std::move(systemRoot)) {}
+    explicit VkRecordingCoreFunction(std::string systemRoot = "/", std::string dataFolder = "")
+        : real_(std::move(systemRoot), std::move(dataFolder)) {}
 
-    bool systemCommand(const std::string& command) override;
+    using VkCoreFunction::startClean;
+    bool systemCommand(const std::vector<std::string>& arguments) override;
     std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
-                                           VkCleanDelegate* delegate) override;
+                                           VkCleanDelegate* delegate,
+                                           VkCleanScope scope) override;
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
     bool killProcessByID(int32_t pid) override;
     bool moveFileItem(const std::string& from, const std::string& to) override;

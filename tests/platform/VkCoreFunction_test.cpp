@@ -1,6 +1,7 @@
 #include "platform/VkCoreFunction.h"
 
 #include <filesystem>
+#include <set>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,28 +21,61 @@ class VkCoreFunctionTest : public ::testing::Test {
   protected:
     VkTempDir dir;
     std::string root = dir.mkdir("root");
-    VkSystemCoreFunction core{root};
+    std::string data = dir.mkdir("data");
+    VkSystemCoreFunction core{root, data, "/Users/x"};
 
-    bool cleanOne(const std::string& path) {
-        auto out = core.startClean({path}, false, nullptr);
+    bool cleanOne(const std::string& path, VkCleanScope scope = VkCleanScope::filesAndFolders) {
+        auto out = core.startClean({path}, false, nullptr, scope);
         return out.size() == 1 && out[0].removed;
+    }
+    // Every path below the temporary folder, links not followed.
+    std::set<std::string> everything() {
+        std::set<std::string> out;
+        for (auto& e : fs::recursive_directory_iterator(dir.path()))
+            out.insert(e.path().string());
+        return out;
     }
 };
 
-TEST_F(VkCoreFunctionTest, RefusesDangerousPathsAndDeletesNothing) {
-    dir.write("root/Library/keep.txt", "x");
-    dir.mkdir("root/Users/bob");
-    for (const std::string& p :
-         {std::string(), std::string("/"), root, root + "/", root + "/Library",
-          root + "/Library/../Library/keep.txt", root + "/Users/bob", std::string("relative/path"),
-          std::string("/usr"), std::string("/etc"), root + "/usr/lib"}) {
-        auto out = core.startClean({p}, false, nullptr);
+TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched) {
+    dir.write("root/etc/passwd", "x");
+    dir.write("root/Users/x/Documents/doc.txt", "x");
+    dir.write("root/Library/Data/keep.txt", "x");
+    dir.mkdir("root/usr/lib");
+    dir.write("outside/precious", "x");
+    dir.write("data/VkTrojanDB.sql", "x");
+    // A link in the middle of a path, and the inspected system's own folder as a link.
+    fs::create_directory_symlink(dir / "outside", root + "/Library/lnk");
+    fs::create_directory_symlink(dir / "outside", root + "/Users/x/Library");
+    const std::set<std::string> before = everything();
+    const std::string table[] = {
+        root + "/.",
+        root + "/./",
+        root + "/Users/x/.",  // "~/." as a launch item's hidden program
+        root,
+        root + "/etc",
+        root + "/etc/.",
+        root + "/Users/x",
+        root + "/Users/x/Documents",
+        root + "/Library/..",
+        root + "/Library/Data/../Data/keep.txt",
+        root + "/Library/lnk/precious",
+        root + "/Users/x/Library/precious",
+        root + "/usr/lib",
+        root + "/Library/Nothing/here",
+        data + "/VkTrojanDB.sql",
+        data,
+        dir / "outside/precious",
+        "",
+        "relative/path",
+    };
+    for (const std::string& path : table) {
+        auto out = core.startClean({path}, false, nullptr);
         ASSERT_EQ(out.size(), 1u);
-        EXPECT_FALSE(out[0].removed) << "'" << p << "' was deleted";
-        EXPECT_FALSE(out[0].reason.empty()) << p;
+        EXPECT_FALSE(out[0].removed) << "'" << path << "' was deleted";
+        EXPECT_FALSE(out[0].reason.empty()) << path;
     }
-    EXPECT_TRUE(fs::exists(root + "/Library/keep.txt"));
-    EXPECT_TRUE(fs::exists(root + "/Users/bob"));
+    EXPECT_EQ(everything(), before);
 }
 
 TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {
@@ -52,14 +86,17 @@ TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {
     std::string dirLink = root + "/Library/Foo/dirlink";
     fs::create_directory_symlink(root + "/Library/Data", dirLink);
     dir.write("root/Library/Bad/inner/payload", "x");
+    fs::create_directory_symlink(root + "/Library/Data", root + "/Library/Bad/inner/up");
+    std::string profile = dir.write("root/Users/x/.profile", "x");
 
     EXPECT_TRUE(cleanOne(link));
     EXPECT_TRUE(cleanOne(dirLink));
+    EXPECT_FALSE(cleanOne(root + "/Library/Bad", VkCleanScope::filesOnly));
     EXPECT_TRUE(cleanOne(root + "/Library/Bad"));
+    EXPECT_TRUE(cleanOne(profile)) << "a file directly in a home may go";
     EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
     EXPECT_FALSE(fs::exists(root + "/Library/Bad"));
     EXPECT_TRUE(fs::exists(target)) << "a link's target must survive";
-    EXPECT_FALSE(cleanOne(root + "/Library/Nothing/here"));
 }
 
 TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
@@ -91,15 +128,23 @@ TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
     EXPECT_FALSE(core.fixPlistFile(root + "/missing.plist", "x"));
 }
 
-TEST_F(VkCoreFunctionTest, MoveNeverOverwritesAndCreatesParents) {
-    std::string a = dir.write("a.txt", "A");
-    std::string b = dir.write("b.txt", "B");
+TEST_F(VkCoreFunctionTest, MovesNeverOverwriteNorFollowLinks) {
+    std::string a = dir.write("root/a.txt", "A");
+    std::string b = dir.write("root/b.txt", "B");
     EXPECT_FALSE(core.moveFileItem(a, b));
     EXPECT_EQ(*VkFile::readAll(b), "B");
-    EXPECT_TRUE(core.moveFileItem(a, dir / "deep/er/a.txt"));
-    EXPECT_EQ(*VkFile::readAll(dir / "deep/er/a.txt"), "A");
-    EXPECT_FALSE(fs::exists(a));
-    EXPECT_FALSE(core.moveFileItem(dir / "missing", dir / "z"));
+    EXPECT_TRUE(core.moveFileItem(a, data + "/q/a.txt"));
+    EXPECT_TRUE(core.moveFileItem(data + "/q/a.txt", root + "/deep/er/a.txt"));
+    EXPECT_EQ(*VkFile::readAll(root + "/deep/er/a.txt"), "A");
+    EXPECT_FALSE(core.moveFileItem(root + "/missing", root + "/z"));
+    // A restore whose original folder was swapped for a link writes nothing behind it.
+    dir.mkdir("rootonly");
+    fs::create_directory_symlink(dir / "rootonly", root + "/swapped");
+    std::string q = dir.write("data/q/c.txt", "C");
+    EXPECT_FALSE(core.moveFileItem(q, root + "/swapped/c.txt"));
+    EXPECT_TRUE(fs::is_empty(dir / "rootonly"));
+    EXPECT_TRUE(fs::exists(q));
+    EXPECT_FALSE(core.fixPlistFile(root + "/swapped/Info.plist", "LSEnvironment"));
 }
 
 TEST_F(VkCoreFunctionTest, KillEndsAChildButNeverInitOrItself) {
@@ -117,10 +162,15 @@ TEST_F(VkCoreFunctionTest, KillEndsAChildButNeverInitOrItself) {
     EXPECT_FALSE(core.killProcessByID(::getpid()));
 }
 
-TEST_F(VkCoreFunctionTest, SystemCommandReportsExitStatus) {
-    EXPECT_TRUE(core.systemCommand("true"));
-    EXPECT_FALSE(core.systemCommand("exit 3"));
-    EXPECT_FALSE(core.systemCommand("launchctl-that-does-not-exist unsetenv X 2>/dev/null"));
+TEST_F(VkCoreFunctionTest, SystemCommandRunsAProgramNeverAShell) {
+    EXPECT_TRUE(core.systemCommand({"true"}));
+    EXPECT_FALSE(core.systemCommand({"false"}));
+    EXPECT_FALSE(core.systemCommand({"launchctl-that-does-not-exist", "unsetenv", "X"}));
+    // A launch item's name as one argument: nothing in it is run.
+    std::string marker = dir / "PWNED";
+    EXPECT_TRUE(core.systemCommand({"echo", "x;touch " + marker + ";.plist"}));
+    EXPECT_TRUE(core.systemCommand({"/bin/echo", "$(touch " + marker + ")"}));
+    EXPECT_FALSE(fs::exists(marker));
 }
 
 }  // namespace

@@ -122,7 +122,7 @@ class VkKillTorjansTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performDeletes(true);
         ctx->coreFunction = core;
         processes = std::make_shared<FakeProcessList>();
@@ -198,7 +198,7 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
 }
 
 TEST_F(VkKillTorjansTest, NullDelegateDropsTheRequest) {
-    std::string file = dir.write("found/evil.bin", "x");
+    std::string file = dir.write("root/found/evil.bin", "x");
     VkKillTorjans killer(ctx, anti);
     killer.killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
     finish(killer);
@@ -208,7 +208,7 @@ TEST_F(VkKillTorjansTest, NullDelegateDropsTheRequest) {
 }
 
 TEST_F(VkKillTorjansTest, DeleteEntryDeletesTheJoinedInspectedPathNotTheResultsOwn) {
-    std::string own = dir.write("found/Foo.app", "payload");
+    std::string own = dir.write("root/found/Foo.app", "payload");
     std::string target = dir.write("root/Library/Foo/bar.plist", "<plist/>");
     std::string sibling = dir.write("root/Library/Foo/keep.plist", "<plist/>");
 
@@ -227,7 +227,7 @@ TEST_F(VkKillTorjansTest, DeleteEntryDeletesTheJoinedInspectedPathNotTheResultsO
 }
 
 TEST_F(VkKillTorjansTest, UnsafeDeleteEntriesAndUnknownCodesAreSkipped) {
-    std::string own = dir.write("found/Foo.app", "payload");
+    std::string own = dir.write("root/found/Foo.app", "payload");
     dir.write("root/Library/Foo/bar.plist", "<plist/>");
     dir.write("root/etc/passwd", "root:x:0:0");
     auto result = signatureResult(own, {{{"d", "/Library/Foo", ""},
@@ -263,8 +263,8 @@ TEST_F(VkKillTorjansTest, UnsafeDeleteEntriesAndUnknownCodesAreSkipped) {
 }
 
 TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
-    std::string a = dir.write("found/a.bin", "a");
-    std::string b = dir.write("found/b.bin", "b");
+    std::string a = dir.write("root/found/a.bin", "a");
+    std::string b = dir.write("root/found/b.bin", "b");
     VkKillTorjans killer(ctx, anti);
     VkKillReport report =
         killer.killTorjanItemAndWait({signatureResult(a, std::nullopt),
@@ -279,10 +279,10 @@ TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
 }
 
 TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterTheClean) {
-    std::string a = dir.write("found/a.bin", "a");
-    std::string b = dir.write("found/b.bin", "b");
-    std::string c = dir.write("found/c.bin", "c");
-    std::string s = dir.write("found/special.plist", "s");
+    std::string a = dir.write("root/found/a.bin", "a");
+    std::string b = dir.write("root/found/b.bin", "b");
+    std::string c = dir.write("root/found/c.bin", "c");
+    std::string s = dir.write("root/found/special.plist", "s");
     auto ra = signatureResult(a, std::nullopt);
     auto rs = specialResult(s);
     auto rb = signatureResult(b, std::nullopt);
@@ -314,7 +314,7 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
 
 TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
     processes->failListing = true;
-    std::string file = dir.write("found/a.bin", "a");
+    std::string file = dir.write("root/found/a.bin", "a");
     anti->antiAgentTrojan().addToBinFiles(dir.write("root/Library/LaunchAgents/x.plist", "x"));
 
     VkKillTorjans killer(ctx, anti);
@@ -335,7 +335,7 @@ TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
 TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     const int32_t self = static_cast<int32_t>(::getpid());
     processes->names = {{1, "Foo"}, {self, "Foo"}, {4242, "Foo"}, {4243, "FooAgent"}};
-    std::string own = dir.write("found/Foo", "x");
+    std::string own = dir.write("root/found/Foo", "x");
 
     VkKillTorjans killer(ctx, anti);
     VkKillReport report =
@@ -357,8 +357,8 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
 }
 
 TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
-    std::string a = dir.write("found/a.bin", "a");
-    std::string b = dir.write("found/b.bin", "b");
+    std::string a = dir.write("root/found/a.bin", "a");
+    std::string b = dir.write("root/found/b.bin", "b");
     auto second = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
     processes->close();
     {
@@ -387,7 +387,7 @@ class VkKillTorjansProcessTest : public VkKillTorjansTest {
     void SetUp() override {
         VkKillTorjansTest::SetUp();
         ctx->processList = std::make_shared<VkSystemProcessList>();
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performDeletes(true);
         core->performKills(true);
         ctx->coreFunction = core;
@@ -456,7 +456,7 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     ASSERT_GT(second, 0);
     ASSERT_GT(longer, 0);
     ASSERT_GT(shorter, 0);
-    std::string own = dir.write("found/" + name, "x");
+    std::string own = dir.write("root/found/" + name, "x");
 
     VkKillTorjans killer(ctx, anti);
     VkKillReport report =

@@ -19,7 +19,7 @@ class VkQuarantineTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         VkFile::createDirectory(ctx->dataFolder, true);
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performMoves(true);
         core->performDeletes(true);
         ctx->coreFunction = core;
@@ -59,11 +59,11 @@ TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
     EXPECT_EQ(st.st_mode & 0777, 0700u);
 
     std::string folder = store.quarantineFolder();
-    ASSERT_TRUE(store.addItem(item(dir.write("a/report.pdf", "one"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("b/report.pdf", "two"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("c/report.pdf", "three"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("d/README", "four"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("e/README", "five"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/a/report.pdf", "one"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/b/report.pdf", "two"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/c/report.pdf", "three"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/d/README", "four"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/e/README", "five"))));
     auto& items = store.allQuarantineItems();
     ASSERT_EQ(items.size(), 5u);
     std::string t = timeText();
@@ -73,18 +73,18 @@ TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
     EXPECT_EQ(*items[3]->filePath(), folder + "/README");
     EXPECT_EQ(*items[4]->filePath(), folder + "/README " + t);
     EXPECT_EQ(*VkFile::readAll(folder + "/report " + t + " 1.pdf"), "three");
-    EXPECT_FALSE(fs::exists(dir / "c/report.pdf"));
+    EXPECT_FALSE(fs::exists(dir / "root/c/report.pdf"));
 }
 
 TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
     {
         VkQuarantineFileManager store(ctx);
-        store.addItem(item(dir.write("x/evil.app", "payload")));
-        store.addItem(item(dir.write("y/agent.plist", "<plist/>"), nullptr));
+        store.addItem(item(dir.write("root/x/evil.app", "payload")));
+        store.addItem(item(dir.write("root/y/agent.plist", "<plist/>"), nullptr));
     }
     VkQuarantineFileManager again(ctx);
     ASSERT_EQ(again.allQuarantineItems().size(), 2u);
-    EXPECT_EQ(*again.allQuarantineItems()[0]->originalPath(), dir / "x/evil.app");
+    EXPECT_EQ(*again.allQuarantineItems()[0]->originalPath(), dir / "root/x/evil.app");
     EXPECT_EQ(again.allQuarantineItems()[0]->fileSize(), 7u);
     EXPECT_EQ(*again.allQuarantineItems()[1]->trojanName(), "");
     auto raw = VkPlist::contentsOfFile(again.infoListPath());
@@ -97,12 +97,12 @@ TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
 
 TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
     VkQuarantineFileManager store(ctx);
-    auto kept = item(dir.write("k/keep.bin", "k"));
+    auto kept = item(dir.write("root/k/keep.bin", "k"));
     ASSERT_TRUE(store.addItem(kept));
     std::string listBefore = *VkFile::readAll(store.infoListPath());
 
     core->failMoves(true);
-    std::string victim = dir.write("v/victim.bin", "v");
+    std::string victim = dir.write("root/v/victim.bin", "v");
     EXPECT_FALSE(store.addItem(item(victim)));
     EXPECT_EQ(store.allQuarantineItems().size(), 1u);
     EXPECT_TRUE(fs::exists(victim));
@@ -113,10 +113,10 @@ TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
 
 TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
     VkQuarantineFileManager store(ctx);
-    std::string original = dir.write("home/doc.txt", "bytes\x01\x02");
+    std::string original = dir.write("root/home/doc.txt", "bytes\x01\x02");
     auto a = item(original);
-    auto b = item(dir.write("home/other.txt", "other"));
-    auto c = item(dir.write("home/third.txt", "third"));
+    auto b = item(dir.write("root/home/other.txt", "other"));
+    auto c = item(dir.write("root/home/third.txt", "third"));
     store.addItem(a);
     store.addItem(b);
     store.addItem(c);
@@ -138,13 +138,13 @@ TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
 }
 
 TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
-    std::string precious = dir.write("home/precious.txt", "keep me");
+    std::string precious = dir.write("root/home/precious.txt", "keep me");
     {
         // A list edited by hand (or by something else) to point elsewhere.
         VkQuarantineFileManager store(ctx);
         auto forged = std::make_shared<VkQuarantineFileItem>();
         forged->setFilePath(precious);
-        forged->setOriginalPath(dir / "elsewhere/precious.txt");
+        forged->setOriginalPath(dir / "root/elsewhere/precious.txt");
         forged->setTrojanName(std::string("OSX/Forged"));
         store.allQuarantineItems().push_back(forged);
         auto dotted = std::make_shared<VkQuarantineFileItem>(*forged);

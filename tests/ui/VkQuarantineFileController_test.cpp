@@ -21,7 +21,7 @@ class VkQuarantineFileControllerTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         VkFile::createDirectory(ctx->dataFolder, true);
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performMoves(true);
         core->performDeletes(true);
         ctx->coreFunction = core;
@@ -38,7 +38,7 @@ class VkQuarantineFileControllerTest : public ::testing::Test {
 
     void quarantine(const std::string& name, const char* trojan, size_t size) {
         auto q = std::make_shared<VkQuarantineFileItem>();
-        std::string path = dir.write(name, std::string(size, 'q'));
+        std::string path = dir.write("root/" + name, std::string(size, 'q'));
         q->setOriginalPath(path);
         q->setFilePath(path);
         q->setFileSize(size);
@@ -65,7 +65,7 @@ class VkQuarantineFileControllerTest : public ::testing::Test {
 TEST_F(VkQuarantineFileControllerTest, ListsByFileNameAndSortsTheStoresOwnList) {
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"agent.plist", "payload", "report.pdf"}));
     EXPECT_EQ(column(VkListColumn::filePath),
-              (Names{dir / "a/agent.plist", dir / "c/payload", dir / "b/report.pdf"}));
+              (Names{dir / "root/a/agent.plist", dir / "root/c/payload", dir / "root/b/report.pdf"}));
     EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
     EXPECT_EQ(*controller->iconPath(0), *store->allQuarantineItems()[0]->filePath());
@@ -114,11 +114,11 @@ TEST_F(VkQuarantineFileControllerTest, RestoreThatFailsKeepsTheRowAndTheCount) {
     controller->disFileQuarantine(0);
     EXPECT_EQ(controller->numberOfRows(), 3u);
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
-    EXPECT_FALSE(fs::exists(dir / "a/agent.plist"));
+    EXPECT_FALSE(fs::exists(dir / "root/a/agent.plist"));
 
     core->failMoves(false);
     controller->disFileQuarantine(0);
-    EXPECT_TRUE(fs::exists(dir / "a/agent.plist"));
+    EXPECT_TRUE(fs::exists(dir / "root/a/agent.plist"));
     EXPECT_EQ(view.texts["QuarantineFileText"], "2 in quarantine");
 }
 

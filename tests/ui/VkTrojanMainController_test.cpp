@@ -73,7 +73,7 @@ class VkTrojanMainControllerTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         ctx->pacing = std::make_shared<VkQuietPacing>();
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot);
+        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performMoves(true);
         core->performDeletes(true);
         ctx->coreFunction = core;
@@ -136,7 +136,7 @@ class VkTrojanMainControllerTest : public ::testing::Test {
     void endScan() { report(1.0f, std::nullopt); }
 
     std::shared_ptr<VkTorjanResultItems> found(const std::string& relative, uint64_t size = 0) {
-        std::string path = dir.write(relative, kSample);
+        std::string path = dir.write("root/" + relative, kSample);
         auto item = std::make_shared<VkTorjanResultItems>();
         item->setTorjanName(std::string("OSX/Panel.A"));
         item->setPath(path);
