@@ -51,8 +51,18 @@ void VkQuarantineFileManager::reload() {
 }
 
 bool VkQuarantineFileManager::isReservedName(const std::string& name) const {
-    // The list, its lock and the temporary files of its writers.
-    return name.rfind("info.list", 0) == 0 || name.rfind(".info.list", 0) == 0;
+    // The list, its lock and the temporary files of its writers (".info.list.tmp.PID.N").
+    if (name == "info.list" || name == "info.list.lock")
+        return true;
+    const std::string temp = ".info.list.tmp.";
+    if (name.rfind(temp, 0) != 0)
+        return false;
+    std::string rest = name.substr(temp.size());
+    size_t dot = rest.find('.');
+    auto digits = [](const std::string& s) {
+        return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+    };
+    return dot != std::string::npos && digits(rest.substr(0, dot)) && digits(rest.substr(dot + 1));
 }
 
 bool VkQuarantineFileManager::reloadLocked(bool keepHeld) {

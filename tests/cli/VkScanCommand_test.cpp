@@ -147,6 +147,21 @@ TEST_F(VkScanCommandTest, RemoveDeletesTheFindingsAndLogsTheRemoval) {
     EXPECT_EQ(run({"scan", "--remove", "--trust", tree}).exitCode, 2);
 }
 
+// A finding named like the quarantine's list, then a scan of a tree that holds the data
+// folder: the list survives and the quarantine is never taken into itself.
+TEST_F(VkScanCommandTest, QuarantineNeverTakesItsOwnFolderNorItsList) {
+    dir.write("root/tree/docs/info.list", "alpha-synthetic-sample");
+    auto first = run({"scan", "--quarantine", dir / "root/tree/docs"});
+    EXPECT_EQ(first.exitCode, 1) << first.err << first.out;
+    auto second = run({"scan", "--quarantine", dir.path()});
+    EXPECT_EQ(second.exitCode, 1) << second.err << second.out;
+    EXPECT_EQ(second.out.find(dir / "data"), std::string::npos) << second.out;
+    auto listed = nlohmann::json::parse(run({"quarantine", "list", "--json"}).out);
+    ASSERT_EQ(listed.size(), 3u) << listed.dump();
+    for (const auto& record : listed)
+        EXPECT_NE(record["originalPath"].get<std::string>().find(dir / "root/tree"), std::string::npos);
+}
+
 TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
     auto record = std::make_shared<VkFileMonLogsItem>();
     record->setFilePath(dir / "Downloads/setup.dmg");

@@ -1,5 +1,6 @@
 #include "detectors/VkAgentTrojan.h"
 
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -294,6 +295,21 @@ TEST_F(VkAgentTrojanTest, RemoveDoesNothingWhenNothingWasFound) {
     detector.remove();
     EXPECT_TRUE(core->calls().empty());
     EXPECT_TRUE(logLines().empty());
+}
+
+// The program folder swapped for a link out of the inspected system: the detector still
+// reports it, but removal never deletes through the link.
+TEST_F(VkAgentTrojanTest, RemovalNeverFollowsALinkOutOfTheInspectedSystem) {
+    core->performDeletes(true);
+    std::string plist = writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
+                                   launchItem("~/Library/mdsa1331/agent"));
+    std::string elsewhere = dir.write("elsewhere/agent", "precious");
+    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/mdsa1331"));
+    VkAgentTrojan detector(ctx);
+    ASSERT_EQ(scan(detector).count("OSX/DevilRobber.A"), 1u);
+    detector.remove();
+    EXPECT_FALSE(VkFile::existsNoFollow(plist));
+    EXPECT_EQ(*VkFile::readAll(elsewhere), "precious");
 }
 
 TEST_F(VkAgentTrojanTest, RemoveWithRealOperationsDeletesTheFilesOnDisk) {

@@ -263,6 +263,24 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
                      "[VkAnti] remove cstore: " + databases[1]}));
 }
 
+// A launch item naming the home itself ("~/.") as its hidden program, or a hidden program
+// behind a link: its own file goes, nothing it names outside of that does.
+TEST_F(VkFlashBackRemoveTest, HostileHiddenProgramsNeverTakeTheHomeOrALinksTarget) {
+    core->performDeletes(true);
+    std::string doc = writeFile("~/Documents/doc.txt", "mine");
+    std::string item = writePlist("~/Library/LaunchAgents/evil.plist",
+                                  launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})));
+    std::string target = dir.write("elsewhere/.hidden", "precious");
+    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/lnk"));
+    writePlist("/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden"));
+    VkFlashBack detector(ctx);
+    ASSERT_FALSE(scan(detector).empty());
+    detector.remove();
+    EXPECT_FALSE(VkFile::existsNoFollow(item));
+    EXPECT_EQ(*VkFile::readAll(doc), "mine");
+    EXPECT_EQ(*VkFile::readAll(target), "precious");
+}
+
 TEST_F(VkFlashBackRemoveTest, RemoveDoesNothingWhenNothingWasEverFound) {
     writeFile("/var/folders/ab/" + std::string(kCsstoreA), "db");
     VkFlashBack detector(ctx);

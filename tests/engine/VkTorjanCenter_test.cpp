@@ -1,6 +1,8 @@
 #include "engine/VkTorjanCenter.h"
 
 #include <filesystem>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -136,6 +138,31 @@ TEST_F(VkTorjanCenterTest, FullAndCustomScansApplyStagedDatabasesFirst) {
     EXPECT_EQ(found[0]->torjanItem()->name(), "Test.Staged");
     EXPECT_TRUE(fs::exists(ctx->dataPath("staged.sql")));
     EXPECT_FALSE(fs::exists(ctx->dataPath("temp/staged.sql")));
+}
+
+// Two processes trusting files at once (the panel and the command line): none is lost.
+TEST_F(VkTorjanCenterTest, TwoProcessesTrustingAtOnceLoseNoEntry) {
+    auto trustMany = [&](const std::string& prefix) {
+        for (int i = 0; i < 30; ++i) {
+            auto item = std::make_shared<VkTorjanResultItems>();
+            item->setPath(dir / (prefix + std::to_string(i)));
+            item->setTorjanName(std::string("OSX/Race"));
+            item->setHashCode(std::string("0123456789abcdef0123456789abcdef"));
+            center->addTrustFile(item);
+        }
+    };
+    pid_t child = ::fork();
+    if (child == 0) {
+        trustMany("child-");
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    trustMany("parent-");
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    VkUserDefaults fresh(ctx->defaultsFile);
+    EXPECT_EQ(fresh.arrayForKey("TrustFileKey").value_or(VkPlist::Array{}).size(), 60u);
 }
 
 }  // namespace

@@ -44,3 +44,14 @@ std::string VkTempDir::mkdir(const std::string& relative) const {
     std::filesystem::create_directories(p);
     return p.string();
 }
+
+std::map<std::string, uintmax_t> VkTempDir::snapshot() const {
+    std::map<std::string, uintmax_t> out;
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
+         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+        bool file = it->is_regular_file(ec) && !it->is_symlink(ec);
+        out[it->path().string()] = file ? it->file_size(ec) : 0;
+    }
+    return out;
+}

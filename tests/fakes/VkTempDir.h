@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 
 // A fresh folder under the system's temporary folder, removed with everything in it
@@ -18,6 +20,9 @@ class VkTempDir {
     std::string write(const std::string& relative, const std::string& contents) const;
     // Creates a folder (with parents) and returns its full path.
     std::string mkdir(const std::string& relative) const;
+    // Every path below the folder with its size (links listed, never followed), to show
+    // that an operation touched nothing.
+    std::map<std::string, uintmax_t> snapshot() const;
 
   private:
     std::string path_;

@@ -28,13 +28,6 @@ class VkCoreFunctionTest : public ::testing::Test {
         auto out = core.startClean({path}, false, nullptr, scope);
         return out.size() == 1 && out[0].removed;
     }
-    // Every path below the temporary folder, links not followed.
-    std::set<std::string> everything() {
-        std::set<std::string> out;
-        for (auto& e : fs::recursive_directory_iterator(dir.path()))
-            out.insert(e.path().string());
-        return out;
-    }
 };
 
 TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched) {
@@ -47,7 +40,7 @@ TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched)
     // A link in the middle of a path, and the inspected system's own folder as a link.
     fs::create_directory_symlink(dir / "outside", root + "/Library/lnk");
     fs::create_directory_symlink(dir / "outside", root + "/Users/x/Library");
-    const std::set<std::string> before = everything();
+    const auto before = dir.snapshot();
     const std::string table[] = {
         root + "/.",
         root + "/./",
@@ -75,7 +68,7 @@ TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched)
         EXPECT_FALSE(out[0].removed) << "'" << path << "' was deleted";
         EXPECT_FALSE(out[0].reason.empty()) << path;
     }
-    EXPECT_EQ(everything(), before);
+    EXPECT_EQ(dir.snapshot(), before);
 }
 
 TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {

@@ -262,6 +262,33 @@ TEST_F(VkKillTorjansTest, UnsafeDeleteEntriesAndUnknownCodesAreSkipped) {
     EXPECT_EQ(delegate->ends(), 1) << "delivered before killTorjanItemAndWait returned";
 }
 
+// Entries a crafted database (or an update) may carry: none deletes anything, each says why.
+TEST_F(VkKillTorjansTest, HostileDeleteEntriesTouchNothingAndSayWhy) {
+    std::string own = dir.write("root/found/evil.bin", "x");
+    dir.write("root/etc/passwd", "x");
+    dir.write("root/Users/tester/Documents/doc.txt", "x");
+    dir.write("root/Users/tester/.profile", "x");
+    dir.write("outside/precious", "x");
+    dir.mkdir("root/Library");
+    fs::create_directory_symlink(dir / "outside", dir / "root/Library/lnk");
+    const auto before = dir.snapshot();
+    const std::vector<std::vector<std::string>> entries = {
+        {"d", "/etc", "."},       {"d", "/etc", "./"},         {"d", "~", "."},
+        {"d", "~/", "./"},        {"d", "/", "etc"},           {"d", "/", "."},
+        {"d", "/Users", "tester"}, {"d", "~", "Documents"},    {"d", "/Library/lnk", "."},
+        {"d", "/Library/lnk", "precious"}, {"d", "/Library", "lnk/precious"},
+        {"d", "..", "etc"},       {"d", "/Library", "nothing-here"}};
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report = killer.killTorjanItemAndWait({signatureResult(own, entries)}, delegate);
+    EXPECT_EQ(dir.snapshot(), before);
+    ASSERT_EQ(report.outcomes.size(), 1u);
+    ASSERT_EQ(report.outcomes[0].deletions.size(), entries.size());
+    for (const auto& deletion : report.outcomes[0].deletions) {
+        EXPECT_FALSE(deletion.removed) << deletion.path;
+        EXPECT_FALSE(deletion.reason.empty()) << deletion.path;
+    }
+}
+
 TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
     std::string a = dir.write("root/found/a.bin", "a");
     std::string b = dir.write("root/found/b.bin", "b");
@@ -477,6 +504,37 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     EXPECT_TRUE(report.outcomes[0].kills[0].ended);
     EXPECT_TRUE(report.outcomes[0].kills[1].ended);
     EXPECT_EQ(delegate->ends(), 1);
+}
+
+// The kernel keeps 15 bytes of a name; the entry names the whole executable.
+TEST_F(VkKillTorjansProcessTest, KillEntryFindsAProcessByItsExecutablesLongName) {
+    std::string name = "LongTrojanAgent" + std::to_string(::getpid() % 100000);
+    ASSERT_GT(name.size(), 15u);
+    std::string program = dir / name;
+    fs::copy_file("/bin/sleep", program);
+    fs::permissions(program, fs::perms::owner_all);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    children_.push_back(pid);
+    // Wait until the new image runs (its exe link names the copy).
+    for (int i = 0; i < 500; ++i) {
+        auto names = VkSystemProcessList().processNames(pid);
+        if (std::find(names.begin(), names.end(), name) != names.end())
+            break;
+        ::usleep(10000);
+    }
+    std::string own = dir.write("root/found/agent", "x");
+    VkKillTorjans killer(ctx, anti);
+    VkKillReport report =
+        killer.killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
+    ASSERT_EQ(report.outcomes.size(), 1u);
+    ASSERT_EQ(report.outcomes[0].kills.size(), 1u);
+    EXPECT_EQ(report.outcomes[0].kills[0].pid, pid);
+    EXPECT_TRUE(ended(pid));
 }
 
 }  // namespace

@@ -2,6 +2,10 @@
 
 #include <ctime>
 #include <filesystem>
+#include <unistd.h>
+#include <sys/wait.h>
+#include <signal.h>
+#include <set>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -165,6 +169,88 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
     EXPECT_EQ(*VkFile::readAll(precious), "keep me");
     EXPECT_TRUE(core->callsOf("startClean").empty());
     EXPECT_TRUE(core->callsOf("moveFileItem").empty());
+}
+
+TEST_F(VkQuarantineTest, TheListsOwnNamesAreNeverGivenToAQuarantinedFile) {
+    VkQuarantineFileManager store(ctx);
+    ASSERT_TRUE(store.addItem(item(dir.write("root/x/info.list", "detected"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/y/info.list.lock", "detected"))));
+    VkQuarantineFileManager again(ctx);
+    ASSERT_EQ(again.allQuarantineItems().size(), 2u);
+    for (const auto& record : again.allQuarantineItems()) {
+        EXPECT_NE(*record->filePath(), again.infoListPath());
+        EXPECT_EQ(*VkFile::readAll(*record->filePath()), "detected");
+    }
+}
+
+// Quarantines `count` files named prefix<i> from root/<prefix>/, in order.
+void quarantineMany(std::shared_ptr<VkContext> ctx, const std::string& folder, int count) {
+    VkQuarantineFileManager store(ctx);
+    for (int i = 0; i < count; ++i) {
+        std::string path = folder + "/f" + std::to_string(i) + ".bin";
+        if (!VkFile::existsNoFollow(path))
+            continue;
+        auto q = std::make_shared<VkQuarantineFileItem>();
+        q->setOriginalPath(path);
+        q->setFileSize(1);
+        q->setTrojanName(std::string("OSX/Race"));
+        store.addItem(q);
+    }
+}
+
+// Two writers at once, then a writer killed at random moments: every quarantined file has
+// exactly one record, every file is somewhere, no temporary file is left behind.
+TEST_F(VkQuarantineTest, TwoWritersAndKilledWritersNeverOrphanAFile) {
+    constexpr int kEach = 30;
+    for (const char* who : {"a", "b", "k"}) {
+        for (int i = 0; i < kEach * (who[0] == 'k' ? 4 : 1); ++i)
+            dir.write(std::string("root/") + who + "/f" + std::to_string(i) + ".bin", "x");
+    }
+    pid_t child = ::fork();
+    if (child == 0) {
+        quarantineMany(ctx, dir / "root/a", kEach);
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    quarantineMany(ctx, dir / "root/b", kEach);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+
+    for (int round = 0; round < 40; ++round) {
+        pid_t writer = ::fork();
+        if (writer == 0) {
+            quarantineMany(ctx, dir / "root/k", kEach * 4);
+            ::_exit(0);
+        }
+        ASSERT_GT(writer, 0);
+        ::usleep(static_cast<useconds_t>(200 + (round * 997) % 3000));
+        ::kill(writer, SIGKILL);
+        ::waitpid(writer, nullptr, 0);
+    }
+
+    VkQuarantineFileManager store(ctx);
+    std::set<std::string> recorded;
+    for (const auto& record : store.allQuarantineItems()) {
+        EXPECT_FALSE(record->pending());
+        EXPECT_TRUE(recorded.insert(*record->filePath()).second) << "one record per file";
+    }
+    size_t inFolder = 0;
+    for (const auto& entry : fs::directory_iterator(store.quarantineFolder())) {
+        std::string name = entry.path().filename().string();
+        EXPECT_EQ(name.find(".tmp."), std::string::npos) << "left behind: " << name;
+        if (name == "info.list" || name == "info.list.lock")
+            continue;
+        ++inFolder;
+        EXPECT_TRUE(recorded.count(entry.path().string())) << "no record for " << name;
+    }
+    EXPECT_EQ(inFolder, recorded.size());
+    size_t leftInPlace = 0;
+    for (const char* who : {"root/a", "root/b", "root/k"})
+        leftInPlace += static_cast<size_t>(std::distance(fs::directory_iterator(dir / who),
+                                                         fs::directory_iterator()));
+    EXPECT_EQ(leftInPlace + inFolder, static_cast<size_t>(kEach * 6)) << "every file is somewhere";
+    EXPECT_EQ(leftInPlace, static_cast<size_t>(std::distance(fs::directory_iterator(dir / "root/k"),
+                                                             fs::directory_iterator())))
+        << "the two whole runs quarantined everything they were given";
 }
 
 }  // namespace
