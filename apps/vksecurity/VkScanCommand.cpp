@@ -221,21 +221,20 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
             std::string path = outcome.result->path().value_or("");
             bool ok = true;
             std::string reason;
-            if (outcome.special) {
-                ok = !outcome.specialFileRemains;
-                reason = "left in place by the built-in detector's clean-up";
-            }
+            // Every refusal and failure is named, each with its reason.
+            auto because = [&](const std::string& why) {
+                ok = false;
+                reason += (reason.empty() ? "" : "; ") + why;
+            };
             for (const auto& d : outcome.deletions) {
-                if (!d.removed) {
-                    ok = false;
-                    reason = d.path + ": " + d.reason;
-                }
+                if (!d.removed)
+                    because(d.path + ": " + d.reason);
             }
+            if (outcome.special && outcome.specialFileRemains && reason.empty())
+                because("left in place by the built-in detector's clean-up");
             for (const auto& k : outcome.kills) {
-                if (!k.ended) {
-                    ok = false;
-                    reason = "process " + std::to_string(k.pid) + " (" + k.name + "): " + k.reason;
-                }
+                if (!k.ended)
+                    because("process " + std::to_string(k.pid) + " (" + k.name + "): " + k.reason);
             }
             if (ok)
                 logs.addScanLogsItem(outcome.result, 0);

@@ -115,9 +115,9 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
     return result;
 }
 
-void VkAgentTrojan::remove() {
+std::vector<VkCleanOutcome> VkAgentTrojan::remove() {
     if (serviceFiles_.empty() && binFiles_.empty())
-        return;
+        return {};
     // The Flashback remover issues this too; both keep it.
     context_->coreFunction->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     std::vector<std::string> paths;
@@ -127,5 +127,5 @@ void VkAgentTrojan::remove() {
     // The lists stay as they are: everything found over the process's life is removed
     // again by every later remove.
     // Only the files and links found are deleted, never a folder a launch item names.
-    context_->coreFunction->startClean(paths, false, nullptr, VkCleanScope::filesOnly);
+    return context_->coreFunction->startClean(paths, false, nullptr, VkCleanScope::filesOnly);
 }

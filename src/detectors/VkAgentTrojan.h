@@ -8,6 +8,7 @@
 #include "detectors/VkSpecialResult.h"
 #include "platform/VkContext.h"
 #include "platform/VkPlist.h"
+#include "platform/VkCoreFunction.h"
 
 // Finds the persistent trojans that install a launch agent or daemon: a family counts as
 // present when its launch property list exists and names the expected program.
@@ -37,7 +38,8 @@ class VkAgentTrojan {
     VkSpecialResult scan(const VkDetectorProgress& progress);
     // Deletes everything recorded in all scans so far (property lists, then programs)
     // after unsetting the loader's insert variable; does nothing when nothing was found.
-    void remove();
+    // What became of each path deleted (refusals with their reasons).
+    std::vector<VkCleanOutcome> remove();
 
     // Program files found (no duplicates) and property lists found (one per hit).
     const std::vector<std::string>& binFiles() const { return binFiles_; }

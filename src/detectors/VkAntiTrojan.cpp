@@ -57,7 +57,9 @@ VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool need
     return merged;
 }
 
-void VkAntiTrojan::remove() {
-    antiAgentTrojan_.remove();
-    antiFlashback_.remove();
+std::vector<VkCleanOutcome> VkAntiTrojan::remove() {
+    std::vector<VkCleanOutcome> outcomes = antiAgentTrojan_.remove();
+    std::vector<VkCleanOutcome> flashback = antiFlashback_.remove();
+    outcomes.insert(outcomes.end(), flashback.begin(), flashback.end());
+    return outcomes;
 }

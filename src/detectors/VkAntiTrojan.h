@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "detectors/VkAgentTrojan.h"
 #include "detectors/VkFlashBack.h"
 #include "detectors/VkSpecialResult.h"
 #include "platform/VkContext.h"
+#include "platform/VkCoreFunction.h"
 
 // The single entry point to the built-in detectors: runs both in turn with one progress
 // range, optionally paced by short random pauses, and hands removal on to both.
@@ -28,7 +30,8 @@ class VkAntiTrojan {
     // when needDelay. Returns both results merged.
     VkSpecialResult scan(const VkDetectorProgress& progress, bool needDelay);
     // The launch-agent detector's remove, then the Flashback detector's.
-    void remove();
+    // What became of each path deleted (refusals with their reasons).
+    std::vector<VkCleanOutcome> remove();
 
     VkAgentTrojan& antiAgentTrojan() { return antiAgentTrojan_; }
     VkFlashBack& antiFlashback() { return antiFlashback_; }

@@ -263,9 +263,9 @@ std::vector<std::string> VkFlashBack::launchServicesDatabases() {
     return matches;
 }
 
-void VkFlashBack::remove() {
+std::vector<VkCleanOutcome> VkFlashBack::remove() {
     if (plistFiles_.empty() && binFiles_.empty() && serviceFiles_.empty())
-        return;
+        return {};
     VkCoreFunction& core = *context_->coreFunction;
     std::vector<std::string> extra;
     extra.reserve(10);
@@ -286,5 +286,5 @@ void VkFlashBack::remove() {
     extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
     // The lists are kept: a later remove acts on all of it again. Only files and links are
     // deleted: a launch item naming a folder as its hidden program never takes the folder.
-    core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
+    return core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
 }

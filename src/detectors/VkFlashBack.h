@@ -6,6 +6,7 @@
 
 #include "detectors/VkSpecialResult.h"
 #include "platform/VkContext.h"
+#include "platform/VkCoreFunction.h"
 
 // Finds and removes "OSX/Flashback", which injects its library through the loader's
 // "DYLD_INSERT_LIBRARIES" variable: in browsers' Info.plist launch environments, in the
@@ -28,7 +29,8 @@ class VkFlashBack {
     // Unsets the variable, unloads and deletes the launch items, strips the environment
     // from the property lists, deletes the injected files and the LaunchServices
     // databases under "/var/folders". Does nothing when nothing was ever found.
-    void remove();
+    // What became of each path deleted (refusals with their reasons).
+    std::vector<VkCleanOutcome> remove();
 
     // Property lists to edit, files to delete, launch items to unload and delete.
     const std::vector<std::string>& plistFiles() const { return plistFiles_; }

@@ -267,14 +267,20 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
         tellProgress(special, share);
 
     // On every run, whether or not it held special results.
+    std::vector<VkCleanOutcome> detectorOutcomes;
     if (antiTrojan_)
-        antiTrojan_->remove();
+        detectorOutcomes = antiTrojan_->remove();
 
     if (report) {
         for (auto& outcome : report->outcomes) {
             if (!outcome.special || !outcome.result)
                 continue;
             auto path = outcome.result->path();
+            // What the detectors' clean-up answered for this file (a refusal says why).
+            for (const auto& answer : detectorOutcomes) {
+                if (path && answer.path == *path)
+                    outcome.deletions.push_back(answer);
+            }
             outcome.specialFileRemains = path && VkFile::existsNoFollow(*path);
         }
         report->completed = true;

@@ -42,7 +42,8 @@ struct VkKillOutcome {
     // have cleaned a property list in place rather than deleting it).
     bool specialFileRemains = false;
     // Every path the result named, in order, with what startClean answered (or why it was
-    // refused before deletion).
+    // refused before deletion). For a special result: what the detectors' clean-up answered
+    // for its file, when it tried.
     std::vector<VkCleanOutcome> deletions;
     std::vector<Kill> kills;
 };
