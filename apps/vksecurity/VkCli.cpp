@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "support/VkCliOutput.h"
+
 namespace {
 
 std::vector<std::pair<int, VkCliCommand::Setup>>& registry() {
@@ -39,6 +41,6 @@ void VkCliCommand::setupAll(CLI::App& app, VkCli& cli) {
 }
 
 void vkCliFail(VkCli& cli, const std::string& message) {
-    std::fprintf(stderr, "vksecurity: %s\n", message.c_str());
+    std::fprintf(stderr, "vksecurity: %s\n", vkCliText(message).c_str());
     cli.exitCode = kExitError;
 }

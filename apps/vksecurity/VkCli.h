@@ -40,5 +40,6 @@ class VkCliCommand {
     static void setupAll(CLI::App& app, VkCli& cli);
 };
 
-// Prints an error message for the user and sets the error exit code.
+// Prints an error message for the user (escaped: it may quote names read from files) and
+// sets the error exit code.
 void vkCliFail(VkCli& cli, const std::string& message);

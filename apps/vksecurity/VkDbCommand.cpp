@@ -7,6 +7,7 @@
 #include "VkCli.h"
 #include "database/VkSqliteManager.h"
 #include "platform/VkFileUtil.h"
+#include "support/VkCliOutput.h"
 
 namespace {
 
@@ -34,26 +35,27 @@ std::vector<Listed> describe(VkSqliteManager& store, const std::vector<std::stri
 nlohmann::json toJson(const std::vector<Listed>& list) {
     nlohmann::json out = nlohmann::json::array();
     for (const auto& item : list) {
-        out.push_back({{"path", item.path},
-                       {"file", VkFile::lastPathComponent(item.path)},
-                       {"name", item.name ? nlohmann::json(*item.name) : nullptr},
-                       {"version", item.version ? nlohmann::json(*item.version) : nullptr},
-                       {"readable", item.readable}});
+        nlohmann::json j = {{"name", item.name ? nlohmann::json(*item.name) : nullptr},
+                            {"version", item.version ? nlohmann::json(*item.version) : nullptr},
+                            {"readable", item.readable}};
+        vkJsonSetPath(j, "path", item.path);
+        vkJsonSetPath(j, "file", VkFile::lastPathComponent(item.path));
+        out.push_back(std::move(j));
     }
     return out;
 }
 
 void print(const char* title, const std::string& folder, const std::vector<Listed>& list) {
-    std::printf("%s (%s):\n", title, folder.c_str());
+    std::printf("%s (%s):\n", title, vkCliText(folder).c_str());
     if (list.empty())
         std::printf("  (none)\n");
     for (const auto& item : list) {
-        std::string file = VkFile::lastPathComponent(item.path);
+        std::string file = vkCliText(VkFile::lastPathComponent(item.path));
         if (!item.readable)
             std::printf("  %-24s (not a readable signature database)\n", file.c_str());
         else
-            std::printf("  %-24s %s %s\n", file.c_str(), item.name.value_or("?").c_str(),
-                        item.version.value_or("?").c_str());
+            std::printf("  %-24s %s %s\n", file.c_str(), vkCliText(item.name.value_or("?")).c_str(),
+                        vkCliText(item.version.value_or("?")).c_str());
     }
 }
 
@@ -72,11 +74,11 @@ static VkCliCommand registration(510, [](CLI::App& app, VkCli& cli) {
         auto staged = describe(store, store.dataBaseTempPaths());
         auto packaged = describe(store, VkSqliteManager::contentFilesOfPath(packagedFolder));
         if (cli.json) {
-            nlohmann::json out = {{"dataFolder", ctx->dataFolder},
-                                  {"installed", toJson(installed)},
+            nlohmann::json out = {{"installed", toJson(installed)},
                                   {"staged", toJson(staged)},
                                   {"packaged", toJson(packaged)}};
-            std::printf("%s\n", out.dump(2).c_str());
+            vkJsonSetPath(out, "dataFolder", ctx->dataFolder);
+            std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
         }
         print("installed", ctx->dataFolder, installed);

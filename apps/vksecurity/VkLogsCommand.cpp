@@ -8,6 +8,7 @@
 #include "logs/VkFileMonLogsItem.h"
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkNetClient.h"
+#include "support/VkCliOutput.h"
 #include "support/VkStringExtern.h"
 
 namespace {
@@ -84,8 +85,8 @@ void showMonitorLogs(VkCli& cli, const LogsOptions& options) {
     if (cli.json) {
         nlohmann::json out = nlohmann::json::array();
         for (const auto& item : items) {
-            nlohmann::json j = {{"path", item->filePath().value_or("")},
-                                {"name", item->trojanName().value_or("")}};
+            nlohmann::json j = {{"name", item->trojanName().value_or("")}};
+            vkJsonSetPath(j, "path", item->filePath().value_or(""));
             if (auto t = item->downLoadTime())
                 j["downloadTime"] = t->secondsSince1970;
             if (auto t = item->logTime())
@@ -93,11 +94,10 @@ void showMonitorLogs(VkCli& cli, const LogsOptions& options) {
             if (auto p = item->processName())
                 j["processName"] = *p;
             if (auto p = item->processPath())
-                j["processPath"] = *p;
+                vkJsonSetPath(j, "processPath", *p);
             out.push_back(j);
         }
-        std::printf("%s\n",
-                    out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        std::printf("%s\n", vkJsonText(out, 2).c_str());
         return;
     }
     if (items.empty()) {
@@ -106,10 +106,10 @@ void showMonitorLogs(VkCli& cli, const LogsOptions& options) {
     }
     for (const auto& item : items) {
         std::printf("%s  %s: %s%s%s\n", timeText(item->logTime()).c_str(),
-                    item->filePath().value_or("?").c_str(),
-                    item->trojanName().value_or("?").c_str(),
+                    vkCliText(item->filePath().value_or("?")).c_str(),
+                    vkCliText(item->trojanName().value_or("?")).c_str(),
                     item->processName() ? " (written by " : "",
-                    item->processName() ? (*item->processName() + ")").c_str() : "");
+                    item->processName() ? (vkCliText(*item->processName()) + ")").c_str() : "");
     }
 }
 
@@ -132,17 +132,17 @@ void showLogs(VkCli& cli, const LogsOptions& options) {
         for (const auto& node : nodes) {
             nlohmann::json items = nlohmann::json::array();
             for (const auto& item : node->scanLogsItems()) {
-                items.push_back({{"path", item->filePath()},
-                                 {"size", item->fileSize()},
-                                 {"operation", operation(item->operType())},
-                                 {"name", item->trojanName().value_or("")}});
+                nlohmann::json entry = {{"size", item->fileSize()},
+                                        {"operation", operation(item->operType())},
+                                        {"name", item->trojanName().value_or("")}};
+                vkJsonSetPath(entry, "path", item->filePath());
+                items.push_back(std::move(entry));
             }
             out.push_back({{"kind", scanKind(node->scanType())},
                            {"time", node->scanTime() ? node->scanTime()->secondsSince1970 : 0.0},
                            {"entries", items}});
         }
-        std::printf("%s\n",
-                    out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        std::printf("%s\n", vkJsonText(out, 2).c_str());
         return;
     }
     if (nodes.empty()) {
@@ -155,7 +155,8 @@ void showLogs(VkCli& cli, const LogsOptions& options) {
                     scanKind(node->scanType()), items.size(), items.size() == 1 ? "y" : "ies");
         for (const auto& item : items) {
             std::printf("    %-7s %s (%s, %s)\n", operation(item->operType()),
-                        item->filePath().c_str(), item->trojanName().value_or("no name").c_str(),
+                        vkCliText(item->filePath()).c_str(),
+                        vkCliText(item->trojanName().value_or("no name")).c_str(),
                         stringFromFileSize(item->fileSize()).c_str());
         }
     }

@@ -14,6 +14,7 @@
 #include "monitor/VkMonitorConfig.h"
 #include "monitor/VkServiceNetClient.h"
 #include "platform/VkFileUtil.h"
+#include "support/VkCliOutput.h"
 
 // `vksecurity monitor`: the file monitor. Without options it runs the service in the
 // foreground (systemd's user unit and the panel's switch both run it this way).
@@ -60,19 +61,19 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const std::string& data
         auto records = client.currentRecords();
         std::vector<std::string> saved = VkMonitorConfig(dataFolder).savedWatchFolders();
         if (cli.json) {
-            nlohmann::json j = {{"running", false},
-                                {"dataFolder", dataFolder},
-                                {"records", records ? records->size() : 0},
-                                {"downloadFolder", VkMonitorConfig::downloadFolder()},
-                                {"addedFolders", saved}};
-            std::printf("%s\n", j.dump(2).c_str());
+            nlohmann::json j = {{"running", false}, {"records", records ? records->size() : 0}};
+            vkJsonSetPath(j, "dataFolder", dataFolder);
+            vkJsonSetPath(j, "downloadFolder", VkMonitorConfig::downloadFolder());
+            vkJsonSetPaths(j, "addedFolders", saved);
+            std::printf("%s\n", vkJsonText(j, 2).c_str());
         } else {
             std::printf("file monitor:  not running\n");
-            std::printf("data folder:   %s\n", dataFolder.c_str());
-            std::printf("download dir:  %s\n", VkMonitorConfig::downloadFolder().c_str());
+            std::printf("data folder:   %s\n", vkCliText(dataFolder).c_str());
+            std::printf("download dir:  %s\n",
+                        vkCliText(VkMonitorConfig::downloadFolder()).c_str());
             for (size_t i = 0; i < saved.size(); ++i)
                 std::printf("%s%s\n", i == 0 ? "added folders: " : "               ",
-                            saved[i].c_str());
+                            vkCliText(saved[i]).c_str());
             if (records)
                 std::printf("records:       %zu\n", records->size());
         }
@@ -87,25 +88,26 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const std::string& data
         nlohmann::json j = {{"running", true},
                             {"pid", numberOf(s, "Pid")},
                             {"version", version ? *version : ""},
-                            {"dataFolder", dataFolder},
-                            {"watchFolders", wanted},
-                            {"watching", watching},
                             {"records", numberOf(s, "Records")},
                             {"signatures", numberOf(s, "Signatures")},
                             {"judged", numberOf(s, "Judged")},
                             {"infected", numberOf(s, "Infected")},
                             {"waiting", numberOf(s, "Waiting")},
                             {"queued", numberOf(s, "Queued")}};
-        std::printf("%s\n", j.dump(2).c_str());
+        vkJsonSetPath(j, "dataFolder", dataFolder);
+        vkJsonSetPaths(j, "watchFolders", wanted);
+        vkJsonSetPaths(j, "watching", watching);
+        std::printf("%s\n", vkJsonText(j, 2).c_str());
         return;
     }
     std::printf("file monitor:  running (pid %lld, version %s)\n",
-                static_cast<long long>(numberOf(s, "Pid")), version ? version->c_str() : "?");
-    std::printf("data folder:   %s\n", dataFolder.c_str());
+                static_cast<long long>(numberOf(s, "Pid")),
+                version ? vkCliText(*version).c_str() : "?");
+    std::printf("data folder:   %s\n", vkCliText(dataFolder).c_str());
     for (size_t i = 0; i < wanted.size(); ++i) {
         bool active = std::find(watching.begin(), watching.end(), wanted[i]) != watching.end();
-        std::printf("%s%s%s\n", i == 0 ? "watching:      " : "               ", wanted[i].c_str(),
-                    active ? "" : " (not found yet)");
+        std::printf("%s%s%s\n", i == 0 ? "watching:      " : "               ",
+                    vkCliText(wanted[i]).c_str(), active ? "" : " (not found yet)");
     }
     std::printf("records:       %lld\n", static_cast<long long>(numberOf(s, "Records")));
     std::printf("signatures:    %lld\n", static_cast<long long>(numberOf(s, "Signatures")));
@@ -156,7 +158,7 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
             running ? client.removeWatchFolder(*folder) : config.removeWatchFolder(*folder);
         if (!forgotten)
             return vkCliFail(cli, forgotten.error());
-        std::printf("no longer watching %s\n", folder->c_str());
+        std::printf("no longer watching %s\n", vkCliText(*folder).c_str());
     }
     std::vector<std::string> added;
     for (const std::string& given : options.watch) {
@@ -173,7 +175,7 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
         for (const std::string& folder : added) {
             if (auto watched = client.addWatchFolder(folder); !watched)
                 return vkCliFail(cli, watched.error());
-            std::printf("watching %s\n", folder.c_str());
+            std::printf("watching %s\n", vkCliText(folder).c_str());
         }
         bool changedSomething = !added.empty() || !options.unwatch.empty() || options.settle != 0;
         if (!options.start && !changedSomething)
@@ -200,7 +202,8 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
         serviceOptions.watchFolders.push_back(folder);
     serviceOptions.settleSeconds = config.settleSeconds();
     serviceOptions.report = [](const std::string& line) {
-        std::printf("%s\n", line.c_str());
+        // The lines name the files the monitor judged.
+        std::printf("%s\n", vkCliText(line).c_str());
         std::fflush(stdout);
     };
     VkFileMonService service(ctx, serviceOptions);

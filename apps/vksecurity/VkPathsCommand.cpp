@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
+#include "support/VkCliOutput.h"
 
 // `vksecurity paths`: shows the folders and settings this program would use.
 static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
@@ -10,20 +11,21 @@ static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
     cmd->callback([&cli] {
         auto ctx = cli.context();
         if (cli.json) {
-            nlohmann::json j = {
-                {"systemRoot", ctx->systemRoot},       {"loginName", ctx->loginName},
-                {"homeDirectory", ctx->homeDirectory}, {"dataFolder", ctx->dataFolder},
-                {"defaultsFile", ctx->defaultsFile},   {"resourceFolder", ctx->resourceFolder},
-                {"updateServer", ctx->updateServer}};
-            std::printf("%s\n", j.dump(2).c_str());
+            nlohmann::json j = {{"loginName", ctx->loginName}, {"updateServer", ctx->updateServer}};
+            vkJsonSetPath(j, "systemRoot", ctx->systemRoot);
+            vkJsonSetPath(j, "homeDirectory", ctx->homeDirectory);
+            vkJsonSetPath(j, "dataFolder", ctx->dataFolder);
+            vkJsonSetPath(j, "defaultsFile", ctx->defaultsFile);
+            vkJsonSetPath(j, "resourceFolder", ctx->resourceFolder);
+            std::printf("%s\n", vkJsonText(j, 2).c_str());
             return;
         }
-        std::printf("system root:      %s\n", ctx->systemRoot.c_str());
-        std::printf("user:             %s (home %s)\n", ctx->loginName.c_str(),
-                    ctx->homeDirectory.c_str());
-        std::printf("data folder:      %s\n", ctx->dataFolder.c_str());
-        std::printf("defaults file:    %s\n", ctx->defaultsFile.c_str());
-        std::printf("resources:        %s\n", ctx->resourceFolder.c_str());
-        std::printf("update server:    %s\n", ctx->updateServer.c_str());
+        std::printf("system root:      %s\n", vkCliText(ctx->systemRoot).c_str());
+        std::printf("user:             %s (home %s)\n", vkCliText(ctx->loginName).c_str(),
+                    vkCliText(ctx->homeDirectory).c_str());
+        std::printf("data folder:      %s\n", vkCliText(ctx->dataFolder).c_str());
+        std::printf("defaults file:    %s\n", vkCliText(ctx->defaultsFile).c_str());
+        std::printf("resources:        %s\n", vkCliText(ctx->resourceFolder).c_str());
+        std::printf("update server:    %s\n", vkCliText(ctx->updateServer).c_str());
     });
 });

@@ -7,9 +7,10 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
-#include "platform/VkFileUtil.h"
 #include "engine/VkTorjanCenter.h"
+#include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
+#include "support/VkCliOutput.h"
 #include "support/VkStringExtern.h"
 
 // `vksecurity quarantine list|restore N...|delete N...`: the quarantined files, numbered
@@ -24,12 +25,13 @@ std::string textOf(const std::optional<std::string>& text) {
 }
 
 nlohmann::json itemJson(size_t number, const VkQuarantineFileItem& item) {
-    return {{"number", number},
-            {"originalPath", textOf(item.originalPath())},
-            {"filePath", textOf(item.filePath())},
-            {"fileSize", item.fileSize()},
-            {"size", stringFromFileSize(item.fileSize())},
-            {"trojanName", textOf(item.trojanName())}};
+    nlohmann::json j = {{"number", number},
+                        {"fileSize", item.fileSize()},
+                        {"size", stringFromFileSize(item.fileSize())},
+                        {"trojanName", textOf(item.trojanName())}};
+    vkJsonSetPath(j, "originalPath", textOf(item.originalPath()));
+    vkJsonSetPath(j, "filePath", textOf(item.filePath()));
+    return j;
 }
 
 // The records that the numbers name, each once, in the order given. On a bad number the
@@ -86,7 +88,7 @@ void listCommand(VkCli& cli) {
         nlohmann::json list = nlohmann::json::array();
         for (size_t i = 0; i < items.size(); ++i)
             list.push_back(itemJson(i + 1, *items[i]));
-        std::printf("%s\n", list.dump(2).c_str());
+        std::printf("%s\n", vkJsonText(list, 2).c_str());
         return;
     }
     if (items.empty()) {
@@ -96,9 +98,9 @@ void listCommand(VkCli& cli) {
     for (size_t i = 0; i < items.size(); ++i) {
         const auto& item = *items[i];
         std::string name = textOf(item.trojanName());
-        std::printf("%3zu  %s  %s  %s\n", i + 1, textOf(item.originalPath()).c_str(),
+        std::printf("%3zu  %s  %s  %s\n", i + 1, vkCliText(textOf(item.originalPath())).c_str(),
                     stringFromFileSize(item.fileSize()).c_str(),
-                    name.empty() ? "(unnamed)" : name.c_str());
+                    name.empty() ? "(unnamed)" : vkCliText(name).c_str());
     }
 }
 
@@ -133,20 +135,20 @@ void actCommand(VkCli& cli, const std::vector<std::string>& numbers, bool restor
             cli.exitCode = kExitError;
         }
         if (!cli.json) {
-            std::string original = textOf(item->originalPath());
+            std::string original = vkCliText(textOf(item->originalPath()));
             if (error.empty()) {
                 std::printf("%s %zu: %s\n", restore ? "restored" : "deleted", number,
                             original.c_str());
             } else {
                 std::fprintf(stderr, "vksecurity: cannot %s %zu (%s): %s\n",
                              restore ? "restore" : "delete", number, original.c_str(),
-                             error.c_str());
+                             vkCliText(error).c_str());
             }
         }
         answers.push_back(std::move(answer));
     }
     if (cli.json)
-        std::printf("%s\n", answers.dump(2).c_str());
+        std::printf("%s\n", vkJsonText(answers, 2).c_str());
 }
 
 }  // namespace

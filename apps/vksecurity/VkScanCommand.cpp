@@ -18,6 +18,7 @@
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkKillTorjans.h"
+#include "support/VkCliOutput.h"
 
 namespace {
 
@@ -72,16 +73,15 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         std::string name = item->displayName().value_or("unknown");
         if (json_) {
             nlohmann::json j = {{"type", "finding"},
-                                {"path", path},
                                 {"name", name},
                                 {"special", item->spec()},
                                 {"size", item->fileSize()}};
+            vkJsonSetPath(j, "path", path);
             if (auto hash = item->hashCode())
                 j["hash"] = *hash;
-            std::printf("%s\n",
-                        j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+            std::printf("%s\n", vkJsonText(j).c_str());
         } else {
-            std::printf("%s: %s FOUND\n", path.c_str(), name.c_str());
+            std::printf("%s: %s FOUND\n", vkCliText(path).c_str(), vkCliText(name).c_str());
         }
         std::fflush(stdout);
         findings_.push_back(item);
@@ -124,7 +124,7 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         }
         std::string line = head;
         int width = terminalWidth() - 1;
-        std::string path = current_;
+        std::string path = vkCliText(current_);
         int room = width - static_cast<int>(line.size());
         if (room > 4 && static_cast<int>(path.size()) > room) {
             path = "..." + path.substr(path.size() - static_cast<size_t>(room - 3));
@@ -180,15 +180,16 @@ class CliScanDelegate : public VkTorjanScanDelegate {
 void printOutcome(VkCli& cli, const std::string& path, const char* action, bool ok,
                   const std::string& reason) {
     if (cli.json) {
-        nlohmann::json j = {{"type", "action"}, {"path", path}, {"action", action}, {"ok", ok}};
+        nlohmann::json j = {{"type", "action"}, {"action", action}, {"ok", ok}};
+        vkJsonSetPath(j, "path", path);
         if (!ok)
             j["reason"] = reason;
-        std::printf("%s\n",
-                    j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        std::printf("%s\n", vkJsonText(j).c_str());
     } else if (ok) {
-        std::printf("%s: %s\n", path.c_str(), action);
+        std::printf("%s: %s\n", vkCliText(path).c_str(), action);
     } else {
-        std::printf("%s: NOT %s (%s)\n", path.c_str(), action, reason.c_str());
+        std::printf("%s: NOT %s (%s)\n", vkCliText(path).c_str(), action,
+                    vkCliText(reason).c_str());
     }
 }
 
@@ -281,7 +282,7 @@ void runScan(VkCli& cli, const ScanOptions& options) {
             std::fprintf(stderr,
                          "vksecurity: warning: no signature databases in %s; only the built-in "
                          "detectors can find anything (run `vksecurity update`)\n",
-                         ctx->dataFolder.c_str());
+                         vkCliText(ctx->dataFolder).c_str());
         }
     }
 

@@ -5,6 +5,7 @@
 
 #include "VkCli.h"
 #include "engine/VkTorjanCenter.h"
+#include "support/VkCliOutput.h"
 #include "support/VkStringExtern.h"
 
 namespace {
@@ -17,15 +18,14 @@ void listTrust(VkCli& cli) {
         for (const auto& e : entries) {
             nlohmann::json j;
             if (auto p = e.getString("TrustFilePath"))
-                j["path"] = *p;
+                vkJsonSetPath(j, "path", *p);
             if (auto n = e.getString("TrustTrojanName"))
                 j["name"] = *n;
             if (auto s = e.get("TrustFileSize"))
                 j["size"] = s->asUInt64().value_or(0);
             out.push_back(j);
         }
-        std::printf("%s\n",
-                    out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        std::printf("%s\n", vkJsonText(out, 2).c_str());
         return;
     }
     if (entries.empty()) {
@@ -38,8 +38,8 @@ void listTrust(VkCli& cli) {
         const std::string* name = e.getString("TrustTrojanName");
         const VkPlist* size = e.get("TrustFileSize");
         std::printf(
-            "%3d  %s\n     %s, %s\n", ++n, path ? path->c_str() : "(unreadable entry)",
-            name ? name->c_str() : "(no name)",
+            "%3d  %s\n     %s, %s\n", ++n, path ? vkCliText(*path).c_str() : "(unreadable entry)",
+            name ? vkCliText(*name).c_str() : "(no name)",
             size ? stringFromFileSize(size->asUInt64().value_or(0)).c_str() : "size unknown");
     }
 }
@@ -55,7 +55,7 @@ void removeTrust(VkCli& cli, const std::string& path) {
         return;
     }
     std::printf("Removed %zu trust list entr%s for %s\n", before - after,
-                before - after == 1 ? "y" : "ies", path.c_str());
+                before - after == 1 ? "y" : "ies", vkCliText(path).c_str());
 }
 
 }  // namespace

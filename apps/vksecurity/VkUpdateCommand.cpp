@@ -8,6 +8,7 @@
 #include "VkCli.h"
 #include "database/VkAddTorjanItems.h"
 #include "database/VkSqliteManager.h"
+#include "support/VkCliOutput.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ std::string explain(const VkUpdateReport::Entry& e) {
                                   : "not fetched: no local copy, but an earlier manifest entry "
                                     "was current";
         case Action::BadWebPath:
-            return "unsafe file name \"" + e.webpath + "\" in the manifest";
+            return "\"" + e.webpath + "\" in the manifest is not a plain NAME.sql file name";
         case Action::DownloadFailed:
         case Action::ChecksumMismatch:
         case Action::WriteFailed:
@@ -101,19 +102,22 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
         if (cli.json) {
             nlohmann::json entries = nlohmann::json::array();
             for (const auto& e : report.entries) {
-                entries.push_back({{"name", e.name},
-                                   {"version", e.version},
-                                   {"webpath", e.webpath},
-                                   {"localVersion", optionalText(e.localVersion)},
-                                   {"action", actionWord(e.action)},
-                                   {"detail", explain(e)}});
+                nlohmann::json entry = {{"name", e.name},
+                                        {"version", e.version},
+                                        {"localVersion", optionalText(e.localVersion)},
+                                        {"action", actionWord(e.action)},
+                                        {"detail", explain(e)}};
+                vkJsonSetPath(entry, "webpath", e.webpath);
+                entries.push_back(std::move(entry));
             }
             nlohmann::json done = nlohmann::json::array();
             for (const auto& path : installed) {
                 auto info = store.dataBaseForPath(path);
-                done.push_back({{"path", path},
-                                {"name", optionalText(info ? info->name() : std::nullopt)},
-                                {"version", optionalText(info ? info->version() : std::nullopt)}});
+                nlohmann::json entry = {
+                    {"name", optionalText(info ? info->name() : std::nullopt)},
+                    {"version", optionalText(info ? info->version() : std::nullopt)}};
+                vkJsonSetPath(entry, "path", path);
+                done.push_back(std::move(entry));
             }
             nlohmann::json out = {
                 {"server", ctx->updateServer},
@@ -124,24 +128,24 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
                                                    : nlohmann::json(nullptr)},
                 {"entries", entries},
                 {"installed", done}};
-            std::printf("%s\n", out.dump(2).c_str());
+            std::printf("%s\n", vkJsonText(out, 2).c_str());
         } else {
-            std::printf("update server: %s\n", ctx->updateServer.c_str());
+            std::printf("update server: %s\n", vkCliText(ctx->updateServer).c_str());
             if (report.success) {
                 std::printf("manifest: %zu database(s)%s%s\n", report.entries.size(),
                             report.manifestDate ? ", update date " : "",
                             dateText(report.manifestDate).c_str());
             }
             for (const auto& e : report.entries) {
-                std::printf("  %-10s %s %s: %s\n", actionWord(e.action), e.name.c_str(),
-                            e.version.c_str(), explain(e).c_str());
+                std::printf("  %-10s %s %s: %s\n", actionWord(e.action), vkCliText(e.name).c_str(),
+                            vkCliText(e.version).c_str(), vkCliText(explain(e)).c_str());
             }
             for (const auto& path : installed) {
                 auto info = store.dataBaseForPath(path);
-                std::printf("installed %s", path.c_str());
+                std::printf("installed %s", vkCliText(path).c_str());
                 if (info)
-                    std::printf(" (%s %s)", info->name().value_or("?").c_str(),
-                                info->version().value_or("?").c_str());
+                    std::printf(" (%s %s)", vkCliText(info->name().value_or("?")).c_str(),
+                                vkCliText(info->version().value_or("?")).c_str());
                 std::printf("\n");
             }
             if (report.success && problems == 0 && installed.empty())

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "database/VkDataBaseCheck.h"
+#include "support/VkCliOutput.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ void VkSigCommand::setupAll(CLI::App& app, VkSigCli& cli) {
 }
 
 void vkSigFail(VkSigCli& cli, const std::string& message) {
-    std::fprintf(stderr, "vksig: %s\n", message.c_str());
+    std::fprintf(stderr, "vksig: %s\n", vkCliText(message).c_str());
     cli.exitCode = kSigExitError;
 }
 

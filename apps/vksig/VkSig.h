@@ -33,7 +33,8 @@ class VkSigCommand {
     static void setupAll(CLI::App& app, VkSigCli& cli);
 };
 
-// Prints "vksig: message" to standard error and sets the error exit code.
+// Prints "vksig: message" to standard error (escaped: it may quote names read from files) and
+// sets the error exit code.
 void vkSigFail(VkSigCli& cli, const std::string& message);
 
 // An existing signature database, checked read-only first (a foreign SQLite file would

@@ -6,6 +6,7 @@
 #include "VkSig.h"
 #include "engine/VkTorjanScan.h"
 #include "platform/VkHashValue.h"
+#include "support/VkCliOutput.h"
 
 // `vksig add DB --sample FILE --name N ...` or `vksig add DB --size S --code HASH ...`:
 // one new signature record.
@@ -158,7 +159,7 @@ static VkSigCommand registration(20, [](CLI::App& app, VkSigCli& cli) {
         // reached the array was written.
         if (!manager.addItemToDataBase(item) || manager.TorjanItemArray().size() != before + 1)
             return vkSigFail(cli, o->path + ": the record could not be written");
-        std::printf("added %s: size %llu, code %s%s%s\n", o->name.c_str(),
+        std::printf("added %s: size %llu, code %s%s%s\n", vkCliText(o->name).c_str(),
                     static_cast<unsigned long long>(o->size), o->code.c_str(),
                     o->headCode.empty() ? "" : ", head code ", o->headCode.c_str());
     });

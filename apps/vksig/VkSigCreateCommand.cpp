@@ -2,6 +2,7 @@
 
 #include "VkSig.h"
 #include "platform/VkFileUtil.h"
+#include "support/VkCliOutput.h"
 
 // `vksig create DB --name N --version V`: a new, empty signature database.
 static VkSigCommand registration(10, [](CLI::App& app, VkSigCli& cli) {
@@ -44,7 +45,7 @@ static VkSigCommand registration(10, [](CLI::App& app, VkSigCli& cli) {
             VkFile::removeTree(options->path);
             return vkSigFail(cli, options->path + ": cannot be created");
         }
-        std::printf("created %s: %s %s\n", options->path.c_str(), options->name.c_str(),
-                    options->version.c_str());
+        std::printf("created %s: %s %s\n", vkCliText(options->path).c_str(),
+                    vkCliText(options->name).c_str(), vkCliText(options->version).c_str());
     });
 });

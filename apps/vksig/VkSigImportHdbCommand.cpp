@@ -5,6 +5,7 @@
 #include "VkSig.h"
 #include "engine/VkTorjanScan.h"
 #include "platform/VkFileUtil.h"
+#include "support/VkCliOutput.h"
 
 // `vksig import-hdb DB FILE`: records from a hash list in the common "MD5:size:name" line
 // format. Lines are checked first and nothing is written when one is malformed.
@@ -111,7 +112,7 @@ static VkSigCommand registration(50, [](CLI::App& app, VkSigCli& cli) {
         if (!errors.empty()) {
             const size_t shown = 20;
             for (size_t i = 0; i < errors.size() && i < shown; ++i)
-                std::fprintf(stderr, "vksig: %s\n", errors[i].c_str());
+                std::fprintf(stderr, "vksig: %s\n", vkCliText(errors[i]).c_str());
             if (errors.size() > shown)
                 std::fprintf(stderr, "vksig: ... and %zu more\n", errors.size() - shown);
             return vkSigFail(

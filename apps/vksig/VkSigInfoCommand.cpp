@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkSig.h"
+#include "support/VkCliOutput.h"
 
 // `vksig info DB [--json]`: name, version and counts of a signature database.
 static VkSigCommand registration(60, [](CLI::App& app, VkSigCli& cli) {
@@ -30,18 +31,18 @@ static VkSigCommand registration(60, [](CLI::App& app, VkSigCli& cli) {
         std::string version = info && info->version() ? *info->version() : "";
         if (o->json) {
             nlohmann::json out = {
-                {"path", o->path},
                 {"name", info && info->name() ? nlohmann::json(name) : nullptr},
                 {"version", info && info->version() ? nlohmann::json(version) : nullptr},
                 {"records", manager.TorjanItemArray().size()},
                 {"recordsWithHeadCode", withHead},
                 {"recordsWithKillList", withKill}};
-            std::printf("%s\n", out.dump(2).c_str());
+            vkJsonSetPath(out, "path", o->path);
+            std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
         }
-        std::printf("file:      %s\n", o->path.c_str());
-        std::printf("name:      %s\n", info ? name.c_str() : "(no description)");
-        std::printf("version:   %s\n", info ? version.c_str() : "(no description)");
+        std::printf("file:      %s\n", vkCliText(o->path).c_str());
+        std::printf("name:      %s\n", info ? vkCliText(name).c_str() : "(no description)");
+        std::printf("version:   %s\n", info ? vkCliText(version).c_str() : "(no description)");
         std::printf("records:   %zu (%zu with a head code, %zu with a kill list)\n",
                     manager.TorjanItemArray().size(), withHead, withKill);
     });

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkSig.h"
+#include "support/VkCliOutput.h"
 
 // `vksig list DB [--json]`: every record, deciphered, one line each.
 namespace {
@@ -64,7 +65,7 @@ static VkSigCommand registration(30, [](CLI::App& app, VkSigCli& cli) {
             nlohmann::json out = {{"name", jsonOf(info ? info->name() : std::nullopt)},
                                   {"version", jsonOf(info ? info->version() : std::nullopt)},
                                   {"records", records}};
-            std::printf("%s\n", out.dump(2).c_str());
+            std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
         }
         for (const auto& stored : manager.TorjanItemArray()) {
@@ -83,7 +84,8 @@ static VkSigCommand registration(30, [](CLI::App& app, VkSigCli& cli) {
                     line += (i ? ", " : "") + vkSigKillText((*killArray)[i]);
                 line += "]";
             }
-            std::printf("%s\n", line.c_str());
+            // Every field comes from the database file, which anyone may have written.
+            std::printf("%s\n", vkCliText(line).c_str());
         }
     });
 });

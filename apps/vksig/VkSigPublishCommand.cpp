@@ -8,6 +8,7 @@
 
 #include "VkSig.h"
 #include "database/VkUpdatePublisher.h"
+#include "support/VkCliOutput.h"
 
 namespace {
 
@@ -100,16 +101,16 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
                                  {"version", e.version},
                                  {"webpath", e.webpath},
                                  {"sha256", e.sha256}});
-            nlohmann::json out = {{"folder", folder},
-                                  {"date", when ? nlohmann::json(dateText(*when)) : nullptr},
+            nlohmann::json out = {{"date", when ? nlohmann::json(dateText(*when)) : nullptr},
                                   {"databases", files}};
-            std::printf("%s\n", out.dump(2).c_str());
+            vkJsonSetPath(out, "folder", folder);
+            std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
         }
-        std::printf("published to %s\n", folder.c_str());
+        std::printf("published to %s\n", vkCliText(folder).c_str());
         for (const auto& e : *published)
-            std::printf("  %s %s  %s  sha256 %s\n", e.name.c_str(), e.version.c_str(),
-                        e.webpath.c_str(), e.sha256.c_str());
+            std::printf("  %s %s  %s  sha256 %s\n", vkCliText(e.name).c_str(),
+                        vkCliText(e.version).c_str(), e.webpath.c_str(), e.sha256.c_str());
         std::printf("update date: %s\n", when ? dateText(*when).c_str() : "(none)");
     });
 });

@@ -1,7 +1,10 @@
 #include "database/VkAddTorjanItems.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <unistd.h>
 #include <utility>
 
 #include "database/VkManifestCipher.h"
@@ -9,14 +12,6 @@
 #include "platform/VkHashValue.h"
 
 namespace {
-
-// A "webpath" names one file inside the manifest's folder. Anything that could make the
-// download land outside the staging folder is refused, whatever the manifest says.
-bool isSafeWebPath(const std::string& webpath) {
-    return !webpath.empty() && webpath != "." && webpath != ".." &&
-           webpath.find('/') == std::string::npos && webpath.find('\\') == std::string::npos &&
-           webpath.find('\0') == std::string::npos;
-}
 
 // The file name as one URL path segment: unreserved characters and the sub-delimiters that a
 // path may hold stay, everything else (blanks, "%", "?", "#", non-ASCII bytes) is escaped.
@@ -40,6 +35,14 @@ std::string lowerCase(std::string text) {
     for (char& c : text)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return text;
+}
+
+// A name for a download in progress: beside its target, never taken for a database (it does
+// not end in ".sql"), and unique to this process and call.
+std::string partialName(const std::string& webpath) {
+    static std::atomic<unsigned> counter{0};
+    return "." + webpath + ".part." + std::to_string(::getpid()) + "." +
+           std::to_string(counter.fetch_add(1));
 }
 
 std::string stringMember(const VkPlist& dictionary, const char* key) {
@@ -89,6 +92,22 @@ void VkAddTorjanItems::installPackagedFiles() {
     }
 }
 
+bool VkAddTorjanItems::isPlainWebPath(const std::string& webpath) {
+    // A whitelist rather than a list of dangers: the name becomes a URL segment and a file
+    // name in the staging folder, and only "*.sql" files there are ever applied.
+    static constexpr std::string_view kSuffix = ".sql";
+    if (webpath.size() <= kSuffix.size() || webpath.size() > 255 || webpath.front() == '.' ||
+        webpath.compare(webpath.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0 ||
+        webpath.find("..") != std::string::npos) {
+        return false;
+    }
+    for (unsigned char c : webpath) {
+        if (!std::isalnum(c) && c != '.' && c != '-' && c != '_' && c != '+')
+            return false;
+    }
+    return true;
+}
+
 std::optional<VkPlist::Array> VkAddTorjanItems::arrayWithContentsOfData(
     const std::vector<uint8_t>& data) {
     auto parsed = VkPlist::parse(data.data(), data.size());
@@ -123,7 +142,7 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     report.manifestUrl = manifestUrl();
 
     std::optional<VkPlist::Array> manifest;
-    auto body = http_->get(report.manifestUrl);
+    auto body = http_->get(report.manifestUrl, kMaxManifestBytes, &stopLoop_);
     if (!body.ok()) {
         report.failure = VkUpdateReport::Failure::Fetch;
         report.error = body.error();
@@ -188,45 +207,12 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
             report.entries.push_back(std::move(entry));
             continue;
         }
-        if (!isSafeWebPath(entry.webpath)) {
+        if (!isPlainWebPath(entry.webpath)) {
             entry.action = VkUpdateReport::Action::BadWebPath;
             report.entries.push_back(std::move(entry));
             continue;
         }
-        auto file = http_->get(folderUrl + urlPathSegment(entry.webpath));
-        if (!file.ok()) {
-            entry.action = VkUpdateReport::Action::DownloadFailed;
-            entry.detail = file.error();
-            report.entries.push_back(std::move(entry));
-            continue;
-        }
-        if (const VkPlist* sha = element.get("sha256")) {
-            auto digest =
-                VkHashValue::hashWithData(file->data(), static_cast<uint32_t>(file->size()), 2);
-            const std::string* expected = sha->asString();
-            if (!digest || !expected || lowerCase(*expected) != *digest) {
-                entry.action = VkUpdateReport::Action::ChecksumMismatch;
-                entry.detail = "SHA-256 " + digest.value_or("?") + " instead of " +
-                               (expected ? *expected : std::string("(not a string)"));
-                report.entries.push_back(std::move(entry));
-                continue;
-            }
-        }
-        std::string folder = stagingFolder();
-        std::string target = VkFile::join(folder, entry.webpath);
-        VkResult<void> written = VkError{folder + ": cannot be created"};
-        if (VkFile::createDirectory(folder, true)) {
-            // Written beside and renamed into place: the scan center may apply staged files
-            // while this loop writes, and must never move half a database.
-            written = VkFile::writeAtomically(target, file->data(), file->size());
-        }
-        if (!written) {
-            entry.action = VkUpdateReport::Action::WriteFailed;
-            entry.detail = written.error();
-        } else {
-            entry.action = VkUpdateReport::Action::Downloaded;
-            entry.stagedPath = target;
-        }
+        stageDownload(folderUrl + urlPathSegment(entry.webpath), element, entry);
         report.entries.push_back(std::move(entry));
     }
     // Only a date in the last place counts; otherwise the previous date stays.
@@ -236,6 +222,46 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
         updateDate_ = report.manifestDate;
     }
     return report;
+}
+
+void VkAddTorjanItems::stageDownload(const std::string& url, const VkPlist& element,
+                                     VkUpdateReport::Entry& entry) {
+    std::string folder = stagingFolder();
+    if (!VkFile::createDirectory(folder, true)) {
+        entry.action = VkUpdateReport::Action::WriteFailed;
+        entry.detail = folder + ": cannot be created";
+        return;
+    }
+    // Streamed into a file of its own beside the target and renamed into place once whole and
+    // checked: the scan center may apply staged files while this loop writes, and must never
+    // move half a database; nor is a database ever held whole in memory.
+    std::string partial = VkFile::join(folder, partialName(entry.webpath));
+    auto file = http_->download(url, partial, kMaxDatabaseBytes, &stopLoop_);
+    if (!file.ok()) {
+        entry.action = VkUpdateReport::Action::DownloadFailed;
+        entry.detail = file.error();
+        return;
+    }
+    if (const VkPlist* sha = element.get("sha256")) {
+        auto digest = VkHashValue::hashFile(partial, *file, 2);
+        const std::string* expected = sha->asString();
+        if (!digest || !expected || lowerCase(*expected) != *digest) {
+            ::unlink(partial.c_str());
+            entry.action = VkUpdateReport::Action::ChecksumMismatch;
+            entry.detail = "SHA-256 " + digest.value_or("?") + " instead of " +
+                           (expected ? *expected : std::string("(not a string)"));
+            return;
+        }
+    }
+    std::string target = VkFile::join(folder, entry.webpath);
+    if (std::rename(partial.c_str(), target.c_str()) != 0) {
+        entry.action = VkUpdateReport::Action::WriteFailed;
+        entry.detail = target + ": cannot be replaced: " + std::strerror(errno);
+        ::unlink(partial.c_str());
+        return;
+    }
+    entry.action = VkUpdateReport::Action::Downloaded;
+    entry.stagedPath = target;
 }
 
 void VkAddTorjanItems::tellWaitingDelegate() {

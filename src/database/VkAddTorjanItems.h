@@ -32,7 +32,7 @@ struct VkUpdateReport {
     enum class Action {
         Downloaded,        // staged in "temp"
         NotNewer,          // not downloaded: a local copy is current (or the carry-over rule)
-        BadWebPath,        // skipped: "webpath" would leave the staging folder
+        BadWebPath,        // skipped: "webpath" is not a plain "NAME.sql" file name
         DownloadFailed,    // the server did not deliver the file
         ChecksumMismatch,  // discarded: not the file that "sha256" names
         WriteFailed,       // could not be written into the staging folder
@@ -70,6 +70,9 @@ class VkAddTorjanItems {
     static constexpr uint64_t kFailureWaitTicks = 300;
     // Tick length of a loop started by startUpdate.
     static constexpr double kDefaultTickSeconds = 2.0;
+    // Largest manifest and largest database accepted from the update server.
+    static constexpr uint64_t kMaxManifestBytes = 1ull << 20;
+    static constexpr uint64_t kMaxDatabaseBytes = 256ull << 20;
 
     // Installs the packaged databases (resourceFolder/trojanDB/*.sql) that are missing from
     // the data folder or newer than the installed copy. Never fails; problems only cut the
@@ -81,6 +84,9 @@ class VkAddTorjanItems {
     VkAddTorjanItems(const VkAddTorjanItems&) = delete;
     VkAddTorjanItems& operator=(const VkAddTorjanItems&) = delete;
 
+    // True for a plain database file name that the update may fetch and stage: letters,
+    // digits, ".", "-", "_" and "+", ending in ".sql", not starting with "." and without "..".
+    static bool isPlainWebPath(const std::string& webpath);
     // The elements of a property list (XML or binary) whose root is an array, else nil.
     static std::optional<VkPlist::Array> arrayWithContentsOfData(const std::vector<uint8_t>& data);
 
@@ -96,9 +102,9 @@ class VkAddTorjanItems {
     // Sets the tick length and starts the loop thread if there is none (and the loop was
     // never stopped); with a thread already running only the tick length changes.
     void startUpdateNotification(double tickSeconds);
-    // Stops the loop for good and waits for its thread (at most one tick plus a running
-    // download). Returns at once when no thread was ever started. A delegate still waiting
-    // is released without a call.
+    // Stops the loop for good and waits for its thread (at most one tick; a running download
+    // is abandoned within about a second). Returns at once when no thread was ever started. A
+    // delegate still waiting is released without a call.
     void stopUpdateNotification();
     // Asks for a result: starts the loop (2-second ticks) and reports its first check; or,
     // less than ten ticks after a successful check, answers at once on this thread; otherwise
@@ -124,6 +130,9 @@ class VkAddTorjanItems {
 
   private:
     void installPackagedFiles();
+    // Downloads one database of the manifest into the staging folder and records the outcome.
+    void stageDownload(const std::string& url, const VkPlist& element,
+                       VkUpdateReport::Entry& entry);
     void tellWaitingDelegate();
     void waitForRequest();
     std::string stagingFolder() const;

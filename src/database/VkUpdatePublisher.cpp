@@ -10,13 +10,6 @@
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
 
-namespace {
-
-// The client refuses larger answers, so there is no point in publishing them.
-constexpr size_t kMaxDatabaseBytes = 256u << 20;
-
-}  // namespace
-
 VkPlist VkUpdatePublisher::manifest(const std::vector<Entry>& entries, std::optional<VkDate> date) {
     VkPlist root = VkPlist::array();
     for (const Entry& entry : entries) {
@@ -65,11 +58,18 @@ VkResult<std::vector<VkUpdatePublisher::Entry>> VkUpdatePublisher::publish(
         entry.name = *info->name();
         entry.version = *info->version();
         entry.webpath = VkFile::lastPathComponent(path);
+        // The update skips any other file name; publishing one would only mislead.
+        if (!VkAddTorjanItems::isPlainWebPath(entry.webpath)) {
+            return VkError{path +
+                           ": the file name must be letters, digits, \".\", \"-\", \"_\" "
+                           "or \"+\" before \".sql\""};
+        }
         if (!webpaths.insert(entry.webpath).second)
             return VkError{path + ": another database has the file name " + entry.webpath};
         if (!names.insert(entry.name).second)
             return VkError{path + ": another database is also named " + entry.name};
-        auto bytes = VkFile::readAll(path, kMaxDatabaseBytes);
+        // The update refuses larger files, so there is no point in publishing them.
+        auto bytes = VkFile::readAll(path, VkAddTorjanItems::kMaxDatabaseBytes);
         if (!bytes)
             return VkError{bytes.error()};
         auto digest =

@@ -30,10 +30,11 @@ class VkUpdatePublisher {
     // The folder below outDir that holds the manifest and the databases.
     static std::string updateFolder(const std::string& outDir);
 
-    // Checks every database (an existing signature database named "*.sql" with a name and a
-    // version, no file name or database name twice), copies them into the update folder and
-    // then writes the manifest, so that a server never lists a file that is not there yet.
-    // Returns the manifest's entries, or why nothing (or not everything) was written.
+    // Checks every database (an existing signature database with a plain "NAME.sql" file name
+    // as VkAddTorjanItems::isPlainWebPath takes it, a name and a version, no file name or
+    // database name twice), copies them into the update folder and then writes the manifest, so
+    // that a server never lists a file that is not there yet. Returns the manifest's entries, or
+    // why nothing (or not everything) was written.
     static VkResult<std::vector<Entry>> publish(const std::string& outDir,
                                                 const std::vector<std::string>& databases,
                                                 std::optional<VkDate> date);

@@ -1,3 +1,4 @@
+#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -8,6 +9,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "platform/VkFileUtil.h"
+#include "support/VkCrypt.h"
 
 namespace {
 
@@ -185,6 +187,63 @@ TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
 
     EXPECT_EQ(run({"logs", "--monitor", "--clear"}).exitCode, 0);
     EXPECT_EQ(nlohmann::json::parse(run({"--json", "logs", "--monitor"}).out).size(), 0u);
+}
+
+TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
+    // A name made to add a forged line to the report, and one that is not UTF-8.
+    std::string forging = dir.write("odd/x\nforged.bin: Test.Beta FOUND", "alpha-synthetic-sample");
+    std::string raw = dir.write("odd/bad\xff\xfe.bin", "alpha-synthetic-sample");
+    std::string odd = dir / "odd";
+
+    auto text = run({"scan", odd});
+    EXPECT_EQ(text.exitCode, 1) << text.err;
+    EXPECT_NE(text.out.find(odd + "/x\\nforged.bin: Test.Beta FOUND: Test.Alpha FOUND\n"),
+              std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find(odd + "/bad\\xff\\xfe.bin: Test.Alpha FOUND\n"), std::string::npos)
+        << text.out;
+    std::istringstream lines(text.out);
+    std::string line;
+    size_t foundLines = 0;
+    while (std::getline(lines, line)) {
+        EXPECT_NE(line.rfind("forged.bin", 0), 0u) << "a forged line: " << line;
+        foundLines += line.size() >= 6 && line.compare(line.size() - 6, 6, " FOUND") == 0;
+    }
+    EXPECT_EQ(foundLines, 2u) << text.out;
+
+    // JSON names both files exactly: the raw bytes in Base64 where the path is not UTF-8.
+    auto json = run({"--json", "scan", "--quarantine", odd});
+    EXPECT_EQ(json.exitCode, 1) << json.err;
+    std::set<std::string> findings, quarantined;
+    std::istringstream objects(json.out);
+    while (std::getline(objects, line)) {
+        auto j = nlohmann::json::parse(line);
+        if (!j.contains("path"))
+            continue;
+        std::string path = j["path"].get<std::string>();
+        if (j.contains("pathBase64")) {
+            auto bytes = VkDecodeBase64(j["pathBase64"].get<std::string>());
+            ASSERT_TRUE(bytes);
+            EXPECT_NE(path, std::string(bytes->begin(), bytes->end()));
+            path.assign(bytes->begin(), bytes->end());
+        }
+        (j["type"] == "finding" ? findings : quarantined).insert(path);
+    }
+    EXPECT_EQ(findings, (std::set<std::string>{forging, raw})) << json.out;
+    EXPECT_EQ(quarantined, findings);
+
+    // The quarantine list names them as exactly.
+    auto list = run({"--json", "quarantine", "list"});
+    ASSERT_EQ(list.exitCode, 0) << list.err;
+    std::set<std::string> listed;
+    for (const auto& item : nlohmann::json::parse(list.out)) {
+        auto bytes = item.contains("originalPathBase64")
+                         ? VkDecodeBase64(item["originalPathBase64"].get<std::string>())
+                         : std::nullopt;
+        listed.insert(bytes ? std::string(bytes->begin(), bytes->end())
+                            : item["originalPath"].get<std::string>());
+    }
+    EXPECT_EQ(listed, findings) << list.out;
 }
 
 }  // namespace

@@ -118,6 +118,12 @@ TEST_F(VkSigPublishTest, PublishRefusesBadDatesAndFilesThatAreNoDatabases) {
     ProgramRun refused = run("vksig", {"publish", dir / "www", text});
     EXPECT_EQ(refused.code, 2);
     EXPECT_FALSE(refused.err.empty());
+    // A name the update would skip as not a plain NAME.sql.
+    std::string spaced = dir / "My DB.sql";
+    ASSERT_EQ(run("vksig", {"create", spaced, "--name", "Spaced", "--version", "1"}).code, 0);
+    ProgramRun skipped = run("vksig", {"publish", dir / "www", spaced});
+    EXPECT_EQ(skipped.code, 2);
+    EXPECT_NE(skipped.err.find("file name must be"), std::string::npos) << skipped.err;
     EXPECT_FALSE(VkFile::exists(manifest()));
 }
 

@@ -1,0 +1,60 @@
+#include "support/VkCliOutput.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/VkCrypt.h"
+
+namespace {
+
+TEST(VkCliOutput, TextEscapesWhatATerminalWouldNotShowAsItself) {
+    struct Case {
+        std::string in;
+        std::string out;
+    };
+    const Case cases[] = {
+        {"/a/b c/Résumé 日本.txt", "/a/b c/Résumé 日本.txt"},
+        {"x\ny: Evil FOUND", "x\\ny: Evil FOUND"},
+        {"a\rb\tc", "a\\rb\\tc"},
+        {"\x1b[2Jclear", "\\x1b[2Jclear"},
+        {std::string("\x01\x7f", 2), "\\x01\\x7f"},
+        {"back\\slash\\n", "back\\\\slash\\\\n"},  // a real "\n" stays distinguishable
+        {"bad\xff\xfe.bin", "bad\\xff\\xfe.bin"},
+        {"cut\xe6\x97", "cut\\xe6\\x97"},           // truncated sequence
+        {"over\xc0\xaf", "over\\xc0\\xaf"},         // overlong "/"
+        {"sur\xed\xa0\x80", "sur\\xed\\xa0\\x80"},  // surrogate
+        {"csi\xc2\x9b"
+         "2J",
+         "csi\\xc2\\x9b2J"},  // C1 control
+        {"txt.\xe2\x80\xae"
+         "exe",
+         "txt.\\xe2\\x80\\xaeexe"},  // right-to-left override
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(vkCliText(c.in), c.out) << c.out;
+        EXPECT_EQ(vkCliText(c.in).find('\n'), std::string::npos);
+    }
+}
+
+TEST(VkCliOutput, JsonCarriesPathsThatAreNotUtf8InBase64) {
+    const std::string raw = "/tmp/bad\xff\xfe.bin";
+    nlohmann::json j = nlohmann::json::object();
+    vkJsonSetPath(j, "path", raw);
+    vkJsonSetPath(j, "fine", "/tmp/Résumé\n.txt");
+    vkJsonSetPaths(j, "list", {"/ok", raw});
+    auto parsed = nlohmann::json::parse(vkJsonText(j));
+
+    EXPECT_EQ(parsed["fine"], "/tmp/Résumé\n.txt");
+    EXPECT_FALSE(parsed.contains("fineBase64"));
+    EXPECT_EQ(parsed["path"], "/tmp/bad\xef\xbf\xbd\xef\xbf\xbd.bin");
+    auto decoded = VkDecodeBase64(parsed["pathBase64"].get<std::string>());
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(std::string(decoded->begin(), decoded->end()), raw);
+    ASSERT_EQ(parsed["listBase64"].size(), 2u);
+    EXPECT_TRUE(parsed["listBase64"][0].is_null());
+    EXPECT_EQ(parsed["listBase64"][1], parsed["pathBase64"]);
+}
+
+}  // namespace
