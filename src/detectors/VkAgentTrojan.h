@@ -7,8 +7,8 @@
 
 #include "detectors/VkSpecialResult.h"
 #include "platform/VkContext.h"
-#include "platform/VkPlist.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkPlist.h"
 
 // Finds the persistent trojans that install a launch agent or daemon: a family counts as
 // present when its launch property list exists and names the expected program.

@@ -1,8 +1,8 @@
 // The scans of VkTorjanScan: the full and custom walks with their producer and consumer,
 // the quick stage, the single-file check and stopping.
 #include <chrono>
-#include <sys/stat.h>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
 
 #include "detectors/VkAntiTrojan.h"
@@ -117,7 +117,7 @@ void VkTorjanScan::scanBaseItem() {
     // This program's own folder (databases, quarantine, logs) is never walked: a scan that
     // quarantines must not take the quarantine itself.
     std::vector<VkDirectoryWalker::FolderId> ownFolders;
-    if (struct stat data {}; ::stat(ctx_->dataFolder.c_str(), &data) == 0)
+    if (struct stat data{}; ::stat(ctx_->dataFolder.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
     const std::string dataPrefix = ctx_->dataFolder + "/";
 
@@ -130,14 +130,17 @@ void VkTorjanScan::scanBaseItem() {
                     if (!ours && queue.enqueue(root, isSearchStop_))
                         total.fetch_add(1);
                 } else {
-                    VkDirectoryWalker::walk(root, [&](const std::string& path) {
-                        if (!(fullScan && path.rfind(volumes, 0) == 0)) {
-                            if (!queue.enqueue(path, isSearchStop_))
-                                return false;
-                            total.fetch_add(1);
-                        }
-                        return !isSearchStop_.load();
-                    }, ownFolders);
+                    VkDirectoryWalker::walk(
+                        root,
+                        [&](const std::string& path) {
+                            if (!(fullScan && path.rfind(volumes, 0) == 0)) {
+                                if (!queue.enqueue(path, isSearchStop_))
+                                    return false;
+                                total.fetch_add(1);
+                            }
+                            return !isSearchStop_.load();
+                        },
+                        ownFolders);
                 }
             }
             if (isSearchStop_.load())

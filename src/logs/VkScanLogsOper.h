@@ -2,8 +2,8 @@
 
 #include <memory>
 #include <set>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "logs/VkLogsOperCommon.h"

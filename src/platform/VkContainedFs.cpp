@@ -11,8 +11,9 @@
 #include <unistd.h>
 
 #if defined(__linux__)
-#include <linux/openat2.h>
 #include <sys/syscall.h>
+
+#include <linux/openat2.h>
 #endif
 #if defined(__APPLE__)
 #include <sys/attr.h>

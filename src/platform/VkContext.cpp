@@ -117,7 +117,8 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
     if (!dataFolder.empty() && dataFolder[0] != '/') {
         std::error_code ec;
         auto absolute = std::filesystem::absolute(dataFolder, ec);
-        if (!ec) dataFolder = absolute.lexically_normal().string();
+        if (!ec)
+            dataFolder = absolute.lexically_normal().string();
     }
     ctx->dataFolder = dataFolder;
 

@@ -16,14 +16,25 @@ const std::array<Parts, 3> kHomes = {Parts{"root"}, Parts{"var", "root"},
                                      Parts{"private", "var", "root"}};
 
 // The system's own folders below the top level, never deleted whole.
-const std::array<Parts, 19> kSystemFolders = {
-    Parts{"usr", "bin"},           Parts{"usr", "sbin"},         Parts{"usr", "lib"},
-    Parts{"usr", "libexec"},       Parts{"usr", "local"},        Parts{"usr", "share"},
-    Parts{"System", "Library"},    Parts{"Library", "LaunchAgents"},
-    Parts{"Library", "LaunchDaemons"}, Parts{"Library", "Application Support"},
-    Parts{"Library", "Preferences"},   Parts{"private", "var"}, Parts{"private", "etc"},
-    Parts{"private", "tmp"},       Parts{"var", "folders"},      Parts{"var", "lib"},
-    Parts{"var", "log"},           Parts{"etc", "init.d"},       Parts{"etc", "systemd"}};
+const std::array<Parts, 19> kSystemFolders = {Parts{"usr", "bin"},
+                                              Parts{"usr", "sbin"},
+                                              Parts{"usr", "lib"},
+                                              Parts{"usr", "libexec"},
+                                              Parts{"usr", "local"},
+                                              Parts{"usr", "share"},
+                                              Parts{"System", "Library"},
+                                              Parts{"Library", "LaunchAgents"},
+                                              Parts{"Library", "LaunchDaemons"},
+                                              Parts{"Library", "Application Support"},
+                                              Parts{"Library", "Preferences"},
+                                              Parts{"private", "var"},
+                                              Parts{"private", "etc"},
+                                              Parts{"private", "tmp"},
+                                              Parts{"var", "folders"},
+                                              Parts{"var", "lib"},
+                                              Parts{"var", "log"},
+                                              Parts{"etc", "init.d"},
+                                              Parts{"etc", "systemd"}};
 
 bool startsWith(const Parts& parts, const Parts& prefix) {
     return parts.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), parts.begin());
@@ -54,7 +65,8 @@ std::string VkDeletionPolicy::refusal(const Parts& components, bool isFolder) co
     }
     for (const auto& parent : kHomeParents) {
         if (components.size() > parent.size() && startsWith(components, parent)) {
-            Parts home(components.begin(), components.begin() + static_cast<long>(parent.size()) + 1);
+            Parts home(components.begin(),
+                       components.begin() + static_cast<long>(parent.size()) + 1);
             if (auto r = homeRule(home); !r.empty())
                 return r;
         }

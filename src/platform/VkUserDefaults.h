@@ -12,8 +12,8 @@
 // The application's user defaults: a property-list dictionary kept in one file.
 // Every change is made under a lock beside the file: the file is read again, changed and
 // replaced whole atomically, so two processes never lose each other's changes; a file
-// changed by another process is read again before the next access. Values registered with registerDefaults() answer
-// when the file has no value of its own and are never written.
+// changed by another process is read again before the next access. Values registered with
+// registerDefaults() answer when the file has no value of its own and are never written.
 class VkUserDefaults {
   public:
     explicit VkUserDefaults(std::string path);

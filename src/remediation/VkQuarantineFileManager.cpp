@@ -60,7 +60,8 @@ bool VkQuarantineFileManager::isReservedName(const std::string& name) const {
     std::string rest = name.substr(temp.size());
     size_t dot = rest.find('.');
     auto digits = [](const std::string& s) {
-        return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+        return !s.empty() &&
+               std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
     };
     return dot != std::string::npos && digits(rest.substr(0, dot)) && digits(rest.substr(dot + 1));
 }

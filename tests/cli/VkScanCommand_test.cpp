@@ -161,7 +161,8 @@ TEST_F(VkScanCommandTest, QuarantineNeverTakesItsOwnFolderNorItsList) {
     auto listed = nlohmann::json::parse(run({"quarantine", "list", "--json"}).out);
     ASSERT_EQ(listed.size(), 3u) << listed.dump();
     for (const auto& record : listed)
-        EXPECT_NE(record["originalPath"].get<std::string>().find(dir / "root/tree"), std::string::npos);
+        EXPECT_NE(record["originalPath"].get<std::string>().find(dir / "root/tree"),
+                  std::string::npos);
 }
 
 TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
@@ -191,9 +192,10 @@ TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
 
 TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
     // A name made to add a forged line to the report, and one that is not UTF-8.
-    std::string forging = dir.write("odd/x\nforged.bin: Test.Beta FOUND", "alpha-synthetic-sample");
-    std::string raw = dir.write("odd/bad\xff\xfe.bin", "alpha-synthetic-sample");
-    std::string odd = dir / "odd";
+    std::string forging =
+        dir.write("root/odd/x\nforged.bin: Test.Beta FOUND", "alpha-synthetic-sample");
+    std::string raw = dir.write("root/odd/bad\xff\xfe.bin", "alpha-synthetic-sample");
+    std::string odd = dir / "root/odd";
 
     auto text = run({"scan", odd});
     EXPECT_EQ(text.exitCode, 1) << text.err;

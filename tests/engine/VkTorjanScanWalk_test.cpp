@@ -26,7 +26,8 @@ class VkScanWalkTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         ctx->pacing = std::make_shared<VkQuietPacing>();
-        ctx->coreFunction = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
+        ctx->coreFunction =
+            std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         VkFile::createDirectory(ctx->dataFolder, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"Test.Walk", kPayload, {}}});

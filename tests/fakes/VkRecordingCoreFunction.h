@@ -23,8 +23,7 @@ class VkRecordingCoreFunction : public VkCoreFunction {
     using VkCoreFunction::startClean;
     bool systemCommand(const std::vector<std::string>& arguments) override;
     std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
-                                           VkCleanDelegate* delegate,
-                                           VkCleanScope scope) override;
+                                           VkCleanDelegate* delegate, VkCleanScope scope) override;
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
     bool killProcessByID(int32_t pid) override;
     bool moveFileItem(const std::string& from, const std::string& to) override;

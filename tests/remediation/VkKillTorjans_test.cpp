@@ -272,12 +272,19 @@ TEST_F(VkKillTorjansTest, HostileDeleteEntriesTouchNothingAndSayWhy) {
     dir.mkdir("root/Library");
     fs::create_directory_symlink(dir / "outside", dir / "root/Library/lnk");
     const auto before = dir.snapshot();
-    const std::vector<std::vector<std::string>> entries = {
-        {"d", "/etc", "."},       {"d", "/etc", "./"},         {"d", "~", "."},
-        {"d", "~/", "./"},        {"d", "/", "etc"},           {"d", "/", "."},
-        {"d", "/Users", "tester"}, {"d", "~", "Documents"},    {"d", "/Library/lnk", "."},
-        {"d", "/Library/lnk", "precious"}, {"d", "/Library", "lnk/precious"},
-        {"d", "..", "etc"},       {"d", "/Library", "nothing-here"}};
+    const std::vector<std::vector<std::string>> entries = {{"d", "/etc", "."},
+                                                           {"d", "/etc", "./"},
+                                                           {"d", "~", "."},
+                                                           {"d", "~/", "./"},
+                                                           {"d", "/", "etc"},
+                                                           {"d", "/", "."},
+                                                           {"d", "/Users", "tester"},
+                                                           {"d", "~", "Documents"},
+                                                           {"d", "/Library/lnk", "."},
+                                                           {"d", "/Library/lnk", "precious"},
+                                                           {"d", "/Library", "lnk/precious"},
+                                                           {"d", "..", "etc"},
+                                                           {"d", "/Library", "nothing-here"}};
     VkKillTorjans killer(ctx, anti);
     VkKillReport report = killer.killTorjanItemAndWait({signatureResult(own, entries)}, delegate);
     EXPECT_EQ(dir.snapshot(), before);

@@ -2,11 +2,11 @@
 
 #include <ctime>
 #include <filesystem>
-#include <unistd.h>
-#include <sys/wait.h>
-#include <signal.h>
 #include <set>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -245,8 +245,8 @@ TEST_F(VkQuarantineTest, TwoWritersAndKilledWritersNeverOrphanAFile) {
     EXPECT_EQ(inFolder, recorded.size());
     size_t leftInPlace = 0;
     for (const char* who : {"root/a", "root/b", "root/k"})
-        leftInPlace += static_cast<size_t>(std::distance(fs::directory_iterator(dir / who),
-                                                         fs::directory_iterator()));
+        leftInPlace += static_cast<size_t>(
+            std::distance(fs::directory_iterator(dir / who), fs::directory_iterator()));
     EXPECT_EQ(leftInPlace + inFolder, static_cast<size_t>(kEach * 6)) << "every file is somewhere";
     EXPECT_EQ(leftInPlace, static_cast<size_t>(std::distance(fs::directory_iterator(dir / "root/k"),
                                                              fs::directory_iterator())))

@@ -64,8 +64,9 @@ class VkQuarantineFileControllerTest : public ::testing::Test {
 
 TEST_F(VkQuarantineFileControllerTest, ListsByFileNameAndSortsTheStoresOwnList) {
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"agent.plist", "payload", "report.pdf"}));
-    EXPECT_EQ(column(VkListColumn::filePath),
-              (Names{dir / "root/a/agent.plist", dir / "root/c/payload", dir / "root/b/report.pdf"}));
+    EXPECT_EQ(
+        column(VkListColumn::filePath),
+        (Names{dir / "root/a/agent.plist", dir / "root/c/payload", dir / "root/b/report.pdf"}));
     EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
     EXPECT_EQ(*controller->iconPath(0), *store->allQuarantineItems()[0]->filePath());

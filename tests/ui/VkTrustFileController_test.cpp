@@ -24,7 +24,8 @@ class VkTrustFileControllerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
-        ctx->coreFunction = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
+        ctx->coreFunction =
+            std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         VkFile::createDirectory(ctx->dataFolder, true);
         center = std::make_shared<VkTorjanCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
                                                   std::make_shared<VkQuarantineFileManager>(ctx));
