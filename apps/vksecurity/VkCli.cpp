@@ -23,6 +23,10 @@ std::shared_ptr<VkContext> VkCli::context() {
         options.userName = userName;
         options.homeDirectory = homeDirectory;
         context_ = VkContext::create(options);
+        // The command line is a host like the panel's: the scan history keeps this many
+        // days unless the user stored another number (`vksecurity logs --keep-days N`).
+        context_->userDefaults->registerDefaults(
+            {{kLogsKeepDayKey, VkPlist::integer(kDefaultLogsKeepDays)}});
         VkContext::setDefaultContext(context_);
     }
     return context_;

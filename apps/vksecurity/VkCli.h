@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +13,11 @@
 constexpr int kExitClean = 0;
 constexpr int kExitFound = 1;
 constexpr int kExitError = 2;
+
+// Days of scan history a host keeps; the command line registers this default, the panel
+// host passes its own.
+constexpr const char* kLogsKeepDayKey = "LogsKeepDay";
+constexpr int64_t kDefaultLogsKeepDays = 30;
 
 // Options shared by every command, and what the chosen command decided.
 struct VkCli {

@@ -53,6 +53,7 @@ std::string timeText(const std::optional<VkDate>& date) {
 struct LogsOptions {
     bool clear = false;
     bool monitor = false;
+    int64_t keepDays = -1;  // -1: not asked to change
 };
 
 // The file monitor's records (through the monitor service, or its records file when the
@@ -118,7 +119,17 @@ void showLogs(VkCli& cli, const LogsOptions& options) {
         showMonitorLogs(cli, options);
         return;
     }
-    cli.context();
+    auto context = cli.context();
+    if (options.keepDays >= 0) {
+        if (!context->userDefaults->setInteger(kLogsKeepDayKey, options.keepDays)) {
+            vkCliFail(cli, "cannot store the setting in " + context->defaultsFile);
+            return;
+        }
+        if (!cli.json)
+            std::printf("The scan history keeps %lld day%s of scans.\n",
+                        static_cast<long long>(options.keepDays), options.keepDays == 1 ? "" : "s");
+        return;
+    }
     auto logs = VkScanLogsOper::sharedOper();
     if (options.clear) {
         logs->removeAllLogs();
@@ -170,5 +181,8 @@ static VkCliCommand registration(40, [](CLI::App& app, VkCli& cli) {
     cmd->add_flag("--clear", options->clear,
                   "Delete the scan history (with --monitor: the monitor's records)");
     cmd->add_flag("--monitor", options->monitor, "Show the file monitor's records instead");
+    cmd->add_option("--keep-days", options->keepDays,
+                    "Keep this many days of scan history (stored; default 30)")
+        ->check(CLI::Range(int64_t{0}, int64_t{36500}));
     cmd->callback([&cli, options] { showLogs(cli, *options); });
 });

@@ -9,6 +9,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkUserDefaults.h"
 #include "support/VkCrypt.h"
 
 namespace {
@@ -18,11 +19,8 @@ const std::string kProgram = std::string(VK_BINARY_DIR) + "/apps/vksecurity/vkse
 class VkScanCommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        // A fresh defaults file: the command line keeps its history by its own default.
         VkFile::createDirectory(dir / "data", true);
-        // Keep the history: scans made seconds apart stay in it.
-        VkFile::writeAtomically(
-            dir / "defaults.plist",
-            VkPlist::dictionary({{"LogsKeepDay", VkPlist::integer(30)}}).toXml());
         vkWriteSignatureDatabase(dir / "data/test.sql", "test", "1.0",
                                  {{"Test.Alpha", "alpha-synthetic-sample", {}},
                                   {"Test.Beta", std::string(2 * 1024 * 1024, 'b'), {}}});
@@ -117,6 +115,9 @@ TEST_F(VkScanCommandTest, TrustThenRescanIsCleanAndTheHistoryShowsBothScans) {
     EXPECT_EQ(history[0]["entries"][0]["operation"], "trusted");
     EXPECT_EQ(history[0]["entries"][0]["name"], "Test.Alpha");
     EXPECT_TRUE(history[1]["entries"].empty());
+    EXPECT_EQ(run({"logs", "--keep-days", "7"}).exitCode, 0);
+    EXPECT_EQ(VkUserDefaults(dir / "defaults.plist").integerForKey("LogsKeepDay"), 7);
+    EXPECT_EQ(run({"logs", "--keep-days", "-1"}).exitCode, 2);
 
     EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 0);
     EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 2);
