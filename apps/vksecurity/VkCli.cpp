@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "center/VkServices.h"
 #include "support/VkCliOutput.h"
 
 namespace {
@@ -22,7 +23,7 @@ std::shared_ptr<VkContext> VkCli::context() {
         options.dataFolder = dataFolder;
         options.userName = userName;
         options.homeDirectory = homeDirectory;
-        context_ = VkContext::create(options);
+        context_ = VkServices::createContext(options);
         // The command line is a host like the panel's: the scan history keeps this many
         // days unless the user stored another number (`vksecurity logs --keep-days N`).
         context_->userDefaults->registerDefaults(

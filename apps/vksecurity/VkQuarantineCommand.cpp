@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "support/VkCliOutput.h"

@@ -13,7 +13,7 @@
 
 #include "VkCli.h"
 #include "database/VkSqliteManager.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanScan.h"
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkFileUtil.h"

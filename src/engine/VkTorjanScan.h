@@ -3,6 +3,7 @@
 #include <any>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -81,8 +82,11 @@ class VkTorjanScan {
     // The records of the running file walk (never nullptr; empty before any load).
     std::shared_ptr<const VkTorjanRecordList> torjanItems() const;
     void setTorjanItems(std::shared_ptr<const VkTorjanRecordList> items);
-    // All records of every signature database of the data folder, in folder-listing order,
-    // deciphered. Re-reads the databases on every call.
+    // Where the records come from: the signature store above the engine hands them over,
+    // loaded and deciphered (the engine never opens a database itself).
+    using RecordLoader = std::function<VkTorjanRecordList::Items()>;
+    void setRecordLoader(RecordLoader loader);
+    // The records the loader gives now (none without a loader). Called at every scan start.
     VkTorjanRecordList::Items getCurrentTorjanItems();
 
     // ---- Scans ----
@@ -156,6 +160,7 @@ class VkTorjanScan {
 
     mutable std::mutex torjanItemsMutex_;
     std::shared_ptr<const VkTorjanRecordList> torjanItems_;
+    RecordLoader recordLoader_;
 
     std::shared_ptr<VkAntiTrojan> antiTrojan_;
     std::vector<std::string> defaultScanPaths_;

@@ -60,7 +60,7 @@ bool VkFileMonJudge::reloadIfChanged() {
     std::string stamp = databaseStamp();
     if (stamp_ && *stamp_ == stamp)
         return false;
-    records_ = VkTorjanRecordList::make(scan_.getCurrentTorjanItems());
+    records_ = VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx_));
     // A database written while it was being read changes its stamp again, and is read again
     // before the next file.
     stamp_ = std::move(stamp);

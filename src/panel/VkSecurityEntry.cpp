@@ -3,6 +3,7 @@
 #include "panel/VkPanelExport.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkSecurityPanel.h"
+#include "center/VkServices.h"
 #include "platform/VkContext.h"
 #include "platform/VkHostReporter.h"
 
@@ -16,7 +17,7 @@ extern "C" VK_EXPORT QWidget* vkSecurityCreatePanel(QWidget* parent,
         contextOptions.dataFolder = options->dataFolder;
     if (options && options->systemRoot)
         contextOptions.systemRoot = options->systemRoot;
-    auto context = VkContext::create(contextOptions);
+    auto context = VkServices::createContext(contextOptions);
     auto queue = std::make_shared<VkQtMainQueue>();
     context->mainQueue = queue;
     if (options && options->hostLog) {

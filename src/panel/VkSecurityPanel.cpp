@@ -1,7 +1,7 @@
 #include "panel/VkSecurityPanel.h"
 
 #include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
 #include "panel/VkLogsWidget.h"

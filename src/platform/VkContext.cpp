@@ -6,7 +6,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "monitor/VkServiceNetClient.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -150,9 +149,6 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
     ctx->localizer =
         std::make_shared<VkLocalizer>(ctx->resourceFolder, VkLocalizer::languageFromEnvironment());
     ctx->pacing = std::make_shared<VkPacing>();
-    // The file monitor of this data folder; it connects only when first asked.
-    ctx->netClient = std::make_shared<VkServiceNetClient>(ctx->dataFolder, ctx->defaultsFile,
-                                                          ctx->notificationCenter);
     return ctx;
 }
 

@@ -57,7 +57,9 @@ struct VkContext {
     std::shared_ptr<VkNetClient> netClient;
     std::shared_ptr<VkHostReporter> hostReporter;
 
-    // Builds a context from the environment and the options, with real services.
+    // Builds a context from the environment and the options, with the real services of
+    // this floor; the file monitor's client is added by the programs' composition root
+    // (center/VkServices), since the monitor lives above.
     static std::shared_ptr<VkContext> create(const VkContextOptions& options = {});
     // A context rooted in `folder` for tests: system root folder/root, data folder
     // folder/data, defaults folder/defaults.plist, home "/Users/<login>", a manual clock

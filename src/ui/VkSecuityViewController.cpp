@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
 #include "ui/VkListSupport.h"

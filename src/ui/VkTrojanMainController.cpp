@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkStringCompare.h"

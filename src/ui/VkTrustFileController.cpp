@@ -1,6 +1,6 @@
 #include "ui/VkTrustFileController.h"
 
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "platform/VkStringCompare.h"
 #include "support/VkStringExtern.h"
 #include "ui/VkListSupport.h"

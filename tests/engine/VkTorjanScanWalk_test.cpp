@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanScan.h"
 #include "fakes/VkQuietPacing.h"
@@ -38,6 +39,7 @@ class VkScanWalkTest : public ::testing::Test {
     std::unique_ptr<VkTorjanScan> scanner() {
         auto s = std::make_unique<VkTorjanScan>(ctx, anti);
         s->setPaceScans(false);
+        s->setRecordLoader([ctx = ctx] { return VkSqliteManager::loadAllRecords(ctx); });
         return s;
     }
 

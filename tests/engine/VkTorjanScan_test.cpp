@@ -401,7 +401,7 @@ TEST_F(VkTorjanScanTest, LoadsEveryDatabaseOfTheDataFolderDeciphered) {
     write("b.sql", b, "B");
     dir.write("data/ignored.SQL", "not even a database");
 
-    VkTorjanRecordList::Items items = scan->getCurrentTorjanItems();
+    VkTorjanRecordList::Items items = VkSqliteManager::loadAllRecords(ctx);
     ASSERT_EQ(items.size(), 2u);
     std::set<std::string> names;
     for (const auto& item : items)
@@ -430,7 +430,7 @@ TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
         GTEST_SKIP() << "the folder lists b.sql first here";
 
     testing::internal::CaptureStdout();
-    VkTorjanRecordList::Items items = scan->getCurrentTorjanItems();
+    VkTorjanRecordList::Items items = VkSqliteManager::loadAllRecords(ctx);
     std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_NE(printed.find("errorMsg "), std::string::npos);
     ASSERT_EQ(items.size(), 2u);

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkRecordingPanelView.h"
 #include "fakes/VkTempDir.h"

@@ -8,7 +8,7 @@
 
 #include "database/VkAddTorjanItems.h"
 #include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingCoreFunction.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingListView.h"

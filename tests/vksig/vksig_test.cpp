@@ -134,7 +134,7 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndNothingElse) {
     // The scanner finds it through the data folder as well.
     VkFile::createDirectory(ctx->dataFolder, true);
     ASSERT_TRUE(VkFile::copyFile(db, ctx->dataPath("test.sql")));
-    scan.setTorjanItems(VkTorjanRecordList::make(scan.getCurrentTorjanItems()));
+    scan.setTorjanItems(VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx)));
     EXPECT_NE(scan.checkTorjan(smallPath), nullptr);
 }
 

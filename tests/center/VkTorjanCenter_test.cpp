@@ -1,4 +1,4 @@
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 
 #include <filesystem>
 #include <sys/wait.h>

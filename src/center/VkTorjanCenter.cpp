@@ -1,6 +1,7 @@
-#include "engine/VkTorjanCenter.h"
+#include "center/VkTorjanCenter.h"
 
 #include "database/VkAddTorjanItems.h"
+#include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanResultItems.h"
@@ -27,6 +28,9 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
                                std::shared_ptr<VkAddTorjanItems> updater)
     : context_(std::move(context)), quarantine_(std::move(quarantine)) {
     trjanScan_ = std::make_unique<VkTorjanScan>(context_, antiTrojan);
+    // The signature store hands the scanner its records, read afresh at every scan.
+    trjanScan_->setRecordLoader(
+        [context = context_] { return VkSqliteManager::loadAllRecords(context); });
     addTorjanItems_ = updater ? std::move(updater) : std::make_shared<VkAddTorjanItems>(context_);
     killTorjans_ = std::make_unique<VkKillTorjans>(context_, antiTrojan);
 }
