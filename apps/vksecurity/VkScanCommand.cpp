@@ -13,6 +13,7 @@
 
 #include "VkCli.h"
 #include "database/VkSqliteManager.h"
+#include "center/VkScanSession.h"
 #include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanScan.h"
 #include "logs/VkScanLogsOper.h"
@@ -39,9 +40,9 @@ struct ScanOptions {
 };
 
 // Scan kinds as the scan history numbers them.
-constexpr int32_t kQuickScan = 0;
-constexpr int32_t kFullScan = 1;
-constexpr int32_t kCustomScan = 2;
+constexpr int32_t kQuickScan = VkScanSession::kQuickScan;
+constexpr int32_t kFullScan = VkScanSession::kFullScan;
+constexpr int32_t kCustomScan = VkScanSession::kCustomScan;
 
 std::string elapsedText(double seconds) {
     long t = static_cast<long>(seconds);
@@ -332,15 +333,7 @@ void runScan(VkCli& cli, const ScanOptions& options) {
     if (!interrupted) {
         // Recorded as the panel records a finished scan; a stopped scan leaves no trace.
         int32_t scanType = options.quick ? kQuickScan : (options.full ? kFullScan : kCustomScan);
-        logs->scanEnd(scanType);
-        logs->addScanLogsArray(findings);
-        double now = ctx->clock->now();
-        if (scanType == kQuickScan)
-            ctx->userDefaults->setDouble("LastQuickScanTime", now);
-        if (scanType == kFullScan) {
-            ctx->userDefaults->setDouble("LastScanTroajnTime", now);
-            ctx->userDefaults->setDouble("LastQuickScanTime", now);
-        }
+        VkScanSession(logs, ctx->userDefaults, ctx->clock).recordFinishedScan(scanType, findings);
     }
     bool cleaned = true;
     if (!findings.empty() && (options.remove || options.quarantine || options.trust)) {

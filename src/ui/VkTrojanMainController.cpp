@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "center/VkScanSession.h"
 #include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "logs/VkScanLogsOper.h"
@@ -22,15 +23,15 @@ const VkColor kLinkColor = VkColor::rgb255(60, 126, 218);
 const VkColor kCountColor = VkColor::rgb255(1, 183, 1);
 
 // The scan kinds of scanType.
-constexpr int32_t kQuickScan = 0;
-constexpr int32_t kFullScan = 1;
-constexpr int32_t kCustomScan = 2;
+constexpr int32_t kQuickScan = VkScanSession::kQuickScan;
+constexpr int32_t kFullScan = VkScanSession::kFullScan;
+constexpr int32_t kCustomScan = VkScanSession::kCustomScan;
 
 // The user-defaults keys the panel writes; spelt as stored data has them.
 constexpr const char* kLastSecurityScanTime = "LastSecurityScanTime";
 constexpr const char* kLastSecurityUpdateTime = "LastSecurityUpdateTime";
-constexpr const char* kLastQuickScanTime = "LastQuickScanTime";
-constexpr const char* kLastScanTroajnTime = "LastScanTroajnTime";
+constexpr const char* kLastQuickScanTime = VkScanSession::kLastQuickScanTime;
+constexpr const char* kLastScanTroajnTime = VkScanSession::kLastScanTroajnTime;
 
 // Replaces the first "%@" of a localized format by the argument; "%%" becomes "%".
 std::string formatWithString(const std::string& format, const std::optional<std::string>& arg) {
@@ -456,17 +457,10 @@ void VkTrojanMainController::scanTorjanProcessOnMainThread(float progress,
     // The report without a path: the scan has ended.
     context_->notificationCenter->post("TrojanScanNotify", this, VkPlist::boolean(false));
     if (!userCancel_) {
-        scanLogs_->scanEnd(scanType_);
-        scanLogs_->addScanLogsArray(resultItemArray_);
-        double now = context_->clock->now();
-        auto& defaults = *context_->userDefaults;
-        if (scanType_ == kQuickScan) {
-            defaults.setDouble(kLastQuickScanTime, now);
-        } else if (scanType_ == kFullScan) {
-            defaults.setDouble(kLastScanTroajnTime, now);
-            defaults.setDouble(kLastQuickScanTime, now);
+        VkScanSession(scanLogs_, context_->userDefaults, context_->clock)
+            .recordFinishedScan(scanType_, resultItemArray_);
+        if (scanType_ == kFullScan)
             userOperManager_->sendUserAction(VkExperienceInfo::experienceWithType(14));
-        }
         if (scanType_ != kCustomScan)
             context_->notificationCenter->post("ReloadIntrodutNotify");
     }
