@@ -1,9 +1,11 @@
 #include "platform/VkPlist.h"
 
+#include <cmath>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "fakes/VkHostilePlist.h"
 #include "fakes/VkTempDir.h"
 
 namespace {
@@ -96,6 +98,45 @@ TEST(VkPlistTest, BoundsTheBytesThatSharedObjectsExpandTo) {
     EXPECT_EQ(fine->asArray()->back().asData()->size(), 1u << 20);
     auto bomb = sharedDataList(300, 1u << 20);
     EXPECT_FALSE(VkPlist::parse(bomb.data(), bomb.size()).ok());
+}
+
+TEST(VkPlistTest, RefusesANulInAStringOrKeyInsteadOfAborting) {
+    VkPlist list = VkPlist::dictionary({{"Label", kVkNulMarker}, {"n", VkPlist::integer(1)}});
+    for (const auto& c : kVkNulCases) {
+        SCOPED_TRACE(c.name);
+        std::string bytes = vkPlantNul(list, c.place);
+        auto parsed = VkPlist::parse(bytes.data(), bytes.size());
+        ASSERT_FALSE(parsed.ok());
+        EXPECT_EQ(parsed.error(), "a string or key holds a NUL character");
+    }
+    // An ASCII key of a binary list: libplist would read "k\0y" as "k" without a word.
+    auto bin = VkPlist::dictionary({{"k@y", "v"}}).toBinary();
+    std::string ascii(bin.begin(), bin.end());
+    ascii[ascii.find("k@y") + 1] = '\0';
+    EXPECT_FALSE(VkPlist::parse(ascii.data(), ascii.size()).ok());
+    // Zero bytes after an XML document end it harmlessly.
+    std::string padded = list.toXml() + std::string(3, '\0');
+    auto fine = VkPlist::parse(padded.data(), padded.size());
+    ASSERT_TRUE(fine.ok()) << fine.error();
+    EXPECT_EQ(*fine, list);
+}
+
+TEST(VkPlistTest, WritesWhatNoListCanCarryVisibly) {
+    VkPlist odd = VkPlist::dictionary({{std::string("k\0y", 3), std::string("a\0b", 3)},
+                                       {"far", VkDate{1e300}},
+                                       {"nan", VkDate{std::nan("")}}});
+    for (bool binary : {false, true}) {
+        auto bin = odd.toBinary();
+        std::string bytes = binary ? std::string(bin.begin(), bin.end()) : odd.toXml();
+        auto back = VkPlist::parse(bytes.data(), bytes.size());
+        ASSERT_TRUE(back.ok()) << back.error();
+        EXPECT_EQ(*back->getString("k\xEF\xBF\xBDy"),
+                  "a\xEF\xBF\xBD"
+                  "b");
+        EXPECT_EQ(back->get("far")->asDate()->secondsSince1970,
+                  VkDate::kReferenceDateOffset + 2147483647.0);
+        EXPECT_EQ(back->get("nan")->asDate()->secondsSince1970, VkDate::kReferenceDateOffset);
+    }
 }
 
 TEST(VkPlistTest, WritesFilesAtomically) {
