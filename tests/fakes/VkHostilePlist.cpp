@@ -4,10 +4,6 @@
 
 namespace {
 
-bool isKeyPlace(VkNulPlace place) {
-    return place == VkNulPlace::XmlKey || place == VkNulPlace::BinaryKey;
-}
-
 // Zeroes the byte at `at` within every occurrence of `pattern`; fails the test when none.
 void zeroIn(std::string& bytes, const std::string& pattern, size_t at) {
     size_t count = 0;
@@ -17,26 +13,37 @@ void zeroIn(std::string& bytes, const std::string& pattern, size_t at) {
     EXPECT_GT(count, 0u) << "no marker to plant a NUL at";
 }
 
+std::string utf16BigEndian(const std::string& ascii) {
+    std::string out;
+    for (char c : ascii)
+        out += std::string(1, '\0') + c;
+    return out;
+}
+
 }  // namespace
 
-std::string vkPlantNul(VkPlist plist, VkNulPlace place) {
-    if (isKeyPlace(place))
-        plist.set("key" + kVkNulMarker, "value");
+std::string vkPlantNul(const VkPlist& plist, VkNulPlace place, bool plant) {
+    bool key = place == VkNulPlace::XmlKey || place == VkNulPlace::BinaryKey;
+    std::string ascii = key ? "@KEY@" : "@NUL@";
     std::string bytes;
     if (place == VkNulPlace::XmlString || place == VkNulPlace::XmlKey) {
         bytes = plist.toXml();
-        zeroIn(bytes, "@NUL@", 0);
+        if (plant)
+            zeroIn(bytes, ascii, 0);
     } else {
         auto binary = plist.toBinary();
         bytes.assign(binary.begin(), binary.end());
-        // "@NUL@" in UTF-16 big-endian: the "@" unit 00 40 becomes 00 00.
-        zeroIn(bytes, std::string("\0@\0N\0U\0L\0@", 10), 1);
+        // The "@" unit 00 40 becomes 00 00.
+        if (plant)
+            zeroIn(bytes, utf16BigEndian(ascii), 1);
     }
     return bytes;
 }
 
-std::string vkPlantNulInArchive(const std::vector<uint8_t>& archive, VkNulPlace place) {
+std::string vkPlantNulInArchive(const std::vector<uint8_t>& archive, VkNulPlace place, bool plant) {
     auto top = VkPlist::parse(archive.data(), archive.size());
     EXPECT_TRUE(top.ok()) << top.error();
-    return vkPlantNul(top.ok() ? *top : VkPlist(), place);
+    VkPlist list = top.ok() ? *top : VkPlist();
+    list.set(kVkNulKeyMarker, "ignored");
+    return vkPlantNul(list, place, plant);
 }

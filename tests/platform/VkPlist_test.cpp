@@ -101,9 +101,11 @@ TEST(VkPlistTest, BoundsTheBytesThatSharedObjectsExpandTo) {
 }
 
 TEST(VkPlistTest, RefusesANulInAStringOrKeyInsteadOfAborting) {
-    VkPlist list = VkPlist::dictionary({{"Label", kVkNulMarker}, {"n", VkPlist::integer(1)}});
+    VkPlist list = VkPlist::dictionary({{"Label", kVkNulMarker}, {kVkNulKeyMarker, "v"}});
     for (const auto& c : kVkNulCases) {
         SCOPED_TRACE(c.name);
+        std::string unharmed = vkPlantNul(list, c.place, false);
+        EXPECT_TRUE(VkPlist::parse(unharmed.data(), unharmed.size()).ok());
         std::string bytes = vkPlantNul(list, c.place);
         auto parsed = VkPlist::parse(bytes.data(), bytes.size());
         ASSERT_FALSE(parsed.ok());
