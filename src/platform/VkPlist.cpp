@@ -9,6 +9,7 @@
 
 #include "platform/VkFileUtil.h"
 #include "platform/VkHandle.h"
+#include "platform/VkUtf8.h"
 
 namespace {
 
@@ -307,15 +308,21 @@ class NodeReader {
     }
 };
 
-// No property list carries a NUL inside a string (libplist would cut the string there and
-// write something else than was meant); one that slipped in is written as U+FFFD, visibly.
-std::string withoutNul(const std::string& text) {
-    if (text.find('\0') == std::string::npos)
-        return text;
-    std::string out;
-    for (char c : text)
-        out += c == '\0' ? std::string("\xEF\xBF\xBD") : std::string(1, c);
-    return out;
+// Text as libplist can write it. No property list carries a NUL inside a string (libplist
+// would cut the string there and write something else than was meant): one that slipped in
+// is written as U+FFFD, visibly. Its binary writer stores non-ASCII text in UTF-16 and cuts
+// short, or garbles, text that is not UTF-8 (a Linux file name may be anything), so there
+// such bytes become U+FFFD as well; XML carries them as they are, and reads them back.
+std::string writable(const std::string& text, bool binary) {
+    std::string out = text;
+    if (binary && !VkUtf8::isValid(out))
+        out = VkUtf8::repaired(out);
+    if (out.find('\0') == std::string::npos)
+        return out;
+    std::string clean;
+    for (char c : out)
+        clean += c == '\0' ? std::string("\xEF\xBF\xBD") : std::string(1, c);
+    return clean;
 }
 
 // Seconds since the platform's reference date as libplist keeps them (32-bit); a date out
@@ -339,7 +346,7 @@ std::pair<int32_t, int32_t> dateFields(const VkDate& date) {
     return {static_cast<int32_t>(sec), usec};
 }
 
-plist_t toNode(const VkPlist& value) {
+plist_t toNode(const VkPlist& value, bool binary) {
     switch (value.type()) {
         case VkPlist::Type::None:
             return plist_new_string("");
@@ -350,7 +357,7 @@ plist_t toNode(const VkPlist& value) {
         case VkPlist::Type::Real:
             return plist_new_real(*value.asDouble());
         case VkPlist::Type::String:
-            return plist_new_string(withoutNul(*value.asString()).c_str());
+            return plist_new_string(writable(*value.asString(), binary).c_str());
         case VkPlist::Type::Date: {
             auto [sec, usec] = dateFields(*value.asDate());
             return plist_new_date(sec, usec);
@@ -362,13 +369,13 @@ plist_t toNode(const VkPlist& value) {
         case VkPlist::Type::Array: {
             plist_t node = plist_new_array();
             for (const auto& item : *value.asArray())
-                plist_array_append_item(node, toNode(item));
+                plist_array_append_item(node, toNode(item, binary));
             return node;
         }
         case VkPlist::Type::Dictionary: {
             plist_t node = plist_new_dict();
             for (const auto& [k, v] : *value.asDictionary())
-                plist_dict_set_item(node, withoutNul(k).c_str(), toNode(v));
+                plist_dict_set_item(node, writable(k, binary).c_str(), toNode(v, binary));
             return node;
         }
         case VkPlist::Type::Uid:
@@ -589,7 +596,7 @@ std::optional<VkPlist> VkPlist::contentsOfFile(const std::string& path) {
 }
 
 std::string VkPlist::toXml() const {
-    PlistHandle node(toNode(*this));
+    PlistHandle node(toNode(*this, false));
     char* xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(node.get(), &xml, &length);
@@ -600,7 +607,7 @@ std::string VkPlist::toXml() const {
 }
 
 std::vector<uint8_t> VkPlist::toBinary() const {
-    PlistHandle node(toNode(*this));
+    PlistHandle node(toNode(*this, true));
     char* bin = nullptr;
     uint32_t length = 0;
     plist_to_bin(node.get(), &bin, &length);

@@ -90,7 +90,8 @@ class VkPlist {
     static std::optional<VkPlist> contentsOfFile(const std::string& path);
 
     // A NUL inside a string or key, which no property list can carry, is written as
-    // U+FFFD; dates are clamped to the format's 32-bit seconds.
+    // U+FFFD, and so is, in the binary form only, each byte of text that is not UTF-8;
+    // dates are clamped to the format's 32-bit seconds.
     std::string toXml() const;
     std::vector<uint8_t> toBinary() const;
     // Writes the XML form atomically (temporary file in the same folder, then rename).

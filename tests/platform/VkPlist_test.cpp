@@ -124,17 +124,23 @@ TEST(VkPlistTest, RefusesANulInAStringOrKeyInsteadOfAborting) {
 }
 
 TEST(VkPlistTest, WritesWhatNoListCanCarryVisibly) {
+    // A file name in Latin-1 is no UTF-8: libplist's binary writer cut "caf\xE9.txt" to "caf"
+    // and made "\xC2Y" unreadable.
     VkPlist odd = VkPlist::dictionary({{std::string("k\0y", 3), std::string("a\0b", 3)},
                                        {"far", VkDate{1e300}},
-                                       {"nan", VkDate{std::nan("")}}});
+                                       {"nan", VkDate{std::nan("")}},
+                                       {"latin", "caf\xE9.txt"},
+                                       {"\xC2Y", "\xC2Y"}});
+    const std::string fffd = "\xEF\xBF\xBD";
     for (bool binary : {false, true}) {
         auto bin = odd.toBinary();
         std::string bytes = binary ? std::string(bin.begin(), bin.end()) : odd.toXml();
         auto back = VkPlist::parse(bytes.data(), bytes.size());
         ASSERT_TRUE(back.ok()) << back.error();
-        EXPECT_EQ(*back->getString("k\xEF\xBF\xBDy"),
-                  "a\xEF\xBF\xBD"
-                  "b");
+        EXPECT_EQ(*back->getString("k" + fffd + "y"), "a" + fffd + "b");
+        EXPECT_EQ(*back->getString("latin"), binary ? "caf" + fffd + ".txt" : "caf\xE9.txt");
+        const std::string odd2 = binary ? fffd + "Y" : "\xC2Y";
+        EXPECT_EQ(*back->getString(odd2), odd2);
         EXPECT_EQ(back->get("far")->asDate()->secondsSince1970,
                   VkDate::kReferenceDateOffset + 2147483647.0);
         EXPECT_EQ(back->get("nan")->asDate()->secondsSince1970, VkDate::kReferenceDateOffset);
