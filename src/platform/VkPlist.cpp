@@ -1,6 +1,7 @@
 #include "platform/VkPlist.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -22,8 +23,11 @@ constexpr const char* kMalformed = "malformed or oversized binary property list"
 // libplist parses recursively and copies shared binary objects; a hostile file could
 // exhaust the stack or memory. These checks bound both.
 
-bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
+// Bounds the nesting of arrays and dictionaries, and the number of elements (each becomes a
+// node), in one pass over the text. A tag broken by a "<" is refused rather than guessed at.
+bool xmlWithinBounds(const char* p, size_t n, size_t maxDepth, size_t maxNodes) {
     size_t depth = 0;
+    size_t elements = 0;
     for (size_t i = 0; i + 1 < n; ++i) {
         if (p[i] != '<')
             continue;
@@ -32,17 +36,22 @@ bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
         bool closing = p[i + 1] == '/';
         size_t nameStart = i + (closing ? 2 : 1);
         size_t j = nameStart;
-        while (j < n && p[j] != '>' && p[j] != ' ' && p[j] != '/')
+        while (j < n && std::isalnum(static_cast<unsigned char>(p[j])))
             ++j;
         std::string_view name(p + nameStart, j - nameStart);
+        if (!closing && !name.empty() && ++elements > maxNodes)
+            return false;
         if (name != "array" && name != "dict")
             continue;
         size_t close = j;
-        while (close < n && p[close] != '>')
+        while (close < n && p[close] != '>' && p[close] != '<')
             ++close;
         if (close >= n)
             return true;  // truncated; libplist will refuse it
-        bool selfClosing = close > 0 && p[close - 1] == '/';
+        if (p[close] == '<')
+            return false;
+        bool selfClosing = p[close - 1] == '/';
+        i = close;
         if (selfClosing)
             continue;
         if (closing) {
@@ -82,7 +91,9 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
     uint64_t tableOffset = readBigEndian(trailer + 24, 8);
     if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8)
         return kMalformed;
-    if (numObjects == 0 || topObject >= numObjects)
+    // Every object of a list that some writer made is reachable, so more objects than the
+    // tree may have nodes is no list of ours; this also bounds the bookkeeping below.
+    if (numObjects == 0 || topObject >= numObjects || numObjects > maxNodes)
         return kMalformed;
     if (numObjects > (size - 40))
         return kMalformed;
@@ -91,7 +102,8 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
     if ((size - 32 - tableOffset) / offsetSize < numObjects)
         return kMalformed;
 
-    uint64_t scanned = 0;  // string bytes looked at for a NUL
+    uint64_t scanned = 0;      // string bytes looked at for a NUL
+    uint64_t pendingRefs = 0;  // references held by the frames of the walk
     bool holdsNul = false;
     auto objectOffset = [&](uint64_t index) {
         return readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
@@ -147,6 +159,12 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
         uint64_t refs = kind == 0xD ? count * 2 : count;
         if (count > tableOffset || refs > (tableOffset - pos) / refSize)
             return false;
+        // Each reference becomes at least one node: references waiting on the walk's stack
+        // beyond the node limit can only end in a refusal, so they are refused now, before
+        // they are held.
+        pendingRefs += refs;
+        if (pendingRefs > maxNodes)
+            return false;
         out.reserve(refs);
         for (uint64_t i = 0; i < refs; ++i) {
             uint64_t ref = readBigEndian(data + pos + i * refSize, refSize);
@@ -158,10 +176,16 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
     };
 
     // Iterative depth-first walk: colour 0 unseen, 1 on the path, 2 done.
+    // Sized for the limits (depth 256, 4 M nodes, 256 MiB), which a value is checked
+    // against before it is stored: 11 bytes per object.
+    static_assert(VkPlist::kMaxDepth <= UINT16_MAX && VkPlist::kMaxNodes <= UINT32_MAX &&
+                  kMaxExpandedBytes <= UINT32_MAX);
+    if (maxDepth > UINT16_MAX || maxNodes > UINT32_MAX || maxBytes > UINT32_MAX)
+        return kMalformed;
     std::vector<uint8_t> colour(numObjects, 0);
-    std::vector<uint64_t> depthOf(numObjects, 0);
-    std::vector<uint64_t> nodesOf(numObjects, 0);
-    std::vector<uint64_t> bytesOf(numObjects, 0);
+    std::vector<uint16_t> depthOf(numObjects, 0);
+    std::vector<uint32_t> nodesOf(numObjects, 0);
+    std::vector<uint32_t> bytesOf(numObjects, 0);
     struct Frame {
         uint64_t index;
         std::vector<uint64_t> children;
@@ -200,12 +224,13 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
             if (nodes > maxNodes || bytes > maxBytes)
                 return kMalformed;
         }
-        if (depth > maxDepth)
+        if (depth > maxDepth || bytes > maxBytes)
             return kMalformed;
-        depthOf[f.index] = depth;
-        nodesOf[f.index] = nodes;
-        bytesOf[f.index] = bytes;
+        depthOf[f.index] = static_cast<uint16_t>(depth);
+        nodesOf[f.index] = static_cast<uint32_t>(nodes);
+        bytesOf[f.index] = static_cast<uint32_t>(bytes);
         colour[f.index] = 2;
+        pendingRefs -= f.children.size();
         stack.pop_back();
     }
     return nullptr;
@@ -557,8 +582,8 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
             return VkError{"empty property list"};
         if (std::memchr(p, 0, size))
             return VkError{kNulMessage};
-        if (!xmlNestingWithin(p, size, kMaxDepth))
-            return VkError{"property list nested too deeply"};
+        if (!xmlWithinBounds(p, size, kMaxDepth, kMaxNodes))
+            return VkError{"property list nested too deeply or too large"};
     }
     plist_t root = nullptr;
     if (binary) {

@@ -47,6 +47,19 @@ TEST(VkPlistTest, RefusesGarbageTruncationAndDeepNesting) {
     EXPECT_FALSE(VkPlist::parse(deep.data(), deep.size()).ok());
 }
 
+TEST(VkPlistTest, BoundsXmlElementsInOnePass) {
+    // Four million elements and one more are refused before libplist allocates a node each.
+    std::string many = "<plist><array>";
+    for (size_t i = 0; i <= VkPlist::kMaxNodes; ++i)
+        many += "<true/>";
+    many += "</array></plist>";
+    EXPECT_FALSE(VkPlist::parse(many.data(), many.size()).ok());
+    // Open brackets without a tag end took the guard quadratic time: 4 MiB would not end.
+    std::string brackets(4u << 20, '<');
+    brackets.replace(brackets.size() / 2, 6, "array ");
+    EXPECT_FALSE(VkPlist::parse(brackets.data(), brackets.size()).ok());
+}
+
 TEST(VkPlistTest, RefusesBinaryCycles) {
     // bplist00, object 0: array of one element referencing itself.
     std::vector<uint8_t> b = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xA1, 0x00, 0x08};
