@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Configures and builds one tree: scripts/build.sh [release|asan]
+# Configures and builds one tree: scripts/build.sh [release|asan|fuzz]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 flavor=${1:-release}
 case "$flavor" in
   release) dir=build/release; flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
   asan) dir=build/asan; flags=(-DCMAKE_BUILD_TYPE=Debug -DVK_SANITIZE=ON) ;;
-  *) echo "usage: $0 [release|asan]" >&2; exit 2 ;;
+  # The libFuzzer targets of fuzz/ and the core they call (clang; see scripts/fuzz.sh).
+  fuzz) dir=build/fuzz; flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVK_FUZZ=ON
+                               -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++) ;;
+  *) echo "usage: $0 [release|asan|fuzz]" >&2; exit 2 ;;
 esac
 # One build at a time on this machine: parallel work trees share two cores.
 exec 9>"${TMPDIR:-/tmp}/vksecurity-build.lock"

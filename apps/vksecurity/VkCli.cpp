@@ -29,6 +29,15 @@ std::shared_ptr<VkContext> VkCli::context() {
         context_->userDefaults->registerDefaults(
             {{kLogsKeepDayKey, VkPlist::integer(kDefaultLogsKeepDays)}});
         VkContext::setDefaultContext(context_);
+        // The settings start afresh when their file cannot be read; the file is kept aside.
+        if (context_->userDefaults) {
+            if (std::string aside = context_->userDefaults->quarantinedCopy(); !aside.empty()) {
+                std::fprintf(stderr,
+                             "vksecurity: warning: the settings file %s cannot be read; it was "
+                             "moved to %s and the settings start afresh\n",
+                             context_->defaultsFile.c_str(), aside.c_str());
+            }
+        }
     }
     return context_;
 }

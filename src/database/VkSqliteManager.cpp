@@ -113,14 +113,16 @@ void readBlobText(sqlite3_stmt* stmt, int column, Setter set) {
     set(stringFromUtf8(static_cast<const char*>(blob), length));
 }
 
-std::optional<VkTorjanItem::KillArray> unarchiveKillArray(const void* bytes, size_t length) {
+// Anything but an archived array (garbage, another kind of root) leaves the record without
+// a kill array, so removal falls back to deleting the detected file; the reason is told.
+VkResult<VkTorjanItem::KillArray> unarchiveKillArray(const void* bytes, size_t length) {
     const auto* begin = static_cast<const uint8_t*>(bytes);
     VkResult<VkPlist> root =
         VkKeyedUnarchiver::unarchiveObjectWithData(std::vector<uint8_t>(begin, begin + length));
-    // Anything but an archived array (garbage, another kind of root) leaves the record
-    // without a kill array, so removal falls back to deleting the detected file.
-    if (!root || !root->isArray())
-        return std::nullopt;
+    if (!root)
+        return VkError{root.error()};
+    if (!root->isArray())
+        return VkError{"the archive holds no array"};
     return *root->asArray();
 }
 
@@ -132,7 +134,7 @@ std::optional<std::string> archiveKillArray(const VkTorjanItem::KillArray& killA
     return std::string(bytes->begin(), bytes->end());
 }
 
-std::shared_ptr<VkTorjanItem> itemFromRow(sqlite3_stmt* stmt) {
+std::shared_ptr<VkTorjanItem> itemFromRow(sqlite3_stmt* stmt, std::string& killProblem) {
     auto item = std::make_shared<VkTorjanItem>();
     readText(stmt, kColName, [&](auto v) { item->setName(std::move(v)); });
     readText(stmt, kColDetail, [&](auto v) { item->setDetail(std::move(v)); });
@@ -146,6 +148,8 @@ std::shared_ptr<VkTorjanItem> itemFromRow(sqlite3_stmt* stmt) {
             auto length = static_cast<size_t>(sqlite3_column_bytes(stmt, kColKill));
             if (auto killArray = unarchiveKillArray(blob, length))
                 item->setKillArray(std::move(*killArray));
+            else
+                killProblem = killArray.error();
         }
     }
     return item;
@@ -271,7 +275,7 @@ void VkSqliteManager::openDataBase(const std::string& path) {
     if (!ppDb_)
         return;
     readDescription();
-    readItems();
+    readItems(path);
 }
 
 void VkSqliteManager::readDescription() {
@@ -286,7 +290,7 @@ void VkSqliteManager::readDescription() {
         dataBaseInfo_ = infoFromRow(stmt.get());  // the last row wins
 }
 
-void VkSqliteManager::readItems() {
+void VkSqliteManager::readItems(const std::string& path) {
     VkSqliteStatement stmt;
     if (!prepareRead(ppDb_.get(), kSelectTest, stmt)) {
         stmt.finalize();
@@ -300,8 +304,19 @@ void VkSqliteManager::readItems() {
         return;
     }
     TorjanItemArray_.clear();
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
-        TorjanItemArray_.push_back(itemFromRow(stmt.get()));
+    // One line per file, however many records a damaged file holds.
+    size_t unreadable = 0;
+    std::string first;
+    while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+        std::string killProblem;
+        TorjanItemArray_.push_back(itemFromRow(stmt.get(), killProblem));
+        if (!killProblem.empty() && unreadable++ == 0)
+            first = "record " + std::to_string(TorjanItemArray_.size()) + ": " + killProblem;
+    }
+    if (unreadable > 0 && ctx_->systemLog) {
+        ctx_->systemLog->log("[VkSqlite] " + path + ": " + std::to_string(unreadable) +
+                             " record(s) kept without their unreadable kill list (" + first + ")");
+    }
 }
 
 void VkSqliteManager::createTable(const char* statement, bool* created) {

@@ -92,7 +92,8 @@ class VkSqliteManager {
 
   private:
     void readDescription();
-    void readItems();
+    // Reads every record; a kill list that cannot be read is logged and left out.
+    void readItems(const std::string& path);
     void createTable(const char* statement, bool* created);
 
     std::shared_ptr<VkContext> ctx_;

@@ -83,7 +83,7 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
             continue;
 
         std::string plistPath = context_->resolve(context_->expandTilde(*plistText));
-        auto item = VkLaunchItem::readDictionary(plistPath);
+        auto item = VkLaunchItem::readDictionary(plistPath, context_->systemLog.get());
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);

@@ -154,7 +154,7 @@ VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
 
 void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& found) {
     std::string path = context_->resolve(inspectedPath);
-    auto plist = VkLaunchItem::readDictionary(path);
+    auto plist = VkLaunchItem::readDictionary(path, context_->systemLog.get());
     if (!plist)
         return;
     const VkPlist* environment = &*plist;
@@ -185,7 +185,7 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
     std::sort(entries->begin(), entries->end());
     for (const std::string& entry : *entries) {
         std::string itemPath = VkFile::join(folder, entry);
-        auto item = VkLaunchItem::readDictionary(itemPath);
+        auto item = VkLaunchItem::readDictionary(itemPath, context_->systemLog.get());
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);

@@ -1,12 +1,19 @@
 #include "detectors/VkLaunchItem.h"
 
+#include "platform/VkFileUtil.h"
+
 namespace VkLaunchItem {
 
-std::optional<VkPlist> readDictionary(const std::string& path) {
+std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log) {
     auto parsed = VkPlist::readFile(path, kMaxPlistBytes);
-    if (!parsed || !parsed->isDictionary())
-        return std::nullopt;
-    return std::move(parsed).value();
+    if (parsed && parsed->isDictionary())
+        return std::move(parsed).value();
+    // A file that is there but unreadable is told: a trojan may spoil its own list on purpose
+    // to pass unseen.
+    bool isDirectory = false;
+    if (log && VkFile::exists(path, &isDirectory) && !isDirectory)
+        log->log("[VkAnti] skip " + (parsed ? path + ": not a dictionary" : parsed.error()));
+    return std::nullopt;
 }
 
 std::optional<std::string> programOf(const VkPlist& item) {

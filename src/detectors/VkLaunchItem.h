@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/VkPlist.h"
+#include "platform/VkSystemLog.h"
 
 // Reading launch property lists the way both detectors do.
 namespace VkLaunchItem {
@@ -13,8 +14,9 @@ namespace VkLaunchItem {
 // treated as unreadable rather than parsed.
 inline constexpr size_t kMaxPlistBytes = 4u << 20;
 
-// The property list at a path on this machine when it is a dictionary (XML or binary).
-std::optional<VkPlist> readDictionary(const std::string& path);
+// The property list at a path on this machine when it is a dictionary (XML or binary). A
+// file (not a folder) that is no readable dictionary is skipped, and told to `log` if given.
+std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log = nullptr);
 
 // The program a launch item starts: the string under "Program"; when that key is absent,
 // the first element of "ProgramArguments" if it is a non-empty list of which that element

@@ -1,5 +1,7 @@
 #include "platform/VkPlist.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -8,17 +10,24 @@
 
 #include "platform/VkFileUtil.h"
 #include "platform/VkHandle.h"
+#include "platform/VkUtf8.h"
 
 namespace {
 
 using PlistHandle = VkHandle<void, plist_free>;
 
+constexpr const char* kNulMessage = "a string or key holds a NUL character";
+constexpr const char* kMalformed = "malformed or oversized binary property list";
+
 // ---- Guards run before libplist sees the bytes -------------------------------------
 // libplist parses recursively and copies shared binary objects; a hostile file could
 // exhaust the stack or memory. These checks bound both.
 
-bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
+// Bounds the nesting of arrays and dictionaries, and the number of elements (each becomes a
+// node), in one pass over the text. A tag broken by a "<" is refused rather than guessed at.
+bool xmlWithinBounds(const char* p, size_t n, size_t maxDepth, size_t maxNodes) {
     size_t depth = 0;
+    size_t elements = 0;
     for (size_t i = 0; i + 1 < n; ++i) {
         if (p[i] != '<')
             continue;
@@ -27,17 +36,22 @@ bool xmlNestingWithin(const char* p, size_t n, size_t maxDepth) {
         bool closing = p[i + 1] == '/';
         size_t nameStart = i + (closing ? 2 : 1);
         size_t j = nameStart;
-        while (j < n && p[j] != '>' && p[j] != ' ' && p[j] != '/')
+        while (j < n && std::isalnum(static_cast<unsigned char>(p[j])))
             ++j;
         std::string_view name(p + nameStart, j - nameStart);
+        if (!closing && !name.empty() && ++elements > maxNodes)
+            return false;
         if (name != "array" && name != "dict")
             continue;
         size_t close = j;
-        while (close < n && p[close] != '>')
+        while (close < n && p[close] != '>' && p[close] != '<')
             ++close;
         if (close >= n)
             return true;  // truncated; libplist will refuse it
-        bool selfClosing = close > 0 && p[close - 1] == '/';
+        if (p[close] == '<')
+            return false;
+        bool selfClosing = p[close - 1] == '/';
+        i = close;
         if (selfClosing)
             continue;
         if (closing) {
@@ -62,12 +76,13 @@ uint64_t readBigEndian(const uint8_t* p, size_t width) {
 }
 
 // Checks the binary layout: trailer, offset table, object headers and references in
-// range; no reference cycles; nesting depth and the size of the expanded tree bounded, in
-// nodes and in string and data bytes (an object named many times is copied each time).
-bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes,
-                       size_t maxBytes) {
+// range; no reference cycles; no string (key or value) holding a NUL; nesting depth and the
+// size of the expanded tree bounded, in nodes and in string and data bytes (an object named
+// many times is copied each time). Answers why the list is refused, or nullptr.
+const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth, size_t maxNodes,
+                               size_t maxBytes) {
     if (size < 8 + 32)
-        return false;
+        return kMalformed;
     const uint8_t* trailer = data + size - 32;
     size_t offsetSize = trailer[6];
     size_t refSize = trailer[7];
@@ -75,16 +90,21 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     uint64_t topObject = readBigEndian(trailer + 16, 8);
     uint64_t tableOffset = readBigEndian(trailer + 24, 8);
     if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8)
-        return false;
-    if (numObjects == 0 || topObject >= numObjects)
-        return false;
+        return kMalformed;
+    // Every object of a list that some writer made is reachable, so more objects than the
+    // tree may have nodes is no list of ours; this also bounds the bookkeeping below.
+    if (numObjects == 0 || topObject >= numObjects || numObjects > maxNodes)
+        return kMalformed;
     if (numObjects > (size - 40))
-        return false;
+        return kMalformed;
     if (tableOffset < 8 || tableOffset > size - 32)
-        return false;
+        return kMalformed;
     if ((size - 32 - tableOffset) / offsetSize < numObjects)
-        return false;
+        return kMalformed;
 
+    uint64_t scanned = 0;      // string bytes looked at for a NUL
+    uint64_t pendingRefs = 0;  // references held by the frames of the walk
+    bool holdsNul = false;
     auto objectOffset = [&](uint64_t index) {
         return readBigEndian(data + tableOffset + index * offsetSize, offsetSize);
     };
@@ -119,10 +139,31 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
         if (payload) {
             // Counted, not checked against the object area: the parser does that.
             bytes = count > size ? size : (kind == 0x6 ? count * 2 : count);
+            if (kind == 0x4)
+                return true;
+            // A string holding a NUL: the parser cuts an ASCII one short there (a key
+            // "a\0b" reads as "a") and its string getters abort on a UTF-16 one. Every
+            // object is looked at once; the bytes looked at are bounded like the tree.
+            uint64_t end = std::min<uint64_t>(pos + bytes, tableOffset);
+            scanned += end - std::min(pos, end);
+            if (scanned > maxBytes)
+                return false;
+            for (uint64_t i = pos; i < end; i += kind == 0x6 ? 2 : 1) {
+                if (data[i] == 0 && (kind != 0x6 || (i + 1 < end && data[i + 1] == 0))) {
+                    holdsNul = true;
+                    return false;
+                }
+            }
             return true;
         }
         uint64_t refs = kind == 0xD ? count * 2 : count;
         if (count > tableOffset || refs > (tableOffset - pos) / refSize)
+            return false;
+        // Each reference becomes at least one node: references waiting on the walk's stack
+        // beyond the node limit can only end in a refusal, so they are refused now, before
+        // they are held.
+        pendingRefs += refs;
+        if (pendingRefs > maxNodes)
             return false;
         out.reserve(refs);
         for (uint64_t i = 0; i < refs; ++i) {
@@ -135,10 +176,16 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     };
 
     // Iterative depth-first walk: colour 0 unseen, 1 on the path, 2 done.
+    // Sized for the limits (depth 256, 4 M nodes, 256 MiB), which a value is checked
+    // against before it is stored: 11 bytes per object.
+    static_assert(VkPlist::kMaxDepth <= UINT16_MAX && VkPlist::kMaxNodes <= UINT32_MAX &&
+                  kMaxExpandedBytes <= UINT32_MAX);
+    if (maxDepth > UINT16_MAX || maxNodes > UINT32_MAX || maxBytes > UINT32_MAX)
+        return kMalformed;
     std::vector<uint8_t> colour(numObjects, 0);
-    std::vector<uint64_t> depthOf(numObjects, 0);
-    std::vector<uint64_t> nodesOf(numObjects, 0);
-    std::vector<uint64_t> bytesOf(numObjects, 0);
+    std::vector<uint16_t> depthOf(numObjects, 0);
+    std::vector<uint32_t> nodesOf(numObjects, 0);
+    std::vector<uint32_t> bytesOf(numObjects, 0);
     struct Frame {
         uint64_t index;
         std::vector<uint64_t> children;
@@ -148,21 +195,21 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
     std::vector<Frame> stack;
     stack.push_back({topObject, {}, 0, 0});
     if (!childrenOf(topObject, stack.back().children, stack.back().bytes))
-        return false;
+        return holdsNul ? kNulMessage : kMalformed;
     colour[topObject] = 1;
     while (!stack.empty()) {
         Frame& f = stack.back();
         if (f.next < f.children.size()) {
             uint64_t child = f.children[f.next++];
             if (colour[child] == 1)
-                return false;  // cycle
+                return kMalformed;  // cycle
             if (colour[child] == 2)
                 continue;
             if (stack.size() >= maxDepth)
-                return false;
+                return kMalformed;
             Frame nf{child, {}, 0, 0};
             if (!childrenOf(child, nf.children, nf.bytes))
-                return false;
+                return holdsNul ? kNulMessage : kMalformed;
             colour[child] = 1;
             stack.push_back(std::move(nf));
             continue;
@@ -175,108 +222,156 @@ bool binaryPlistIsSafe(const uint8_t* data, size_t size, size_t maxDepth, size_t
             nodes += nodesOf[c];
             bytes += bytesOf[c];
             if (nodes > maxNodes || bytes > maxBytes)
-                return false;
+                return kMalformed;
         }
-        if (depth > maxDepth)
-            return false;
-        depthOf[f.index] = depth;
-        nodesOf[f.index] = nodes;
-        bytesOf[f.index] = bytes;
+        if (depth > maxDepth || bytes > maxBytes)
+            return kMalformed;
+        depthOf[f.index] = static_cast<uint16_t>(depth);
+        nodesOf[f.index] = static_cast<uint32_t>(nodes);
+        bytesOf[f.index] = static_cast<uint32_t>(bytes);
         colour[f.index] = 2;
+        pendingRefs -= f.children.size();
         stack.pop_back();
     }
-    return true;
+    return nullptr;
 }
 
 // ---- Conversion ---------------------------------------------------------------------
 
-VkPlist fromNode(plist_t node) {
-    switch (plist_get_node_type(node)) {
-        case PLIST_BOOLEAN: {
-            uint8_t v = 0;
-            plist_get_bool_val(node, &v);
-            return VkPlist::boolean(v != 0);
-        }
-        case PLIST_UINT: {
-            uint64_t v = 0;
-            plist_get_uint_val(node, &v);
-            return VkPlist::integer(static_cast<int64_t>(v));
-        }
-        case PLIST_REAL: {
-            double v = 0;
-            plist_get_real_val(node, &v);
-            return VkPlist::real(v);
-        }
-        case PLIST_STRING:
-        case PLIST_KEY: {
-            char* s = nullptr;
-            if (plist_get_node_type(node) == PLIST_KEY) {
-                plist_get_key_val(node, &s);
-            } else {
-                plist_get_string_val(node, &s);
+// libplist 2.2's string and key getters assert that the length it stored equals strlen, so
+// a NUL inside one would abort the process. The guards above refuse such documents before
+// parsing (keys can only be read through those getters); strings are read here with their
+// length all the same, and a NUL found there still fails the document.
+class NodeReader {
+  public:
+    bool malformed = false;
+
+    VkPlist read(plist_t node) {
+        switch (plist_get_node_type(node)) {
+            case PLIST_BOOLEAN: {
+                uint8_t v = 0;
+                plist_get_bool_val(node, &v);
+                return VkPlist::boolean(v != 0);
             }
-            std::string text = s ? s : "";
-            free(s);
-            return VkPlist(std::move(text));
-        }
-        case PLIST_DATE: {
-            int32_t sec = 0, usec = 0;
-            plist_get_date_val(node, &sec, &usec);
-            return VkPlist(VkDate{VkDate::kReferenceDateOffset + sec + usec / 1e6});
-        }
-        case PLIST_DATA: {
-            char* bytes = nullptr;
-            uint64_t length = 0;
-            plist_get_data_val(node, &bytes, &length);
-            VkPlist::Data data(reinterpret_cast<uint8_t*>(bytes),
-                               reinterpret_cast<uint8_t*>(bytes) + length);
-            free(bytes);
-            return VkPlist(std::move(data));
-        }
-        case PLIST_ARRAY: {
-            // libplist 2.2 finds an item by index by walking the list from its start, so
-            // indexing every item is quadratic; its iterator walks once.
-            VkPlist::Array items;
-            items.reserve(plist_array_get_size(node));
-            plist_array_iter it = nullptr;
-            plist_array_new_iter(node, &it);
-            for (;;) {
-                plist_t item = nullptr;
-                plist_array_next_item(node, it, &item);
-                if (!item)
-                    break;
-                items.push_back(fromNode(item));
+            case PLIST_UINT: {
+                uint64_t v = 0;
+                plist_get_uint_val(node, &v);
+                return VkPlist::integer(static_cast<int64_t>(v));
             }
-            free(it);
-            return VkPlist(std::move(items));
-        }
-        case PLIST_DICT: {
-            VkPlist::Dictionary items;
-            plist_dict_iter it = nullptr;
-            plist_dict_new_iter(node, &it);
-            for (;;) {
-                char* key = nullptr;
-                plist_t value = nullptr;
-                plist_dict_next_item(node, it, &key, &value);
-                if (!key)
-                    break;
-                items[key] = fromNode(value);
-                free(key);
+            case PLIST_REAL: {
+                double v = 0;
+                plist_get_real_val(node, &v);
+                return VkPlist::real(v);
             }
-            free(it);
-            return VkPlist(std::move(items));
+            case PLIST_STRING: {
+                uint64_t length = 0;
+                const char* text = plist_get_string_ptr(node, &length);
+                if (!text)
+                    return VkPlist(std::string());
+                if (std::memchr(text, 0, length)) {
+                    malformed = true;
+                    return VkPlist();
+                }
+                return VkPlist(std::string(text, length));
+            }
+            case PLIST_DATE: {
+                int32_t sec = 0, usec = 0;
+                plist_get_date_val(node, &sec, &usec);
+                return VkPlist(VkDate{VkDate::kReferenceDateOffset + sec + usec / 1e6});
+            }
+            case PLIST_DATA: {
+                uint64_t length = 0;
+                const auto* bytes =
+                    reinterpret_cast<const uint8_t*>(plist_get_data_ptr(node, &length));
+                return VkPlist(bytes ? VkPlist::Data(bytes, bytes + length) : VkPlist::Data());
+            }
+            case PLIST_ARRAY: {
+                // libplist 2.2 finds an item by index by walking the list from its start, so
+                // indexing every item is quadratic; its iterator walks once.
+                VkPlist::Array items;
+                items.reserve(plist_array_get_size(node));
+                plist_array_iter it = nullptr;
+                plist_array_new_iter(node, &it);
+                for (;;) {
+                    plist_t item = nullptr;
+                    plist_array_next_item(node, it, &item);
+                    if (!item || malformed)
+                        break;
+                    items.push_back(read(item));
+                }
+                free(it);
+                return VkPlist(std::move(items));
+            }
+            case PLIST_DICT: {
+                VkPlist::Dictionary items;
+                plist_dict_iter it = nullptr;
+                plist_dict_new_iter(node, &it);
+                for (;;) {
+                    char* key = nullptr;
+                    plist_t value = nullptr;
+                    plist_dict_next_item(node, it, &key, &value);
+                    if (!key || malformed) {
+                        free(key);
+                        break;
+                    }
+                    std::string name(key);
+                    free(key);
+                    if (value)
+                        items[std::move(name)] = read(value);
+                }
+                free(it);
+                return VkPlist(std::move(items));
+            }
+            case PLIST_UID: {
+                uint64_t v = 0;
+                plist_get_uid_val(node, &v);
+                return VkPlist::uid(v);
+            }
+            default:
+                return VkPlist();
         }
-        case PLIST_UID: {
-            uint64_t v = 0;
-            plist_get_uid_val(node, &v);
-            return VkPlist::uid(v);
-        }
-        default:
-            return VkPlist();
     }
+};
+
+// Text as libplist can write it. No property list carries a NUL inside a string (libplist
+// would cut the string there and write something else than was meant): one that slipped in
+// is written as U+FFFD, visibly. Its binary writer stores non-ASCII text in UTF-16 and cuts
+// short, or garbles, text that is not UTF-8 (a Linux file name may be anything), so there
+// such bytes become U+FFFD as well; XML carries them as they are, and reads them back.
+std::string writable(const std::string& text, bool binary) {
+    std::string out = text;
+    if (binary && !VkUtf8::isValid(out))
+        out = VkUtf8::repaired(out);
+    if (out.find('\0') == std::string::npos)
+        return out;
+    std::string clean;
+    for (char c : out)
+        clean += c == '\0' ? std::string("\xEF\xBF\xBD") : std::string(1, c);
+    return clean;
 }
 
-plist_t toNode(const VkPlist& value) {
+// Seconds since the platform's reference date as libplist keeps them (32-bit); a date out
+// of that range, or not a number, is clamped rather than converted with undefined results.
+std::pair<int32_t, int32_t> dateFields(const VkDate& date) {
+    double rel = date.secondsSince1970 - VkDate::kReferenceDateOffset;
+    if (!std::isfinite(rel))
+        rel = 0;
+    rel = std::clamp<double>(rel, std::numeric_limits<int32_t>::min(),
+                             std::numeric_limits<int32_t>::max());
+    double sec = std::floor(rel);
+    auto usec = static_cast<int32_t>(std::llround((rel - sec) * 1e6));
+    if (usec >= 1000000) {
+        sec += 1;
+        usec -= 1000000;
+    }
+    if (sec > std::numeric_limits<int32_t>::max()) {
+        sec = std::numeric_limits<int32_t>::max();
+        usec = 0;
+    }
+    return {static_cast<int32_t>(sec), usec};
+}
+
+plist_t toNode(const VkPlist& value, bool binary) {
     switch (value.type()) {
         case VkPlist::Type::None:
             return plist_new_string("");
@@ -287,16 +382,10 @@ plist_t toNode(const VkPlist& value) {
         case VkPlist::Type::Real:
             return plist_new_real(*value.asDouble());
         case VkPlist::Type::String:
-            return plist_new_string(value.asString()->c_str());
+            return plist_new_string(writable(*value.asString(), binary).c_str());
         case VkPlist::Type::Date: {
-            double rel = value.asDate()->secondsSince1970 - VkDate::kReferenceDateOffset;
-            double sec = std::floor(rel);
-            auto usec = static_cast<int32_t>(std::llround((rel - sec) * 1e6));
-            if (usec >= 1000000) {
-                sec += 1;
-                usec -= 1000000;
-            }
-            return plist_new_date(static_cast<int32_t>(sec), usec);
+            auto [sec, usec] = dateFields(*value.asDate());
+            return plist_new_date(sec, usec);
         }
         case VkPlist::Type::Data: {
             const auto& d = *value.asData();
@@ -305,13 +394,13 @@ plist_t toNode(const VkPlist& value) {
         case VkPlist::Type::Array: {
             plist_t node = plist_new_array();
             for (const auto& item : *value.asArray())
-                plist_array_append_item(node, toNode(item));
+                plist_array_append_item(node, toNode(item, binary));
             return node;
         }
         case VkPlist::Type::Dictionary: {
             plist_t node = plist_new_dict();
             for (const auto& [k, v] : *value.asDictionary())
-                plist_dict_set_item(node, k.c_str(), toNode(v));
+                plist_dict_set_item(node, writable(k, binary).c_str(), toNode(v, binary));
             return node;
         }
         case VkPlist::Type::Uid:
@@ -478,12 +567,23 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
     const char* p = static_cast<const char*>(bytes);
     bool binary = size >= 8 && std::memcmp(p, "bplist00", 8) == 0;
     if (binary) {
-        if (!binaryPlistIsSafe(reinterpret_cast<const uint8_t*>(p), size, kMaxDepth, kMaxNodes,
-                               kMaxExpandedBytes)) {
-            return VkError{"malformed or oversized binary property list"};
+        // The walker also refuses a string holding a NUL, with the other malformed layouts.
+        if (const char* problem = binaryPlistProblem(reinterpret_cast<const uint8_t*>(p), size,
+                                                     kMaxDepth, kMaxNodes, kMaxExpandedBytes)) {
+            return VkError{problem};
         }
-    } else if (!xmlNestingWithin(p, size, kMaxDepth)) {
-        return VkError{"property list nested too deeply"};
+    } else {
+        // XML allows no NUL character at all, not even as a reference (libplist refuses
+        // those); zero bytes after the document, as a writer that kept a C string's end
+        // leaves, are harmless and dropped.
+        while (size > 0 && p[size - 1] == '\0')
+            --size;
+        if (size == 0)
+            return VkError{"empty property list"};
+        if (std::memchr(p, 0, size))
+            return VkError{kNulMessage};
+        if (!xmlWithinBounds(p, size, kMaxDepth, kMaxNodes))
+            return VkError{"property list nested too deeply or too large"};
     }
     plist_t root = nullptr;
     if (binary) {
@@ -496,7 +596,11 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
     PlistHandle owner(root);
     if (!root)
         return VkError{binary ? "not a valid binary property list" : "not a valid property list"};
-    return fromNode(root);
+    NodeReader reader;
+    VkPlist value = reader.read(root);
+    if (reader.malformed)
+        return VkError{kNulMessage};
+    return value;
 }
 
 VkResult<VkPlist> VkPlist::readFile(const std::string& path, size_t maxBytes) {
@@ -517,7 +621,7 @@ std::optional<VkPlist> VkPlist::contentsOfFile(const std::string& path) {
 }
 
 std::string VkPlist::toXml() const {
-    PlistHandle node(toNode(*this));
+    PlistHandle node(toNode(*this, false));
     char* xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(node.get(), &xml, &length);
@@ -528,7 +632,7 @@ std::string VkPlist::toXml() const {
 }
 
 std::vector<uint8_t> VkPlist::toBinary() const {
-    PlistHandle node(toNode(*this));
+    PlistHandle node(toNode(*this, true));
     char* bin = nullptr;
     uint32_t length = 0;
     plist_to_bin(node.get(), &bin, &length);

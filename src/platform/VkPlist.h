@@ -78,9 +78,10 @@ class VkPlist {
 
     bool operator==(const VkPlist& other) const;
 
-    // Parses XML or binary property-list bytes. Input nested deeper than kMaxDepth, or
-    // whose binary object graph is malformed or would expand past kMaxNodes, is refused
-    // before it reaches the parser.
+    // Parses XML or binary property-list bytes. Input nested deeper than kMaxDepth, whose
+    // binary object graph is malformed or would expand past kMaxNodes, or with a NUL
+    // character inside a string or key, is refused (the NUL before it reaches the parser,
+    // whose getters would abort on it).
     static VkResult<VkPlist> parse(const void* bytes, size_t size);
     // Reads a file (following links); refuses files larger than maxBytes.
     static VkResult<VkPlist> readFile(const std::string& path,
@@ -88,6 +89,9 @@ class VkPlist {
     // Reads a file; nullopt on any failure (the platform's "contents of file" reads).
     static std::optional<VkPlist> contentsOfFile(const std::string& path);
 
+    // A NUL inside a string or key, which no property list can carry, is written as
+    // U+FFFD, and so is, in the binary form only, each byte of text that is not UTF-8;
+    // dates are clamped to the format's 32-bit seconds.
     std::string toXml() const;
     std::vector<uint8_t> toBinary() const;
     // Writes the XML form atomically (temporary file in the same folder, then rename).

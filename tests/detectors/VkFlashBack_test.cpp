@@ -117,6 +117,8 @@ TEST_F(VkFlashBackTest, LaunchItemsWithAHiddenProgramAreInfected) {
                                          onDisk("/Users/Shared/.svc"), userAgent, daemon}}}));
     EXPECT_EQ(detector.serviceFiles(), (Paths{userAgent, daemon}));
     EXPECT_EQ(logLines(), (Paths{"[VkAnti] detect com.example.update.plist - ~/.update",
+                                 "[VkAnti] skip " + onDisk("/Library/LaunchAgents/f.plist") +
+                                     ": not a valid property list",
                                  "[VkAnti] detect com.example.d.plist - /Users/Shared/.svc"}));
 }
 

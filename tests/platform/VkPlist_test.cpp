@@ -1,9 +1,11 @@
 #include "platform/VkPlist.h"
 
+#include <cmath>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "fakes/VkHostilePlist.h"
 #include "fakes/VkTempDir.h"
 
 namespace {
@@ -43,6 +45,19 @@ TEST(VkPlistTest, RefusesGarbageTruncationAndDeepNesting) {
     for (int i = 0; i < 100000; ++i)
         deep += "<array>";
     EXPECT_FALSE(VkPlist::parse(deep.data(), deep.size()).ok());
+}
+
+TEST(VkPlistTest, BoundsXmlElementsInOnePass) {
+    // Four million elements and one more are refused before libplist allocates a node each.
+    std::string many = "<plist><array>";
+    for (size_t i = 0; i <= VkPlist::kMaxNodes; ++i)
+        many += "<true/>";
+    many += "</array></plist>";
+    EXPECT_FALSE(VkPlist::parse(many.data(), many.size()).ok());
+    // Open brackets without a tag end took the guard quadratic time: 4 MiB would not end.
+    std::string brackets(4u << 20, '<');
+    brackets.replace(brackets.size() / 2, 6, "array ");
+    EXPECT_FALSE(VkPlist::parse(brackets.data(), brackets.size()).ok());
 }
 
 TEST(VkPlistTest, RefusesBinaryCycles) {
@@ -96,6 +111,53 @@ TEST(VkPlistTest, BoundsTheBytesThatSharedObjectsExpandTo) {
     EXPECT_EQ(fine->asArray()->back().asData()->size(), 1u << 20);
     auto bomb = sharedDataList(300, 1u << 20);
     EXPECT_FALSE(VkPlist::parse(bomb.data(), bomb.size()).ok());
+}
+
+TEST(VkPlistTest, RefusesANulInAStringOrKeyInsteadOfAborting) {
+    VkPlist list = VkPlist::dictionary({{"Label", kVkNulMarker}, {kVkNulKeyMarker, "v"}});
+    for (const auto& c : kVkNulCases) {
+        SCOPED_TRACE(c.name);
+        std::string unharmed = vkPlantNul(list, c.place, false);
+        EXPECT_TRUE(VkPlist::parse(unharmed.data(), unharmed.size()).ok());
+        std::string bytes = vkPlantNul(list, c.place);
+        auto parsed = VkPlist::parse(bytes.data(), bytes.size());
+        ASSERT_FALSE(parsed.ok());
+        EXPECT_EQ(parsed.error(), "a string or key holds a NUL character");
+    }
+    // An ASCII key of a binary list: libplist would read "k\0y" as "k" without a word.
+    auto bin = VkPlist::dictionary({{"k@y", "v"}}).toBinary();
+    std::string ascii(bin.begin(), bin.end());
+    ascii[ascii.find("k@y") + 1] = '\0';
+    EXPECT_FALSE(VkPlist::parse(ascii.data(), ascii.size()).ok());
+    // Zero bytes after an XML document end it harmlessly.
+    std::string padded = list.toXml() + std::string(3, '\0');
+    auto fine = VkPlist::parse(padded.data(), padded.size());
+    ASSERT_TRUE(fine.ok()) << fine.error();
+    EXPECT_EQ(*fine, list);
+}
+
+TEST(VkPlistTest, WritesWhatNoListCanCarryVisibly) {
+    // A file name in Latin-1 is no UTF-8: libplist's binary writer cut "caf\xE9.txt" to "caf"
+    // and made "\xC2Y" unreadable.
+    VkPlist odd = VkPlist::dictionary({{std::string("k\0y", 3), std::string("a\0b", 3)},
+                                       {"far", VkDate{1e300}},
+                                       {"nan", VkDate{std::nan("")}},
+                                       {"latin", "caf\xE9.txt"},
+                                       {"\xC2Y", "\xC2Y"}});
+    const std::string fffd = "\xEF\xBF\xBD";
+    for (bool binary : {false, true}) {
+        auto bin = odd.toBinary();
+        std::string bytes = binary ? std::string(bin.begin(), bin.end()) : odd.toXml();
+        auto back = VkPlist::parse(bytes.data(), bytes.size());
+        ASSERT_TRUE(back.ok()) << back.error();
+        EXPECT_EQ(*back->getString("k" + fffd + "y"), "a" + fffd + "b");
+        EXPECT_EQ(*back->getString("latin"), binary ? "caf" + fffd + ".txt" : "caf\xE9.txt");
+        const std::string odd2 = binary ? fffd + "Y" : "\xC2Y";
+        EXPECT_EQ(*back->getString(odd2), odd2);
+        EXPECT_EQ(back->get("far")->asDate()->secondsSince1970,
+                  VkDate::kReferenceDateOffset + 2147483647.0);
+        EXPECT_EQ(back->get("nan")->asDate()->secondsSince1970, VkDate::kReferenceDateOffset);
+    }
 }
 
 TEST(VkPlistTest, WritesFilesAtomically) {

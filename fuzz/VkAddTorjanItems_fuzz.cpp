@@ -1,0 +1,63 @@
+// The update step: the manifest deciphered and read, then every entry acted on, against an
+// update server whose answers are the input.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VkFuzzSupport.h"
+#include "database/VkAddTorjanItems.h"
+#include "database/VkManifestCipher.h"
+
+namespace {
+
+// Serves the manifest, and the same bytes for every database the manifest names.
+class VkFuzzServer : public VkHttpClient {
+  public:
+    VkFuzzServer(std::vector<uint8_t> manifest, std::vector<uint8_t> file)
+        : manifest_(std::move(manifest)), file_(std::move(file)) {}
+    VkResult<std::vector<uint8_t>> get(const std::string& url) override {
+        if (url.ends_with(VkAddTorjanItems::kManifestName))
+            return manifest_;
+        if (++downloads_ % 3 == 0)
+            return VkError{"HTTP 404"};
+        return file_;
+    }
+
+  private:
+    std::vector<uint8_t> manifest_;
+    std::vector<uint8_t> file_;
+    size_t downloads_ = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 1)
+        return 0;
+    // First byte 0: the bytes as the server sends them (deciphering included). Otherwise the
+    // rest is the plain manifest, enciphered here so that the reading is what gets fuzzed.
+    std::vector<uint8_t> rest(data + 1, data + size);
+    std::vector<uint8_t> body = rest;
+    if (data[0] != 0) {
+        auto enciphered = VkManifestCipher::encrypt(rest);
+        if (!enciphered)
+            return 0;
+        body = std::move(*enciphered);
+    }
+    auto ctx = vkFuzzContext();
+    {
+        VkAddTorjanItems updater(ctx, std::make_shared<VkFuzzServer>(body, rest));
+        VkUpdateReport report = updater.checkUpdateOnce();
+        VK_FUZZ_CHECK(report.success || report.failure != VkUpdateReport::Failure::None);
+        // What was staged lies in the staging folder, nowhere else.
+        for (const auto& entry : report.entries) {
+            if (!entry.stagedPath.empty())
+                VK_FUZZ_CHECK(VkFile::deletingLastPathComponent(entry.stagedPath) ==
+                              ctx->dataPath("temp"));
+        }
+        updater.stopUpdateNotification();
+    }
+    VkFile::removeTree(ctx->dataFolder);
+    return 0;
+}

@@ -1,0 +1,258 @@
+// A NUL planted in a string or a key of every property list the programs take from outside:
+// each reader skips what it cannot read under its own rule, says so, and goes on.
+
+#include "fakes/VkHostilePlist.h"
+
+#include <algorithm>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include "database/VkAddTorjanItems.h"
+#include "database/VkDataBaseCheck.h"
+#include "database/VkManifestCipher.h"
+#include "database/VkSqliteHandle.h"
+#include "database/VkSqliteManager.h"
+#include "detectors/VkAgentTrojan.h"
+#include "fakes/VkRunProgram.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
+#include "logs/VkFileMonLogsItem.h"
+#include "monitor/VkFileMonService.h"
+#include "platform/VkFileUtil.h"
+#include "platform/VkUserDefaults.h"
+
+namespace {
+
+const std::string kSample = "alpha-synthetic-sample";
+const std::string kOlyxA = "/Users/tester/Library/LaunchAgents/www.google.com.tstart.plist";
+const std::string kOlyxB = "/Users/tester/Library/LaunchAgents/com.apple.DockActions.plist";
+
+bool anyHolds(const std::vector<std::string>& lines, const std::string& part) {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& l) { return l.find(part) != std::string::npos; });
+}
+
+std::vector<std::string> logOf(const std::shared_ptr<VkContext>& ctx) {
+    return std::dynamic_pointer_cast<VkCapturedLog>(ctx->systemLog)->lines();
+}
+
+// A database of one record matching kSample whose kill list is the planted archive.
+void writeDatabase(const std::string& path, VkNulPlace place, bool plant) {
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+    vkWriteSignatureDatabase(path, "test", "1.0",
+                             {{"Test.Alpha", kSample, {{"d", "/Library/" + kVkNulMarker, "x"}}}});
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+    VkSqliteDb db(raw);
+    std::vector<uint8_t> archive;
+    {
+        VkSqliteStatement read;
+        ASSERT_EQ(sqlite3_prepare_v2(raw, "select kill from test", -1, read.out(), nullptr),
+                  SQLITE_OK);
+        ASSERT_EQ(sqlite3_step(read.get()), SQLITE_ROW);
+        const auto* blob = static_cast<const uint8_t*>(sqlite3_column_blob(read.get(), 0));
+        archive.assign(blob, blob + sqlite3_column_bytes(read.get(), 0));
+    }
+    std::string planted = vkPlantNulInArchive(archive, place, plant);
+    VkSqliteStatement write;
+    ASSERT_EQ(sqlite3_prepare_v2(raw, "update test set kill = ?", -1, write.out(), nullptr),
+              SQLITE_OK);
+    sqlite3_bind_blob(write.get(), 1, planted.data(), static_cast<int>(planted.size()),
+                      SQLITE_STATIC);
+    ASSERT_EQ(sqlite3_step(write.get()), SQLITE_DONE);
+}
+
+// A launch item of Olyx.A, as the detector recognises it, holding both markers.
+std::string launchItem(VkNulPlace place, bool plant) {
+    return vkPlantNul(
+        VkPlist::dictionary({{"Label", kVkNulMarker},
+                             {kVkNulKeyMarker, "x"},
+                             {"Program", "/Library/Application Support/google/startp"}}),
+        place, plant);
+}
+
+std::string records(VkNulPlace place, bool plant) {
+    auto item = std::make_shared<VkFileMonLogsItem>();
+    item->setFilePath("/Users/tester/Downloads/" + kVkNulMarker);
+    item->setTrojanName("Test.Alpha");
+    return vkPlantNulInArchive(*VkFileMonLogsItem::archiveItems({item}), place, plant);
+}
+
+std::vector<uint8_t> manifest(VkNulPlace place, bool plant) {
+    VkPlist entry = VkPlist::dictionary(
+        {{"name", "extra"}, {"version", kVkNulMarker}, {"webpath", "extra.sql"}});
+    entry.set(kVkNulKeyMarker, "x");
+    std::string plain = vkPlantNul(VkPlist::array({entry}), place, plant);
+    return *VkManifestCipher::encrypt(std::vector<uint8_t>(plain.begin(), plain.end()));
+}
+
+std::string defaults(VkNulPlace place, bool plant) {
+    return vkPlantNul(VkPlist::dictionary({{"LogsKeepDay", VkPlist::integer(30)},
+                                           {"Note", kVkNulMarker},
+                                           {kVkNulKeyMarker, "x"}}),
+                      place, plant);
+}
+
+class CannedManifest : public VkHttpClient {
+  public:
+    explicit CannedManifest(std::vector<uint8_t> body) : body_(std::move(body)) {}
+    VkResult<std::vector<uint8_t>> get(const std::string& url) override {
+        if (url.ends_with("/version.xml"))
+            return body_;
+        return VkError{"not served"};
+    }
+
+  private:
+    std::vector<uint8_t> body_;
+};
+
+// Each case twice: unharmed (so the reader is shown to take the list) and planted.
+class VkHostilePlistTest : public ::testing::TestWithParam<VkNulCase> {
+  protected:
+    VkNulPlace place() const { return GetParam().place; }
+};
+
+TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
+    for (bool plant : {false, true}) {
+        SCOPED_TRACE(plant ? "planted" : "unharmed");
+        VkTempDir dir;
+        auto ctx = VkContext::forTesting(dir.path());
+
+        // Signature database: the record stays (it still finds its file), without a kill list.
+        std::string db = ctx->dataPath("test.sql");
+        writeDatabase(db, place(), plant);
+        VkSqliteManager store(ctx);
+        store.openDataBase(db);
+        ASSERT_EQ(store.TorjanItemArray().size(), 1u);
+        EXPECT_EQ(store.TorjanItemArray()[0]->killArray().has_value(), !plant);
+        EXPECT_EQ(anyHolds(logOf(ctx), "kept without their unreadable kill list"), plant);
+        auto problems = VkDataBaseCheck::verify(db);
+        ASSERT_TRUE(problems.ok()) << problems.error();
+        std::vector<std::string> messages;
+        for (const auto& p : *problems)
+            messages.push_back(p.column + ": " + p.message);
+        EXPECT_EQ(anyHolds(messages,
+                           "kill: not a keyed archive (keyed archive: a string or key "
+                           "holds a NUL character)"),
+                  plant);
+
+        // Launch agent: skipped and told; the next family is still found.
+        VkFile::createDirectory(ctx->resolve("/Users/tester/Library/LaunchAgents"), true);
+        VkFile::writeAtomically(ctx->resolve(kOlyxA), launchItem(place(), plant));
+        VkFile::writeAtomically(
+            ctx->resolve(kOlyxB),
+            VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+        VkSpecialResult found = VkAgentTrojan(ctx).scan(nullptr);
+        EXPECT_EQ(found.count("OSX/Olyx.A"), plant ? 0u : 1u);
+        EXPECT_EQ(found.count("OSX/Olyx.B"), 1u);
+        EXPECT_EQ(anyHolds(logOf(ctx), "[VkAnti] skip " + ctx->resolve(kOlyxA) +
+                                           ": a string or key holds a NUL character"),
+                  plant);
+
+        // The monitor's records: moved aside at start, the monitor starts with none.
+        std::string recordsPath = VkFileMonStore::recordsPath(ctx->dataFolder);
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(recordsPath), true);
+        VkFile::writeAtomically(recordsPath, records(place(), plant));
+        {
+            VkFileMonServiceOptions options;
+            options.watchFolders = {dir.mkdir("watch")};
+            VkFileMonService monitor(ctx, options);
+            auto started = monitor.start();
+            ASSERT_TRUE(started) << started.error();
+            EXPECT_EQ(VkFile::exists(recordsPath + ".unreadable"), plant);
+            EXPECT_EQ(anyHolds(logOf(ctx), "holds a NUL character); moved to"), plant);
+            monitor.requestStop();
+        }
+
+        // Update manifest: the check fails as unreadable; nothing is fetched.
+        VkAddTorjanItems updater(ctx, std::make_shared<CannedManifest>(manifest(place(), plant)));
+        VkUpdateReport report = updater.checkUpdateOnce();
+        EXPECT_EQ(report.success, !plant);
+        EXPECT_EQ(report.failure == VkUpdateReport::Failure::Parse, plant);
+        EXPECT_EQ(report.entries.size(), plant ? 0u : 1u);
+
+        // Defaults: moved aside, never overwritten; the settings start afresh.
+        VkFile::writeAtomically(ctx->defaultsFile, defaults(place(), plant));
+        VkUserDefaults settings(ctx->defaultsFile);
+        EXPECT_EQ(settings.objectForKey("LogsKeepDay").has_value(), !plant);
+        EXPECT_EQ(settings.quarantinedCopy().empty(), !plant);
+    }
+}
+
+// The programs, end to end, on a data folder, defaults file and inspected system that hold
+// the planted lists.
+TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
+    VkTempDir dir;
+    const std::string data = dir / "data";
+    const std::string db = data + "/test.sql";
+    writeDatabase(db, place(), true);
+    std::string sample = dir.write("tree/alpha.bin", kSample);
+    dir.write("root" + kOlyxA, launchItem(place(), true));
+    dir.write("root" + kOlyxB,
+              VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+    dir.write("data/Logs/vkFileMon.logs", records(place(), true));
+    dir.write("defaults.plist", defaults(place(), true));
+    std::vector<uint8_t> served = manifest(place(), true);
+    httplib::Server server;
+    server.Get("/velkora_soft_upgrade_files/trojanupdate/version.xml", [&](const httplib::Request&,
+                                                                           httplib::Response& res) {
+        res.set_content(std::string(served.begin(), served.end()), "application/octet-stream");
+    });
+    int port = server.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { server.listen_after_bind(); });
+
+    auto run = [&](const std::string& program, std::vector<std::string> args) {
+        if (program == "vksecurity")
+            args.insert(args.begin(),
+                        {"--data-dir", data, "--root", dir / "root", "--user", "tester"});
+        return vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program, args,
+                            {{"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                             {"VK_RESOURCE_DIR", dir / "resources"},
+                             {"VK_UPDATE_SERVER", "http://127.0.0.1:" + std::to_string(port)}});
+    };
+    auto trust = run("vksecurity", {"trust", "list"});
+    EXPECT_EQ(trust.exitCode, 0) << trust.err;
+    EXPECT_NE(trust.err.find("the settings file " + dir / "defaults.plist" + " cannot be read"),
+              std::string::npos)
+        << trust.err;
+    auto scan = run("vksecurity", {"scan", dir / "tree"});
+    EXPECT_EQ(scan.exitCode, 1) << scan.err;
+    EXPECT_NE(scan.out.find(sample + ": Test.Alpha FOUND"), std::string::npos) << scan.out;
+    auto quick = run("vksecurity", {"scan", "--quick"});
+    EXPECT_EQ(quick.exitCode, 1) << quick.err;
+    EXPECT_NE(quick.out.find("OSX/Olyx.B FOUND"), std::string::npos) << quick.out;
+    EXPECT_EQ(quick.out.find("OSX/Olyx.A"), std::string::npos) << quick.out;
+    auto monitorLogs = run("vksecurity", {"logs", "--monitor"});
+    EXPECT_EQ(monitorLogs.exitCode, 2);
+    EXPECT_NE(monitorLogs.err.find("records cannot be read: keyed archive: a string or key holds "
+                                   "a NUL character"),
+              std::string::npos)
+        << monitorLogs.err;
+    auto update = run("vksecurity", {"update"});
+    EXPECT_EQ(update.exitCode, 2) << update.out;
+    EXPECT_NE(update.err.find("the manifest is not a property-list array"), std::string::npos)
+        << update.err;
+    auto list = run("vksig", {"list", db});
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_NE(list.out.find("Test.Alpha"), std::string::npos) << list.out;
+    EXPECT_EQ(list.out.find("kill="), std::string::npos) << list.out;
+    auto verify = run("vksig", {"verify", db});
+    EXPECT_EQ(verify.exitCode, 1) << verify.err;
+    EXPECT_NE(verify.out.find("row 1: kill: not a keyed archive"), std::string::npos) << verify.out;
+
+    server.stop();
+    serving.join();
+}
+
+INSTANTIATE_TEST_SUITE_P(NulPlaces, VkHostilePlistTest, ::testing::ValuesIn(kVkNulCases),
+                         [](const auto& info) {
+                             std::string name = info.param.name;
+                             std::replace_if(
+                                 name.begin(), name.end(), [](char c) { return !std::isalnum(c); },
+                                 '_');
+                             return name;
+                         });
+
+}  // namespace
