@@ -53,11 +53,13 @@ run_target() {
   esac
   mkdir -p "$dir/corpus/$name" "$dir/artifacts/$name" "$scratch/$name"
   # Per input: 10 s and 2 GiB at most (sanitizers included); the bounds of the parsers keep
-  # legitimate inputs far below both.
+  # legitimate inputs far below both. What the code prints on standard output (SQLite's
+  # complaints about damaged files) is dropped; libFuzzer reports on standard error.
   set +e
   TMPDIR="$scratch/$name" "$dir/fuzz/fuzz_$name" "${dict[@]}" \
     -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -malloc_limit_mb=2048 \
-    -max_len="$max_len" -print_final_stats=1 -artifact_prefix="$dir/artifacts/$name/" \
+    -max_len="$max_len" -print_final_stats=1 -close_fd_mask=1 \
+    -artifact_prefix="$dir/artifacts/$name/" \
     "$dir/corpus/$name" "$dir/seeds/$name" >"$dir/logs/$name.log" 2>&1
   echo $? >"$dir/logs/$name.rc"
   set -e
