@@ -3,32 +3,29 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include "VkFuzzSupport.h"
 #include "database/VkAddTorjanItems.h"
 #include "database/VkManifestCipher.h"
+#include "fakes/VkCannedHttpClient.h"
 
 namespace {
 
-// Serves the manifest, and the same bytes for every database the manifest names.
-class VkFuzzServer : public VkHttpClient {
-  public:
-    VkFuzzServer(std::vector<uint8_t> manifest, std::vector<uint8_t> file)
-        : manifest_(std::move(manifest)), file_(std::move(file)) {}
-    VkResult<std::vector<uint8_t>> get(const std::string& url) override {
-        if (url.ends_with(VkAddTorjanItems::kManifestName))
-            return manifest_;
-        if (++downloads_ % 3 == 0)
-            return VkError{"HTTP 404"};
-        return file_;
-    }
-
-  private:
-    std::vector<uint8_t> manifest_;
-    std::vector<uint8_t> file_;
-    size_t downloads_ = 0;
-};
+// Serves the manifest and, for every file it names, the fuzzed bytes; every third file
+// is missing.
+std::shared_ptr<VkHttpClient> fuzzServer(std::vector<uint8_t> manifest, std::vector<uint8_t> file) {
+    auto downloads = std::make_shared<size_t>(0);
+    return std::make_shared<VkCannedHttpClient>(
+        [=](const std::string& url) -> VkResult<std::vector<uint8_t>> {
+            if (url.ends_with(VkAddTorjanItems::kManifestName))
+                return manifest;
+            if (++*downloads % 3 == 0)
+                return VkError{"HTTP 404"};
+            return file;
+        });
+}
 
 }  // namespace
 
@@ -47,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     auto ctx = vkFuzzContext();
     {
-        VkAddTorjanItems updater(ctx, std::make_shared<VkFuzzServer>(body, rest));
+        VkAddTorjanItems updater(ctx, fuzzServer(body, rest));
         VkUpdateReport report = updater.checkUpdateOnce();
         VK_FUZZ_CHECK(report.success || report.failure != VkUpdateReport::Failure::None);
         // What was staged lies in the staging folder, nowhere else.

@@ -30,8 +30,6 @@ constexpr int32_t kCustomScan = VkScanSession::kCustomScan;
 // The user-defaults keys the panel writes; spelt as stored data has them.
 constexpr const char* kLastSecurityScanTime = "LastSecurityScanTime";
 constexpr const char* kLastSecurityUpdateTime = "LastSecurityUpdateTime";
-constexpr const char* kLastQuickScanTime = VkScanSession::kLastQuickScanTime;
-constexpr const char* kLastScanTroajnTime = VkScanSession::kLastScanTroajnTime;
 
 // Replaces the first "%@" of a localized format by the argument; "%%" becomes "%".
 std::string formatWithString(const std::string& format, const std::optional<std::string>& arg) {

@@ -1,6 +1,7 @@
 // A NUL planted in a string or a key of every property list the programs take from outside:
 // each reader skips what it cannot read under its own rule, says so, and goes on.
 
+#include "fakes/VkCannedHttpClient.h"
 #include "fakes/VkHostilePlist.h"
 
 #include <algorithm>
@@ -95,18 +96,14 @@ std::string defaults(VkNulPlace place, bool plant) {
                       place, plant);
 }
 
-class CannedManifest : public VkHttpClient {
-  public:
-    explicit CannedManifest(std::vector<uint8_t> body) : body_(std::move(body)) {}
-    VkResult<std::vector<uint8_t>> get(const std::string& url) override {
-        if (url.ends_with("/version.xml"))
-            return body_;
-        return VkError{"not served"};
-    }
-
-  private:
-    std::vector<uint8_t> body_;
-};
+std::shared_ptr<VkHttpClient> cannedManifest(std::vector<uint8_t> body) {
+    return std::make_shared<VkCannedHttpClient>(
+        [body](const std::string& url) -> VkResult<std::vector<uint8_t>> {
+            if (url.ends_with("/version.xml"))
+                return body;
+            return VkError{"not served"};
+        });
+}
 
 // Each case twice: unharmed (so the reader is shown to take the list) and planted.
 class VkHostilePlistTest : public ::testing::TestWithParam<VkNulCase> {
@@ -167,7 +164,7 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
         }
 
         // Update manifest: the check fails as unreadable; nothing is fetched.
-        VkAddTorjanItems updater(ctx, std::make_shared<CannedManifest>(manifest(place(), plant)));
+        VkAddTorjanItems updater(ctx, cannedManifest(manifest(place(), plant)));
         VkUpdateReport report = updater.checkUpdateOnce();
         EXPECT_EQ(report.success, !plant);
         EXPECT_EQ(report.failure == VkUpdateReport::Failure::Parse, plant);

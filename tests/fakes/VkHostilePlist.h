@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct VkNulCase {
     const char* name;
     VkNulPlace place;
 };
+// Test names and failure messages show the case's name, not its bytes.
+inline void PrintTo(const VkNulCase& c, std::ostream* os) { *os << c.name; }
 inline const std::vector<VkNulCase> kVkNulCases = {
     {"xml string", VkNulPlace::XmlString},
     {"binary UTF-16 string", VkNulPlace::BinaryUtf16String},
