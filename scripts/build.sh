@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Configures and builds one tree: scripts/build.sh [release|asan|fuzz]
+# Configures and builds one tree: scripts/build.sh [release|asan|fuzz|coverage]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 flavor=${1:-release}
@@ -9,7 +9,9 @@ case "$flavor" in
   # The libFuzzer targets of fuzz/ and the core they call (clang; see scripts/fuzz.sh).
   fuzz) dir=build/fuzz; flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVK_FUZZ=ON
                                -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++) ;;
-  *) echo "usage: $0 [release|asan|fuzz]" >&2; exit 2 ;;
+  # gcov counters for scripts/coverage.sh.
+  coverage) dir=build/coverage; flags=(-DCMAKE_BUILD_TYPE=Debug -DVK_COVERAGE=ON) ;;
+  *) echo "usage: $0 [release|asan|fuzz|coverage]" >&2; exit 2 ;;
 esac
 # One build at a time on this machine: parallel work trees share two cores.
 exec 9>"${TMPDIR:-/tmp}/vksecurity-build.lock"

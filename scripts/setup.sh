@@ -12,6 +12,9 @@ packages=(
   clang libclang-rt-14-dev
 )
 # Extra groups, asked for by the scripts that need them.
+if [[ " $* " == *" --coverage "* ]]; then
+  packages+=(gcovr)
+fi
 if [[ " $* " == *" --bench "* ]]; then
   packages+=(clamav time python3)
 fi
