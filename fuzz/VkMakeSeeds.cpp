@@ -81,7 +81,8 @@ void archiveSeeds() {
     auto kill = VkTorjanItem::makeKillArray({{"d", "/Library/Example", "agent.plist"},
                                              {"k", "Example"},
                                              {"d", "~/Library/LaunchAgents", "x.plist"}});
-    auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(kill)));
+    auto archive =
+        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(kill.toArray())));
     seed("keyed_archive", "kill", text(*archive));
     auto mixed = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(everyType()));
     seed("keyed_archive", "mixed", text(*mixed));

@@ -60,12 +60,12 @@ std::optional<std::string> vkSigHashText(const std::string& text) {
     return lower;
 }
 
-VkResult<VkPlist> vkSigParseKill(const std::string& spec) {
+VkResult<VkKillEntry> vkSigParseKill(const std::string& spec) {
     if (spec.rfind("k:", 0) == 0) {
         std::string process = spec.substr(2);
         if (process.empty())
             return VkError{"--kill " + spec + ": no process name after \"k:\""};
-        return VkPlist::array({"k", process});
+        return VkKillEntry::killing(process);
     }
     if (spec.rfind("d:", 0) == 0) {
         std::string rest = spec.substr(2);
@@ -79,21 +79,9 @@ VkResult<VkPlist> vkSigParseKill(const std::string& spec) {
             return VkError{"--kill " + spec + ": the folder must be an absolute path"};
         if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..")
             return VkError{"--kill " + spec + ": the name must be one path component"};
-        return VkPlist::array({"d", folder, name});
+        return VkKillEntry::deletion(folder, name);
     }
     return VkError{"--kill " + spec + ": expected d:FOLDER:NAME or k:PROCESS"};
-}
-
-std::string vkSigKillText(const VkPlist& entry) {
-    const VkPlist::Array* parts = entry.asArray();
-    if (!parts)
-        return "?";
-    std::string text;
-    for (size_t i = 0; i < parts->size(); ++i) {
-        const std::string* s = (*parts)[i].asString();
-        text += (i ? ":" : "") + (s ? *s : std::string("?"));
-    }
-    return text;
 }
 
 std::shared_ptr<VkTorjanItem> vkSigDeciphered(const VkTorjanItem& stored) {

@@ -47,10 +47,7 @@ std::optional<std::string> vkSigHashText(const std::string& text);
 
 // A kill entry from "d:FOLDER:NAME" (delete FOLDER/NAME) or "k:PROCESS" (kill every process
 // of that name).
-VkResult<VkPlist> vkSigParseKill(const std::string& spec);
-
-// A kill entry as the command line writes it ("d:/Library/Foo:bar.plist", "k:Foo").
-std::string vkSigKillText(const VkPlist& entry);
+VkResult<VkKillEntry> vkSigParseKill(const std::string& spec);
 
 // A copy of a stored record with its text fields deciphered.
 std::shared_ptr<VkTorjanItem> vkSigDeciphered(const VkTorjanItem& stored);

@@ -116,15 +116,16 @@ static VkSigCommand registration(20, [](CLI::App& app, VkSigCli& cli) {
             return vkSigFail(cli, "give --sample FILE, or --size and --code");
         if (o->name.empty())
             return vkSigFail(cli, "--name must not be empty");
-        std::optional<VkTorjanItem::KillArray> kills;
+        std::vector<VkKillEntry> entries;
         for (const std::string& spec : o->kills) {
-            VkResult<VkPlist> entry = vkSigParseKill(spec);
+            VkResult<VkKillEntry> entry = vkSigParseKill(spec);
             if (!entry)
                 return vkSigFail(cli, entry.error());
-            if (!kills)
-                kills.emplace();
-            kills->push_back(std::move(*entry));
+            entries.push_back(std::move(*entry));
         }
+        std::optional<VkKillList> kills;
+        if (!entries.empty())
+            kills.emplace(std::move(entries));
         VkResult<void> measured = o->sample.empty() ? checkGivenHashes(*o) : measureSample(*o);
         if (!measured)
             return vkSigFail(cli, measured.error());

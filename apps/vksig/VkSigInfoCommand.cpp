@@ -35,7 +35,8 @@ static VkSigCommand registration(60, [](CLI::App& app, VkSigCli& cli) {
                 {"version", info && info->version() ? nlohmann::json(version) : nullptr},
                 {"records", manager.TorjanItemArray().size()},
                 {"recordsWithHeadCode", withHead},
-                {"recordsWithKillList", withKill}};
+                {"recordsWithKillList", withKill},
+                {"killEntriesDropped", manager.droppedKillEntries()}};
             vkJsonSetPath(out, "path", o->path);
             std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
@@ -45,5 +46,8 @@ static VkSigCommand registration(60, [](CLI::App& app, VkSigCli& cli) {
         std::printf("version:   %s\n", info ? vkCliText(version).c_str() : "(no description)");
         std::printf("records:   %zu (%zu with a head code, %zu with a kill list)\n",
                     manager.TorjanItemArray().size(), withHead, withKill);
+        if (manager.droppedKillEntries() > 0)
+            std::printf("dropped:   %zu malformed kill-list entries (see vksig verify)\n",
+                        manager.droppedKillEntries());
     });
 });

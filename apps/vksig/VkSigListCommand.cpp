@@ -51,8 +51,11 @@ static VkSigCommand registration(30, [](CLI::App& app, VkSigCli& cli) {
             for (const auto& stored : manager.TorjanItemArray()) {
                 auto item = vkSigDeciphered(*stored);
                 nlohmann::json kill = nullptr;
-                if (auto killArray = item->killArray())
-                    kill = jsonOf(VkPlist(*killArray));
+                size_t dropped = 0;
+                if (auto kills = item->killArray()) {
+                    kill = jsonOf(VkPlist(kills->toArray()));
+                    dropped = kills->droppedCount();
+                }
                 records.push_back({{"name", jsonOf(item->name())},
                                    {"detail", jsonOf(item->detail())},
                                    {"level", item->level()},
@@ -60,7 +63,8 @@ static VkSigCommand registration(30, [](CLI::App& app, VkSigCli& cli) {
                                    {"fileSize", item->fileSize()},
                                    {"code", jsonOf(item->TorjanCode())},
                                    {"headCode", jsonOf(item->headeCode())},
-                                   {"kill", kill}});
+                                   {"kill", kill},
+                                   {"killDropped", dropped}});
             }
             nlohmann::json out = {{"name", jsonOf(info ? info->name() : std::nullopt)},
                                   {"version", jsonOf(info ? info->version() : std::nullopt)},
@@ -78,11 +82,14 @@ static VkSigCommand registration(30, [](CLI::App& app, VkSigCli& cli) {
                 line += " head=" + *head;
             if (auto detail = item->detail())
                 line += " detail=\"" + *detail + "\"";
-            if (auto killArray = item->killArray()) {
+            if (auto kills = item->killArray()) {
                 line += " kill=[";
-                for (size_t i = 0; i < killArray->size(); ++i)
-                    line += (i ? ", " : "") + vkSigKillText((*killArray)[i]);
+                for (size_t i = 0; i < kills->entries().size(); ++i)
+                    line += (i ? ", " : "") + kills->entries()[i].text();
                 line += "]";
+                // Malformed entries were left out at load: say so rather than hide them.
+                if (kills->droppedCount() > 0)
+                    line += " kill-dropped=" + std::to_string(kills->droppedCount());
             }
             // Every field comes from the database file, which anyone may have written.
             std::printf("%s\n", vkCliText(line).c_str());

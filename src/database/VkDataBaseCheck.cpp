@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "database/VkSqliteHandle.h"
+#include "engine/VkKillList.h"
 #include "engine/VkTorjanScan.h"
 #include "platform/VkKeyedArchiver.h"
 #include "support/VkCrypt.h"
@@ -201,28 +202,24 @@ class RowChecker {
             add("kill", "the archive does not hold an array: read as no kill list");
             return;
         }
-        for (size_t i = 0; i < entries->size(); ++i) {
-            std::string where = "entry " + std::to_string(i + 1);
-            const VkPlist::Array* entry = (*entries)[i].asArray();
-            if (!entry || entry->empty()) {
-                add("kill", where + " is not a non-empty array: removal ignores it");
+        // Read as a load reads it, so that what is reported here is what removal will get.
+        const VkKillList kills = VkKillList::parse(*entries);
+        auto dropped = kills.dropped().begin();
+        auto kept = kills.entries().begin();
+        for (size_t position = 1; position <= entries->size(); ++position) {
+            std::string where = "entry " + std::to_string(position);
+            if (dropped != kills.dropped().end() && dropped->position == position) {
+                add("kill", where + " " + dropped->reason + ": dropped when loaded");
+                ++dropped;
                 continue;
             }
-            bool strings = true;
-            for (const auto& e : *entry)
-                strings = strings && e.isString();
-            const std::string* code = (*entry)[0].asString();
-            if (!strings || !code) {
-                add("kill", where + " holds values that are not strings");
-            } else if (*code == "d") {
-                if (entry->size() < 3)
-                    add("kill", where + ": a \"d\" entry needs a folder and a name");
-            } else if (*code == "k") {
-                if (entry->size() < 2)
-                    add("kill", where + ": a \"k\" entry needs a process name");
-            } else {
-                add("kill", where + ": unknown code \"" + *code + "\": removal ignores it");
-            }
+            if (kept == kills.entries().end())
+                break;
+            const VkKillEntry& entry = *kept++;
+            if (entry.kind == VkKillEntry::Kind::unknown)
+                add("kill", where + ": unknown code \"" + entry.code + "\": removal ignores it");
+            else if (std::string refusal = entry.deleteRefusal(); !refusal.empty())
+                add("kill", where + ": removal refuses it (" + refusal + ")");
         }
     }
 

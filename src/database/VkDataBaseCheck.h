@@ -22,8 +22,9 @@ class VkDataBaseCheck {
     // the columns of both in their order; otherwise says what is wrong.
     static VkResult<void> checkFormat(const std::string& path);
     // checkFormat, then every row: fields that do not decipher, hash texts that are not MD5,
-    // sizes that cannot match, missing head codes, kill blobs that are not archived arrays of
-    // "d"/"k" entries, values stored with unexpected types, description rows.
+    // sizes that cannot match, missing head codes, kill blobs that are not archived arrays,
+    // kill-list entries that a load drops, unknown codes and "d" entries removal refuses,
+    // values stored with unexpected types, description rows.
     static VkResult<std::vector<Problem>> verify(const std::string& path);
 
     // True for the lower-case hex text of an MD5 hash (hash type 0, which all matching uses).

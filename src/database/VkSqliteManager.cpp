@@ -123,12 +123,13 @@ VkResult<VkTorjanItem::KillArray> unarchiveKillArray(const void* bytes, size_t l
         return VkError{root.error()};
     if (!root->isArray())
         return VkError{"the archive holds no array"};
-    return *root->asArray();
+    // Read once into typed entries here; malformed ones are dropped and counted.
+    return VkKillList::parse(*root->asArray());
 }
 
 std::optional<std::string> archiveKillArray(const VkTorjanItem::KillArray& killArray) {
     VkResult<std::vector<uint8_t>> bytes =
-        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(killArray)));
+        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(killArray.toArray())));
     if (!bytes)
         return std::nullopt;
     return std::string(bytes->begin(), bytes->end());
@@ -291,6 +292,7 @@ void VkSqliteManager::readDescription() {
 }
 
 void VkSqliteManager::readItems(const std::string& path) {
+    droppedKillEntries_ = 0;
     VkSqliteStatement stmt;
     if (!prepareRead(ppDb_.get(), kSelectTest, stmt)) {
         stmt.finalize();
@@ -304,18 +306,35 @@ void VkSqliteManager::readItems(const std::string& path) {
         return;
     }
     TorjanItemArray_.clear();
-    // One line per file, however many records a damaged file holds.
+    // One line per file and kind of damage, however many records a damaged file holds.
     size_t unreadable = 0;
     std::string first;
+    std::string firstDropped;
     while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
         std::string killProblem;
-        TorjanItemArray_.push_back(itemFromRow(stmt.get(), killProblem));
+        auto item = itemFromRow(stmt.get(), killProblem);
+        TorjanItemArray_.push_back(item);
+        std::string record = "record " + std::to_string(TorjanItemArray_.size());
         if (!killProblem.empty() && unreadable++ == 0)
-            first = "record " + std::to_string(TorjanItemArray_.size()) + ": " + killProblem;
+            first = record + ": " + killProblem;
+        if (auto kills = item->killArray(); kills && kills->droppedCount() > 0) {
+            if (droppedKillEntries_ == 0)
+                firstDropped = record + ": entry " + std::to_string(kills->dropped()[0].position) +
+                               " " + kills->dropped()[0].reason;
+            droppedKillEntries_ += kills->droppedCount();
+        }
     }
-    if (unreadable > 0 && ctx_->systemLog) {
+    if (!ctx_->systemLog)
+        return;
+    if (unreadable > 0) {
         ctx_->systemLog->log("[VkSqlite] " + path + ": " + std::to_string(unreadable) +
                              " record(s) kept without their unreadable kill list (" + first + ")");
+    }
+    if (droppedKillEntries_ > 0) {
+        ctx_->systemLog->log("[VkSqlite] " + path + ": " + std::to_string(droppedKillEntries_) +
+                             " malformed kill-list entr" +
+                             (droppedKillEntries_ == 1 ? "y" : "ies") + " dropped (" +
+                             firstDropped + ")");
     }
 }
 

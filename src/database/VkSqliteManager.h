@@ -61,6 +61,8 @@ class VkSqliteManager {
         return TorjanItemArray_;
     }
     std::shared_ptr<VkDataBaseInfo> currentDataBaseInfo() const { return dataBaseInfo_; }
+    // Kill-list entries of the file opened last that were malformed and left out at load.
+    size_t droppedKillEntries() const { return droppedKillEntries_; }
 
     // Binds the item's eight columns to parameters 1..8 (the kill array as a keyed archive,
     // left NULL when the item has none) and returns 8, the last parameter bound.
@@ -92,7 +94,8 @@ class VkSqliteManager {
 
   private:
     void readDescription();
-    // Reads every record; a kill list that cannot be read is logged and left out.
+    // Reads every record; a kill list that cannot be read, and malformed entries of one that
+    // can, are logged and left out.
     void readItems(const std::string& path);
     void createTable(const char* statement, bool* created);
 
@@ -100,4 +103,5 @@ class VkSqliteManager {
     VkSqliteDb ppDb_;
     std::vector<std::shared_ptr<VkTorjanItem>> TorjanItemArray_;
     std::shared_ptr<VkDataBaseInfo> dataBaseInfo_;
+    size_t droppedKillEntries_ = 0;
 };

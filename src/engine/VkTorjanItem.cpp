@@ -86,7 +86,7 @@ void VkTorjanItem::setKillArray(std::optional<KillArray> value) {
 
 VkTorjanItem::KillArray VkTorjanItem::makeKillArray(
     const std::vector<std::vector<std::string>>& entries) {
-    KillArray array;
+    VkPlist::Array array;
     array.reserve(entries.size());
     for (const auto& entry : entries) {
         VkPlist::Array strings;
@@ -94,7 +94,7 @@ VkTorjanItem::KillArray VkTorjanItem::makeKillArray(
             strings.emplace_back(s);
         array.emplace_back(std::move(strings));
     }
-    return array;
+    return VkKillList::parse(array);
 }
 
 std::optional<std::string> VkTorjanItem::deCodeString(const std::optional<std::string>& text) {

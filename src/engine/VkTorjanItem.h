@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/VkPlist.h"
+#include "engine/VkKillList.h"
 
 // One signature record: one row of a signature database's table `test`. A file is infected
 // when its size equals fileSize and its whole-file hash text equals TorjanCode (files larger
@@ -18,10 +18,9 @@
 // it. `Torjan` and `headeCode` are the system's own spellings and stay as they are.
 class VkTorjanItem {
   public:
-    // Removal instructions, consumed by trojan removal: an ordered list of entries, each an
-    // ordered list of strings whose first element is a code ("d" folder name, "k" process).
-    // Kept as property-list values so that what an archive held is never lost or reshaped.
-    using KillArray = VkPlist::Array;
+    // Removal instructions, consumed by trojan removal: typed entries ("d" folder and name,
+    // "k" process, unknown codes), parsed once where the record is loaded.
+    using KillArray = VkKillList;
 
     VkTorjanItem() = default;
     VkTorjanItem(const VkTorjanItem& other);
@@ -47,7 +46,8 @@ class VkTorjanItem {
     int32_t hashValueType() const { return hashValueType_; }
     void setHashValueType(int32_t value) { hashValueType_ = value; }
 
-    // A kill array made of string entries, e.g. {{"d", "/Library/Foo", "bar.plist"}, {"k", "Foo"}}.
+    // A kill list read from string entries, e.g. {{"d", "/Library/Foo", "bar.plist"}, {"k",
+    // "Foo"}}, exactly as a stored one is read (malformed entries dropped and counted).
     static KillArray makeKillArray(const std::vector<std::vector<std::string>>& entries);
 
     // nil stays nil; otherwise the deciphered text, or the argument unchanged when it does

@@ -5,29 +5,8 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "platform/VkContainedFs.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkMainQueue.h"
-
-namespace {
-
-// Element `index` of a kill-list entry as text; "" when it is missing or not a string.
-std::string entryText(const VkPlist::Array& entry, size_t index) {
-    if (index >= entry.size())
-        return "";
-    const std::string* text = entry[index].asString();
-    return text ? *text : "";
-}
-
-bool hasDotDotComponent(const std::string& path) {
-    for (const auto& part : VkFile::components(path)) {
-        if (part == "..")
-            return true;
-    }
-    return false;
-}
-
-}  // namespace
 
 VkKillTorjans::VkKillTorjans(std::shared_ptr<VkContext> context,
                              std::shared_ptr<VkAntiTrojan> antiTrojan)
@@ -35,19 +14,6 @@ VkKillTorjans::VkKillTorjans(std::shared_ptr<VkContext> context,
 
 VkKillTorjans::~VkKillTorjans() {
     joinKillThreads();
-}
-
-std::string VkKillTorjans::refusalOfDeleteEntry(const std::string& folder,
-                                                const std::string& name) {
-    if (folder.empty())
-        return "refusing a removal entry without a folder";
-    if (hasDotDotComponent(folder) || hasDotDotComponent(name))
-        return "refusing a removal entry with a \"..\" component";
-    // A name of "", "/", "." or "./" would make the entry name the folder itself.
-    auto nameParts = VkContainedFs::normalise("/" + name);
-    if (!nameParts || nameParts->empty())
-        return "refusing a removal entry without a file name";
-    return "";
 }
 
 void VkKillTorjans::killTorjanItem(ResultList items,
@@ -146,6 +112,34 @@ bool VkKillTorjans::tellProgress(const std::shared_ptr<VkTorjanResultItems>& res
     return delegate ? delegate->killTorjansProgress(result, progress, true) : false;
 }
 
+void VkKillTorjans::killProcessesNamed(const std::string& name, const std::vector<int32_t>& pids,
+                                       int32_t self, VkKillOutcome* outcome) {
+    // Names are read afresh for every entry; with few "k" entries that is cheap, so no name
+    // cache is kept.
+    std::vector<int32_t> matches;
+    // The kernel's short name is cut (15 bytes on Linux): the executable's own name counts
+    // as well, so a long name still finds its process.
+    for (int32_t pid : pids) {
+        auto names = context_->processList->processNames(pid);
+        if (std::find(names.begin(), names.end(), name) != names.end())
+            matches.push_back(pid);
+    }
+    for (int32_t pid : matches) {
+        VkKillOutcome::Kill kill{pid, name, false, ""};
+        if (pid <= 1 || pid == self) {
+            // Whatever a signature says, never the first process or ourselves.
+            kill.reason = pid == self ? "refusing to end this program itself"
+                                      : "refusing to end the first process";
+        } else {
+            kill.ended = context_->coreFunction->killProcessByID(pid);
+            if (!kill.ended)
+                kill.reason = "the process could not be ended";
+        }
+        if (outcome)
+            outcome->kills.push_back(std::move(kill));
+    }
+}
+
 void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
     // One snapshot of the process table serves the whole run. Without it nothing is done
     // and no end is sent; the caller is not told (the panel copes with a run that never
@@ -192,61 +186,29 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
         }
 
         auto record = result->torjanItem();
-        std::optional<VkTorjanItem::KillArray> killArray =
-            record ? record->killArray() : std::nullopt;
-        if (!killArray || killArray->empty()) {
+        std::optional<VkKillList> kills = record ? record->killArray() : std::nullopt;
+        if (!kills || kills->empty()) {
             if (auto path = result->path())
                 addDeletion(*path);
         } else {
             // With removal instructions only what they name is touched: a record with only
             // "k" entries kills processes and deletes nothing, the detected file included.
-            for (const VkPlist& value : *killArray) {
-                const VkPlist::Array* entry = value.asArray();
-                if (!entry || entry->empty())
-                    continue;
-                const std::string code = entryText(*entry, 0);
-                if (code == "d") {
-                    std::string folder = entryText(*entry, 1);
-                    std::string name = entryText(*entry, 2);
-                    std::string refusal = refusalOfDeleteEntry(folder, name);
+            // Entries dropped at load were instructions too: they still spare that file.
+            for (const VkKillEntry& entry : kills->entries()) {
+                if (entry.kind == VkKillEntry::Kind::deletePath) {
+                    // Refused here again, whoever built the list: it may not come from a load.
+                    std::string refusal = entry.deleteRefusal();
                     if (!refusal.empty()) {
                         if (outcome)
                             outcome->deletions.push_back(
-                                {VkFile::join(folder, name), false, refusal});
+                                {VkFile::join(entry.folder, entry.name), false, refusal});
                         continue;
                     }
                     // The entry names a path of the inspected system.
-                    addDeletion(
-                        context_->resolve(context_->expandTilde(VkFile::join(folder, name))));
-                }
-                if (code == "k") {
-                    std::string name = entryText(*entry, 1);
-                    if (name.empty())
-                        continue;
-                    // Names are read afresh for every entry; with few "k" entries that is
-                    // cheap, so no name cache is kept.
-                    std::vector<int32_t> matches;
-                    // The kernel's short name is cut (15 bytes on Linux): the executable's
-                    // own name counts as well, so a long name still finds its process.
-                    for (int32_t pid : *pids) {
-                        auto names = context_->processList->processNames(pid);
-                        if (std::find(names.begin(), names.end(), name) != names.end())
-                            matches.push_back(pid);
-                    }
-                    for (int32_t pid : matches) {
-                        VkKillOutcome::Kill kill{pid, name, false, ""};
-                        if (pid <= 1 || pid == self) {
-                            // Whatever a signature says, never the first process or ourselves.
-                            kill.reason = pid == self ? "refusing to end this program itself"
-                                                      : "refusing to end the first process";
-                        } else {
-                            kill.ended = context_->coreFunction->killProcessByID(pid);
-                            if (!kill.ended)
-                                kill.reason = "the process could not be ended";
-                        }
-                        if (outcome)
-                            outcome->kills.push_back(std::move(kill));
-                    }
+                    addDeletion(context_->resolve(
+                        context_->expandTilde(VkFile::join(entry.folder, entry.name))));
+                } else if (entry.kind == VkKillEntry::Kind::killProcess && !entry.name.empty()) {
+                    killProcessesNamed(entry.name, *pids, self, outcome);
                 }
             }
         }

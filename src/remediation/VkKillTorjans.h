@@ -56,9 +56,9 @@ struct VkKillReport {
     std::vector<VkKillOutcome> outcomes;
 };
 
-// Removes what a scan found: carries out each result's removal instructions (the kill
+// Removes what a scan found: carries out each result's removal instructions (the typed kill
 // list of its signature record: "d" deletes folder/name, "k" ends every process with
-// exactly that short name), deletes the file of a result without instructions, and has
+// exactly that name), deletes the file of a result without instructions, and has
 // the built-in detectors remove their own findings. Each run works on a thread of its own.
 class VkKillTorjans {
   public:
@@ -90,9 +90,6 @@ class VkKillTorjans {
     // Waits until every run started so far has finished.
     void joinKillThreads();
 
-    // Why a "d" entry with these parts is refused, or "" when it may be deleted.
-    static std::string refusalOfDeleteEntry(const std::string& folder, const std::string& name);
-
   private:
     struct FinishedRun {
         std::thread thread;
@@ -103,6 +100,9 @@ class VkKillTorjans {
     void runRemoval(const ResultList& items, VkKillReport* report);
     std::shared_ptr<VkKillTorjansDelegate> currentDelegate() const;
     bool tellProgress(const std::shared_ptr<VkTorjanResultItems>& result, float progress);
+    // Ends every process of the snapshot called `name`, never the first one or this program.
+    void killProcessesNamed(const std::string& name, const std::vector<int32_t>& pids, int32_t self,
+                            VkKillOutcome* outcome);
 
     std::shared_ptr<VkContext> context_;
     std::shared_ptr<VkAntiTrojan> antiTrojan_;

@@ -241,7 +241,7 @@ TEST_F(VkSqliteManagerTest, AKillArchiveWhoseRootIsNoArrayGivesNoKillArray) {
     auto stringArchive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue("k"));
     ASSERT_TRUE(stringArchive);
     auto arrayArchive = VkKeyedArchiver::archivedDataWithRootObject(
-        VkArchivedValue(VkPlist(VkTorjanItem::makeKillArray({{"k", "Foo"}}))));
+        VkArchivedValue(VkPlist(VkTorjanItem::makeKillArray({{"k", "Foo"}}).toArray())));
     ASSERT_TRUE(arrayArchive);
     std::string truncated(arrayArchive->begin(), arrayArchive->begin() + arrayArchive->size() / 2);
     {

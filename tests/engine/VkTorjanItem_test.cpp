@@ -39,7 +39,7 @@ TEST(VkTorjanItemTest, EnAndDecodingTouchTheFiveTextFieldsOnly) {
     EXPECT_EQ(item.level(), 3);
     EXPECT_EQ(item.fileSize(), 4096u);
     ASSERT_TRUE(item.killArray().has_value());
-    EXPECT_EQ(*item.killArray()->at(0).asArray()->at(1).asString(), "/Library/Foo");
+    EXPECT_EQ(item.killArray()->entries().at(0).folder, "/Library/Foo");
 
     item.deCodeTrojanInfo();
     EXPECT_EQ(item.name(), "OSX/Foo.A");

@@ -1,0 +1,88 @@
+#include "engine/VkKillList.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+VkPlist strings(std::initializer_list<const char*> parts) {
+    VkPlist::Array array;
+    for (const char* p : parts)
+        array.emplace_back(std::string(p));
+    return VkPlist(std::move(array));
+}
+
+// One stored list as a database may hold it (anyone may have written it), read once.
+TEST(VkKillListTest, ParseKeepsTypedEntriesAndDropsMalformedOnesWithTheirPlace) {
+    VkPlist::Array stored = {
+        strings({"d", "/Library/Foo", "bar.plist"}),  // 1 kept
+        strings({"k", "Foo", "ignored"}),             // 2 kept, third element kept aside
+        strings({"x", "/Library/Foo", "bar.plist"}),  // 3 unknown code: kept, acted on never
+        VkPlist::array(),                             // 4 dropped: empty
+        strings({"d", "/Library/Foo"}),               // 5 dropped: no name
+        strings({"k"}),                               // 6 dropped: no process
+        strings({"k", ""}),                           // 7 dropped: empty process name
+        VkPlist(std::string("d")),                    // 8 dropped: not an array
+        VkPlist::array({"d", "/Library", VkPlist::integer(7)}),  // 9 dropped: not all strings
+        strings({"d", "/Library/Foo/..", "x"}),                  // 10 kept, refused at removal
+        strings({"d", "", "bar.plist"}),                         // 11 kept, refused at removal
+    };
+    VkKillList list = VkKillList::parse(stored);
+
+    std::vector<std::string> texts;
+    for (const auto& entry : list.entries())
+        texts.push_back(entry.text());
+    EXPECT_EQ(texts, (std::vector<std::string>{"d:/Library/Foo:bar.plist", "k:Foo:ignored",
+                                               "x:/Library/Foo:bar.plist", "d:/Library/Foo/..:x",
+                                               "d::bar.plist"}))
+        << "an unknown code keeps its strings, an empty folder stays empty";
+    EXPECT_EQ(list.entries()[1].kind, VkKillEntry::Kind::killProcess);
+    EXPECT_EQ(list.entries()[1].name, "Foo");
+    EXPECT_EQ(list.entries()[2].kind, VkKillEntry::Kind::unknown);
+
+    std::vector<size_t> positions;
+    for (const auto& dropped : list.dropped()) {
+        positions.push_back(dropped.position);
+        EXPECT_FALSE(dropped.reason.empty());
+    }
+    EXPECT_EQ(positions, (std::vector<size_t>{4, 5, 6, 7, 8, 9}));
+    EXPECT_FALSE(list.empty()) << "a list with entries is never empty";
+
+    // A rewrite writes back exactly what was stored, dropped entries in their places.
+    EXPECT_EQ(list.toArray(), stored);
+    EXPECT_EQ(VkKillList::parse(list.toArray()), list);
+}
+
+// A list whose every entry was dropped still held instructions: removal deletes nothing
+// for it rather than falling back to the detected file.
+TEST(VkKillListTest, OnlyANothingStoredListIsEmpty) {
+    EXPECT_TRUE(VkKillList::parse({}).empty());
+    VkKillList allDropped = VkKillList::parse({VkPlist::array()});
+    EXPECT_FALSE(allDropped.empty());
+    EXPECT_TRUE(allDropped.entries().empty());
+}
+
+TEST(VkKillListTest, DeleteRefusalsSayWhy) {
+    struct Case {
+        const char* folder;
+        const char* name;
+        bool refused;
+    };
+    const Case cases[] = {
+        {"/Library/Foo", "bar.plist", false},
+        {"~/Library", "x.plist", false},
+        {"/Library/Foo", "", true},
+        {"/Library/Foo", "/", true},
+        {"/Library/Foo", ".", true},
+        {"/Library/Foo", "./", true},
+        {"", "bar.plist", true},
+        {"/Library/../etc", "passwd", true},
+        {"/Library", "../etc/passwd", true},
+    };
+    for (const auto& c : cases) {
+        std::string refusal = VkKillEntry::deletion(c.folder, c.name).deleteRefusal();
+        EXPECT_EQ(!refusal.empty(), c.refused) << c.folder << " " << c.name << ": " << refusal;
+    }
+    EXPECT_EQ(VkKillEntry::killing("Foo").deleteRefusal(), "");
+}
+
+}  // namespace
