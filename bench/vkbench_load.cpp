@@ -19,6 +19,7 @@
 #include <sys/resource.h>
 #include <vector>
 
+#include "center/VkServices.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanRecordList.h"
@@ -90,7 +91,7 @@ int main(int argc, char** argv) {
     VkContextOptions options;
     options.dataFolder = argv[1];
     auto ctx = VkContext::create(options);
-    VkTorjanScan scan(ctx, std::make_shared<VkAntiTrojan>(ctx));
+    VkTorjanScan scan(ctx, VkServices::makeAntiTrojan(*ctx));
 
     std::vector<double> totals;
     size_t records = 0;

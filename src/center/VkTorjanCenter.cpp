@@ -32,7 +32,9 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
     trjanScan_->setRecordLoader(
         [context = context_] { return VkSqliteManager::loadAllRecords(context); });
     addTorjanItems_ = updater ? std::move(updater) : std::make_shared<VkAddTorjanItems>(context_);
-    killTorjans_ = std::make_unique<VkKillTorjans>(context_, antiTrojan);
+    killTorjans_ =
+        std::make_unique<VkKillTorjans>(context_->inspectedSystem(), context_->coreFunction,
+                                        context_->processList, context_->mainQueue, antiTrojan);
 }
 
 VkTorjanCenter::~VkTorjanCenter() = default;

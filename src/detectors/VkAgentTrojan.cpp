@@ -40,7 +40,11 @@ constexpr AgentTrojanRow kAgentTrojans[] = {
 
 }  // namespace
 
-VkAgentTrojan::VkAgentTrojan(std::shared_ptr<VkContext> context) : context_(std::move(context)) {
+VkAgentTrojan::VkAgentTrojan(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                             std::shared_ptr<VkSystemLog> systemLog)
+    : system_(std::move(system)),
+      coreFunction_(std::move(coreFunction)),
+      systemLog_(std::move(systemLog)) {
     initTrojanDefs();
     binFiles_.reserve(50);
     serviceFiles_.reserve(50);
@@ -82,8 +86,8 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
         if (!plistText || !expectedText || !prefixMatch)
             continue;
 
-        std::string plistPath = context_->resolve(context_->expandTilde(*plistText));
-        auto item = VkLaunchItem::readDictionary(plistPath, context_->systemLog.get());
+        std::string plistPath = system_.resolve(system_.expandTilde(*plistText));
+        auto item = VkLaunchItem::readDictionary(plistPath, systemLog_.get());
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);
@@ -91,17 +95,17 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
             continue;
 
         // Compared as paths of the inspected system; only the file checks are resolved.
-        std::string programPath = context_->expandTilde(*program);
-        std::string expected = context_->expandTilde(*expectedText);
+        std::string programPath = system_.expandTilde(*program);
+        std::string expected = system_.expandTilde(*expectedText);
         // Like the platform's prefix test, an empty expected path is nobody's prefix.
         bool matches = *prefixMatch ? !expected.empty() && programPath.rfind(expected, 0) == 0
                                     : programPath == expected;
         if (!matches)
             continue;
 
-        context_->systemLog->log("[VkAnti] detect " + name);
+        systemLog_->log("[VkAnti] detect " + name);
         serviceFiles_.push_back(plistPath);
-        std::string programFile = context_->resolve(programPath);
+        std::string programFile = system_.resolve(programPath);
         if (VkFile::exists(programFile)) {
             addToBinFiles(programFile);
             result[name] = {plistPath, programFile};
@@ -119,7 +123,7 @@ std::vector<VkCleanOutcome> VkAgentTrojan::remove() {
     if (serviceFiles_.empty() && binFiles_.empty())
         return {};
     // The Flashback remover issues this too; both keep it.
-    context_->coreFunction->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
+    coreFunction_->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     std::vector<std::string> paths;
     paths.reserve(serviceFiles_.size() + binFiles_.size());
     paths.insert(paths.end(), serviceFiles_.begin(), serviceFiles_.end());
@@ -127,5 +131,5 @@ std::vector<VkCleanOutcome> VkAgentTrojan::remove() {
     // The lists stay as they are: everything found over the process's life is removed
     // again by every later remove.
     // Only the files and links found are deleted, never a folder a launch item names.
-    return context_->coreFunction->startClean(paths, false, nullptr, VkCleanScope::filesOnly);
+    return coreFunction_->startClean(paths, false, nullptr, VkCleanScope::filesOnly);
 }

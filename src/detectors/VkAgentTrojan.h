@@ -6,23 +6,26 @@
 #include <vector>
 
 #include "detectors/VkSpecialResult.h"
-#include "platform/VkContext.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkInspectedSystem.h"
 #include "platform/VkPlist.h"
+#include "platform/VkSystemLog.h"
 
 // Finds the persistent trojans that install a launch agent or daemon: a family counts as
 // present when its launch property list exists and names the expected program.
 //
 // Paths of the inspected system ("~" expanded to its home, programs as written in the
 // property lists) are compared as they are; files are touched, recorded and reported
-// under the context's system root. The log line names only the family.
+// under the inspected system's root. The log line names only the family.
 class VkAgentTrojan {
   public:
     // Family name -> [launch property-list path, expected program path, prefix match].
     using Definitions = std::map<std::string, VkPlist::Array>;
 
-    // Builds the table and starts with empty lists.
-    explicit VkAgentTrojan(std::shared_ptr<VkContext> context);
+    // Builds the table and starts with empty lists. Reads and deletes files of `system`,
+    // through coreFunction (which also runs launchctl); logs what it finds to systemLog.
+    VkAgentTrojan(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                  std::shared_ptr<VkSystemLog> systemLog);
 
     // Fills the table with the nine known families, replacing any earlier table.
     void initTrojanDefs();
@@ -46,7 +49,9 @@ class VkAgentTrojan {
     const std::vector<std::string>& serviceFiles() const { return serviceFiles_; }
 
   private:
-    std::shared_ptr<VkContext> context_;
+    VkInspectedSystem system_;
+    std::shared_ptr<VkCoreFunction> coreFunction_;
+    std::shared_ptr<VkSystemLog> systemLog_;
     Definitions agentTrojanDefs_;
     std::vector<std::string> binFiles_;
     std::vector<std::string> serviceFiles_;

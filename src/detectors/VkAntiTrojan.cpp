@@ -1,23 +1,31 @@
 #include "detectors/VkAntiTrojan.h"
 
-VkAntiTrojan::VkAntiTrojan(std::shared_ptr<VkContext> context)
-    : context_(std::move(context)), antiAgentTrojan_(context_), antiFlashback_(context_) {}
+#include "platform/VkContext.h"
+
+VkAntiTrojan::VkAntiTrojan(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                           std::shared_ptr<VkSystemLog> systemLog, std::shared_ptr<VkPacing> pacing)
+    : pacing_(std::move(pacing)),
+      antiAgentTrojan_(system, coreFunction, systemLog),
+      antiFlashback_(std::move(system), std::move(coreFunction), std::move(systemLog)) {}
 
 std::shared_ptr<VkAntiTrojan> VkAntiTrojan::shareAntiManager() {
-    static std::shared_ptr<VkAntiTrojan> shared =
-        std::make_shared<VkAntiTrojan>(VkContext::defaultContext());
+    static std::shared_ptr<VkAntiTrojan> shared = [] {
+        auto context = VkContext::defaultContext();
+        return std::make_shared<VkAntiTrojan>(context->inspectedSystem(), context->coreFunction,
+                                              context->systemLog, context->pacing);
+    }();
     return shared;
 }
 
 void VkAntiTrojan::randomDelay() {
-    if (!context_->pacing)
+    if (!pacing_)
         return;
-    int r = context_->pacing->random();
+    int r = pacing_->random();
     int k = (r % 100) + 1;
     int t = k / 10;
     // 0.0 to 1.0 s in steps of 0.1 (none when k < 10): the quick scan is paced on
     // purpose. t goes through float and is then scaled in double, as it always has.
-    context_->pacing->sleepSeconds(static_cast<double>(static_cast<float>(t)) * 0.1);
+    pacing_->sleepSeconds(static_cast<double>(static_cast<float>(t)) * 0.1);
 }
 
 bool VkAntiTrojan::sendProgressInfo(const VkDetectorProgress& progress, const std::string& str,

@@ -8,15 +8,18 @@
 #include "detectors/VkAgentTrojan.h"
 #include "detectors/VkFlashBack.h"
 #include "detectors/VkSpecialResult.h"
-#include "platform/VkContext.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkInspectedSystem.h"
+#include "platform/VkPacing.h"
+#include "platform/VkSystemLog.h"
 
 // The single entry point to the built-in detectors: runs both in turn with one progress
 // range, optionally paced by short random pauses, and hands removal on to both.
 class VkAntiTrojan {
   public:
-    // Creates the two detectors on the context.
-    explicit VkAntiTrojan(std::shared_ptr<VkContext> context);
+    // Creates the two detectors on these services; pacing (may be null) makes the pauses.
+    VkAntiTrojan(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                 std::shared_ptr<VkSystemLog> systemLog, std::shared_ptr<VkPacing> pacing);
 
     // The process-wide coordinator on the default context.
     static std::shared_ptr<VkAntiTrojan> shareAntiManager();
@@ -39,7 +42,7 @@ class VkAntiTrojan {
   private:
     void randomDelay();
 
-    std::shared_ptr<VkContext> context_;
+    std::shared_ptr<VkPacing> pacing_;
     VkAgentTrojan antiAgentTrojan_;
     VkFlashBack antiFlashback_;
 };

@@ -108,7 +108,11 @@ bool containsAny(const std::string& subpath) {
 
 }  // namespace
 
-VkFlashBack::VkFlashBack(std::shared_ptr<VkContext> context) : context_(std::move(context)) {
+VkFlashBack::VkFlashBack(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                         std::shared_ptr<VkSystemLog> systemLog)
+    : system_(std::move(system)),
+      coreFunction_(std::move(coreFunction)),
+      systemLog_(std::move(systemLog)) {
     plistFiles_.reserve(10);
     binFiles_.reserve(10);
     serviceFiles_.reserve(10);
@@ -127,9 +131,9 @@ VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
 
     for (const char* browser : kBrowserPlists)
         scanEnvironmentFile(browser, found);
-    scanEnvironmentFile(context_->homeDirectory + "/.MacOSX/environment.plist", found);
+    scanEnvironmentFile(system_.homeDirectory + "/.MacOSX/environment.plist", found);
 
-    scanLaunchFolder(context_->homeDirectory + "/Library/LaunchAgents", found);
+    scanLaunchFolder(system_.homeDirectory + "/Library/LaunchAgents", found);
     scanLaunchFolder("/Library/LaunchAgents", found);
     scanLaunchFolder("/Library/LaunchDaemons", found);
 
@@ -153,8 +157,8 @@ VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
 }
 
 void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& found) {
-    std::string path = context_->resolve(inspectedPath);
-    auto plist = VkLaunchItem::readDictionary(path, context_->systemLog.get());
+    std::string path = system_.resolve(inspectedPath);
+    auto plist = VkLaunchItem::readDictionary(path, systemLog_.get());
     if (!plist)
         return;
     const VkPlist* environment = &*plist;
@@ -168,15 +172,15 @@ void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& fo
         return;
     // Any value at all infects the file; it is taken as one path even when it lists
     // several libraries.
-    context_->systemLog->log("[VkAnti] detect " + path + " - " + describe(*value));
+    systemLog_->log("[VkAnti] detect " + path + " - " + describe(*value));
     plistFiles_.push_back(path);
     if (const std::string* library = value->asString())
-        addToBinFiles(context_->resolve(context_->expandTilde(*library)));
+        addToBinFiles(system_.resolve(system_.expandTilde(*library)));
     found = true;
 }
 
 void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& found) {
-    std::string folder = context_->resolve(inspectedFolder);
+    std::string folder = system_.resolve(inspectedFolder);
     auto entries = VkFile::listDirectory(folder);
     if (!entries)
         return;
@@ -185,7 +189,7 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
     std::sort(entries->begin(), entries->end());
     for (const std::string& entry : *entries) {
         std::string itemPath = VkFile::join(folder, entry);
-        auto item = VkLaunchItem::readDictionary(itemPath, context_->systemLog.get());
+        auto item = VkLaunchItem::readDictionary(itemPath, systemLog_.get());
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);
@@ -194,15 +198,15 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
         std::string name = VkFile::lastPathComponent(*program);
         if (name.empty() || name[0] != '.')
             continue;
-        context_->systemLog->log("[VkAnti] detect " + entry + " - " + *program);
+        systemLog_->log("[VkAnti] detect " + entry + " - " + *program);
         serviceFiles_.push_back(itemPath);
-        addToBinFiles(context_->resolve(context_->expandTilde(*program)));
+        addToBinFiles(system_.resolve(system_.expandTilde(*program)));
         found = true;
     }
 }
 
 bool VkFlashBack::scanLaunchdConf() {
-    std::string path = context_->resolve(kLaunchdConf);
+    std::string path = system_.resolve(kLaunchdConf);
     auto text = VkFile::readAll(path, kMaxConfBytes);
     // Text that is not UTF-8 could not be read as such, and so is not looked at.
     if (!text || !isValidUtf8(*text))
@@ -212,14 +216,14 @@ bool VkFlashBack::scanLaunchdConf() {
     // A configuration that mentions "/usr/lib/" anywhere counts as legitimate.
     if (text->find("/usr/lib/") != std::string::npos)
         return false;
-    context_->systemLog->log("[VkAnti] detect conf file - " + path);
+    systemLog_->log("[VkAnti] detect conf file - " + path);
     // The whole file goes on removal.
     addToBinFiles(path);
     return true;
 }
 
 std::vector<std::string> VkFlashBack::launchServicesDatabases() {
-    const std::string top = context_->resolve("/var/folders");
+    const std::string top = system_.resolve("/var/folders");
     std::vector<std::string> matches;
     // Depth-first with an explicit stack of folders still to list (relative to the top),
     // so that neither a deep tree nor a wide one grows the call stack, and only the
@@ -256,7 +260,7 @@ std::vector<std::string> VkFlashBack::launchServicesDatabases() {
             if (!containsAny(subpath))
                 continue;
             std::string full = VkFile::join(top, subpath);
-            context_->systemLog->log("[VkAnti] remove cstore: " + full);
+            systemLog_->log("[VkAnti] remove cstore: " + full);
             matches.push_back(std::move(full));
         }
     }
@@ -266,7 +270,7 @@ std::vector<std::string> VkFlashBack::launchServicesDatabases() {
 std::vector<VkCleanOutcome> VkFlashBack::remove() {
     if (plistFiles_.empty() && binFiles_.empty() && serviceFiles_.empty())
         return {};
-    VkCoreFunction& core = *context_->coreFunction;
+    VkCoreFunction& core = *coreFunction_;
     std::vector<std::string> extra;
     extra.reserve(10);
     core.systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});

@@ -5,8 +5,9 @@
 #include <vector>
 
 #include "detectors/VkSpecialResult.h"
-#include "platform/VkContext.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkInspectedSystem.h"
+#include "platform/VkSystemLog.h"
 
 // Finds and removes "OSX/Flashback", which injects its library through the loader's
 // "DYLD_INSERT_LIBRARIES" variable: in browsers' Info.plist launch environments, in the
@@ -14,12 +15,15 @@
 // program is a hidden file.
 //
 // Inspected paths ("~" expanded to the inspected home, values as written) are resolved
-// under the context's system root before a file is touched; the lists, the result and
+// under the inspected system's root before a file is touched; the lists, the result and
 // the paths in log lines are those resolved paths, while values read from files (the
 // injected library, a launch item's program) are logged as written.
 class VkFlashBack {
   public:
-    explicit VkFlashBack(std::shared_ptr<VkContext> context);
+    // Reads, rewrites and deletes files of `system` through coreFunction (which also runs
+    // launchctl); logs what it finds to systemLog.
+    VkFlashBack(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                std::shared_ptr<VkSystemLog> systemLog);
 
     // Appends the path unless an equal string is already recorded.
     void addToBinFiles(const std::string& path);
@@ -47,7 +51,9 @@ class VkFlashBack {
     bool scanLaunchdConf();
     std::vector<std::string> launchServicesDatabases();
 
-    std::shared_ptr<VkContext> context_;
+    VkInspectedSystem system_;
+    std::shared_ptr<VkCoreFunction> coreFunction_;
+    std::shared_ptr<VkSystemLog> systemLog_;
     std::vector<std::string> plistFiles_;
     std::vector<std::string> binFiles_;
     std::vector<std::string> serviceFiles_;

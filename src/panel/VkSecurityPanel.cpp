@@ -1,7 +1,8 @@
 #include "panel/VkSecurityPanel.h"
 
-#include "detectors/VkAntiTrojan.h"
+#include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
+#include "detectors/VkAntiTrojan.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
 #include "panel/VkLogsWidget.h"
@@ -15,8 +16,8 @@
 VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context, QWidget* parent)
     : VkSecurityPanel(
           context,
-          std::make_shared<VkTorjanCenter>(context, std::make_shared<VkAntiTrojan>(context),
-                                           std::make_shared<VkQuarantineFileManager>(context)),
+          std::make_shared<VkTorjanCenter>(context, VkServices::makeAntiTrojan(*context),
+                                           VkServices::makeQuarantine(*context)),
           std::make_shared<VkScanLogsOper>(context), std::make_shared<VkFileMonLogsOper>(context),
           parent) {}
 

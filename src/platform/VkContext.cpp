@@ -190,19 +190,11 @@ void VkContext::setDefaultContext(std::shared_ptr<VkContext> context) {
 }
 
 std::string VkContext::resolve(const std::string& inspectedPath) const {
-    if (systemRoot.empty() || systemRoot == "/" || inspectedPath.empty() ||
-        inspectedPath[0] != '/') {
-        return inspectedPath;
-    }
-    return VkFile::join(systemRoot, inspectedPath);
+    return inspectedSystem().resolve(inspectedPath);
 }
 
 std::string VkContext::expandTilde(const std::string& path) const {
-    if (path == "~")
-        return homeDirectory;
-    if (path.rfind("~/", 0) == 0)
-        return VkFile::join(homeDirectory, path.substr(2));
-    return path;
+    return inspectedSystem().expandTilde(path);
 }
 
 std::string VkContext::dataPath(const std::string& component) const {

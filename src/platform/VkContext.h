@@ -5,6 +5,7 @@
 
 #include "platform/VkClock.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkInspectedSystem.h"
 #include "platform/VkLocalizer.h"
 #include "platform/VkMainQueue.h"
 #include "platform/VkNotificationCenter.h"
@@ -71,6 +72,8 @@ struct VkContext {
     // Replaces the process-wide context; call before any shared instance is made.
     static void setDefaultContext(std::shared_ptr<VkContext> context);
 
+    // The root and home above, for classes that need only those.
+    VkInspectedSystem inspectedSystem() const { return {systemRoot, homeDirectory}; }
     // An absolute path of the inspected system as a path on this machine.
     std::string resolve(const std::string& inspectedPath) const;
     // Expands a leading "~" or "~/" to the inspected system's home; other paths unchanged.

@@ -8,9 +8,15 @@
 #include "platform/VkFileUtil.h"
 #include "platform/VkMainQueue.h"
 
-VkKillTorjans::VkKillTorjans(std::shared_ptr<VkContext> context,
+VkKillTorjans::VkKillTorjans(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                             std::shared_ptr<VkProcessList> processList,
+                             std::shared_ptr<VkMainQueue> mainQueue,
                              std::shared_ptr<VkAntiTrojan> antiTrojan)
-    : context_(std::move(context)), antiTrojan_(std::move(antiTrojan)) {}
+    : system_(std::move(system)),
+      coreFunction_(std::move(coreFunction)),
+      processList_(std::move(processList)),
+      mainQueue_(std::move(mainQueue)),
+      antiTrojan_(std::move(antiTrojan)) {}
 
 VkKillTorjans::~VkKillTorjans() {
     joinKillThreads();
@@ -42,7 +48,7 @@ VkKillReport VkKillTorjans::killTorjanItemAndWait(ResultList items,
         finished.wait();
     // The end was queued on the main queue; serve it here when this is that queue's thread,
     // so that the delegate has heard the end when the caller goes on.
-    if (auto* loop = dynamic_cast<VkRunLoopMainQueue*>(context_->mainQueue.get());
+    if (auto* loop = dynamic_cast<VkRunLoopMainQueue*>(mainQueue_.get());
         loop && loop->isMainThread()) {
         loop->runPending();
     }
@@ -120,7 +126,7 @@ void VkKillTorjans::killProcessesNamed(const std::string& name, const std::vecto
     // The kernel's short name is cut (15 bytes on Linux): the executable's own name counts
     // as well, so a long name still finds its process.
     for (int32_t pid : pids) {
-        auto names = context_->processList->processNames(pid);
+        auto names = processList_->processNames(pid);
         if (std::find(names.begin(), names.end(), name) != names.end())
             matches.push_back(pid);
     }
@@ -131,7 +137,7 @@ void VkKillTorjans::killProcessesNamed(const std::string& name, const std::vecto
             kill.reason = pid == self ? "refusing to end this program itself"
                                       : "refusing to end the first process";
         } else {
-            kill.ended = context_->coreFunction->killProcessByID(pid);
+            kill.ended = coreFunction_->killProcessByID(pid);
             if (!kill.ended)
                 kill.reason = "the process could not be ended";
         }
@@ -144,7 +150,7 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
     // One snapshot of the process table serves the whole run. Without it nothing is done
     // and no end is sent; the caller is not told (the panel copes with a run that never
     // ends).
-    std::optional<std::vector<int32_t>> pids = context_->processList->listPids();
+    std::optional<std::vector<int32_t>> pids = processList_->listPids();
     if (!pids || pids->empty())
         return;
     const int32_t self = static_cast<int32_t>(::getpid());
@@ -205,8 +211,8 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
                         continue;
                     }
                     // The entry names a path of the inspected system.
-                    addDeletion(context_->resolve(
-                        context_->expandTilde(VkFile::join(entry.folder, entry.name))));
+                    addDeletion(system_.resolve(
+                        system_.expandTilde(VkFile::join(entry.folder, entry.name))));
                 } else if (entry.kind == VkKillEntry::Kind::killProcess && !entry.name.empty()) {
                     killProcessesNamed(entry.name, *pids, self, outcome);
                 }
@@ -216,8 +222,7 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
     }
 
     // One clean step for the whole list, duplicates kept.
-    std::vector<VkCleanOutcome> answers =
-        context_->coreFunction->startClean(deletions, false, nullptr);
+    std::vector<VkCleanOutcome> answers = coreFunction_->startClean(deletions, false, nullptr);
     if (report) {
         for (size_t k = 0; k < owners.size() && k < answers.size(); ++k) {
             auto [owner, slot] = owners[k];
@@ -249,6 +254,6 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
     }
 
     auto delegate = currentDelegate();
-    if (delegate && context_->mainQueue)
-        context_->mainQueue->async([delegate] { delegate->killTorjansEnd(); });
+    if (delegate && mainQueue_)
+        mainQueue_->async([delegate] { delegate->killTorjansEnd(); });
 }

@@ -10,8 +10,10 @@
 
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
-#include "platform/VkContext.h"
 #include "platform/VkCoreFunction.h"
+#include "platform/VkInspectedSystem.h"
+#include "platform/VkMainQueue.h"
+#include "platform/VkProcessList.h"
 
 // Receives the progress and the end of a removal run.
 class VkKillTorjansDelegate {
@@ -64,10 +66,12 @@ class VkKillTorjans {
   public:
     using ResultList = std::vector<std::shared_ptr<VkTorjanResultItems>>;
 
-    // Deletes and kills through context->coreFunction, lists processes through
-    // context->processList, resolves "d" entries under the context's system root and
-    // hands the detectors' removal to antiTrojan.
-    VkKillTorjans(std::shared_ptr<VkContext> context, std::shared_ptr<VkAntiTrojan> antiTrojan);
+    // Deletes and kills through coreFunction, lists processes through processList,
+    // resolves "d" entries in the inspected system, hands the detectors' removal to
+    // antiTrojan and delivers each run's end on mainQueue.
+    VkKillTorjans(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
+                  std::shared_ptr<VkProcessList> processList,
+                  std::shared_ptr<VkMainQueue> mainQueue, std::shared_ptr<VkAntiTrojan> antiTrojan);
     // Waits for every run started by this object.
     ~VkKillTorjans();
     VkKillTorjans(const VkKillTorjans&) = delete;
@@ -104,7 +108,10 @@ class VkKillTorjans {
     void killProcessesNamed(const std::string& name, const std::vector<int32_t>& pids, int32_t self,
                             VkKillOutcome* outcome);
 
-    std::shared_ptr<VkContext> context_;
+    VkInspectedSystem system_;
+    std::shared_ptr<VkCoreFunction> coreFunction_;
+    std::shared_ptr<VkProcessList> processList_;
+    std::shared_ptr<VkMainQueue> mainQueue_;
     std::shared_ptr<VkAntiTrojan> antiTrojan_;
 
     mutable std::mutex mutex_;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include "platform/VkContainedFs.h"
+#include "platform/VkContext.h"
 #include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 
@@ -26,8 +27,12 @@ std::string fileNameTime(double seconds) {
 
 }  // namespace
 
-VkQuarantineFileManager::VkQuarantineFileManager(std::shared_ptr<VkContext> context)
-    : context_(std::move(context)) {
+VkQuarantineFileManager::VkQuarantineFileManager(std::string dataFolder,
+                                                 std::shared_ptr<VkClock> clock,
+                                                 std::shared_ptr<VkCoreFunction> coreFunction)
+    : dataFolder_(std::move(dataFolder)),
+      clock_(std::move(clock)),
+      coreFunction_(std::move(coreFunction)) {
     std::string folder = quarantineFolder();
     bool isDir = false;
     if (!VkFile::exists(folder, &isDir) || !isDir) {
@@ -134,13 +139,16 @@ bool VkQuarantineFileManager::reloadLocked(bool keepHeld) {
 }
 
 std::shared_ptr<VkQuarantineFileManager> VkQuarantineFileManager::shareManager() {
-    static std::shared_ptr<VkQuarantineFileManager> shared =
-        std::make_shared<VkQuarantineFileManager>(VkContext::defaultContext());
+    static std::shared_ptr<VkQuarantineFileManager> shared = [] {
+        auto context = VkContext::defaultContext();
+        return std::make_shared<VkQuarantineFileManager>(context->dataFolder, context->clock,
+                                                         context->coreFunction);
+    }();
     return shared;
 }
 
 std::string VkQuarantineFileManager::quarantineFolder() const {
-    return context_->dataPath("trojan_Quarantine");
+    return VkFile::join(dataFolder_, "trojan_Quarantine");
 }
 
 std::string VkQuarantineFileManager::infoListPath() const {
@@ -161,7 +169,7 @@ std::string VkQuarantineFileManager::candidatePathFor(const std::string& origina
         if (!isReservedName(file) && !VkFile::existsNoFollow(candidate))
             return candidate;
         // Rebuilt from the base each time, with the time read afresh on every pass.
-        std::string time = fileNameTime(context_->clock->now());
+        std::string time = fileNameTime(clock_->now());
         name = n == 0 ? base + " " + time : base + " " + time + " " + std::to_string(n);
     }
 }
@@ -178,7 +186,7 @@ bool VkQuarantineFileManager::addItem(const std::shared_ptr<VkQuarantineFileItem
     item->setPending(true);
     quarantineItemArray_.push_back(item);
     writeLocked();
-    bool moved = context_->coreFunction->moveFileItem(*item->originalPath(), candidate);
+    bool moved = coreFunction_->moveFileItem(*item->originalPath(), candidate);
     if (moved)
         item->setPending(false);
     else
@@ -213,7 +221,7 @@ bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFile
         !holdsFile(*item->filePath())) {
         return false;
     }
-    if (!context_->coreFunction->moveFileItem(*item->filePath(), *item->originalPath()))
+    if (!coreFunction_->moveFileItem(*item->filePath(), *item->originalPath()))
         return false;
     std::erase(quarantineItemArray_, item);
     writeLocked();

@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/VkContext.h"
+#include "platform/VkClock.h"
+#include "platform/VkCoreFunction.h"
 #include "remediation/VkQuarantineFileItem.h"
 
 // The quarantine: detected files moved into one folder of the user's, with the list of
@@ -16,9 +17,11 @@ class VkQuarantineFileManager {
   public:
     using ItemList = std::vector<std::shared_ptr<VkQuarantineFileItem>>;
 
-    // Prepares the folder (created without parents, readable only by its owner) and loads
-    // the list, reconciling it with the folder (see reload).
-    explicit VkQuarantineFileManager(std::shared_ptr<VkContext> context);
+    // Prepares the folder "trojan_Quarantine" of the data folder (created without parents,
+    // readable only by its owner) and loads the list, reconciling it with the folder (see
+    // reload). Files move in and out through coreFunction; clock names them.
+    VkQuarantineFileManager(std::string dataFolder, std::shared_ptr<VkClock> clock,
+                            std::shared_ptr<VkCoreFunction> coreFunction);
 
     // The process-wide store on the default context.
     static std::shared_ptr<VkQuarantineFileManager> shareManager();
@@ -61,6 +64,8 @@ class VkQuarantineFileManager {
     bool writeLocked();
     bool isReservedName(const std::string& name) const;
 
-    std::shared_ptr<VkContext> context_;
+    std::string dataFolder_;
+    std::shared_ptr<VkClock> clock_;
+    std::shared_ptr<VkCoreFunction> coreFunction_;
     ItemList quarantineItemArray_;
 };

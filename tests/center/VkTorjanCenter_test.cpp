@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "center/VkServices.h"
 #include "database/VkAddTorjanItems.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
@@ -34,8 +35,8 @@ class VkTorjanCenterTest : public ::testing::Test {
         VkFile::createDirectory(ctx->dataFolder, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"Test.Center", kSample, {}}});
-        center = std::make_unique<VkTorjanCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
-                                                  std::make_shared<VkQuarantineFileManager>(ctx));
+        center = std::make_unique<VkTorjanCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
+                                                  VkServices::makeQuarantine(*ctx));
         center->trjanScan().setPaceScans(false);
     }
     std::vector<std::shared_ptr<VkTorjanResultItems>> scan(const std::string& path) {

@@ -1,7 +1,6 @@
 // A NUL planted in a string or a key of every property list the programs take from outside:
 // each reader skips what it cannot read under its own rule, says so, and goes on.
 
-#include "fakes/VkCannedHttpClient.h"
 #include "fakes/VkHostilePlist.h"
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "database/VkSqliteHandle.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAgentTrojan.h"
+#include "fakes/VkCannedHttpClient.h"
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
@@ -141,7 +141,8 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
         VkFile::writeAtomically(
             ctx->resolve(kOlyxB),
             VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
-        VkSpecialResult found = VkAgentTrojan(ctx).scan(nullptr);
+        VkSpecialResult found =
+            VkAgentTrojan(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog).scan(nullptr);
         EXPECT_EQ(found.count("OSX/Olyx.A"), plant ? 0u : 1u);
         EXPECT_EQ(found.count("OSX/Olyx.B"), 1u);
         EXPECT_EQ(anyHolds(logOf(ctx), "[VkAnti] skip " + ctx->resolve(kOlyxA) +

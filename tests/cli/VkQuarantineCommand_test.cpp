@@ -10,6 +10,7 @@
 
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
+#include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "support/VkStringExtern.h"
@@ -44,7 +45,7 @@ class VkQuarantineCommandTest : public ::testing::Test {
     std::string quarantine(const std::string& relative, const std::string& bytes,
                            const char* trojanName) {
         std::string path = dir.write("root/" + relative, bytes);
-        VkQuarantineFileManager store(ctx);
+        VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
         auto item = std::make_shared<VkQuarantineFileItem>();
         item->setOriginalPath(path);
         item->setFileSize(bytes.size());

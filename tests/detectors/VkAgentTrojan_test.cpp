@@ -66,7 +66,7 @@ TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
                 writePlist(infection.launchPlist, launchItem(infection.program), binary);
             std::string program = writeFile(infection.program, "payload");
 
-            VkAgentTrojan detector(ctx);
+            auto detector = make<VkAgentTrojan>();
             VkSpecialResult result = scan(detector);
             EXPECT_EQ(result, (VkSpecialResult{{infection.family, {plist, program}}}));
             EXPECT_EQ(detector.serviceFiles(), Paths{plist});
@@ -79,14 +79,14 @@ TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
 TEST_F(VkAgentTrojanTest, SharedPropertyListTellsOlyxBFromOlyxCByItsProgram) {
     const std::string plist = "~/Library/LaunchAgents/com.apple.DockActions.plist";
     writePlist(plist, launchItem("/Library/Audio/Plug-Ins/AudioServer"));
-    VkAgentTrojan first(ctx);
+    auto first = make<VkAgentTrojan>();
     auto result = scan(first);
     ASSERT_EQ(result.size(), 1u);
     EXPECT_EQ(result.begin()->first, "OSX/Olyx.B");
     EXPECT_EQ(result.begin()->second, Paths{onDisk(plist)});
 
     writePlist(plist, launchItem("/Applications/Automator.app/Contents/MacOS/DockLight"), true);
-    VkAgentTrojan second(ctx);
+    auto second = make<VkAgentTrojan>();
     result = scan(second);
     ASSERT_EQ(result.size(), 1u);
     EXPECT_EQ(result.begin()->first, "OSX/Olyx.C");
@@ -100,7 +100,7 @@ TEST_F(VkAgentTrojanTest, OnlyPrefixFamiliesAcceptAProgramBelowTheExpectedPath) 
     // An exact family with a program that only differs in case is no match either.
     writePlist("~/Library/LaunchAgents/com.apple.FolderActionsxl.plist",
                launchItem("/library/launched"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     auto result = scan(detector);
     EXPECT_EQ(result,
               (VkSpecialResult{{"OSX/DevilRobber.A",
@@ -134,7 +134,7 @@ TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         writePlist(plist, c.item, true);
-        VkAgentTrojan detector(ctx);
+        auto detector = make<VkAgentTrojan>();
         EXPECT_EQ(scan(detector).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
     }
 }
@@ -144,7 +144,7 @@ TEST_F(VkAgentTrojanTest, TildeInTheProgramValueIsExpandedToTheInspectedHome) {
                                    launchItem("~/Library/Preferences/com.apple.PubSabAgent.pfile"));
     std::string program =
         writeFile("/Users/tester/Library/Preferences/com.apple.PubSabAgent.pfile", "x");
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Sabpab.A", {plist, program}}}));
     EXPECT_EQ(program,
               ctx->systemRoot + "/Users/tester/Library/Preferences/com.apple.PubSabAgent.pfile");
@@ -153,7 +153,7 @@ TEST_F(VkAgentTrojanTest, TildeInTheProgramValueIsExpandedToTheInspectedHome) {
 TEST_F(VkAgentTrojanTest, MissingProgramFileGivesTheLaunchItemAlone) {
     std::string plist = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
                                    launchItem("/usr/sbin/logind"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Tsunami.A", {plist}}}));
     EXPECT_TRUE(detector.binFiles().empty());
     EXPECT_EQ(detector.serviceFiles(), Paths{plist});
@@ -163,7 +163,7 @@ TEST_F(VkAgentTrojanTest, FindingsAccumulateOverScans) {
     std::string plist = writePlist("~/Library/LaunchAgents/www.google.com.tstart.plist",
                                    launchItem("/Library/Application Support/google/startp"));
     std::string program = writeFile("/Library/Application Support/google/startp", "x");
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     scan(detector);
     scan(detector);
     EXPECT_EQ(detector.serviceFiles(), (Paths{plist, plist}));
@@ -178,7 +178,7 @@ TEST_F(VkAgentTrojanTest, FindingsAccumulateOverScans) {
 TEST_F(VkAgentTrojanTest, ProgressComesBeforeEachFamilyAndOnceMoreAtTheEnd) {
     writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
                launchItem("/usr/sbin/logind"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     // The answer is ignored: a "stop" on every call still examines every family.
     auto result = scan(detector, true);
     EXPECT_EQ(result.count("OSX/Tsunami.A"), 1u);
@@ -199,7 +199,7 @@ TEST_F(VkAgentTrojanTest, ProgressComesBeforeEachFamilyAndOnceMoreAtTheEnd) {
 
 TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
     writePlist("~/Library/LaunchAgents/evil.plist", launchItem("/opt/evil"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     detector.agentTrojanDefs()["OSX/Two.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
                                                VkPlist("/opt/evil")};
     detector.agentTrojanDefs()["OSX/Four.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
@@ -244,7 +244,7 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
     for (const auto& [what, bytes] : cases) {
         SCOPED_TRACE(what);
         writeFile(plist, bytes);
-        VkAgentTrojan detector(ctx);
+        auto detector = make<VkAgentTrojan>();
         EXPECT_TRUE(scan(detector).empty());
         EXPECT_TRUE(detector.serviceFiles().empty());
     }
@@ -254,13 +254,13 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
     large.insert(large.rfind("</dict>"),
                  "<key>Pad</key><string>" + std::string(3u << 20, 'a') + "</string>");
     writeFile(plist, large);
-    VkAgentTrojan accepted(ctx);
+    auto accepted = make<VkAgentTrojan>();
     EXPECT_EQ(scan(accepted).count("OSX/Olyx.A"), 1u);
 
     // A folder where the property list should be is no property list either.
     VkFile::removeTree(onDisk(plist));
     VkFile::createDirectory(onDisk(plist), true);
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     EXPECT_TRUE(scan(detector).empty());
 }
 
@@ -270,7 +270,7 @@ TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
     std::string agent = writeFile("~/Library/mdsa1331/agent", "x");
     std::string logind = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
                                     launchItem("/usr/sbin/logind"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     scan(detector);
     scan(detector);
     detector.remove();
@@ -290,7 +290,7 @@ TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
 }
 
 TEST_F(VkAgentTrojanTest, RemoveDoesNothingWhenNothingWasFound) {
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     scan(detector);
     detector.remove();
     EXPECT_TRUE(core->calls().empty());
@@ -305,7 +305,7 @@ TEST_F(VkAgentTrojanTest, RemovalNeverFollowsALinkOutOfTheInspectedSystem) {
                                    launchItem("~/Library/mdsa1331/agent"));
     std::string elsewhere = dir.write("elsewhere/agent", "precious");
     std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/mdsa1331"));
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     ASSERT_EQ(scan(detector).count("OSX/DevilRobber.A"), 1u);
     detector.remove();
     EXPECT_FALSE(VkFile::existsNoFollow(plist));
@@ -317,7 +317,7 @@ TEST_F(VkAgentTrojanTest, RemoveWithRealOperationsDeletesTheFilesOnDisk) {
     std::string plist = writePlist("~/Library/LaunchAgents/com.apple.pixel.plist",
                                    launchItem("~/Library/Pixel_mator/run"));
     std::string program = writeFile("~/Library/Pixel_mator/run", "x");
-    VkAgentTrojan detector(ctx);
+    auto detector = make<VkAgentTrojan>();
     scan(detector);
     detector.remove();
     EXPECT_FALSE(VkFile::existsNoFollow(plist));

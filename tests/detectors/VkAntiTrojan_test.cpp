@@ -39,7 +39,7 @@ class VkAntiTrojanTest : public VkFakeMacTest {
 
 TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRange) {
     infect();
-    VkAntiTrojan anti(ctx);
+    auto anti = make<VkAntiTrojan>();
     auto result = anti.scan(recorder(), false);
     EXPECT_EQ(result,
               (VkSpecialResult{{"OSX/Tsunami.A", {agentPlist}}, {"OSX/Flashback", {conf}}}));
@@ -66,7 +66,7 @@ TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLast
         // "Stop" on the launch-agent detector's last call: the Flashback detector is skipped.
         std::vector<bool> answers(10, false);
         answers[9] = true;
-        VkAntiTrojan anti(ctx);
+        auto anti = make<VkAntiTrojan>();
         auto result = anti.scan(recorder(answers), false);
         EXPECT_EQ(calls.size(), 10u);
         EXPECT_EQ(result, (VkSpecialResult{{"OSX/Tsunami.A", {agentPlist}}}));
@@ -76,7 +76,7 @@ TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLast
     {
         // "Stop" on every earlier call, then "go on": both detectors run to their end.
         std::vector<bool> answers(9, true);
-        VkAntiTrojan anti(ctx);
+        auto anti = make<VkAntiTrojan>();
         auto result = anti.scan(recorder(answers), false);
         EXPECT_EQ(calls.size(), 12u);
         EXPECT_EQ(result.size(), 2u);
@@ -86,7 +86,7 @@ TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLast
         // "Stop" from the Flashback detector's calls changes nothing: it is already running.
         std::vector<bool> answers(12, false);
         answers[10] = answers[11] = true;
-        VkAntiTrojan anti(ctx);
+        auto anti = make<VkAntiTrojan>();
         auto result = anti.scan(recorder(answers), false);
         EXPECT_EQ(calls.size(), 12u);
         EXPECT_EQ(result.count("OSX/Flashback"), 1u);
@@ -94,7 +94,7 @@ TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLast
 }
 
 TEST_F(VkAntiTrojanTest, NeedDelayPausesAfterEveryProgressCallAndOnlyThen) {
-    VkAntiTrojan anti(ctx);
+    auto anti = make<VkAntiTrojan>();
     anti.scan(recorder(), false);
     EXPECT_TRUE(pacing->sleeps.empty());
 
@@ -108,7 +108,7 @@ TEST_F(VkAntiTrojanTest, NeedDelayPausesAfterEveryProgressCallAndOnlyThen) {
 }
 
 TEST_F(VkAntiTrojanTest, SendProgressInfoPassesValuesThroughAndAlwaysPauses) {
-    VkAntiTrojan anti(ctx);
+    auto anti = make<VkAntiTrojan>();
     pacing->randoms = {8, 61};
     EXPECT_TRUE(anti.sendProgressInfo(recorder({true}), "OSX/Test", 0.3f));
     EXPECT_FALSE(anti.sendProgressInfo(recorder(), "OSX/Other", 0.7f));
@@ -120,7 +120,7 @@ TEST_F(VkAntiTrojanTest, SendProgressInfoPassesValuesThroughAndAlwaysPauses) {
 
 TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     infect();
-    VkAntiTrojan anti(ctx);
+    auto anti = make<VkAntiTrojan>();
     anti.scan(recorder(), false);
     anti.remove();
     auto recorded = core->calls();
@@ -132,7 +132,7 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     EXPECT_EQ(recorded[3].args, Paths{conf});
 
     core->clear();
-    VkAntiTrojan clean(ctx);
+    auto clean = make<VkAntiTrojan>();
     clean.remove();
     EXPECT_TRUE(core->calls().empty());
 }

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -38,6 +39,18 @@ class VkFakeMacTest : public ::testing::Test {
         ctx->coreFunction = core;
         pacing = std::make_shared<VkRecordingPacing>();
         ctx->pacing = pacing;
+    }
+
+    // A detector (VkAgentTrojan, VkFlashBack, or with pacing VkAntiTrojan) on the fake
+    // Mac's services.
+    template <class Detector>
+    Detector make() const {
+        if constexpr (std::is_constructible_v<Detector, VkInspectedSystem,
+                                              std::shared_ptr<VkCoreFunction>,
+                                              std::shared_ptr<VkSystemLog>>)
+            return Detector(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog);
+        else
+            return Detector(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog, pacing);
     }
 
     // An inspected path ("~" allowed) as a path on this machine.

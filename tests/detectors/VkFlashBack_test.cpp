@@ -50,7 +50,7 @@ TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
     std::string chrome = writePlist(kChrome, browserInfo(insert("~/Library/y.dylib")), true);
     // Another environment variable, or an environment that is no dictionary, is clean.
     writePlist(kFirefox, browserInfo(VkPlist::dictionary({{"LANG", "en"}})));
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     auto result = scan(detector);
 
     Paths expected = {safari, chrome, onDisk("/Library/Internet Plug-Ins/x.dylib"),
@@ -64,20 +64,20 @@ TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
 
     writePlist(kSafari, browserInfo(VkPlist("DYLD_INSERT_LIBRARIES")));
     writePlist(kChrome, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/x.dylib"}}));
-    VkFlashBack clean(ctx);
+    auto clean = make<VkFlashBack>();
     EXPECT_TRUE(scan(clean).empty());
 }
 
 TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevel) {
     std::string env = writePlist(kEnvironment, insert("~/.vk/libinject.dylib"), true);
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     EXPECT_EQ(
         scan(detector),
         (VkSpecialResult{{"OSX/Flashback", {env, onDisk("/Users/tester/.vk/libinject.dylib")}}}));
 
     // Under LSEnvironment it is not where the loader looks for it in this file.
     writePlist(kEnvironment, browserInfo(insert("/x.dylib")));
-    VkFlashBack clean(ctx);
+    auto clean = make<VkFlashBack>();
     EXPECT_TRUE(scan(clean).empty());
 }
 
@@ -86,7 +86,7 @@ TEST_F(VkFlashBackTest, AnyValueOfTheVariableInfectsButOnlyTextNamesAFile) {
         kEnvironment, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
     std::string safari =
         writePlist(kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")));
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     // Several libraries in one value are taken as one path.
     EXPECT_EQ(scan(detector),
               (VkSpecialResult{
@@ -110,7 +110,7 @@ TEST_F(VkFlashBackTest, LaunchItemsWithAHiddenProgramAreInfected) {
     writeFile("/Library/LaunchAgents/f.plist", "garbage");
     VkFile::createDirectory(onDisk("/Library/LaunchAgents/folder.plist"), true);
 
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     auto result = scan(detector);
     EXPECT_EQ(result, (VkSpecialResult{{"OSX/Flashback",
                                         {onDisk("/Users/tester/.update"),
@@ -148,7 +148,7 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         writeFile("/etc/launchd.conf", c.text);
-        VkFlashBack detector(ctx);
+        auto detector = make<VkFlashBack>();
         auto result = scan(detector);
         if (c.infected) {
             // Alone it still makes an entry, holding the file itself.
@@ -161,7 +161,7 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     }
     VkFile::removeTree(conf);
     VkFile::createDirectory(conf, true);
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     EXPECT_TRUE(scan(detector).empty());
 }
 
@@ -170,7 +170,7 @@ TEST_F(VkFlashBackTest, ResultListsPlistsThenFilesThenLaunchItemsAndAccumulates)
     std::string item =
         writePlist("/Library/LaunchAgents/x.plist", launchItem("/Users/Shared/.lib"));
     writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/Shared/.lib\n");
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     Paths first = {safari, onDisk("/Users/Shared/.lib"), onDisk("/etc/launchd.conf"), item};
     EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Flashback", first}}));
 
@@ -236,7 +236,7 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
     writeFile("/var/folders/ab/cd/C/" + std::string(kCsstoreA), "db");
     writeFile("/var/folders/ef/0/" + std::string(kCsstoreB) + ".lock", "");
     writeFile("/var/folders/ab/other.csstore", "");
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     scan(detector);
     // No longer a property list by the time of removal: not edited.
     writeFile(kChrome, "gone");
@@ -275,7 +275,7 @@ TEST_F(VkFlashBackRemoveTest, HostileHiddenProgramsNeverTakeTheHomeOrALinksTarge
     std::string target = dir.write("elsewhere/.hidden", "precious");
     std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/lnk"));
     writePlist("/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden"));
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     ASSERT_FALSE(scan(detector).empty());
     detector.remove();
     EXPECT_FALSE(VkFile::existsNoFollow(item));
@@ -285,7 +285,7 @@ TEST_F(VkFlashBackRemoveTest, HostileHiddenProgramsNeverTakeTheHomeOrALinksTarge
 
 TEST_F(VkFlashBackRemoveTest, RemoveDoesNothingWhenNothingWasEverFound) {
     writeFile("/var/folders/ab/" + std::string(kCsstoreA), "db");
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     EXPECT_TRUE(scan(detector).empty());
     detector.remove();
     EXPECT_TRUE(core->calls().empty());
@@ -311,7 +311,7 @@ TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
     VkFile::createDirectory(folders + "/locked/inner", true);
     ::chmod((folders + "/locked").c_str(), 0);
 
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     scan(detector);
     detector.remove();
     ::chmod((folders + "/locked").c_str(), 0755);
@@ -341,7 +341,7 @@ TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTree) {
     std::string database = writeFile("/var/folders/q/r/C/" + std::string(kCsstoreA), "db");
     std::string keep = writeFile("/var/folders/q/r/C/com.apple.other.csstore", "db");
 
-    VkFlashBack detector(ctx);
+    auto detector = make<VkFlashBack>();
     ASSERT_FALSE(scan(detector).empty());
     detector.remove();
 

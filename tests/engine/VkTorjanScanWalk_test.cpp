@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "center/VkServices.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanScan.h"
@@ -32,7 +33,7 @@ class VkScanWalkTest : public ::testing::Test {
         VkFile::createDirectory(ctx->dataFolder, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"Test.Walk", kPayload, {}}});
-        anti = std::make_shared<VkAntiTrojan>(ctx);
+        anti = VkServices::makeAntiTrojan(*ctx);
         root = ctx->systemRoot;
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }

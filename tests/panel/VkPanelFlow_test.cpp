@@ -12,8 +12,9 @@
 
 #include <gtest/gtest.h>
 
-#include "detectors/VkAntiTrojan.h"
+#include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
+#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"
@@ -84,9 +85,9 @@ class VkPanelFlowTest : public ::testing::Test {
         VkFile::createDirectory(ctx->systemRoot, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"OSX/Panel.A", kSample, {}}, {"OSX/Panel.B", kBigSample, {}}});
-        auto quarantine = std::make_shared<VkQuarantineFileManager>(ctx);
+        auto quarantine = VkServices::makeQuarantine(*ctx);
         center =
-            std::make_shared<VkOfflineCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx), quarantine);
+            std::make_shared<VkOfflineCenter>(ctx, VkServices::makeAntiTrojan(*ctx), quarantine);
         center->trjanScan().setPaceScans(false);
         scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         scanEnds = std::make_shared<int>(0);

@@ -16,6 +16,7 @@
 
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkTempDir.h"
+#include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -128,7 +129,8 @@ class VkKillTorjansTest : public ::testing::Test {
         processes = std::make_shared<FakeProcessList>();
         processes->names = {{100, "launchd-ish"}, {200, "Finder"}};
         ctx->processList = processes;
-        anti = std::make_shared<VkAntiTrojan>(ctx);
+        anti = std::make_shared<VkAntiTrojan>(ctx->inspectedSystem(), ctx->coreFunction,
+                                              ctx->systemLog, nullptr);
         delegate = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
         queue = std::dynamic_pointer_cast<VkRunLoopMainQueue>(ctx->mainQueue);
     }
@@ -177,7 +179,8 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
     std::string agentFile = dir.write("root/Library/LaunchAgents/com.agent.plist", "<plist/>");
     anti->antiAgentTrojan().addToBinFiles(agentFile);
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     killer.killTorjanItem({}, delegate);
     killer.joinKillThreads();
     EXPECT_EQ(delegate->ends(), 0) << "the end goes through the main queue";
@@ -199,7 +202,8 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
 
 TEST_F(VkKillTorjansTest, NullDelegateDropsTheRequest) {
     std::string file = dir.write("root/found/evil.bin", "x");
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     killer.killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
     finish(killer);
     EXPECT_EQ(processes->listingCount(), 0);
@@ -212,7 +216,8 @@ TEST_F(VkKillTorjansTest, DeleteEntryDeletesTheJoinedInspectedPathNotTheResultsO
     std::string target = dir.write("root/Library/Foo/bar.plist", "<plist/>");
     std::string sibling = dir.write("root/Library/Foo/keep.plist", "<plist/>");
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     killer.killTorjanItem({signatureResult(own, {{{"d", "/Library/Foo", "bar.plist"}}})}, delegate);
     finish(killer);
 
@@ -240,7 +245,8 @@ TEST_F(VkKillTorjansTest, UnsafeDeleteEntriesAndUnknownCodesAreSkipped) {
                                          {},
                                          {"d", "/Library/Foo", "bar.plist"}}});
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report = killer.killTorjanItemAndWait({result}, delegate);
 
     ASSERT_EQ(cleanCalls().size(), 1u);
@@ -286,7 +292,8 @@ TEST_F(VkKillTorjansTest, HostileDeleteEntriesTouchNothingAndSayWhy) {
                                                            {"d", "/Library", "lnk/precious"},
                                                            {"d", "..", "etc"},
                                                            {"d", "/Library", "nothing-here"}};
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report = killer.killTorjanItemAndWait({signatureResult(own, entries)}, delegate);
     EXPECT_EQ(dir.snapshot(), before);
     ASSERT_EQ(report.outcomes.size(), 1u);
@@ -300,7 +307,8 @@ TEST_F(VkKillTorjansTest, HostileDeleteEntriesTouchNothingAndSayWhy) {
 TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
     std::string a = dir.write("root/found/a.bin", "a");
     std::string b = dir.write("root/found/b.bin", "b");
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report =
         killer.killTorjanItemAndWait({signatureResult(a, std::nullopt),
                                       signatureResult(b, std::vector<std::vector<std::string>>{})});
@@ -329,7 +337,8 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     auto rb = signatureResult(b, std::nullopt);
     auto rc = signatureResult(c, std::nullopt);
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     killer.killTorjanItem({ra, rs, rb, rc}, delegate);
     finish(killer);
 
@@ -358,7 +367,8 @@ TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
     std::string file = dir.write("root/found/a.bin", "a");
     anti->antiAgentTrojan().addToBinFiles(dir.write("root/Library/LaunchAgents/x.plist", "x"));
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     killer.killTorjanItem({signatureResult(file, std::nullopt), specialResult(file)}, delegate);
     finish(killer);
 
@@ -378,7 +388,8 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     processes->names = {{1, "Foo"}, {self, "Foo"}, {4242, "Foo"}, {4243, "FooAgent"}};
     std::string own = dir.write("root/found/Foo", "x");
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report =
         killer.killTorjanItemAndWait({signatureResult(own, {{{"k", "Foo", "ignored"}}})}, delegate);
 
@@ -403,7 +414,8 @@ TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
     auto second = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
     processes->close();
     {
-        VkKillTorjans killer(ctx, anti);
+        VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                             ctx->mainQueue, anti);
         killer.killTorjanItem({signatureResult(a, std::nullopt)}, delegate);
         killer.killTorjanItem({signatureResult(b, std::nullopt)}, second);
         while (processes->listingCount() < 2)
@@ -499,7 +511,8 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     ASSERT_GT(shorter, 0);
     std::string own = dir.write("root/found/" + name, "x");
 
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report =
         killer.killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
 
@@ -542,7 +555,8 @@ TEST_F(VkKillTorjansProcessTest, KillEntryFindsAProcessByItsExecutablesLongName)
         ::usleep(10000);
     }
     std::string own = dir.write("root/found/agent", "x");
-    VkKillTorjans killer(ctx, anti);
+    VkKillTorjans killer(ctx->inspectedSystem(), ctx->coreFunction, ctx->processList,
+                         ctx->mainQueue, anti);
     VkKillReport report =
         killer.killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
     ASSERT_EQ(report.outcomes.size(), 1u);

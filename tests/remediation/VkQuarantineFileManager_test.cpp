@@ -12,6 +12,7 @@
 
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkTempDir.h"
+#include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
@@ -57,7 +58,7 @@ class VkQuarantineTest : public ::testing::Test {
 };
 
 TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     struct stat st {};
     ASSERT_EQ(::stat(store.quarantineFolder().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
@@ -82,11 +83,11 @@ TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
 
 TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
     {
-        VkQuarantineFileManager store(ctx);
+        VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
         store.addItem(item(dir.write("root/x/evil.app", "payload")));
         store.addItem(item(dir.write("root/y/agent.plist", "<plist/>"), nullptr));
     }
-    VkQuarantineFileManager again(ctx);
+    VkQuarantineFileManager again(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     ASSERT_EQ(again.allQuarantineItems().size(), 2u);
     EXPECT_EQ(*again.allQuarantineItems()[0]->originalPath(), dir / "root/x/evil.app");
     EXPECT_EQ(again.allQuarantineItems()[0]->fileSize(), 7u);
@@ -100,7 +101,7 @@ TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
 }
 
 TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     auto kept = item(dir.write("root/k/keep.bin", "k"));
     ASSERT_TRUE(store.addItem(kept));
     std::string listBefore = *VkFile::readAll(store.infoListPath());
@@ -116,7 +117,7 @@ TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
 }
 
 TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     std::string original = dir.write("root/home/doc.txt", "bytes\x01\x02");
     auto a = item(original);
     auto b = item(dir.write("root/home/other.txt", "other"));
@@ -145,7 +146,7 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
     std::string precious = dir.write("root/home/precious.txt", "keep me");
     {
         // A list edited by hand (or by something else) to point elsewhere.
-        VkQuarantineFileManager store(ctx);
+        VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
         auto forged = std::make_shared<VkQuarantineFileItem>();
         forged->setFilePath(precious);
         forged->setOriginalPath(dir / "root/elsewhere/precious.txt");
@@ -156,7 +157,7 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
         store.allQuarantineItems().push_back(dotted);
         ASSERT_TRUE(store.saveQuarantineInfoList());
     }
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     ASSERT_EQ(store.allQuarantineItems().size(), 2u);
     auto forged = store.allQuarantineItems()[0];
     auto dotted = store.allQuarantineItems()[1];
@@ -172,10 +173,10 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
 }
 
 TEST_F(VkQuarantineTest, TheListsOwnNamesAreNeverGivenToAQuarantinedFile) {
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     ASSERT_TRUE(store.addItem(item(dir.write("root/x/info.list", "detected"))));
     ASSERT_TRUE(store.addItem(item(dir.write("root/y/info.list.lock", "detected"))));
-    VkQuarantineFileManager again(ctx);
+    VkQuarantineFileManager again(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     ASSERT_EQ(again.allQuarantineItems().size(), 2u);
     for (const auto& record : again.allQuarantineItems()) {
         EXPECT_NE(*record->filePath(), again.infoListPath());
@@ -185,7 +186,7 @@ TEST_F(VkQuarantineTest, TheListsOwnNamesAreNeverGivenToAQuarantinedFile) {
 
 // Quarantines `count` files named prefix<i> from root/<prefix>/, in order.
 void quarantineMany(std::shared_ptr<VkContext> ctx, const std::string& folder, int count) {
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     for (int i = 0; i < count; ++i) {
         std::string path = folder + "/f" + std::to_string(i) + ".bin";
         if (!VkFile::existsNoFollow(path))
@@ -227,7 +228,7 @@ TEST_F(VkQuarantineTest, TwoWritersAndKilledWritersNeverOrphanAFile) {
         ::waitpid(writer, nullptr, 0);
     }
 
-    VkQuarantineFileManager store(ctx);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     std::set<std::string> recorded;
     for (const auto& record : store.allQuarantineItems()) {
         EXPECT_FALSE(record->pending());

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "center/VkServices.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingListView.h"
 #include "fakes/VkTempDir.h"
@@ -25,7 +26,7 @@ class VkQuarantineFileControllerTest : public ::testing::Test {
         core->performMoves(true);
         core->performDeletes(true);
         ctx->coreFunction = core;
-        store = std::make_shared<VkQuarantineFileManager>(ctx);
+        store = VkServices::makeQuarantine(*ctx);
         quarantine("b/report.pdf", "OSX/Gamma", 7);
         quarantine("a/agent.plist", "OSX/Alpha", 7);
         quarantine("c/payload", "OSX/Beta", 2);

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "detectors/VkAntiTrojan.h"
+#include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
+#include "detectors/VkAntiTrojan.h"
 #include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkRecordingPanelView.h"
 #include "fakes/VkTempDir.h"
@@ -67,9 +68,8 @@ class VkSecuityViewControllerTest : public ::testing::Test {
             });
         ctx->notificationCenter->addObserver("OnlineDownScanChangeNotify", nullptr,
                                              [this](const VkNotification&) { ++switchNotices; });
-        center = std::make_shared<VkStartRecordingCenter>(
-            ctx, std::make_shared<VkAntiTrojan>(ctx),
-            std::make_shared<VkQuarantineFileManager>(ctx));
+        center = std::make_shared<VkStartRecordingCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
+                                                          VkServices::makeQuarantine(*ctx));
         scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
         view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});

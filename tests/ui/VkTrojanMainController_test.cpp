@@ -6,9 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include "center/VkServices.h"
+#include "center/VkTorjanCenter.h"
 #include "database/VkAddTorjanItems.h"
 #include "detectors/VkAntiTrojan.h"
-#include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingCoreFunction.h"
@@ -98,9 +99,9 @@ class VkTrojanMainControllerTest : public ::testing::Test {
                  {"Secuirty Warning", "At risk"},
                  {"Secuirty Good", "Protected"}})
             ctx->localizer->setString(key, text);
-        auto quarantine = std::make_shared<VkQuarantineFileManager>(ctx);
-        center = std::make_shared<VkScriptedCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
-                                                    quarantine);
+        auto quarantine = VkServices::makeQuarantine(*ctx);
+        center =
+            std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx), quarantine);
         center->trjanScan().setPaceScans(false);
         scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());

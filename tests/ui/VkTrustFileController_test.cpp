@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "detectors/VkAntiTrojan.h"
+#include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
+#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingListView.h"
@@ -27,8 +28,8 @@ class VkTrustFileControllerTest : public ::testing::Test {
         ctx->coreFunction =
             std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         VkFile::createDirectory(ctx->dataFolder, true);
-        center = std::make_shared<VkTorjanCenter>(ctx, std::make_shared<VkAntiTrojan>(ctx),
-                                                  std::make_shared<VkQuarantineFileManager>(ctx));
+        center = std::make_shared<VkTorjanCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
+                                                  VkServices::makeQuarantine(*ctx));
         localizer = std::make_shared<VkLocalizer>();
         localizer->setString("Security-1-13-1", "%d trusted files");
         // File-name order (alpha, mid, zeta) differs from trojan-name order on purpose.
