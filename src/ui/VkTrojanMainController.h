@@ -16,6 +16,7 @@
 #include "ui/VkPanelView.h"
 #include "ui/VkQuarantineFileController.h"
 #include "ui/VkTrojanCommonDelegate.h"
+#include "ui/VkTrojanUpdateLine.h"
 #include "ui/VkTrustFileController.h"
 
 class VkScanLogsOper;
@@ -30,7 +31,10 @@ class VkTimer;
 // file; the list "torjanResultView" reads its rows from this object. Main thread only,
 // except the delegate callbacks, which hop to the main queue.
 //
-// Build it with make(), which gives it the delegate object the engine holds.
+// Build it with make(), which gives it the delegate object the engine holds. The file
+// VkTrojanMainController.cpp holds the set-up, navigation, screens and result list;
+// VkTrojanMainControllerScan.cpp the scanning, VkTrojanMainControllerClean.cpp the clean
+// step; the update line is a VkTrojanUpdateLine of its own.
 class VkTrojanMainController : public VkTorjanScanDelegate,
                                public VkKillTorjansDelegate,
                                public VkAddTorjanDelegate,
@@ -46,7 +50,10 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
 
     // The window that draws the trojan screens; not owned, must outlive this controller's
     // use of it. The trust-list and quarantine screens get their own windows.
-    void setView(VkPanelView* view) { view_ = view; }
+    void setView(VkPanelView* view) {
+        view_ = view;
+        updateLine_->setView(view);
+    }
     void setTrustView(VkListView* view) { trustFileController_.setView(view); }
     void setQuarantineView(VkListView* view) { quarantineFileController_.setView(view); }
     // First showing: sort indicator, main screen, status, update line, button images,
@@ -88,7 +95,9 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
                              bool isSuccess) override;
     void killTorjansEnd() override;
     // Update delegate (the update thread).
-    void updateTrojanData(bool success, std::optional<VkDate> updateDate) override;
+    void updateTrojanData(bool success, std::optional<VkDate> updateDate) override {
+        updateLine_->updateTrojanData(success, updateDate);
+    }
     // A trust-list or quarantine screen closed.
     void disApperaView() override;
 
@@ -129,6 +138,9 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
                            std::shared_ptr<VkScanLogsOper> scanLogs);
 
     std::string localized(const std::string& key) const;
+    // The delegate object the engine holds, as each role hands it on.
+    std::shared_ptr<VkTorjanScanDelegate> scanDelegate() const;
+    std::shared_ptr<VkKillTorjansDelegate> killDelegate() const;
     void startScan(const std::optional<std::vector<std::string>>& paths);
     void updateScanProgress();
     void scanTorjanProcessOnMainThread(float progress, const std::optional<std::string>& item);
@@ -142,7 +154,6 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     void killTorjans(const ResultList& items);
     void killTorjanReloadData(const std::shared_ptr<VkTorjanResultItems>& item);
     void updateLastScanInfo();
-    void refreshUpdateInfo();
     void shutDownMac();
     void setLinkTitle(const std::string& control, const std::string& title);
     void observe(const char* name, void (VkTrojanMainController::*action)());
@@ -157,6 +168,7 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     ResultList resultItemArray_;
     VkTrustFileController trustFileController_;
     VkQuarantineFileController quarantineFileController_;
+    std::shared_ptr<VkTrojanUpdateLine> updateLine_;
     int32_t scanType_ = 3;
     int32_t scanResultOrder_ = 1;
     bool isSortAsc_ = false;

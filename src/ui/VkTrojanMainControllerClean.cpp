@@ -1,0 +1,123 @@
+#include "ui/VkTrojanMainController.h"
+
+// The clean role of the trojan screens: sorting the results into remove, quarantine and
+// trust, the removal run's delegate and the screen while it runs.
+
+#include "center/VkTorjanCenter.h"
+#include "engine/VkTorjanResultItems.h"
+#include "logs/VkScanLogsOper.h"
+#include "ui/VkListSupport.h"
+#include "ui/VkTrojanMainControls.h"
+
+using namespace VkTrojanMainControls;
+
+void VkTrojanMainController::startCleanTrojan() {
+    if (resultItemArray_.empty()) {
+        userOperManager_->cleanEndInfo(this);
+        return;
+    }
+    // The host's clean removes everything listed, whatever action each row shows.
+    killTorjans(resultItemArray_);
+}
+
+void VkTrojanMainController::killTorjansAction() {
+    ResultList removeList, quarantineList, trustList;
+    for (const auto& item : resultItemArray_) {
+        switch (item->trojanProcess()) {
+            case VkTorjanResultItems::kProcessRemove:
+                removeList.push_back(item);
+                break;
+            case VkTorjanResultItems::kProcessQuarantine:
+                quarantineList.push_back(item);
+                break;
+            case VkTorjanResultItems::kProcessTrust:
+                trustList.push_back(item);
+                break;
+            default:
+                break;  // left alone
+        }
+    }
+    for (const auto& item : quarantineList)
+        torjanCenter_->addQuarantineItem(item);
+    for (const auto& item : trustList) {
+        torjanCenter_->addTrustFile(item);
+        scanLogs_->addScanLogsItem(item, 1);
+    }
+    if (!quarantineList.empty() || !trustList.empty()) {
+        // Quarantined rows leave the list even when the move failed: the quarantine view
+        // is where the user looks for them.
+        std::erase_if(resultItemArray_, [&](const auto& item) {
+            int32_t process = item->trojanProcess();
+            return process == VkTorjanResultItems::kProcessQuarantine ||
+                   process == VkTorjanResultItems::kProcessTrust;
+        });
+        reloadDataView();
+        if (resultItemArray_.empty()) {
+            userScan_ = true;
+            setKillState();
+            killTorjansEnd();
+        }
+    }
+    if (!removeList.empty()) {
+        userScan_ = true;
+        userOperManager_->startUserOper(this);
+        killTorjans(removeList);
+    }
+}
+
+void VkTrojanMainController::killTorjans(const ResultList& items) {
+    setKillState();
+    view_->setEnabled("removeFileButon", false);
+    torjanCenter_->killTorjanItem(items, killDelegate());
+}
+
+bool VkTrojanMainController::killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& item,
+                                                 float progress, bool isSuccess) {
+    if (!isSuccess || !item)
+        return false;  // the file stays listed
+    if (!userScan_)
+        userOperManager_->postProgressInfo(progress, vkLastPathComponent(item->path().value_or("")),
+                                           this);
+    std::weak_ptr<VkTrojanMainController> weak = weak_from_this();
+    context_->mainQueue->async([weak, item, progress] {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        self->killTorjanReloadData(item);
+        self->progressValue_ = progress;
+        self->view_->setProgress(kProgress, progress);
+        self->scanLogs_->addScanLogsItem(item, 0);
+    });
+    return false;
+}
+
+void VkTrojanMainController::killTorjanReloadData(
+    const std::shared_ptr<VkTorjanResultItems>& item) {
+    std::erase(resultItemArray_, item);
+    reloadDataView();
+}
+
+void VkTrojanMainController::killTorjansEnd() {
+    context_->userDefaults->setObject(kLastSecurityScanTime, VkPlist(context_->clock->date()));
+    view_->setEnabled("removeFileButon", true);
+    view_->setEnabled("cancelButton", true);
+    updateLastScanInfo();
+    setStartScanState();
+    if (userScan_)
+        userOperManager_->userOperEnd(this);
+    else
+        userOperManager_->cleanEndInfo(this);
+    userScan_ = false;
+    if (view_->state("shutDownButton") == 1)
+        shutDownMac();
+}
+
+void VkTrojanMainController::setKillState() {
+    view_->setHidden("cancelButton", false);
+    view_->setEnabled("cancelButton", false);
+    view_->setHidden("backButton", true);
+    view_->setHidden("cleanButton", true);
+    view_->setHidden(kProgress, false);
+    progressValue_ = 0;
+    view_->setProgress(kProgress, 0);
+}
