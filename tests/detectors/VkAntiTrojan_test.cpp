@@ -1,8 +1,6 @@
 #include "detectors/VkAntiTrojan.h"
 
-#include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -62,34 +60,28 @@ TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRange) {
 
 TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLastAnswer) {
     infect();
-    {
-        // "Stop" on the launch-agent detector's last call: the Flashback detector is skipped.
-        std::vector<bool> answers(10, false);
-        answers[9] = true;
-        auto anti = make<VkAntiTrojan>();
-        auto result = anti.scan(recorder(answers), false);
-        EXPECT_EQ(calls.size(), 10u);
-        EXPECT_EQ(result, (VkSpecialResult{{"OSX/Tsunami.A", {agentPlist}}}));
-        EXPECT_TRUE(anti.antiFlashback().binFiles().empty());
-    }
-    calls.clear();
-    {
-        // "Stop" on every earlier call, then "go on": both detectors run to their end.
-        std::vector<bool> answers(9, true);
-        auto anti = make<VkAntiTrojan>();
-        auto result = anti.scan(recorder(answers), false);
-        EXPECT_EQ(calls.size(), 12u);
-        EXPECT_EQ(result.size(), 2u);
-    }
-    calls.clear();
-    {
-        // "Stop" from the Flashback detector's calls changes nothing: it is already running.
+    struct Case {
+        const char* what;
+        std::vector<size_t> stopAt;  // calls answered "stop"
+        size_t calls;
+        size_t families;
+    };
+    const Case cases[] = {
+        {"stop on the launch-agent detector's last call skips Flashback", {9}, 10, 1},
+        {"stop on every earlier call, then go on, runs both", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, 2},
+        {"stop from Flashback's own calls changes nothing", {10, 11}, 12, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
         std::vector<bool> answers(12, false);
-        answers[10] = answers[11] = true;
+        for (size_t i : c.stopAt)
+            answers[i] = true;
+        calls.clear();
         auto anti = make<VkAntiTrojan>();
         auto result = anti.scan(recorder(answers), false);
-        EXPECT_EQ(calls.size(), 12u);
-        EXPECT_EQ(result.count("OSX/Flashback"), 1u);
+        EXPECT_EQ(calls.size(), c.calls);
+        EXPECT_EQ(result.size(), c.families);
+        EXPECT_EQ(result.count("OSX/Tsunami.A"), 1u);
     }
 }
 
@@ -105,16 +97,15 @@ TEST_F(VkAntiTrojanTest, NeedDelayPausesAfterEveryProgressCallAndOnlyThen) {
     EXPECT_EQ(calls.size(), 12u);
     EXPECT_EQ(pacing->sleeps, (std::vector<long long>{0, 100000, 500000, 1000000, 300000, 0, 0,
                                                       100000, 500000, 1000000, 300000, 0}));
-}
 
-TEST_F(VkAntiTrojanTest, SendProgressInfoPassesValuesThroughAndAlwaysPauses) {
-    auto anti = make<VkAntiTrojan>();
+    // sendProgressInfo passes the answer through and pauses even when it comes out as none.
     pacing->randoms = {8, 61};
+    pacing->sleeps.clear();
+    calls.clear();
     EXPECT_TRUE(anti.sendProgressInfo(recorder({true}), "OSX/Test", 0.3f));
     EXPECT_FALSE(anti.sendProgressInfo(recorder(), "OSX/Other", 0.7f));
     EXPECT_EQ(calls, (std::vector<std::pair<std::string, float>>{{"OSX/Test", 0.3f},
                                                                  {"OSX/Other", 0.7f}}));
-    // A pause even when it comes out as none at all (k below 10).
     EXPECT_EQ(pacing->sleeps, (std::vector<long long>{0, 600000}));
 }
 
@@ -135,19 +126,6 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     auto clean = make<VkAntiTrojan>();
     clean.remove();
     EXPECT_TRUE(core->calls().empty());
-}
-
-TEST(VkAntiTrojanSharedTest, EveryThreadGetsTheSameCoordinator) {
-    static VkTempDir dir;
-    VkContext::setDefaultContext(VkContext::forTesting(dir.path()));
-    std::vector<std::thread> threads;
-    std::vector<VkAntiTrojan*> seen(8, nullptr);
-    for (size_t i = 0; i < seen.size(); ++i)
-        threads.emplace_back([&seen, i] { seen[i] = VkAntiTrojan::shareAntiManager().get(); });
-    for (auto& t : threads)
-        t.join();
-    EXPECT_NE(seen[0], nullptr);
-    EXPECT_EQ(std::set<VkAntiTrojan*>(seen.begin(), seen.end()).size(), 1u);
 }
 
 }  // namespace

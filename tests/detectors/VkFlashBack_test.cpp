@@ -68,27 +68,26 @@ TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
     EXPECT_TRUE(scan(clean).empty());
 }
 
-TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevel) {
+// The environment file carries the variable at its top level (under LSEnvironment it is
+// not where the loader looks); any value infects, only text names a file, and several
+// libraries in one value are taken as one path.
+TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevelWithAnyValue) {
     std::string env = writePlist(kEnvironment, insert("~/.vk/libinject.dylib"), true);
     auto detector = make<VkFlashBack>();
     EXPECT_EQ(
         scan(detector),
         (VkSpecialResult{{"OSX/Flashback", {env, onDisk("/Users/tester/.vk/libinject.dylib")}}}));
 
-    // Under LSEnvironment it is not where the loader looks for it in this file.
     writePlist(kEnvironment, browserInfo(insert("/x.dylib")));
     auto clean = make<VkFlashBack>();
     EXPECT_TRUE(scan(clean).empty());
-}
 
-TEST_F(VkFlashBackTest, AnyValueOfTheVariableInfectsButOnlyTextNamesAFile) {
-    std::string env = writePlist(
-        kEnvironment, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
+    writePlist(kEnvironment,
+               VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
     std::string safari =
         writePlist(kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")));
-    auto detector = make<VkFlashBack>();
-    // Several libraries in one value are taken as one path.
-    EXPECT_EQ(scan(detector),
+    auto any = make<VkFlashBack>();
+    EXPECT_EQ(scan(any),
               (VkSpecialResult{
                   {"OSX/Flashback", {safari, env, onDisk("/Library/a.dylib:/Library/b.dylib")}}}));
     EXPECT_EQ(logLines().back(), "[VkAnti] detect " + env + " - 42");
@@ -229,6 +228,15 @@ class VkFlashBackRemoveTest : public VkFlashBackTest {
 };
 
 TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
+    // Nothing ever found: nothing done, not even the walk for databases.
+    std::string stray = writeFile("/var/folders/ab/" + std::string(kCsstoreA), "db");
+    auto idle = make<VkFlashBack>();
+    EXPECT_TRUE(scan(idle).empty());
+    idle.remove();
+    EXPECT_TRUE(core->calls().empty());
+    EXPECT_TRUE(logLines().empty());
+    VkFile::removeTree(stray);
+
     std::string safari = writePlist(kSafari, browserInfo(insert("/Library/x.dylib")));
     std::string chrome = writePlist(kChrome, browserInfo(insert("/Library/y.dylib")));
     std::string env = writePlist(kEnvironment, insert("/Library/x.dylib"));
@@ -281,15 +289,6 @@ TEST_F(VkFlashBackRemoveTest, HostileHiddenProgramsNeverTakeTheHomeOrALinksTarge
     EXPECT_FALSE(VkFile::existsNoFollow(item));
     EXPECT_EQ(*VkFile::readAll(doc), "mine");
     EXPECT_EQ(*VkFile::readAll(target), "precious");
-}
-
-TEST_F(VkFlashBackRemoveTest, RemoveDoesNothingWhenNothingWasEverFound) {
-    writeFile("/var/folders/ab/" + std::string(kCsstoreA), "db");
-    auto detector = make<VkFlashBack>();
-    EXPECT_TRUE(scan(detector).empty());
-    detector.remove();
-    EXPECT_TRUE(core->calls().empty());
-    EXPECT_TRUE(logLines().empty());
 }
 
 TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {

@@ -1,12 +1,12 @@
 // The strings tables shipped in the build's resource folder: every key the panel asks for is
 // there in every language, and each translation keeps the placeholders the code fills.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
+
+#include <gtest/gtest.h>
 
 #include "platform/VkFileUtil.h"
 #include "platform/VkLocalizer.h"

