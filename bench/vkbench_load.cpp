@@ -90,7 +90,7 @@ int main(int argc, char** argv) {
     VkContextOptions options;
     options.dataFolder = argv[1];
     auto ctx = VkContext::create(options);
-    VkTorjanScan scan(ctx, std::make_shared<VkAntiTrojan>(ctx));
+    VkTorjanScan scan(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing);
 
     std::vector<double> totals;
     size_t records = 0;

@@ -11,6 +11,9 @@
 
 int main(int argc, char** argv) {
     std::setlocale(LC_ALL, "");
+    // Names and messages follow the user's locale; numbers are always written with a
+    // point, so that output reads the same everywhere and JSON stays JSON.
+    std::setlocale(LC_NUMERIC, "C");
     CLI::App app{"vksecurity: finds, removes and quarantines known Mac trojans"};
     app.set_version_flag("--version", std::string("vksecurity ") + VK_VERSION);
     app.require_subcommand(0, 1);

@@ -27,7 +27,9 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
                                std::shared_ptr<VkQuarantineFileManager> quarantine,
                                std::shared_ptr<VkAddTorjanItems> updater)
     : context_(std::move(context)), quarantine_(std::move(quarantine)) {
-    trjanScan_ = std::make_unique<VkTorjanScan>(context_, antiTrojan);
+    trjanScan_ = std::make_unique<VkTorjanScan>(context_->systemRoot, context_->dataFolder,
+                                                context_->userDefaults, context_->pacing,
+                                                antiTrojan);
     // The signature store hands the scanner its records, read afresh at every scan.
     trjanScan_->setRecordLoader(
         [context = context_] { return VkSqliteManager::loadAllRecords(context); });

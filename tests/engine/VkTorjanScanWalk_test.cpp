@@ -37,7 +37,8 @@ class VkScanWalkTest : public ::testing::Test {
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
     std::unique_ptr<VkTorjanScan> scanner() {
-        auto s = std::make_unique<VkTorjanScan>(ctx, anti);
+        auto s = std::make_unique<VkTorjanScan>(ctx->systemRoot, ctx->dataFolder,
+                                              ctx->userDefaults, ctx->pacing, anti);
         s->setPaceScans(false);
         s->setRecordLoader([ctx = ctx] { return VkSqliteManager::loadAllRecords(ctx); });
         return s;
