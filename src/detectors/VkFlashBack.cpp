@@ -273,12 +273,19 @@ std::vector<VkCleanOutcome> VkFlashBack::remove() {
     // The path is one argument of its own: a launch item's name never reaches a shell.
     for (const std::string& service : serviceFiles_)
         core.systemCommand({"launchctl", "unload", service});
+    // What became of each property list cleaned in place, so a caller can say so.
+    std::vector<VkCleanOutcome> edited;
     for (const std::string& plist : plistFiles_) {
         if (!VkLaunchItem::readDictionary(plist))
             continue;
         // A browser loses its whole launch environment, not just the one variable.
         bool isEnvironment = VkFile::lastPathComponent(plist) == "environment.plist";
-        core.fixPlistFile(plist, isEnvironment ? kInsertVariable : "LSEnvironment");
+        const char* key = isEnvironment ? kInsertVariable : "LSEnvironment";
+        bool gone = core.fixPlistFile(plist, key);
+        VkCleanOutcome outcome{plist, false,
+                               gone ? "" : std::string("the key ") + key + " could not be removed"};
+        outcome.editedInPlace = gone;
+        edited.push_back(std::move(outcome));
     }
     std::vector<std::string> databases = launchServicesDatabases();
     extra.insert(extra.end(), databases.begin(), databases.end());
@@ -286,5 +293,8 @@ std::vector<VkCleanOutcome> VkFlashBack::remove() {
     extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
     // The lists are kept: a later remove acts on all of it again. Only files and links are
     // deleted: a launch item naming a folder as its hidden program never takes the folder.
-    return core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
+    std::vector<VkCleanOutcome> outcomes =
+        core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
+    outcomes.insert(outcomes.begin(), edited.begin(), edited.end());
+    return outcomes;
 }
