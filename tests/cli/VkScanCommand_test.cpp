@@ -2,6 +2,7 @@
 #include <set>
 #include <sstream>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -401,6 +402,39 @@ TEST_F(VkScanCommandTest, AnInterruptedScanEndsWithTheSummaryAndExit130) {
         {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}, {"VK_SYSTEM_ROOT", dir / "root"}});
     EXPECT_EQ(r.exitCode, 130) << r.out << r.err;
     EXPECT_NE(r.out.find("Scan:          custom (interrupted)"), std::string::npos) << r.out;
+}
+
+// On an empty data folder the monitor installs the packaged database and judges the test
+// file dropped while it was down as well as one dropped while it runs; with no signatures
+// at all it refuses to start.
+TEST_F(VkScanCommandTest, MonitorOnAFreshDataFolderJudgesFilesFromBeforeAndAfterItsStart) {
+    std::string eicar;
+    for (const char* part :
+         {"X5O!P%@AP[4\\PZX", "54(P^)7CC)7}$", "EICAR-STANDARD-ANTI", "VIRUS-TEST-FILE!", "$H+H*"})
+        eicar += part;
+    std::string data = dir / "fresh", downloads = dir.mkdir("dl");
+    dir.write("dl/before.com", eicar);
+    std::map<std::string, std::string> env = {{"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                                              {"XDG_DOWNLOAD_DIR", downloads},
+                                              {"HOME", dir.path()}};
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        dir.write("dl/after.com", eicar);
+    });
+    auto r = vkRunProgram(
+        "/usr/bin/timeout",
+        {"--preserve-status", "-s", "INT", "5", kProgram, "--data-dir", data, "monitor"}, env);
+    later.join();
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    auto logs = vkRunProgram(kProgram, {"--data-dir", data, "--json", "logs", "--monitor"}, env);
+    for (const char* name : {"/before.com", "/after.com"})
+        EXPECT_NE(logs.out.find(downloads + name), std::string::npos) << name << logs.out << r.out;
+
+    std::string file = dir.write("plain", "x");
+    auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "monitor"}, env);
+    EXPECT_EQ(none.exitCode, 2) << none.out;
+    EXPECT_NE(none.err.find("no signatures loaded from " + file + "/data"), std::string::npos)
+        << none.err;
 }
 
 }  // namespace
