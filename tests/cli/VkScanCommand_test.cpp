@@ -289,22 +289,28 @@ TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
 
 // Nothing the scan did not examine is called clean: each such path is named on stderr,
 // counted, and the exit code says so. Made to work as root: a FIFO and a link named on the
-// command line, and a finding deeper than a path can name.
+// command line, a file below /dev, and a finding deeper than a path can name.
 TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
     std::string fifo = dir / "root/tree/pipe";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     std::string link = dir / "root/alpha-link";
     ASSERT_EQ(::symlink(alpha.c_str(), link.c_str()), 0);
+    // Never opened below /dev, whatever kind of file (shared memory is an ordinary one).
+    std::string shm = "/dev/shm/vk-test-" + std::to_string(::getpid());
+    ASSERT_TRUE(VkFile::writeAtomically(shm, std::string("alpha-synthetic-sample")).ok());
     struct Case {
         std::string path;
         std::string reason;
-    } cases[] = {{fifo, "not a regular file"}, {link, "a symbolic link (not followed)"}};
+    } cases[] = {{fifo, "not a regular file"},
+                 {link, "a symbolic link (not followed)"},
+                 {shm, "below /dev (never opened)"}};
     for (const auto& c : cases) {
         auto r = run({"scan", c.path});
         EXPECT_EQ(r.exitCode, 2) << c.path;
         EXPECT_NE(r.err.find(c.path + ": " + c.reason + " ERROR\n"), std::string::npos) << r.err;
         EXPECT_NE(r.out.find("Not examined:  1"), std::string::npos) << r.out;
     }
+    ::unlink(shm.c_str());
     // Deeper than PATH_MAX: still judged (relative to its folder) and found.
     std::string deep = dir / "root/deep";
     std::string component(200, 'd');
