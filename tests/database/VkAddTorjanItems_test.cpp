@@ -209,7 +209,9 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     }
     // What `vksig publish` writes, served by the loopback server.
     void publish(const std::vector<std::string>& databases, std::optional<VkDate> date) {
-        auto published = VkUpdatePublisher::publish(www(), databases, date);
+        VkUpdatePublisher::Options options;
+        options.date = date;
+        auto published = VkUpdatePublisher::publish(www(), databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -237,8 +239,11 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         auto info = VkFile::exists(path) ? store.dataBaseForPath(path) : nullptr;
         return info ? info->version() : std::nullopt;
     }
+    // The loop's rules are checked on unsigned manifests (the update signature has tests of
+    // its own), so these tests allow them.
     VkAddTorjanItems& make(std::shared_ptr<VkHttpClient> http = nullptr) {
         items = std::make_unique<VkAddTorjanItems>(ctx, std::move(http));
+        items->setAllowUnsigned(true);
         return *items;
     }
     // Names in the staging folder, sorted; empty when there is none.
@@ -420,7 +425,8 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
     EXPECT_EQ(report.entries[std::size(bad) + 1].action, Action::Downloaded) << "the walk goes on";
     EXPECT_EQ(report.entries[std::size(bad) + 2].action, Action::Downloaded);
     for (const std::string& path : server.requests()) {
-        EXPECT_TRUE(path == kManifestPath || path == std::string(kFolder) + "good.sql" ||
+        EXPECT_TRUE(path == kManifestPath || path == std::string(kManifestPath) + ".sig" ||
+                    path == std::string(kFolder) + "good.sql" ||
                     path == std::string(kFolder) + "Vk-DB_2+b.sql")
             << path;
     }
