@@ -60,6 +60,14 @@ TEST_F(VkUpdatePublisherTest, WritesDatabasesAndAnEncipheredManifestWithDigests)
             *entry.getString("sha256"),
             *VkHashValue::hashWithData(served.data(), static_cast<uint32_t>(served.size()), 2));
     }
+    // Without a date the manifest ends with the last entry.
+    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "undated", {a}, std::nullopt).ok());
+    body = VkFile::readAll(dir / "undated/velkora_soft_upgrade_files/trojanupdate/version.xml");
+    manifest = VkAddTorjanItems::arrayWithContentsOfData(
+        *VkManifestCipher::decrypt({body->begin(), body->end()}));
+    ASSERT_TRUE(manifest);
+    ASSERT_EQ(manifest->size(), 1u);
+    EXPECT_TRUE((*manifest)[0].isDictionary());
 }
 
 TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
@@ -79,17 +87,6 @@ TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
         EXPECT_FALSE(published.ok() || published.error().empty());
         EXPECT_FALSE(VkFile::exists(dir / "out"));
     }
-}
-
-TEST_F(VkUpdatePublisherTest, ManifestWithoutDateEndsWithTheLastEntry) {
-    std::string a = makeDb("src/A.sql", "Alpha", "1.0");
-    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "out", {a}, std::nullopt).ok());
-    auto body = *VkFile::readAll(folder() + "/version.xml");
-    auto manifest = VkAddTorjanItems::arrayWithContentsOfData(
-        *VkManifestCipher::decrypt({body.begin(), body.end()}));
-    ASSERT_TRUE(manifest);
-    ASSERT_EQ(manifest->size(), 1u);
-    EXPECT_TRUE((*manifest)[0].isDictionary());
 }
 
 }  // namespace
