@@ -1,7 +1,6 @@
 // A NUL planted in a string or a key of every property list the programs take from outside:
 // each reader skips what it cannot read under its own rule, says so, and goes on.
 
-#include "fakes/VkCannedHttpClient.h"
 #include "fakes/VkHostilePlist.h"
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "database/VkSqliteHandle.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAgentTrojan.h"
+#include "fakes/VkCannedHttpClient.h"
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
@@ -165,6 +165,7 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
 
         // Update manifest: the check fails as unreadable; nothing is fetched.
         VkAddTorjanItems updater(ctx, cannedManifest(manifest(place(), plant)));
+        updater.setAllowUnsigned(true);
         VkUpdateReport report = updater.checkUpdateOnce();
         EXPECT_EQ(report.success, !plant);
         EXPECT_EQ(report.failure == VkUpdateReport::Failure::Parse, plant);
@@ -227,7 +228,7 @@ TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
                                    "a NUL character"),
               std::string::npos)
         << monitorLogs.err;
-    auto update = run("vksecurity", {"update"});
+    auto update = run("vksecurity", {"update", "--allow-unsigned"});
     EXPECT_EQ(update.exitCode, 2) << update.out;
     EXPECT_NE(update.err.find("the manifest is not a property-list array"), std::string::npos)
         << update.err;
