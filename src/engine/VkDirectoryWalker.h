@@ -2,17 +2,17 @@
 
 #include <functional>
 #include <string>
-
-#include "platform/VkHandle.h"
 #include <sys/types.h>
 #include <utility>
 #include <vector>
 
+#include "platform/VkHandle.h"
+
 // Lists every entry below a folder, files and folders alike, hidden entries and package
 // contents included, in pre-order (a folder before what it holds). Symbolic links are
 // listed but never descended into; folders that cannot be opened are listed, skipped and
-// handed to the caller's error callback. Memory stays small however wide or deep the tree: at most kMaxOpenFolders
-// folders are held open, deeper ones are read ahead and closed.
+// handed to the caller's error callback. Memory stays small however wide or deep the tree: at most
+// kMaxOpenFolders folders are held open, deeper ones are read ahead and closed.
 class VkDirectoryWalker {
   public:
     static constexpr size_t kMaxOpenFolders = 48;

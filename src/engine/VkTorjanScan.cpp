@@ -97,14 +97,13 @@ bool VkTorjanScan::attributesAt(const FileRef& file, struct stat& attributes) {
     return ::fstatat(file.folderFd, file.name.c_str(), &attributes, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-std::optional<std::string> VkTorjanScan::hashAt(const FileRef& file, int32_t type,
-                                                uint64_t size) {
+std::optional<std::string> VkTorjanScan::hashAt(const FileRef& file, int32_t type, uint64_t size) {
     if (file.folderFd == AT_FDCWD)
         return hashCodeWithPath(file.name, type, size);
     if (size == 0)
         return VkHashValue::hashWholeFileAt(file.folderFd, file.name, type);
-    return VkHashValue::hashFileHeadAt(file.folderFd, file.name,
-                                       static_cast<uint32_t>(kHeadLength), type);
+    return VkHashValue::hashFileHeadAt(file.folderFd, file.name, static_cast<uint32_t>(kHeadLength),
+                                       type);
 }
 
 std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& path) {

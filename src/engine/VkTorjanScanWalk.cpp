@@ -232,10 +232,9 @@ void VkTorjanScan::scanBaseItem() {
                         ownFolders,
                         [&](const std::string& path, int error) {
                             if (!(fullScan && path.rfind(volumes, 0) == 0))
-                                reportNotExamined({path,
-                                                   error == ENOENT ? Reason::vanished
-                                                                   : Reason::unreadable,
-                                                   error});
+                                reportNotExamined(
+                                    {path, error == ENOENT ? Reason::vanished : Reason::unreadable,
+                                     error});
                         });
                 }
             }

@@ -100,8 +100,8 @@ std::optional<std::string> hashOpenFile(int fd, uint64_t length, const EVP_MD* m
         static_cast<size_t>(std::min<uint64_t>(kChunk, std::max<uint64_t>(length, 1))));
     uint64_t left = length;
     while (left > 0) {
-        ssize_t n = readSome(fd, buf.data(),
-                             static_cast<size_t>(std::min<uint64_t>(left, buf.size())));
+        ssize_t n =
+            readSome(fd, buf.data(), static_cast<size_t>(std::min<uint64_t>(left, buf.size())));
         if (n < 0)
             return std::nullopt;
         if (n == 0)
