@@ -19,7 +19,6 @@
 #include <sys/resource.h>
 #include <vector>
 
-#include "center/VkServices.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanRecordList.h"
@@ -91,7 +90,7 @@ int main(int argc, char** argv) {
     VkContextOptions options;
     options.dataFolder = argv[1];
     auto ctx = VkContext::create(options);
-    VkTorjanScan scan(ctx, VkServices::makeAntiTrojan(*ctx));
+    VkTorjanScan scan(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing);
 
     std::vector<double> totals;
     size_t records = 0;

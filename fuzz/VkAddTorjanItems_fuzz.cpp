@@ -2,8 +2,8 @@
 // update server whose answers are the input.
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "VkFuzzSupport.h"
@@ -21,6 +21,8 @@ std::shared_ptr<VkHttpClient> fuzzServer(std::vector<uint8_t> manifest, std::vec
         [=](const std::string& url) -> VkResult<std::vector<uint8_t>> {
             if (url.ends_with(VkAddTorjanItems::kManifestName))
                 return manifest;
+            if (url.ends_with(VkAddTorjanItems::kSignatureName))
+                return VkError{"HTTP 404"};
             if (++*downloads % 3 == 0)
                 return VkError{"HTTP 404"};
             return file;
@@ -44,7 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     auto ctx = vkFuzzContext();
     {
+        // Unsigned, so that what follows the signature check is what gets fuzzed.
         VkAddTorjanItems updater(ctx, fuzzServer(body, rest));
+        updater.setAllowUnsigned(true);
         VkUpdateReport report = updater.checkUpdateOnce();
         VK_FUZZ_CHECK(report.success || report.failure != VkUpdateReport::Failure::None);
         // What was staged lies in the staging folder, nowhere else.

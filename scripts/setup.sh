@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-base-dev qt6-svg-dev libgl-dev
   clang libclang-rt-14-dev
+  systemd
 )
 # Extra groups, asked for by the scripts that need them.
 if [[ " $* " == *" --coverage "* ]]; then

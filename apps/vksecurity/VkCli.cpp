@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <vector>
 
 #include "center/VkServices.h"
@@ -57,4 +58,16 @@ void VkCliCommand::setupAll(CLI::App& app, VkCli& cli) {
 void vkCliFail(VkCli& cli, const std::string& message) {
     std::fprintf(stderr, "vksecurity: %s\n", vkCliText(message).c_str());
     cli.exitCode = kExitError;
+}
+
+std::string vkCliAbsolutePath(const std::string& path) {
+    std::filesystem::path p(path);
+    if (p.is_relative()) {
+        std::error_code ec;
+        p = std::filesystem::current_path(ec) / p;
+    }
+    std::string normal = p.lexically_normal().string();
+    while (normal.size() > 1 && normal.back() == '/')
+        normal.pop_back();
+    return normal;
 }

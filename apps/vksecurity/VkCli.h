@@ -9,10 +9,12 @@
 
 #include "platform/VkContext.h"
 
-// Exit codes of every command: clean, something found, error.
+// Exit codes of every command: clean, something found, error; a scan stopped by a signal
+// ends as the shell's convention for SIGINT has it.
 constexpr int kExitClean = 0;
 constexpr int kExitFound = 1;
 constexpr int kExitError = 2;
+constexpr int kExitInterrupted = 130;
 
 // Days of scan history a host keeps; the command line registers this default, the panel
 // host passes its own.
@@ -49,3 +51,8 @@ class VkCliCommand {
 // Prints an error message for the user (escaped: it may quote names read from files) and
 // sets the error exit code.
 void vkCliFail(VkCli& cli, const std::string& message);
+
+// A path named on the command line made absolute (from the working folder) and lexically
+// normal ("." and empty components dropped, "a/.." folded), so that it names the file as
+// a full scan reaches it. Links are not resolved.
+std::string vkCliAbsolutePath(const std::string& path);

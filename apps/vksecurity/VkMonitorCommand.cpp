@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
+#include "database/VkAddTorjanItems.h"
+#include "database/VkSqliteManager.h"
 #include "monitor/VkFileMonService.h"
 #include "monitor/VkFileMonStore.h"
 #include "monitor/VkMonitorConfig.h"
@@ -206,6 +208,15 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
         std::printf("%s\n", vkCliText(line).c_str());
         std::fflush(stdout);
     };
+    // As the scan center does: the packaged databases go in first, then staged updates.
+    VkAddTorjanItems(ctx).copyToLocalPath();
+    // A monitor without signatures would call every file clean; refusing makes the
+    // service manager see a failure instead.
+    if (VkSqliteManager::loadAllRecords(ctx).empty()) {
+        return vkCliFail(cli, "no signatures loaded from " + ctx->dataFolder +
+                                  ": the file monitor does not start without them (run "
+                                  "`vksecurity update`, or check that the folder is writable)");
+    }
     VkFileMonService service(ctx, serviceOptions);
     if (auto started = service.start(); !started)
         return vkCliFail(cli, started.error());

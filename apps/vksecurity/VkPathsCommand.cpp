@@ -17,6 +17,7 @@ static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
             vkJsonSetPath(j, "dataFolder", ctx->dataFolder);
             vkJsonSetPath(j, "defaultsFile", ctx->defaultsFile);
             vkJsonSetPath(j, "resourceFolder", ctx->resourceFolder);
+            vkJsonSetPath(j, "updateKeysFolder", ctx->updateKeysFolder);
             std::printf("%s\n", vkJsonText(j, 2).c_str());
             return;
         }
@@ -27,5 +28,7 @@ static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
         std::printf("defaults file:    %s\n", vkCliText(ctx->defaultsFile).c_str());
         std::printf("resources:        %s\n", vkCliText(ctx->resourceFolder).c_str());
         std::printf("update server:    %s\n", vkCliText(ctx->updateServer).c_str());
+        std::printf("update keys:      %s/updatekeys, %s\n", vkCliText(ctx->resourceFolder).c_str(),
+                    vkCliText(ctx->updateKeysFolder).c_str());
     });
 });

@@ -12,14 +12,15 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
-#include "database/VkSqliteManager.h"
 #include "center/VkScanSession.h"
 #include "center/VkTorjanCenter.h"
+#include "database/VkSqliteManager.h"
 #include "engine/VkTorjanScan.h"
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkKillTorjans.h"
 #include "support/VkCliOutput.h"
+#include "support/VkCrypt.h"
 
 namespace {
 
@@ -86,6 +87,23 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         }
         std::fflush(stdout);
         findings_.push_back(item);
+    }
+
+    // Each on its own line as other scanners write it, `PATH: REASON ERROR`, on stderr so
+    // that the findings on stdout stay a clean list; in JSON an object of its own.
+    void scanNotExamined(const VkNotExamined& skipped) override {
+        std::lock_guard lock(mutex_);
+        clearLineLocked();
+        if (json_) {
+            nlohmann::json j = {{"type", "notExamined"}, {"reason", skipped.reasonText()}};
+            vkJsonSetPath(j, "path", skipped.path);
+            std::printf("%s\n", vkJsonText(j).c_str());
+            std::fflush(stdout);
+        } else {
+            std::fprintf(stderr, "%s: %s ERROR\n", vkCliText(skipped.path).c_str(),
+                         vkCliText(skipped.reasonText()).c_str());
+        }
+        ++notExamined_;
     }
 
     bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override {
@@ -157,6 +175,10 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         std::lock_guard lock(mutex_);
         return entries_;
     }
+    uint64_t notExamined() {
+        std::lock_guard lock(mutex_);
+        return notExamined_;
+    }
 
   private:
     void clearLineLocked() {
@@ -173,25 +195,76 @@ class CliScanDelegate : public VkTorjanScanDelegate {
     std::vector<std::shared_ptr<VkTorjanResultItems>> findings_;
     float progress_ = 0;
     uint64_t entries_ = 0;
+    uint64_t notExamined_ = 0;
     std::string current_;
     bool ended_ = false;
     bool drawn_ = false;
 };
 
 void printOutcome(VkCli& cli, const std::string& path, const char* action, bool ok,
-                  const std::string& reason) {
+                  const std::string& text) {
     if (cli.json) {
         nlohmann::json j = {{"type", "action"}, {"action", action}, {"ok", ok}};
         vkJsonSetPath(j, "path", path);
-        if (!ok)
-            j["reason"] = reason;
+        j[ok ? "outcome" : "reason"] = text;
         std::printf("%s\n", vkJsonText(j).c_str());
     } else if (ok) {
-        std::printf("%s: %s\n", vkCliText(path).c_str(), action);
+        std::printf("%s: %s\n", vkCliText(path).c_str(), vkCliText(text).c_str());
     } else {
-        std::printf("%s: NOT %s (%s)\n", vkCliText(path).c_str(), action,
-                    vkCliText(reason).c_str());
+        std::printf("%s: NOT %s (%s)\n", vkCliText(path).c_str(), action, vkCliText(text).c_str());
     }
+}
+
+// What removal really did to one finding, in words, and whether anything failed: only a
+// refusal, a deletion or edit that did not happen, or a process that would not end fails.
+struct RemovalVerdict {
+    bool ok = true;
+    bool fileGone = false;  // deleted or cleaned in place: the history may say "removed"
+    std::string text;
+};
+
+RemovalVerdict verdictOf(const VkKillOutcome& outcome) {
+    RemovalVerdict verdict;
+    std::vector<std::string> done;
+    std::vector<std::string> failed;
+    const std::string path = outcome.result->path().value_or("");
+    bool fileRemoved = false;
+    bool fileEdited = false;
+    for (const auto& d : outcome.deletions) {
+        if (d.editedInPlace) {
+            fileEdited = fileEdited || d.path == path;
+            done.push_back(d.path == path ? "edited in place" : "edited " + d.path);
+        } else if (d.removed) {
+            fileRemoved = fileRemoved || d.path == path;
+            done.push_back(d.path == path ? "removed" : "removed " + d.path);
+        } else {
+            failed.push_back(d.path + ": " + d.reason);
+        }
+    }
+    size_t killed = 0;
+    for (const auto& k : outcome.kills) {
+        if (k.ended)
+            ++killed;
+        else
+            failed.push_back("process " + std::to_string(k.pid) + " (" + k.name + "): " + k.reason);
+    }
+    if (killed > 0)
+        done.push_back("killed " + std::to_string(killed) + " process" + (killed == 1 ? "" : "es"));
+    if (!outcome.special && outcome.deletions.empty() && outcome.kills.empty())
+        done.push_back("no matching process");
+    bool remains = VkFile::existsNoFollow(path);
+    if (outcome.special && remains && !fileEdited && failed.empty())
+        failed.push_back("left in place by the built-in detector's clean-up");
+    else if (remains && !fileEdited && !fileRemoved)
+        done.push_back("file left in place");
+    else if (!remains && !fileRemoved && !fileEdited)
+        done.push_back("removed");  // by a clean-up that answered for other paths only
+    verdict.ok = failed.empty();
+    verdict.fileGone = verdict.ok && (fileRemoved || fileEdited || !remains);
+    const std::vector<std::string>& parts = verdict.ok ? done : failed;
+    for (const auto& part : parts)
+        verdict.text += (verdict.text.empty() ? "" : "; ") + part;
+    return verdict;
 }
 
 // Carries out the clean step the user asked for on every finding; false when any file
@@ -202,16 +275,26 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
     bool allDone = true;
     if (options.trust) {
         for (const auto& item : findings) {
+            std::string path = item->path().value_or("");
+            // The list holds enciphered text; a name the cipher cannot take would be stored
+            // as an entry that never matches and cannot be removed.
+            if (!vkEncryptString(path) || !item->hashCode() ||
+                !vkEncryptString(*item->hashCode())) {
+                allDone = false;
+                printOutcome(cli, path, "trusted", false,
+                             "the trust list cannot hold this path (it is not UTF-8 text)");
+                continue;
+            }
             center.addTrustFile(item);
             logs.addScanLogsItem(item, 1);
-            printOutcome(cli, item->path().value_or(""), "trusted", true, "");
+            printOutcome(cli, path, "trusted", true, "trusted");
         }
     } else if (options.quarantine) {
         for (const auto& item : findings) {
             bool ok = center.addQuarantineItem(item);
             allDone = allDone && ok;
             printOutcome(cli, item->path().value_or(""), "quarantined", ok,
-                         "the file could not be moved into the quarantine");
+                         ok ? "quarantined" : "the file could not be moved into the quarantine");
         }
     } else if (options.remove) {
         VkKillReport report = center.killTorjans().killTorjanItemAndWait(findings);
@@ -220,31 +303,36 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
             return false;
         }
         for (const auto& outcome : report.outcomes) {
-            std::string path = outcome.result->path().value_or("");
-            bool ok = true;
-            std::string reason;
-            // Every refusal and failure is named, each with its reason.
-            auto because = [&](const std::string& why) {
-                ok = false;
-                reason += (reason.empty() ? "" : "; ") + why;
-            };
-            for (const auto& d : outcome.deletions) {
-                if (!d.removed)
-                    because(d.path + ": " + d.reason);
-            }
-            if (outcome.special && outcome.specialFileRemains && reason.empty())
-                because("left in place by the built-in detector's clean-up");
-            for (const auto& k : outcome.kills) {
-                if (!k.ended)
-                    because("process " + std::to_string(k.pid) + " (" + k.name + "): " + k.reason);
-            }
-            if (ok)
+            if (!outcome.result)
+                continue;
+            RemovalVerdict verdict = verdictOf(outcome);
+            // A file left in place stays "found" in the history, never "removed".
+            if (verdict.fileGone)
                 logs.addScanLogsItem(outcome.result, 0);
-            allDone = allDone && ok;
-            printOutcome(cli, path, "removed", ok, reason);
+            allDone = allDone && verdict.ok;
+            printOutcome(cli, outcome.result->path().value_or(""), "removed", verdict.ok,
+                         verdict.text);
         }
     }
     return allDone;
+}
+
+// Why a scan had no signatures to judge with, with what the user can do about it.
+std::string noSignaturesMessage(const VkContext& ctx) {
+    std::string folder = ctx.dataFolder;
+    bool isDir = false;
+    if (!VkFile::exists(folder, &isDir) || !isDir) {
+        return "no signatures loaded from " + folder +
+               ": the folder does not exist and could not be created (choose a writable one "
+               "with --data-dir)";
+    }
+    if (VkSqliteManager::contentFilesOfPath(folder).empty()) {
+        return "no signatures loaded from " + folder +
+               ": it holds no signature database and the packaged one could not be installed "
+               "(run `vksecurity update`, or check that the folder is writable)";
+    }
+    return "no signatures loaded from " + folder +
+           ": its databases hold no readable records (check them with `vksig verify`)";
 }
 
 void runScan(VkCli& cli, const ScanOptions& options) {
@@ -258,15 +346,20 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         return;
     }
     auto ctx = cli.context();
+    if (bool isDir = false; !VkFile::exists(ctx->systemRoot, &isDir) || !isDir) {
+        vkCliFail(cli, "the system root is not a folder: " + ctx->systemRoot);
+        return;
+    }
     std::vector<std::string> paths;
     for (const auto& p : options.paths) {
-        if (!VkFile::existsNoFollow(p)) {
+        // Absolute and lexically normal, so that results, logs and the trust list name the
+        // files as a full scan reaches them.
+        std::string path = vkCliAbsolutePath(p);
+        if (!VkFile::existsNoFollow(path)) {
             vkCliFail(cli, "no such file or folder: " + p);
             return;
         }
-        // Absolute paths, so that results and logs name the files unambiguously.
-        paths.push_back(p[0] == '/' ? p
-                                    : VkFile::join(std::filesystem::current_path().string(), p));
+        paths.push_back(path);
     }
     bool live = !cli.json && ::isatty(STDERR_FILENO);
     auto delegate = std::make_shared<CliScanDelegate>(cli.json, live);
@@ -279,11 +372,10 @@ void runScan(VkCli& cli, const ScanOptions& options) {
             vkCliFail(cli, "cannot read the signature database folder " + ctx->dataFolder);
             return;
         }
+        // A walk without signatures would call every file clean.
         if (VkSqliteManager(ctx).dataBasePaths().empty()) {
-            std::fprintf(stderr,
-                         "vksecurity: warning: no signature databases in %s; only the built-in "
-                         "detectors can find anything (run `vksecurity update`)\n",
-                         vkCliText(ctx->dataFolder).c_str());
+            vkCliFail(cli, noSignaturesMessage(*ctx));
+            return;
         }
     }
 
@@ -342,32 +434,57 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         // here, so write now.
         logs->saveFileMonToDisk();
     }
+    uint64_t notExamined = delegate->notExamined();
+    size_t signatures = 0;
+    std::vector<std::string> databases;
+    for (const auto& [path, count] : center->lastLoadedDatabases()) {
+        signatures += count;
+        databases.push_back(VkFile::lastPathComponent(path));
+    }
+    // Loaded by the walk itself; a walk that had none examined nothing.
+    bool noSignatures = !options.quick && signatures == 0 && !interrupted;
     if (cli.json) {
         nlohmann::json j = {{"type", "summary"},
                             {"scan", kind},
                             {"filesJudged", scanner.filesJudged()},
                             {"entries", delegate->entries()},
                             {"findings", found},
+                            {"notExamined", notExamined},
                             {"seconds", seconds},
                             {"interrupted", interrupted}};
-        std::printf("%s\n", j.dump().c_str());
+        if (!options.quick) {
+            j["signatures"] = signatures;
+            j["databases"] = nlohmann::json::array();
+            for (const auto& name : databases)
+                j["databases"].push_back(vkCliText(name));
+        }
+        std::printf("%s\n", vkJsonText(j).c_str());
     } else {
         std::printf("\n----------- SCAN SUMMARY -----------\n");
         std::printf("Scan:          %s%s\n", kind, interrupted ? " (interrupted)" : "");
         if (!options.quick) {
+            std::string names;
+            for (const auto& name : databases)
+                names += (names.empty() ? "" : ", ") + vkCliText(name);
+            std::printf("Signatures:    %zu%s%s%s\n", signatures, names.empty() ? "" : " (",
+                        names.c_str(), names.empty() ? "" : ")");
             std::printf("Files judged:  %llu\n",
                         static_cast<unsigned long long>(scanner.filesJudged()));
+            std::printf("Not examined:  %llu\n", static_cast<unsigned long long>(notExamined));
         }
         std::printf("Findings:      %zu\n", found);
         std::printf("Time:          %s (%.2f s)\n", elapsedText(seconds).c_str(), seconds);
     }
-    if (!cleaned) {
+    std::fflush(stdout);
+    if (noSignatures)
+        vkCliFail(cli, noSignaturesMessage(*ctx));
+    if (interrupted) {
+        // Whatever was found: the files the scan did not reach are vouched for by nobody.
+        cli.exitCode = kExitInterrupted;
+    } else if (!cleaned || notExamined > 0 || noSignatures) {
         cli.exitCode = kExitError;
     } else if (found > 0) {
         cli.exitCode = kExitFound;
-    } else if (interrupted) {
-        // An interrupted scan cannot vouch for the files it did not reach.
-        cli.exitCode = kExitError;
     } else {
         cli.exitCode = kExitClean;
     }
@@ -390,7 +507,8 @@ static VkCliCommand registration(10, [](CLI::App& app, VkCli& cli) {
     cmd->add_flag("--quarantine", options->quarantine, "Move what was found into the quarantine");
     cmd->add_flag("--trust", options->trust, "Add what was found to the trust list");
     cmd->footer(
-        "Exit codes: 0 nothing found, 1 something found, 2 error, interrupted, or a file that "
-        "could not be removed, quarantined or trusted.");
+        "Exit codes: 0 nothing found, 1 something found, 2 an error: a path that could not be "
+        "examined, no signatures, or a file that could not be removed, quarantined or "
+        "trusted; 130 interrupted.");
     cmd->callback([&cli, options] { runScan(cli, *options); });
 });

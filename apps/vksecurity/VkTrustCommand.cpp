@@ -44,10 +44,29 @@ void listTrust(VkCli& cli) {
     }
 }
 
-void removeTrust(VkCli& cli, const std::string& path) {
+void removeTrust(VkCli& cli, const std::string& argument) {
     cli.context();
     auto center = VkTorjanCenter::shareCenter();
-    size_t before = center->ecryptTrustFileArray().size();
+    auto entries = center->ecryptTrustFileArray();
+    // A number is the entry of that number in `trust list`; anything else is a path, made
+    // absolute and normal as the scan stored it.
+    std::string path;
+    bool isNumber = !argument.empty() && argument.size() < 10 &&
+                    argument.find_first_not_of("0123456789") == std::string::npos;
+    if (isNumber) {
+        size_t number = std::stoul(argument);
+        const std::string* stored = number >= 1 && number <= entries.size()
+                                        ? entries[number - 1].getString("TrustFilePath")
+                                        : nullptr;
+        if (!stored) {
+            vkCliFail(cli, "no trust list entry " + argument + " (see `vksecurity trust list`)");
+            return;
+        }
+        path = *stored;
+    } else {
+        path = vkCliAbsolutePath(argument);
+    }
+    size_t before = entries.size();
     center->removeTrustFile(path);
     size_t after = center->ecryptTrustFileArray().size();
     if (before == after) {
@@ -67,6 +86,7 @@ static VkCliCommand registration(30, [](CLI::App& app, VkCli& cli) {
     list->callback([&cli] { listTrust(cli); });
     auto path = std::make_shared<std::string>();
     auto* remove = cmd->add_subcommand("remove", "Stop trusting a file (it is detected again)");
-    remove->add_option("path", *path, "The trusted file's path")->required();
+    remove->add_option("path", *path, "The trusted file's path, or its number in `trust list`")
+        ->required();
     remove->callback([&cli, path] { removeTrust(cli, *path); });
 });

@@ -28,6 +28,8 @@ const char* actionWord(Action action) {
             return "discarded";
         case Action::WriteFailed:
             return "unwritten";
+        case Action::Unverifiable:
+            return "skipped";
     }
     return "?";
 }
@@ -46,6 +48,8 @@ std::string explain(const VkUpdateReport::Entry& e) {
                                     "was current";
         case Action::BadWebPath:
             return "\"" + e.webpath + "\" in the manifest is not a plain NAME.sql file name";
+        case Action::Unverifiable:
+            return "the signed manifest gives no SHA-256 and size for it";
         case Action::DownloadFailed:
         case Action::ChecksumMismatch:
         case Action::WriteFailed:
@@ -65,22 +69,47 @@ std::string dateText(const std::optional<VkDate>& date) {
     return buffer;
 }
 
+const char* failureText(VkUpdateReport::Failure failure) {
+    using Failure = VkUpdateReport::Failure;
+    switch (failure) {
+        case Failure::None:
+        case Failure::Fetch:
+            return "cannot reach the update server";
+        case Failure::Decipher:
+            return "the update manifest does not decipher (not an update server, or a damaged "
+                   "file)";
+        case Failure::Parse:
+            return "the update manifest is not a list of databases";
+        case Failure::Unsigned:
+            return "update refused, the manifest is not signed";
+        case Failure::BadSignature:
+            return "update refused, the manifest's signature does not verify";
+        case Failure::Rollback:
+            return "update refused, the manifest is older than the one installed";
+    }
+    return "update failed";
+}
+
 nlohmann::json optionalText(const std::optional<std::string>& text) {
     return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
 }
 
 }  // namespace
 
-// `vksecurity update [--server URL]`: one check of the update server, then the staged
-// databases are moved into place.
+// `vksecurity update [--server URL] [--allow-unsigned]`: one check of the update server, then
+// the staged databases are moved into place.
 static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
     auto server = std::make_shared<std::string>();
+    auto allowUnsigned = std::make_shared<bool>(false);
     auto* cmd = app.add_subcommand(
         "update", "Fetch newer signature databases from the update server and install them");
     cmd->add_option("--server", *server,
                     "Update server base URL (default: VK_UPDATE_SERVER, else the vendor's "
                     "server)");
-    cmd->callback([&cli, server] {
+    cmd->add_flag("--allow-unsigned", *allowUnsigned,
+                  "For this run, take a manifest the server does not sign (a bad signature is "
+                  "still refused)");
+    cmd->callback([&cli, server, allowUnsigned] {
         auto ctx = cli.context();
         if (!server->empty()) {
             if (server->rfind("http://", 0) != 0 && server->rfind("https://", 0) != 0)
@@ -90,9 +119,11 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
             ctx->updateServer = *server;
         }
         VkAddTorjanItems updater(ctx);
+        updater.setAllowUnsigned(*allowUnsigned);
         VkUpdateReport report = updater.checkUpdateOnce();
         // Files staged by an earlier check are applied even when this one fails.
-        std::vector<std::string> installed = updater.copyToLocalPath();
+        std::vector<std::string> refused;
+        std::vector<std::string> installed = updater.copyToLocalPath(&refused);
 
         VkSqliteManager store(ctx);
         size_t problems = 0;
@@ -126,8 +157,13 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
                 {"error", report.success ? nlohmann::json(nullptr) : nlohmann::json(report.error)},
                 {"updateDate", report.manifestDate ? nlohmann::json(dateText(report.manifestDate))
                                                    : nlohmann::json(nullptr)},
+                {"signer",
+                 report.signer.empty() ? nlohmann::json(nullptr) : nlohmann::json(report.signer)},
+                {"serial",
+                 report.serial ? nlohmann::json(*report.serial) : nlohmann::json(nullptr)},
                 {"entries", entries},
-                {"installed", done}};
+                {"installed", done},
+                {"refused", refused}};
             std::printf("%s\n", vkJsonText(out, 2).c_str());
         } else {
             std::printf("update server: %s\n", vkCliText(ctx->updateServer).c_str());
@@ -135,6 +171,14 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
                 std::printf("manifest: %zu database(s)%s%s\n", report.entries.size(),
                             report.manifestDate ? ", update date " : "",
                             dateText(report.manifestDate).c_str());
+                if (report.signer.empty())
+                    std::printf(
+                        "manifest: UNSIGNED, taken because unsigned updates are "
+                        "allowed\n");
+                else
+                    std::printf("manifest: serial %lld, signed by key %s (%s)\n",
+                                static_cast<long long>(report.serial.value_or(0)),
+                                report.signer.c_str(), vkCliText(report.signerKeyPath).c_str());
             }
             for (const auto& e : report.entries) {
                 std::printf("  %-10s %s %s: %s\n", actionWord(e.action), vkCliText(e.name).c_str(),
@@ -148,19 +192,18 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
                                 vkCliText(info->version().value_or("?")).c_str());
                 std::printf("\n");
             }
-            if (report.success && problems == 0 && installed.empty())
+            for (const auto& line : refused)
+                std::fprintf(stderr, "vksecurity: %s\n", vkCliText(line).c_str());
+            if (report.success && problems == 0 && installed.empty() && refused.empty())
                 std::printf("the signature databases are up to date\n");
         }
 
         if (!report.success) {
-            const char* what = report.failure == VkUpdateReport::Failure::Fetch
-                                   ? "cannot reach the update server"
-                               : report.failure == VkUpdateReport::Failure::Decipher
-                                   ? "the update manifest does not decipher (not an update "
-                                     "server, or a damaged file)"
-                                   : "the update manifest is not a list of databases";
-            return vkCliFail(cli, std::string(what) + ": " + report.error);
+            return vkCliFail(cli, std::string(failureText(report.failure)) + ": " + report.error);
         }
+        if (!refused.empty())
+            return vkCliFail(cli, std::to_string(refused.size()) +
+                                      " staged database(s) not installed (see above)");
         if (problems > 0)
             vkCliFail(cli, std::to_string(problems) +
                                " database(s) of the manifest could not be "

@@ -8,6 +8,7 @@
 
 #include "VkSig.h"
 #include "database/VkUpdatePublisher.h"
+#include "platform/VkFileUtil.h"
 #include "support/VkCliOutput.h"
 
 namespace {
@@ -56,8 +57,9 @@ std::string dateText(VkDate date) {
 
 }  // namespace
 
-// `vksig publish OUTDIR DB... [--date DATE | --no-date]`: an update folder for a static HTTP
-// server, with the enciphered manifest listing every database and its SHA-256.
+// `vksig publish OUTDIR DB... --key FILE [--serial N] [--date DATE | --no-date]`: an update
+// folder for a static HTTP server, with the enciphered manifest listing every database with its
+// SHA-256 and size, and the manifest's signature.
 static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
     struct Options {
         std::string outDir;
@@ -65,6 +67,8 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
         std::string date;
         bool noDate = false;
         bool json = false;
+        std::string key;
+        int64_t serial = 0;
     };
     auto o = std::make_shared<Options>();
     auto* cmd = app.add_subcommand(
@@ -79,6 +83,13 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
                                  "UTC (default: now)");
     cmd->add_flag("--no-date", o->noDate, "Publish the manifest without an update date")
         ->excludes(date);
+    cmd->add_option("--key", o->key,
+                    "Ed25519 private key (vksig keygen) that signs the manifest; without it the "
+                    "update is unsigned and clients refuse it unless they allow unsigned updates");
+    cmd->add_option("--serial", o->serial,
+                    "Publication serial, larger than the last one (default: the current time, "
+                    "or the published serial + 1)")
+        ->check(CLI::PositiveNumber);
     cmd->add_flag("--json", o->json, "Machine-readable output");
     cmd->callback([o, &cli] {
         std::optional<VkDate> when;
@@ -90,27 +101,49 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
         } else if (!o->noDate) {
             when = VkDate{static_cast<double>(std::time(nullptr))};
         }
-        auto published = VkUpdatePublisher::publish(o->outDir, o->databases, when);
+        VkUpdatePublisher::Options options;
+        options.date = when;
+        options.serial = o->serial;
+        if (!o->key.empty()) {
+            auto pem = VkFile::readAll(o->key, 64 * 1024);
+            if (!pem)
+                return vkSigFail(cli, "--key: " + pem.error());
+            options.privateKeyPem = std::move(*pem);
+        } else {
+            std::fprintf(stderr,
+                         "vksig: warning: publishing unsigned (no --key); clients refuse it "
+                         "unless unsigned updates are allowed\n");
+        }
+        auto published = VkUpdatePublisher::publish(o->outDir, o->databases, options);
         if (!published)
             return vkSigFail(cli, published.error());
         std::string folder = VkUpdatePublisher::updateFolder(o->outDir);
         if (o->json) {
             nlohmann::json files = nlohmann::json::array();
-            for (const auto& e : *published)
+            for (const auto& e : published->entries)
                 files.push_back({{"name", e.name},
                                  {"version", e.version},
                                  {"webpath", e.webpath},
-                                 {"sha256", e.sha256}});
-            nlohmann::json out = {{"date", when ? nlohmann::json(dateText(*when)) : nullptr},
-                                  {"databases", files}};
+                                 {"sha256", e.sha256},
+                                 {"size", e.size}});
+            nlohmann::json out = {
+                {"date", when ? nlohmann::json(dateText(*when)) : nullptr},
+                {"serial", published->serial},
+                {"signer", published->signer.empty() ? nlohmann::json(nullptr)
+                                                     : nlohmann::json(published->signer)},
+                {"databases", files}};
             vkJsonSetPath(out, "folder", folder);
             std::printf("%s\n", vkJsonText(out, 2).c_str());
             return;
         }
         std::printf("published to %s\n", vkCliText(folder).c_str());
-        for (const auto& e : *published)
-            std::printf("  %s %s  %s  sha256 %s\n", vkCliText(e.name).c_str(),
-                        vkCliText(e.version).c_str(), e.webpath.c_str(), e.sha256.c_str());
-        std::printf("update date: %s\n", when ? dateText(*when).c_str() : "(none)");
+        for (const auto& e : published->entries)
+            std::printf("  %s %s  %s  %llu bytes  sha256 %s\n", vkCliText(e.name).c_str(),
+                        vkCliText(e.version).c_str(), e.webpath.c_str(),
+                        static_cast<unsigned long long>(e.size), e.sha256.c_str());
+        std::printf("update date: %s\nserial: %lld\nsigned by: %s\n",
+                    when ? dateText(*when).c_str() : "(none)",
+                    static_cast<long long>(published->serial),
+                    published->signer.empty() ? "(unsigned)" : published->signer.c_str());
     });
 });

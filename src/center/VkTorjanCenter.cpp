@@ -27,17 +27,32 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
                                std::shared_ptr<VkQuarantineFileManager> quarantine,
                                std::shared_ptr<VkAddTorjanItems> updater)
     : context_(std::move(context)), quarantine_(std::move(quarantine)) {
-    trjanScan_ = std::make_unique<VkTorjanScan>(context_, antiTrojan);
+    trjanScan_ =
+        std::make_unique<VkTorjanScan>(context_->systemRoot, context_->dataFolder,
+                                       context_->userDefaults, context_->pacing, antiTrojan);
     // The signature store hands the scanner its records, read afresh at every scan.
-    trjanScan_->setRecordLoader(
-        [context = context_] { return VkSqliteManager::loadAllRecords(context); });
+    trjanScan_->setRecordLoader([this] {
+        std::vector<std::pair<std::string, size_t>> loaded;
+        auto records = VkSqliteManager::loadAllRecords(context_, &loaded);
+        std::lock_guard lock(loadedMutex_);
+        lastLoaded_ = std::move(loaded);
+        return records;
+    });
     addTorjanItems_ = updater ? std::move(updater) : std::make_shared<VkAddTorjanItems>(context_);
     killTorjans_ =
         std::make_unique<VkKillTorjans>(context_->inspectedSystem(), context_->coreFunction,
                                         context_->processList, context_->mainQueue, antiTrojan);
 }
 
-VkTorjanCenter::~VkTorjanCenter() = default;
+VkTorjanCenter::~VkTorjanCenter() {
+    // The scanner's loader reads this object's fields: its walk ends first.
+    trjanScan_.reset();
+}
+
+std::vector<std::pair<std::string, size_t>> VkTorjanCenter::lastLoadedDatabases() const {
+    std::lock_guard lock(loadedMutex_);
+    return lastLoaded_;
+}
 
 std::shared_ptr<VkTorjanCenter> VkTorjanCenter::shareCenter() {
     static std::shared_ptr<VkTorjanCenter> shared = std::make_shared<VkTorjanCenter>(

@@ -2,6 +2,7 @@
 
 #include <any>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -68,6 +69,10 @@ class VkTorjanCenter {
     // detector's finding goes without a name). True when the file was moved.
     bool addQuarantineItem(const std::shared_ptr<VkTorjanResultItems>& item);
 
+    // The database files the last scan loaded its records from, each with its record
+    // count (files that could not be opened are left out).
+    std::vector<std::pair<std::string, size_t>> lastLoadedDatabases() const;
+
     VkTorjanScan& trjanScan() { return *trjanScan_; }
     VkAddTorjanItems& addTorjanItems() { return *addTorjanItems_; }
     VkKillTorjans& killTorjans() { return *killTorjans_; }
@@ -79,6 +84,8 @@ class VkTorjanCenter {
 
   private:
     std::shared_ptr<VkContext> context_;
+    mutable std::mutex loadedMutex_;
+    std::vector<std::pair<std::string, size_t>> lastLoaded_;
     std::shared_ptr<VkQuarantineFileManager> quarantine_;
     std::unique_ptr<VkTorjanScan> trjanScan_;
     std::shared_ptr<VkAddTorjanItems> addTorjanItems_;

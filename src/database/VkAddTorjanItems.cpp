@@ -1,15 +1,21 @@
 #include "database/VkAddTorjanItems.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
 #include "database/VkManifestCipher.h"
+#include "database/VkUpdateKeys.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include "support/VkSignature.h"
 
 namespace {
 
@@ -50,7 +56,53 @@ std::string stringMember(const VkPlist& dictionary, const char* key) {
     return value ? *value : std::string();
 }
 
+std::optional<VkUpdateChecksum> expectedOf(const VkPlist& element) {
+    const std::string* sha = element.getString("sha256");
+    const VkPlist* size = element.get("size");
+    if (!sha || sha->size() != 64 || !size || size->type() != VkPlist::Type::Integer)
+        return std::nullopt;
+    std::string hex = lowerCase(*sha);
+    if (hex.find_first_not_of("0123456789abcdef") != std::string::npos)
+        return std::nullopt;
+    auto bytes = size->asInt64();
+    if (!bytes || *bytes < 0 || static_cast<uint64_t>(*bytes) > VkAddTorjanItems::kMaxDatabaseBytes)
+        return std::nullopt;
+    return VkUpdateChecksum{hex, static_cast<uint64_t>(*bytes)};
+}
+
+// Why a file is not the one expected, or nothing when it is.
+std::optional<std::string> mismatchOf(const std::string& path, const VkUpdateChecksum& expected) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+        return "not a regular file";
+    if (static_cast<uint64_t>(status.st_size) != expected.size)
+        return std::to_string(status.st_size) + " bytes instead of " +
+               std::to_string(expected.size);
+    // One byte more than expected is asked for: a file that grew since is no longer a match.
+    auto digest = VkHashValue::hashFile(path, expected.size + 1, 2);
+    if (!digest || *digest != expected.sha256)
+        return "SHA-256 " + digest.value_or("?") + " instead of " + expected.sha256;
+    return std::nullopt;
+}
+
+// The manifest's serial: its first integer element. Clients that do not know it skip it, as
+// they skip every element that is not a dictionary.
+std::optional<int64_t> serialOf(const VkPlist::Array& manifest) {
+    for (const VkPlist& element : manifest) {
+        if (element.type() == VkPlist::Type::Integer)
+            return element.asInt64();
+    }
+    return std::nullopt;
+}
+
 }  // namespace
+
+struct VkAddTorjanItems::Manifest {
+    VkPlist::Array elements;
+    std::vector<uint8_t> body;       // as served
+    std::vector<uint8_t> signature;  // empty when taken unsigned
+    std::optional<int64_t> serial;
+};
 
 VkAddTorjanItems::VkAddTorjanItems(std::shared_ptr<VkContext> ctx,
                                    std::shared_ptr<VkHttpClient> http)
@@ -136,27 +188,116 @@ std::optional<VkDate> VkAddTorjanItems::updateDate() const {
     return updateDate_;
 }
 
+bool VkAddTorjanItems::allowsUnsigned() const {
+    return allowUnsigned_ ||
+           (ctx_->userDefaults && ctx_->userDefaults->boolForKey(kAllowUnsignedKey));
+}
+
+std::vector<std::string> VkAddTorjanItems::updateKeyFolders() const {
+    return {VkFile::join(ctx_->resourceFolder, "updatekeys"), ctx_->updateKeysFolder};
+}
+
+int64_t VkAddTorjanItems::lastSerial() const {
+    auto text = VkFile::readAll(ctx_->dataPath(kSerialFileName), 64);
+    if (!text)
+        return 0;
+    char* end = nullptr;
+    long long serial = std::strtoll(text->c_str(), &end, 10);
+    return end != text->c_str() && serial > 0 ? serial : 0;
+}
+
+std::optional<VkAddTorjanItems::Manifest> VkAddTorjanItems::fetchManifest(VkUpdateReport& report) {
+    auto fail = [&report](VkUpdateReport::Failure failure, std::string error) {
+        report.failure = failure;
+        report.error = std::move(error);
+        return std::nullopt;
+    };
+    Manifest manifest;
+    auto body = http_->get(report.manifestUrl, kMaxManifestBytes, &stopLoop_);
+    if (!body.ok())
+        return fail(VkUpdateReport::Failure::Fetch, body.error());
+    manifest.body = std::move(*body);
+
+    // The signature is checked before a byte of the manifest is deciphered or read.
+    const std::string signatureUrl = report.manifestUrl + ".sig";
+    auto signature = http_->get(signatureUrl, kMaxSignatureBytes, &stopLoop_);
+    if (signature.ok()) {
+        VkUpdateKeys keys = VkUpdateKeys::load(updateKeyFolders());
+        for (const std::string& skipped : keys.skipped())
+            ctx_->systemLog->log("[VkUpdate] not a trusted key: " + skipped);
+        if (keys.keys().empty())
+            return fail(VkUpdateReport::Failure::BadSignature, "no trusted update key (*.pub) in " +
+                                                                   updateKeyFolders()[0] + " or " +
+                                                                   updateKeyFolders()[1]);
+        if (signature->size() != VkSignature::kSignatureBytes)
+            return fail(VkUpdateReport::Failure::BadSignature,
+                        signatureUrl + ": " + std::to_string(signature->size()) +
+                            " bytes, not an Ed25519 signature (" +
+                            std::to_string(VkSignature::kSignatureBytes) + " bytes)");
+        auto signer = keys.signerOf(manifest.body, *signature);
+        if (!signer)
+            return fail(VkUpdateReport::Failure::BadSignature,
+                        "the manifest's signature was made by none of the " +
+                            std::to_string(keys.keys().size()) +
+                            " trusted key(s): the manifest or its signature was changed, or "
+                            "the key is not trusted here");
+        report.signer = signer->fingerprint;
+        report.signerKeyPath = signer->path;
+        manifest.signature = std::move(*signature);
+    } else if (!allowsUnsigned()) {
+        return fail(VkUpdateReport::Failure::Unsigned,
+                    "no signature for the manifest (" + signature.error() +
+                        "); unsigned updates are refused unless \"" + kAllowUnsignedKey +
+                        "\" is set or --allow-unsigned is given");
+    }
+
+    auto plain = VkManifestCipher::decrypt(manifest.body);
+    if (!plain)
+        return fail(VkUpdateReport::Failure::Decipher,
+                    report.manifestUrl + ": the manifest does not decipher");
+    auto elements = arrayWithContentsOfData(*plain);
+    if (!elements)
+        return fail(VkUpdateReport::Failure::Parse,
+                    report.manifestUrl + ": the manifest is not a property-list array");
+    manifest.elements = std::move(*elements);
+    manifest.serial = serialOf(manifest.elements);
+    report.serial = manifest.serial;
+    if (!manifest.signature.empty()) {
+        if (!manifest.serial || *manifest.serial <= 0)
+            return fail(VkUpdateReport::Failure::Parse,
+                        report.manifestUrl + ": a signed manifest must carry its serial");
+        // An older signed manifest may list databases since withdrawn: never go back to one.
+        if (int64_t last = lastSerial(); *manifest.serial < last)
+            return fail(VkUpdateReport::Failure::Rollback,
+                        "the manifest's serial " + std::to_string(*manifest.serial) +
+                            " is older than the last one accepted (" + std::to_string(last) +
+                            "): an old manifest replayed");
+    }
+    return manifest;
+}
+
+void VkAddTorjanItems::keepSignedManifest(const Manifest& manifest) {
+    std::string folder = stagingFolder();
+    if (!VkFile::exists(folder))
+        return;
+    VkFile::writeAtomically(VkFile::join(folder, kManifestName), manifest.body.data(),
+                            manifest.body.size(), 0600);
+    VkFile::writeAtomically(VkFile::join(folder, kSignatureName), manifest.signature.data(),
+                            manifest.signature.size(), 0600);
+}
+
 VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     std::lock_guard checking(checkMutex_);
     VkUpdateReport report;
     report.manifestUrl = manifestUrl();
 
-    std::optional<VkPlist::Array> manifest;
-    auto body = http_->get(report.manifestUrl, kMaxManifestBytes, &stopLoop_);
-    if (!body.ok()) {
-        report.failure = VkUpdateReport::Failure::Fetch;
-        report.error = body.error();
-    } else if (auto plain = VkManifestCipher::decrypt(*body); !plain) {
-        report.failure = VkUpdateReport::Failure::Decipher;
-        report.error = report.manifestUrl + ": the manifest does not decipher";
-    } else if (manifest = arrayWithContentsOfData(*plain); !manifest) {
-        report.failure = VkUpdateReport::Failure::Parse;
-        report.error = report.manifestUrl + ": the manifest is not a property-list array";
-    }
-    report.success = manifest.has_value();
+    std::optional<Manifest> fetched = fetchManifest(report);
+    report.success = fetched.has_value();
     updateSuccess_ = report.success;
-    if (!manifest || manifest->empty())
+    if (!fetched || fetched->elements.empty())
         return report;
+    const VkPlist::Array* manifest = &fetched->elements;
+    const bool signedManifest = !fetched->signature.empty();
 
     struct Known {
         std::string name;
@@ -212,8 +353,23 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
             report.entries.push_back(std::move(entry));
             continue;
         }
-        stageDownload(folderUrl + urlPathSegment(entry.webpath), element, entry);
+        if (signedManifest && !expectedOf(element)) {
+            entry.action = VkUpdateReport::Action::Unverifiable;
+            report.entries.push_back(std::move(entry));
+            continue;
+        }
+        stageDownload(folderUrl + urlPathSegment(entry.webpath), element, signedManifest, entry);
         report.entries.push_back(std::move(entry));
+    }
+    // A manifest whose server delivers other files than it lists is not taken as the last
+    // one: its serial is not recorded and it vouches for nothing staged.
+    const bool delivered = std::none_of(report.entries.begin(), report.entries.end(), [](auto& e) {
+        return e.action == VkUpdateReport::Action::ChecksumMismatch;
+    });
+    if (signedManifest && delivered) {
+        keepSignedManifest(*fetched);
+        VkFile::writeAtomically(ctx_->dataPath(kSerialFileName), std::to_string(*fetched->serial),
+                                0600);
     }
     // Only a date in the last place counts; otherwise the previous date stays.
     if (manifest->back().isDate()) {
@@ -225,7 +381,7 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
 }
 
 void VkAddTorjanItems::stageDownload(const std::string& url, const VkPlist& element,
-                                     VkUpdateReport::Entry& entry) {
+                                     bool signedManifest, VkUpdateReport::Entry& entry) {
     std::string folder = stagingFolder();
     if (!VkFile::createDirectory(folder, true)) {
         entry.action = VkUpdateReport::Action::WriteFailed;
@@ -236,13 +392,22 @@ void VkAddTorjanItems::stageDownload(const std::string& url, const VkPlist& elem
     // checked: the scan center may apply staged files while this loop writes, and must never
     // move half a database; nor is a database ever held whole in memory.
     std::string partial = VkFile::join(folder, partialName(entry.webpath));
-    auto file = http_->download(url, partial, kMaxDatabaseBytes, &stopLoop_);
+    std::optional<VkUpdateChecksum> expected = expectedOf(element);
+    auto file =
+        http_->download(url, partial, expected ? expected->size : kMaxDatabaseBytes, &stopLoop_);
     if (!file.ok()) {
         entry.action = VkUpdateReport::Action::DownloadFailed;
         entry.detail = file.error();
         return;
     }
-    if (const VkPlist* sha = element.get("sha256")) {
+    if (signedManifest) {
+        if (auto mismatch = mismatchOf(partial, *expected)) {
+            ::unlink(partial.c_str());
+            entry.action = VkUpdateReport::Action::ChecksumMismatch;
+            entry.detail = "not the signed file: " + *mismatch;
+            return;
+        }
+    } else if (const VkPlist* sha = element.get("sha256")) {
         auto digest = VkHashValue::hashFile(partial, *file, 2);
         const std::string* expected = sha->asString();
         if (!digest || !expected || lowerCase(*expected) != *digest) {
@@ -365,16 +530,68 @@ void VkAddTorjanItems::startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate
     isContinueLoop_ = true;
 }
 
-std::vector<std::string> VkAddTorjanItems::copyToLocalPath() {
+std::optional<std::map<std::string, VkUpdateChecksum>> VkAddTorjanItems::signedStagedFiles() const {
+    std::string folder = stagingFolder();
+    auto body = VkFile::readAll(VkFile::join(folder, kManifestName), kMaxManifestBytes);
+    auto signature = VkFile::readAll(VkFile::join(folder, kSignatureName), kMaxSignatureBytes);
+    if (!body || !signature)
+        return std::nullopt;
+    std::vector<uint8_t> bytes(body->begin(), body->end());
+    VkUpdateKeys keys = VkUpdateKeys::load(updateKeyFolders());
+    if (!keys.signerOf(bytes, std::vector<uint8_t>(signature->begin(), signature->end())))
+        return std::nullopt;
+    auto plain = VkManifestCipher::decrypt(bytes);
+    auto elements = plain ? arrayWithContentsOfData(*plain) : std::nullopt;
+    // Only the manifest last accepted vouches: an older one, put back, could bring back a
+    // database that was withdrawn since.
+    if (!elements || serialOf(*elements) != lastSerial())
+        return std::nullopt;
+    std::map<std::string, VkUpdateChecksum> files;
+    for (const VkPlist& element : *elements) {
+        std::string webpath = element.isDictionary() ? stringMember(element, "webpath") : "";
+        if (auto expected = expectedOf(element); expected && isPlainWebPath(webpath))
+            files[webpath] = *expected;
+    }
+    return files;
+}
+
+std::vector<std::string> VkAddTorjanItems::copyToLocalPath(std::vector<std::string>* refused) {
     std::vector<std::string> installed;
     std::string folder = stagingFolder();
     auto names = VkFile::listDirectory(folder);
     if (!names.ok())
         return installed;
+    auto refuse = [&](const std::string& path, const std::string& reason) {
+        ctx_->systemLog->log("[VkUpdate] not installed " + path + ": " + reason);
+        if (refused)
+            refused->push_back(path + ": " + reason);
+    };
+    std::optional<std::map<std::string, VkUpdateChecksum>> vouched;
+    bool vouchedRead = false;
     for (const std::string& name : *names) {
         std::string staged = VkFile::join(folder, name);
         if (staged.size() < 4 || staged.compare(staged.size() - 4, 4, ".sql") != 0)
             continue;
+        if (!vouchedRead) {
+            vouched = signedStagedFiles();
+            vouchedRead = true;
+        }
+        const VkUpdateChecksum* listed = nullptr;
+        if (vouched) {
+            if (auto it = vouched->find(name); it != vouched->end())
+                listed = &it->second;
+        }
+        if (listed) {
+            if (auto mismatch = mismatchOf(staged, *listed)) {
+                // Not what was downloaded and checked: someone changed the staging folder.
+                ::unlink(staged.c_str());
+                refuse(staged, "deleted, not the file the signed manifest lists: " + *mismatch);
+                continue;
+            }
+        } else if (!allowsUnsigned()) {
+            refuse(staged, "no signed manifest vouches for it (left in the staging folder)");
+            continue;
+        }
         std::string target = ctx_->dataPath(VkFile::lastPathComponent(staged));
         if (VkFile::existsNoFollow(target) && !VkFile::removeTree(target).ok())
             continue;  // both files stay as they are

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,9 +27,23 @@ class VkAddTorjanDelegate {
     virtual void updateTrojanData(bool success, std::optional<VkDate> updateDate) = 0;
 };
 
+// What a signed manifest says a database is: its SHA-256 (lower-case hex) and size.
+struct VkUpdateChecksum {
+    std::string sha256;
+    uint64_t size = 0;
+};
+
 // What one check of the update server did, entry by entry (for the command line).
 struct VkUpdateReport {
-    enum class Failure { None, Fetch, Decipher, Parse };
+    enum class Failure {
+        None,
+        Fetch,
+        Decipher,
+        Parse,
+        Unsigned,      // no signature, and unsigned updates are not allowed
+        BadSignature,  // a signature that no trusted key made
+        Rollback,      // a signed manifest older than the last one accepted
+    };
     enum class Action {
         Downloaded,        // staged in "temp"
         NotNewer,          // not downloaded: a local copy is current (or the carry-over rule)
@@ -36,6 +51,7 @@ struct VkUpdateReport {
         DownloadFailed,    // the server did not deliver the file
         ChecksumMismatch,  // discarded: not the file that "sha256" names
         WriteFailed,       // could not be written into the staging folder
+        Unverifiable,      // skipped: the signed manifest gives no SHA-256 and size for it
     };
     struct Entry {
         std::string name;
@@ -54,12 +70,24 @@ struct VkUpdateReport {
     std::string manifestUrl;
     std::vector<Entry> entries;          // the manifest's dictionaries, in manifest order
     std::optional<VkDate> manifestDate;  // the trailing date of this manifest, if any
+    // Who signed the manifest (the fingerprint and file of the trusted key), and its serial;
+    // empty when it was taken unsigned.
+    std::string signer;
+    std::string signerKeyPath;
+    std::optional<int64_t> serial;
 };
 
 // Keeps the user's signature databases current: installs the packaged databases, runs a
 // background loop that fetches the enciphered update manifest and stages newer databases in
 // the data folder's "temp", moves staged files into place on request, and adds databases
 // that the user supplies. The scan center owns one instance.
+//
+// A database's kill list deletes files and ends processes, so only the publisher's databases
+// are installed: the manifest must carry an Ed25519 signature ("version.xml.sig") of one of
+// the trusted keys (updateKeyFolders()) and a serial no lower than the last one accepted, and
+// every database must match the SHA-256 and size the signed manifest gives, when downloaded
+// and again when applied. Unsigned manifests are taken only when the setting
+// "AllowUnsignedUpdates" or setAllowUnsigned() says so; a bad signature never is.
 class VkAddTorjanItems {
   public:
     // The manifest's folder on the update server, and its file name.
@@ -73,6 +101,12 @@ class VkAddTorjanItems {
     // Largest manifest and largest database accepted from the update server.
     static constexpr uint64_t kMaxManifestBytes = 1ull << 20;
     static constexpr uint64_t kMaxDatabaseBytes = 256ull << 20;
+    // The detached signature beside the manifest, and its largest accepted size.
+    static constexpr const char* kSignatureName = "version.xml.sig";
+    static constexpr uint64_t kMaxSignatureBytes = 4096;
+    // The data folder's record of the last signed manifest's serial.
+    static constexpr const char* kSerialFileName = "update.serial";
+    static constexpr const char* kAllowUnsignedKey = "AllowUnsignedUpdates";
 
     // Installs the packaged databases (resourceFolder/trojanDB/*.sql) that are missing from
     // the data folder or newer than the installed copy. Never fails; problems only cut the
@@ -94,8 +128,11 @@ class VkAddTorjanItems {
     // until stopped.
     void checkDataBaseLoop();
     // Moves every staged "*.sql" into the data folder, replacing a file of the same name;
-    // other staged files stay. Returns the paths installed (our addition).
-    std::vector<std::string> copyToLocalPath();
+    // other staged files stay. A file that the signed manifest kept with the staged files
+    // lists must match its SHA-256 and size (a swapped file is deleted); one it does not list
+    // is installed only when unsigned updates are allowed. Returns the paths installed and
+    // adds "PATH: REASON" to `refused` for every staged database left out (our additions).
+    std::vector<std::string> copyToLocalPath(std::vector<std::string>* refused = nullptr);
     // Copies a database file into the data folder (path appended whole as a component).
     // Never replaces an existing file; true only when the copy succeeded.
     bool addItemByPath(const std::string& path);
@@ -120,6 +157,15 @@ class VkAddTorjanItems {
     VkUpdateReport checkUpdateOnce();
     // The manifest's address on the configured update server.
     std::string manifestUrl() const;
+    // Takes unsigned manifests for the life of this instance (`update --allow-unsigned`),
+    // whatever the setting says.
+    void setAllowUnsigned(bool allow) { allowUnsigned_ = allow; }
+    bool allowsUnsigned() const;
+    // Where trusted public keys are looked for: the resources' "updatekeys" and the
+    // administrator's folder.
+    std::vector<std::string> updateKeyFolders() const;
+    // The serial of the last signed manifest accepted, 0 before the first.
+    int64_t lastSerial() const;
 
     bool updateSuccess() const { return updateSuccess_.load(); }
     std::optional<VkDate> updateDate() const;
@@ -129,10 +175,20 @@ class VkAddTorjanItems {
     double sleepTime() const { return sleepTime_.load(); }
 
   private:
+    struct Manifest;
     void installPackagedFiles();
+    // The files the kept signed manifest lists, with their SHA-256 and size; nothing when
+    // there is no kept manifest, or it is not signed by a trusted key, or it is not the last
+    // one accepted.
+    std::optional<std::map<std::string, VkUpdateChecksum>> signedStagedFiles() const;
+    // Fetches, checks the signature of, deciphers and reads the manifest; on failure fills
+    // the report's failure and error.
+    std::optional<Manifest> fetchManifest(VkUpdateReport& report);
     // Downloads one database of the manifest into the staging folder and records the outcome.
-    void stageDownload(const std::string& url, const VkPlist& element,
+    void stageDownload(const std::string& url, const VkPlist& element, bool signedManifest,
                        VkUpdateReport::Entry& entry);
+    // Keeps the signed manifest beside the staged files it vouches for.
+    void keepSignedManifest(const Manifest& manifest);
     void tellWaitingDelegate();
     void waitForRequest();
     std::string stagingFolder() const;
@@ -150,6 +206,7 @@ class VkAddTorjanItems {
     std::atomic<bool> isContinueLoop_{false};
     std::atomic<bool> stopLoop_{false};
     std::atomic<bool> updateSuccess_{false};
+    std::atomic<bool> allowUnsigned_{false};
     std::atomic<uint64_t> loopCount_{0};
 
     std::mutex threadMutex_;

@@ -221,13 +221,34 @@ std::vector<std::string> VkSqliteManager::contentFilesOfPath(const std::string& 
     return paths;
 }
 
-VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(std::shared_ptr<VkContext> context) {
+namespace {
+
+VkSqliteManager::ErrorSink& errorSink() {
+    static VkSqliteManager::ErrorSink sink;
+    return sink;
+}
+
+}  // namespace
+
+void VkSqliteManager::setErrorSink(ErrorSink sink) {
+    errorSink() = std::move(sink);
+}
+
+VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(
+    std::shared_ptr<VkContext> context, std::vector<std::pair<std::string, size_t>>* perFile) {
     VkTorjanRecordList::Items result;
     result.reserve(10);
     VkSqliteManager manager(std::move(context));
+    std::shared_ptr<VkDataBaseInfo> previous;
     for (const std::string& path : manager.dataBasePaths()) {
         manager.openDataBase(path);
         const auto& rows = manager.TorjanItemArray();
+        // A file that could not be read keeps the previous file's description and records:
+        // it gave nothing of its own.
+        auto info = manager.currentDataBaseInfo();
+        if (perFile && manager.isOpen() && info && info != previous)
+            perFile->emplace_back(path, rows.size());
+        previous = info;
         result.insert(result.end(), rows.begin(), rows.end());
         manager.closeDataBase();
     }
@@ -342,8 +363,13 @@ void VkSqliteManager::createTable(const char* statement, bool* created) {
     char* error = nullptr;
     int rc = sqlite3_exec(ppDb_.get(), statement, nullptr, nullptr, &error);
     if (rc != SQLITE_OK) {
-        std::printf("errorMsg %s", error ? error : sqlite3_errmsg(ppDb_.get()));
-        std::fflush(stdout);
+        const char* message = error ? error : sqlite3_errmsg(ppDb_.get());
+        if (const ErrorSink& sink = errorSink()) {
+            sink(message);
+        } else {
+            std::printf("errorMsg %s", message);
+            std::fflush(stdout);
+        }
     }
     sqlite3_free(error);
     if (created)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,8 +36,15 @@ class VkSqliteManager {
     // in listing order, not recursive; empty when the folder cannot be listed.
     static std::vector<std::string> contentFilesOfPath(const std::string& folder);
     // All records of every signature database of the data folder, in folder-listing order,
-    // deciphered, read afresh: what a scan judges with.
-    static VkTorjanRecordList::Items loadAllRecords(std::shared_ptr<VkContext> context);
+    // deciphered, read afresh: what a scan judges with. `perFile`, when given, receives
+    // each database file that opened with the number of records it gave.
+    static VkTorjanRecordList::Items loadAllRecords(
+        std::shared_ptr<VkContext> context,
+        std::vector<std::pair<std::string, size_t>>* perFile = nullptr);
+    // Where the store's "errorMsg" lines go: standard output without a newline, as the
+    // store has always written them, unless a program sets another sink (once, at start).
+    using ErrorSink = std::function<void(const std::string& message)>;
+    static void setErrorSink(ErrorSink sink);
     // The database files of the data folder.
     std::vector<std::string> dataBasePaths() const;
     // The database files staged in the data folder's "temp".

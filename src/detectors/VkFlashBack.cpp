@@ -10,6 +10,7 @@
 #include "detectors/VkLaunchItem.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHandle.h"
+#include "platform/VkUtf8.h"
 
 namespace {
 
@@ -29,49 +30,6 @@ constexpr const char* kLaunchServicesNames[] = {
     "com.apple.LaunchServices-034501.csstore",
     "com.apple.LaunchServices-025501.csstore",
 };
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF.
-bool isValidUtf8(const std::string& text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const size_t n = text.size();
-    size_t i = 0;
-    while (i < n) {
-        unsigned char c = p[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t extra = 0;
-        unsigned char low = 0x80, high = 0xBF;
-        if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            if (c == 0xE0)
-                low = 0xA0;
-            if (c == 0xED)
-                high = 0x9F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            if (c == 0xF0)
-                low = 0x90;
-            if (c == 0xF4)
-                high = 0x8F;
-        } else {
-            return false;
-        }
-        if (n - i - 1 < extra)
-            return false;
-        if (p[i + 1] < low || p[i + 1] > high)
-            return false;
-        for (size_t k = 2; k <= extra; ++k) {
-            if (p[i + k] < 0x80 || p[i + k] > 0xBF)
-                return false;
-        }
-        i += extra + 1;
-    }
-    return true;
-}
 
 // The value as the log shows it: text as it is, numbers as numbers.
 std::string describe(const VkPlist& value) {
@@ -209,7 +167,7 @@ bool VkFlashBack::scanLaunchdConf() {
     std::string path = system_.resolve(kLaunchdConf);
     auto text = VkFile::readAll(path, kMaxConfBytes);
     // Text that is not UTF-8 could not be read as such, and so is not looked at.
-    if (!text || !isValidUtf8(*text))
+    if (!text || !VkUtf8::isValid(*text))
         return false;
     if (text->find(kInsertVariable) == std::string::npos)
         return false;
@@ -277,12 +235,19 @@ std::vector<VkCleanOutcome> VkFlashBack::remove() {
     // The path is one argument of its own: a launch item's name never reaches a shell.
     for (const std::string& service : serviceFiles_)
         core.systemCommand({"launchctl", "unload", service});
+    // What became of each property list cleaned in place, so a caller can say so.
+    std::vector<VkCleanOutcome> edited;
     for (const std::string& plist : plistFiles_) {
         if (!VkLaunchItem::readDictionary(plist))
             continue;
         // A browser loses its whole launch environment, not just the one variable.
         bool isEnvironment = VkFile::lastPathComponent(plist) == "environment.plist";
-        core.fixPlistFile(plist, isEnvironment ? kInsertVariable : "LSEnvironment");
+        const char* key = isEnvironment ? kInsertVariable : "LSEnvironment";
+        bool gone = core.fixPlistFile(plist, key);
+        VkCleanOutcome outcome{plist, false,
+                               gone ? "" : std::string("the key ") + key + " could not be removed"};
+        outcome.editedInPlace = gone;
+        edited.push_back(std::move(outcome));
     }
     std::vector<std::string> databases = launchServicesDatabases();
     extra.insert(extra.end(), databases.begin(), databases.end());
@@ -290,5 +255,8 @@ std::vector<VkCleanOutcome> VkFlashBack::remove() {
     extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
     // The lists are kept: a later remove acts on all of it again. Only files and links are
     // deleted: a launch item naming a folder as its hidden program never takes the folder.
-    return core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
+    std::vector<VkCleanOutcome> outcomes =
+        core.startClean(extra, false, nullptr, VkCleanScope::filesOnly);
+    outcomes.insert(outcomes.begin(), edited.begin(), edited.end());
+    return outcomes;
 }

@@ -1,6 +1,8 @@
 #include "engine/VkDirectoryWalker.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -28,16 +30,20 @@ bool isDots(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
 // Opens a folder below an open parent without following a link in its place.
 DIR* openChild(DIR* parent, const std::string& fullPath, const char* name) {
-    int fd = parent
-                 ? ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-                 : ::open(fullPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = parent ? ::openat(::dirfd(parent), name, kFolderFlags)
+                    : VkDirectoryWalker::openFolder(fullPath).release();
     if (fd < 0)
         return nullptr;
     DIR* d = ::fdopendir(fd);
-    if (!d)
+    if (!d) {
+        int error = errno;
         ::close(fd);
+        errno = error;
+    }
     return d;
 }
 
@@ -56,9 +62,35 @@ bool isFolder(DIR* parent, const std::string& fullPath, const char* name, unsign
 
 }  // namespace
 
+VkFd VkDirectoryWalker::openFolder(const std::string& path) {
+    if (path.size() < PATH_MAX)
+        return VkFd(::open(path.c_str(), kFolderFlags));
+    // Too long to name at once: from the start (the root, or the working folder for a
+    // relative path), one component at a time.
+    VkFd folder(::open(path[0] == '/' ? "/" : ".", kFolderFlags));
+    size_t begin = 0;
+    while (folder.valid() && begin < path.size()) {
+        size_t end = path.find('/', begin);
+        if (end == std::string::npos)
+            end = path.size();
+        if (end > begin) {
+            std::string part = path.substr(begin, end - begin);
+            folder.reset(part == "." ? ::dup(folder.get())
+                                     : ::openat(folder.get(), part.c_str(), kFolderFlags));
+        }
+        begin = end + 1;
+    }
+    return folder;
+}
+
 bool VkDirectoryWalker::walk(const std::string& root,
                              const std::function<bool(const std::string&)>& visit,
-                             const std::vector<FolderId>& skip) {
+                             const std::vector<FolderId>& skip,
+                             const std::function<void(const std::string&, int)>& failed) {
+    auto fail = [&](const std::string& path) {
+        if (failed)
+            failed(path, errno != 0 ? errno : EIO);
+    };
     // One attribute read per folder, and only when there is something to skip.
     auto skipped = [&](DIR* dir) {
         if (skip.empty())
@@ -73,10 +105,13 @@ bool VkDirectoryWalker::walk(const std::string& root,
     // The root itself may be a link to a folder: follow it, as the platform's enumerator
     // does for the folder it is asked to list.
     int rootFd = ::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (rootFd < 0)
+    if (rootFd < 0) {
+        fail(root);
         return false;
+    }
     DIR* rootDir = ::fdopendir(rootFd);
     if (!rootDir) {
+        fail(root);
         ::close(rootFd);
         return false;
     }
@@ -97,6 +132,9 @@ bool VkDirectoryWalker::walk(const std::string& root,
             errno = 0;
             struct dirent* e = ::readdir(f.dir);
             if (!e) {
+                // The rest of a folder that fails midway was not listed.
+                if (errno != 0)
+                    fail(f.path.empty() ? "/" : f.path);
                 stack.pop_back();
                 continue;
             }
@@ -118,9 +156,14 @@ bool VkDirectoryWalker::walk(const std::string& root,
             return true;
         if (!isFolder(f.dir, full, name.c_str(), type))
             continue;
+        errno = 0;
         DIR* child = openChild(f.dir, full, name.c_str());
-        if (!child)
+        if (!child) {
+            // Replaced by a link or a file since it was listed: nothing was hidden there.
+            if (errno != ELOOP && errno != ENOTDIR)
+                fail(full);
             continue;
+        }
         if (skipped(child)) {
             ::closedir(child);
             continue;

@@ -6,11 +6,13 @@
 #include <utility>
 #include <vector>
 
+#include "platform/VkHandle.h"
+
 // Lists every entry below a folder, files and folders alike, hidden entries and package
 // contents included, in pre-order (a folder before what it holds). Symbolic links are
-// listed but never descended into; folders that cannot be opened are listed and
-// skipped. Memory stays small however wide or deep the tree: at most kMaxOpenFolders
-// folders are held open, deeper ones are read ahead and closed.
+// listed but never descended into; folders that cannot be opened are listed, skipped and
+// handed to the caller's error callback. Memory stays small however wide or deep the tree: at most
+// kMaxOpenFolders folders are held open, deeper ones are read ahead and closed.
 class VkDirectoryWalker {
   public:
     static constexpr size_t kMaxOpenFolders = 48;
@@ -22,6 +24,12 @@ class VkDirectoryWalker {
     // root + "/" + the relative path. Stops as soon as visit returns false. Returns false
     // when root itself could not be opened as a folder. Folders in `skip` (this program's
     // own data folder) are listed but never entered, and a root that is one is not walked.
+    // failed(path, errno) hears of every folder that could not be opened or read, the root
+    // included.
     static bool walk(const std::string& root, const std::function<bool(const std::string&)>& visit,
-                     const std::vector<FolderId>& skip = {});
+                     const std::vector<FolderId>& skip = {},
+                     const std::function<void(const std::string&, int)>& failed = {});
+    // Opens a folder without following a link in its place, one component at a time when
+    // the path is too long for the system to take whole (links met on the way refused).
+    static VkFd openFolder(const std::string& path);
 };

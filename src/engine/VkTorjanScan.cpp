@@ -1,10 +1,16 @@
 #include "engine/VkTorjanScan.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <set>
 #include <utility>
 
+#include "platform/VkContainedFs.h"
 #include "platform/VkHashValue.h"
 #include "support/VkCrypt.h"
 
@@ -15,7 +21,10 @@ namespace {
 // once the judgment ends, so a file changed between two scans is always read afresh.
 class JudgmentHashes {
   public:
-    JudgmentHashes(VkTorjanScan& scan, const std::string& path) : scan_(scan), path_(path) {}
+    using Hasher = std::function<std::optional<std::string>(int32_t type, uint64_t head)>;
+    using Trust = std::function<bool(const std::string& hash)>;
+    JudgmentHashes(Hasher hasher, Trust trust)
+        : hasher_(std::move(hasher)), trust_(std::move(trust)) {}
 
     const std::optional<std::string>& whole(int32_t type) { return get(whole_, type, 0); }
     const std::optional<std::string>& head(int32_t type) {
@@ -26,7 +35,7 @@ class JudgmentHashes {
     bool trusted(int32_t type, const std::string& hash) {
         auto it = trusted_.find(type);
         if (it == trusted_.end())
-            it = trusted_.emplace(type, scan_.checkTrustFile(path_, hash)).first;
+            it = trusted_.emplace(type, trust_(hash)).first;
         return it->second;
     }
 
@@ -34,13 +43,21 @@ class JudgmentHashes {
     using Cache = std::map<int32_t, std::optional<std::string>>;
     const std::optional<std::string>& get(Cache& cache, int32_t type, uint64_t head) {
         auto it = cache.find(type);
-        if (it == cache.end())
-            it = cache.emplace(type, scan_.hashCodeWithPath(path_, type, head)).first;
+        if (it == cache.end()) {
+            it = cache.emplace(type, hasher_(type, head)).first;
+            // The first hash that could not be read says why the file went unexamined.
+            if (!it->second && failure == 0)
+                failure = errno != 0 ? errno : EIO;
+        }
         return it->second;
     }
 
-    VkTorjanScan& scan_;
-    const std::string& path_;
+  public:
+    int failure = 0;
+
+  private:
+    Hasher hasher_;
+    Trust trust_;
     Cache whole_;
     Cache head_;
     std::map<int32_t, bool> trusted_;
@@ -74,29 +91,62 @@ bool VkTorjanScan::attributesOfItem(const std::string& path, struct stat& attrib
     return ::lstat(path.c_str(), &attributes) == 0;
 }
 
+bool VkTorjanScan::attributesAt(const FileRef& file, struct stat& attributes) {
+    if (file.folderFd == AT_FDCWD)
+        return attributesOfItem(file.name, attributes);
+    return ::fstatat(file.folderFd, file.name.c_str(), &attributes, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+std::optional<std::string> VkTorjanScan::hashAt(const FileRef& file, int32_t type, uint64_t size) {
+    if (file.folderFd == AT_FDCWD)
+        return hashCodeWithPath(file.name, type, size);
+    if (size == 0)
+        return VkHashValue::hashWholeFileAt(file.folderFd, file.name, type);
+    return VkHashValue::hashFileHeadAt(file.folderFd, file.name, static_cast<uint32_t>(kHeadLength),
+                                       type);
+}
+
+std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode))
+        return hashCodeWithPath(path, 0, 0);
+    char real[PATH_MAX];
+    char realRoot[PATH_MAX];
+    std::string root = systemRoot_.empty() ? "/" : systemRoot_;
+    if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot))
+        return std::nullopt;
+    // A link out of the inspected system is never read: it could name anything here.
+    if (!VkContainedFs(realRoot).contains(real))
+        return std::nullopt;
+    return hashCodeWithPath(real, 0, 0);
+}
+
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
-    return judgeFile(path, nullptr, std::move(trojanArray));
+    return judgeFile({AT_FDCWD, path, path}, nullptr, std::move(trojanArray));
 }
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
-    const std::string& path, const struct stat* knownAttributes,
-    std::shared_ptr<const VkTorjanRecordList> trojanArray) {
+    const FileRef& file, const struct stat* knownAttributes,
+    std::shared_ptr<const VkTorjanRecordList> trojanArray, int* failure) {
+    const std::string& path = file.path;
     // Device nodes are never opened: reading one can block or have side effects.
     if (path.rfind("/dev/", 0) == 0)
         return nullptr;
 
     if (needDelay()) {
         // Throttles background scans: 1 to 1,500 microseconds, truncated.
-        int r = ctx_->pacing->random();
+        int r = pacing_->random();
         auto pause = static_cast<long long>(((r % 1000) + 1) * 1.5);
-        ctx_->pacing->sleepMicroseconds(pause);
+        pacing_->sleepMicroseconds(pause);
     }
 
     struct stat attributes {};
     if (knownAttributes) {
         attributes = *knownAttributes;
-    } else if (!attributesOfItem(path, attributes)) {
+    } else if (!attributesAt(file, attributes)) {
+        if (failure)
+            *failure = errno != 0 ? errno : EIO;
         return nullptr;
     }
     if (S_ISLNK(attributes.st_mode))
@@ -110,7 +160,19 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
 
     // Only records of this size can match; the index keeps them in list order, so the first
     // record in the list still wins.
-    JudgmentHashes hashes(*this, path);
+    // Only a file whose size some record has is read: one that no record's size fits is
+    // judged clean by its size alone, so its contents never need to be readable.
+    errno = 0;
+    JudgmentHashes hashes([&](int32_t type, uint64_t head) { return hashAt(file, type, head); },
+                          [&](const std::string& hash) { return checkTrustFile(path, hash); });
+    struct FailureOut {
+        JudgmentHashes& hashes;
+        int* out;
+        ~FailureOut() {
+            if (out)
+                *out = hashes.failure;
+        }
+    } failureOut{hashes, failure};
     // Hash types whose whole-file hash has reached the trust test so far, in order.
     std::vector<int32_t> reachedTrust;
     for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
@@ -148,7 +210,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
 
 bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
     // Read afresh each time: the panel changes the list while scans run.
-    std::optional<VkPlist::Array> entries = ctx_->userDefaults->arrayForKey(kTrustFileKey);
+    std::optional<VkPlist::Array> entries = userDefaults_->arrayForKey(kTrustFileKey);
     if (!entries)
         return false;
     for (const VkPlist& entry : *entries) {
@@ -184,4 +246,19 @@ VkTorjanRecordList::Items VkTorjanScan::getCurrentTorjanItems() {
         loader = recordLoader_;
     }
     return loader ? loader() : VkTorjanRecordList::Items{};
+}
+
+std::string VkNotExamined::reasonText() const {
+    switch (reason) {
+        case Reason::notRegularFile:
+            return "not a regular file";
+        case Reason::symbolicLink:
+            return "a symbolic link (not followed)";
+        case Reason::device:
+            return "below /dev (never opened)";
+        case Reason::vanished:
+        case Reason::unreadable:
+            break;
+    }
+    return std::strerror(error != 0 ? error : EIO);
 }

@@ -15,9 +15,28 @@
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanResultItems.h"
-#include "platform/VkContext.h"
+#include "platform/VkPacing.h"
+#include "platform/VkUserDefaults.h"
 
 class VkAntiTrojan;
+
+// A path that a scan could not look at, and why. A host shows these so that nothing it
+// did not examine is taken for clean.
+struct VkNotExamined {
+    enum class Reason {
+        unreadable,      // it (or the folder holding it) could not be opened or read
+        vanished,        // listed, then gone before it was judged
+        notRegularFile,  // a path handed to the scan that is no file or folder (a FIFO, ...)
+        symbolicLink,    // a path handed to the scan that is a link to no folder
+        device,          // below /dev: never opened
+    };
+    std::string path;
+    Reason reason = Reason::unreadable;
+    int error = 0;  // errno of the failure, 0 when there is none
+
+    // "Permission denied", "No such file or directory", "not a regular file", ...
+    std::string reasonText() const;
+};
 
 // Receives what a scan finds and how far it has come. Every operation is optional (the
 // defaults do nothing). Calls arrive on the scan's own threads, never on the main thread.
@@ -34,6 +53,9 @@ class VkTorjanScanDelegate {
     virtual bool scanTorjanProcess(float /*progress*/, const std::optional<std::string>& /*item*/) {
         return false;
     }
+    // A path of a full or custom walk that could not be examined (it counts as clean
+    // otherwise). Called on the walk's threads, before the final progress report.
+    virtual void scanNotExamined(const VkNotExamined& /*skipped*/) {}
 };
 
 // The scanner: judges files against the loaded signature records, honouring the user's trust
@@ -52,10 +74,12 @@ class VkTorjanScan {
     static constexpr const char* kTrustFileHash = "TrustFileHash";
     static constexpr const char* kTrustFileSize = "TrustFileSize";
 
-    // Builds the roots of the full scan from the top level of the context's system root.
-    // The detector coordinator runs the quick stage (the shared one when none is given).
-    explicit VkTorjanScan(std::shared_ptr<VkContext> ctx,
-                          std::shared_ptr<VkAntiTrojan> antiTrojan = nullptr);
+    // Builds the roots of the full scan from the top level of systemRoot. dataFolder (this
+    // program's own) is never walked; userDefaults holds the trust list; pacing gives the
+    // pauses of paced scans; antiTrojan runs the quick stage (none: it finds nothing).
+    VkTorjanScan(std::string systemRoot, std::string dataFolder,
+                 std::shared_ptr<VkUserDefaults> userDefaults, std::shared_ptr<VkPacing> pacing,
+                 std::shared_ptr<VkAntiTrojan> antiTrojan = nullptr);
     // Stops any running scan first.
     virtual ~VkTorjanScan();
     VkTorjanScan(const VkTorjanScan&) = delete;
@@ -120,6 +144,8 @@ class VkTorjanScan {
     const std::vector<std::string>& defaultScanPaths() const { return defaultScanPaths_; }
     // Files handed to checkTorjan by the running or last walk.
     uint64_t filesJudged() const { return filesJudged_.load(); }
+    // Paths of the running or last walk reported through scanNotExamined.
+    uint64_t notExaminedCount() const { return notExamined_.load(); }
 
     // The worker body, the file walk and the quick stage.
     void scanByQuery(bool withQuickStage);
@@ -136,13 +162,10 @@ class VkTorjanScan {
     bool isFullScan() const { return isFullScan_.load(); }
     uint64_t searchIndex() const { return searchIndex_.load(); }
 
-    const std::shared_ptr<VkContext>& context() const { return ctx_; }
-
   protected:
     // Attributes of the item itself, a final link not followed (lstat). False on failure.
     virtual bool attributesOfItem(const std::string& path, struct stat& attributes);
 
-    std::shared_ptr<VkContext> ctx_;
     std::atomic<bool> isSearchStop_{false};
     std::atomic<bool> isQuickScan_{false};
     std::atomic<bool> isFullScan_{false};
@@ -150,13 +173,36 @@ class VkTorjanScan {
     std::atomic<uint64_t> searchIndex_{0};
 
   private:
+    // Where judging finds a file: `name` inside the open folder `folderFd`, or with
+    // AT_FDCWD the path itself. `path` is what results and reports name.
+    struct FileRef {
+        int folderFd;
+        const std::string& name;
+        const std::string& path;
+    };
     // checkTorjan with the item's attributes (lstat) already read by the caller; nullptr
-    // reads them after the pause, as checkTorjan does.
+    // reads them after the pause, as checkTorjan does. *failure gets the errno of a file
+    // that had to be read and could not be (0 otherwise).
     std::shared_ptr<VkTorjanResultItems> judgeFile(
-        const std::string& path, const struct stat* knownAttributes,
-        std::shared_ptr<const VkTorjanRecordList> trojanArray);
+        const FileRef& file, const struct stat* knownAttributes,
+        std::shared_ptr<const VkTorjanRecordList> trojanArray, int* failure = nullptr);
+    std::optional<std::string> hashAt(const FileRef& file, int32_t type, uint64_t size);
+    bool attributesAt(const FileRef& file, struct stat& attributes);
+    // Judges one dequeued path of a walk; reports what could not be examined.
+    void judgeWalkedPath(const std::string& path, VkTorjanScanDelegate* scanDelegate);
+    void reportNotExamined(VkNotExamined skipped);
+    // Whole-file hash of a detector's hit, read through a final link that stays inside the
+    // system root.
+    std::optional<std::string> hashFollowingLink(const std::string& path);
+    std::string resolve(const std::string& inspectedPath) const;
     std::shared_ptr<VkTorjanScanDelegate> delegate() const;
     void joinFinishedScanThread();
+    void joinFinishedQuickThreads();
+
+    const std::string systemRoot_;
+    const std::string dataFolder_;
+    std::shared_ptr<VkUserDefaults> userDefaults_;
+    std::shared_ptr<VkPacing> pacing_;
 
     mutable std::mutex torjanItemsMutex_;
     std::shared_ptr<const VkTorjanRecordList> torjanItems_;
@@ -167,6 +213,7 @@ class VkTorjanScan {
     std::vector<std::string> scopeDirectories_;
     std::atomic<bool> paceScans_{true};
     std::atomic<uint64_t> filesJudged_{0};
+    std::atomic<uint64_t> notExamined_{0};
 
     mutable std::mutex delegateMutex_;
     std::shared_ptr<VkTorjanScanDelegate> scanDeleaget_;
@@ -175,8 +222,11 @@ class VkTorjanScan {
     std::mutex threadMutex_;
     std::thread scanThread_;
     std::atomic<bool> scanRunning_{false};
-    // The quick scan's thread ("operation queue"): the current one and earlier ones that
-    // were replaced while still running (joined on teardown).
-    std::thread quickThread_;
-    std::vector<std::thread> oldQuickThreads_;
+    // The quick scans' threads ("operation queues"), each with the flag it sets when done;
+    // finished ones are joined at the next quick start, the rest on stop and teardown.
+    struct QuickRun {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    std::vector<QuickRun> quickThreads_;
 };

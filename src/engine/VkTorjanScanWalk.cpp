@@ -1,6 +1,9 @@
 // The scans of VkTorjanScan: the full and custom walks with their producer and consumer,
 // the quick stage, the single-file check and stopping.
+#include <cerrno>
 #include <chrono>
+#include <climits>
+#include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
@@ -10,6 +13,7 @@
 #include "engine/VkQueue.h"
 #include "engine/VkTorjanScan.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkHandle.h"
 
 namespace {
 
@@ -23,20 +27,24 @@ void sleepMicroseconds(int us) {
 
 }  // namespace
 
-VkTorjanScan::VkTorjanScan(std::shared_ptr<VkContext> ctx, std::shared_ptr<VkAntiTrojan> antiTrojan)
-    : ctx_(std::move(ctx)),
+VkTorjanScan::VkTorjanScan(std::string systemRoot, std::string dataFolder,
+                           std::shared_ptr<VkUserDefaults> userDefaults,
+                           std::shared_ptr<VkPacing> pacing,
+                           std::shared_ptr<VkAntiTrojan> antiTrojan)
+    : systemRoot_(std::move(systemRoot)),
+      dataFolder_(std::move(dataFolder)),
+      userDefaults_(std::move(userDefaults)),
+      pacing_(std::move(pacing)),
       torjanItems_(std::make_shared<const VkTorjanRecordList>()),
       antiTrojan_(std::move(antiTrojan)) {
-    if (!antiTrojan_)
-        antiTrojan_ = VkAntiTrojan::shareAntiManager();
     // Built once: folders made at the top of the disk later wait for a new scanner.
-    auto names = VkFile::listDirectory(ctx_->resolve("/"));
+    auto names = VkFile::listDirectory(resolve("/"));
     if (names) {
         for (const auto& name : *names) {
             std::string inspected = VkFile::join("/", name);
             if (kExcludedRoots.count(inspected))
                 continue;
-            defaultScanPaths_.push_back(ctx_->resolve(inspected));
+            defaultScanPaths_.push_back(resolve(inspected));
         }
     }
 }
@@ -46,12 +54,20 @@ VkTorjanScan::~VkTorjanScan() {
     std::lock_guard lock(threadMutex_);
     if (scanThread_.joinable())
         scanThread_.join();
-    if (quickThread_.joinable())
-        quickThread_.join();
-    for (auto& t : oldQuickThreads_) {
-        if (t.joinable())
-            t.join();
-    }
+}
+
+std::string VkTorjanScan::resolve(const std::string& inspectedPath) const {
+    if (systemRoot_.empty() || systemRoot_ == "/" || inspectedPath.empty() ||
+        inspectedPath[0] != '/')
+        return inspectedPath;
+    return VkFile::join(systemRoot_, inspectedPath);
+}
+
+void VkTorjanScan::reportNotExamined(VkNotExamined skipped) {
+    notExamined_.fetch_add(1);
+    // The delegate of the moment: a restarted scan's reports reach the new one.
+    if (auto d = delegate())
+        d->scanNotExamined(skipped);
 }
 
 std::shared_ptr<VkTorjanScanDelegate> VkTorjanScan::delegate() const {
@@ -92,6 +108,7 @@ void VkTorjanScan::startScan(const std::optional<std::vector<std::string>>& path
     needDelay_.store(paceScans_.load());
     searchIndex_.store(0);
     filesJudged_.store(0);
+    notExamined_.store(0);
     scanRunning_.store(true);
     bool withQuickStage = !paths.has_value();
     scanThread_ = std::thread([this, withQuickStage] {
@@ -106,30 +123,102 @@ void VkTorjanScan::scanByQuery(bool withQuickStage) {
     scanBaseItem();
 }
 
+void VkTorjanScan::judgeWalkedPath(const std::string& path, VkTorjanScanDelegate* scanDelegate) {
+    using Reason = VkNotExamined::Reason;
+    // A path too long for the system is judged by its name inside its own folder, opened
+    // one component at a time, so depth never hides a file.
+    VkFd folder;
+    std::string name = path;
+    int folderFd = AT_FDCWD;
+    if (path.size() >= PATH_MAX) {
+        size_t slash = path.rfind('/');
+        folder = VkDirectoryWalker::openFolder(path.substr(0, slash));
+        if (!folder.valid()) {
+            reportNotExamined({path, Reason::unreadable, errno != 0 ? errno : ENAMETOOLONG});
+            return;
+        }
+        folderFd = folder.get();
+        name = path.substr(slash + 1);
+    }
+    FileRef file{folderFd, name, path};
+    // Judged when it exists and is no folder, a link followed. One lstat answers that for
+    // everything but a link, and unpaced its answer is also the one judging needs, so a
+    // plain file costs a single attribute read. Paced, judging reads the attributes again
+    // after the pause, as it always has.
+    struct stat attributes {};
+    errno = 0;
+    if (!attributesAt(file, attributes)) {
+        int error = errno != 0 ? errno : EIO;
+        reportNotExamined({path, error == ENOENT ? Reason::vanished : Reason::unreadable, error});
+        return;
+    }
+    bool known = !S_ISLNK(attributes.st_mode);
+    bool judge = false;
+    if (known) {
+        judge = !S_ISDIR(attributes.st_mode);
+    } else {
+        // A link is judged (and refused) only when it leads to something that is no folder.
+        struct stat target {};
+        judge = ::fstatat(folderFd, name.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode);
+    }
+    if (!judge)
+        return;
+    filesJudged_.fetch_add(1);
+    if (path.rfind("/dev/", 0) == 0 && S_ISREG(attributes.st_mode)) {
+        reportNotExamined({path, Reason::device, 0});
+        return;
+    }
+    bool reuse = known && !needDelay();
+    int failure = 0;
+    auto result = judgeFile(file, reuse ? &attributes : nullptr, nullptr, &failure);
+    if (result) {
+        if (scanDelegate)
+            scanDelegate->addTorjanPath(result);
+    } else if (failure != 0) {
+        reportNotExamined(
+            {path, failure == ENOENT ? Reason::vanished : Reason::unreadable, failure});
+    }
+}
+
 void VkTorjanScan::scanBaseItem() {
+    using Reason = VkNotExamined::Reason;
     setTorjanItems(VkTorjanRecordList::make(getCurrentTorjanItems()));
     VkQueue queue;
     std::atomic<uint64_t> total{0};
     std::atomic<bool> producerDone{false};
     const std::vector<std::string> roots = scopeDirectories_;
     const bool fullScan = isFullScan_.load();
-    const std::string volumes = ctx_->resolve("/Volumes");
+    const std::string volumes = resolve("/Volumes");
     // This program's own folder (databases, quarantine, logs) is never walked: a scan that
     // quarantines must not take the quarantine itself.
     std::vector<VkDirectoryWalker::FolderId> ownFolders;
-    if (struct stat data{}; ::stat(ctx_->dataFolder.c_str(), &data) == 0)
+    if (struct stat data{}; ::stat(dataFolder_.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
-    const std::string dataPrefix = ctx_->dataFolder + "/";
+    const std::string dataPrefix = dataFolder_ + "/";
 
     std::thread producer([&] {
         for (const auto& root : roots) {
-            bool isDir = false;
-            if (VkFile::exists(root, &isDir)) {
-                if (!isDir) {
-                    bool ours = !ctx_->dataFolder.empty() && root.rfind(dataPrefix, 0) == 0;
+            struct stat st {};
+            if (::lstat(root.c_str(), &st) != 0) {
+                // A root that does not exist is skipped, as it always was; one that cannot
+                // be looked at is said.
+                if (errno != ENOENT)
+                    reportNotExamined({root, Reason::unreadable, errno});
+            } else {
+                bool isDir = S_ISDIR(st.st_mode);
+                if (S_ISLNK(st.st_mode)) {
+                    struct stat target {};
+                    isDir = ::stat(root.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
+                    if (!isDir)
+                        reportNotExamined({root, Reason::symbolicLink, 0});
+                } else if (!isDir && !S_ISREG(st.st_mode)) {
+                    reportNotExamined({root, Reason::notRegularFile, 0});
+                } else if (!isDir) {
+                    bool ours = !dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0;
                     if (!ours && queue.enqueue(root, isSearchStop_))
                         total.fetch_add(1);
-                } else {
+                }
+                if (isDir) {
                     VkDirectoryWalker::walk(
                         root,
                         [&](const std::string& path) {
@@ -140,7 +229,13 @@ void VkTorjanScan::scanBaseItem() {
                             }
                             return !isSearchStop_.load();
                         },
-                        ownFolders);
+                        ownFolders,
+                        [&](const std::string& path, int error) {
+                            if (!(fullScan && path.rfind(volumes, 0) == 0))
+                                reportNotExamined(
+                                    {path, error == ENOENT ? Reason::vanished : Reason::unreadable,
+                                     error});
+                        });
                 }
             }
             if (isSearchStop_.load())
@@ -149,34 +244,16 @@ void VkTorjanScan::scanBaseItem() {
         producerDone.store(true);
     });
 
-    auto scanDelegate = delegate();
     uint64_t processed = 0;
     for (;;) {
         if (producerDone.load() && queue.count() == 0)
             break;
         if (queue.count() > 0) {
             std::string path = queue.dequeue();
-            // Judged when it exists and is no folder, a link followed. One lstat answers
-            // that for everything but a link, and unpaced its answer is also the one
-            // judging needs, so a plain file costs a single attribute read. Paced, judging
-            // reads the attributes again after the pause, as it always has.
-            struct stat attributes {};
-            bool known = attributesOfItem(path, attributes) && !S_ISLNK(attributes.st_mode);
-            bool judge = false;
-            if (known) {
-                judge = !S_ISDIR(attributes.st_mode);
-            } else {
-                bool isDir = false;
-                judge = VkFile::exists(path, &isDir) && !isDir;
-            }
-            if (judge) {
-                filesJudged_.fetch_add(1);
-                bool reuse = known && !needDelay();
-                if (auto result = judgeFile(path, reuse ? &attributes : nullptr, nullptr)) {
-                    if (scanDelegate)
-                        scanDelegate->addTorjanPath(result);
-                }
-            }
+            // Read afresh: a scan started meanwhile puts its delegate in place, and the last
+            // reports of this walk go to it.
+            auto scanDelegate = delegate();
+            judgeWalkedPath(path, scanDelegate.get());
             // Progress stays at 0.01 while the tree is still being listed, then climbs
             // with the share already processed: judging starts at once, without counting.
             float progress = 0.01f;
@@ -195,22 +272,25 @@ void VkTorjanScan::scanBaseItem() {
             break;
     }
     producer.join();
-    if (scanDelegate)
+    if (auto scanDelegate = delegate())
         scanDelegate->scanTorjanProcess(1.0f, std::nullopt);
 }
 
 void VkTorjanScan::quickScan() {
-    auto scanDelegate = delegate();
-    auto progress = [this, scanDelegate](const std::string& item, float p) {
+    if (!antiTrojan_)
+        return;
+    auto progress = [this](const std::string& item, float p) {
         // The quick stage of a full scan keeps the bar at zero.
-        if (scanDelegate)
+        if (auto scanDelegate = delegate())
             scanDelegate->scanTorjanProcess(isQuickScan_.load() ? p : 0.0f, item);
         return isSearchStop_.load();
     };
     VkSpecialResult found = antiTrojan_->scan(progress, paceScans_.load());
     for (const auto& [family, paths] : found) {
         for (const auto& path : paths) {
-            auto hash = hashCodeWithPath(path, 0, 0);
+            // The whole file is read through a final link (a launch agent may be one), as
+            // long as the link stays inside the inspected system.
+            auto hash = hashFollowingLink(path);
             if (!hash)
                 continue;  // a folder, missing or unreadable
             if (checkTrustFile(path, *hash))
@@ -220,7 +300,7 @@ void VkTorjanScan::quickScan() {
             result->setSpec(true);
             result->setPath(path);
             result->setHashCode(*hash);
-            if (scanDelegate)
+            if (auto scanDelegate = delegate())
                 scanDelegate->addTorjanPath(result);
         }
     }
@@ -238,12 +318,24 @@ void VkTorjanScan::startQuickScan(std::shared_ptr<VkTorjanScanDelegate> scanDele
     needDelay_.store(paceScans_.load());
     std::lock_guard lock(threadMutex_);
     // A new "operation queue" for every quick scan; an earlier one may still be running.
-    if (quickThread_.joinable())
-        oldQuickThreads_.push_back(std::move(quickThread_));
-    quickThread_ = std::thread([this] {
-        quickScan();
-        if (auto d = delegate())
-            d->scanTorjanProcess(1.0f, std::nullopt);
+    joinFinishedQuickThreads();
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    quickThreads_.push_back({std::thread([this, done] {
+                                 quickScan();
+                                 if (auto d = delegate())
+                                     d->scanTorjanProcess(1.0f, std::nullopt);
+                                 done->store(true);
+                             }),
+                             done});
+}
+
+void VkTorjanScan::joinFinishedQuickThreads() {
+    // Called with threadMutex_ held; a long-lived panel starts many quick scans.
+    std::erase_if(quickThreads_, [](QuickRun& run) {
+        if (!run.done->load())
+            return false;
+        run.thread.join();
+        return true;
     });
 }
 
@@ -264,6 +356,9 @@ void VkTorjanScan::stopCurrentScan() {
         sleepMicroseconds(1000);
     joinFinishedScanThread();
     // A quick scan notices the request only through its progress callback's answer.
-    if (quickThread_.joinable())
-        quickThread_.join();
+    for (auto& run : quickThreads_) {
+        if (run.thread.joinable())
+            run.thread.join();
+    }
+    quickThreads_.clear();
 }

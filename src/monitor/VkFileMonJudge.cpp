@@ -34,7 +34,9 @@ Origin originOf([[maybe_unused]] const std::string& path) {
 }  // namespace
 
 VkFileMonJudge::VkFileMonJudge(std::shared_ptr<VkContext> ctx)
-    : ctx_(std::move(ctx)), scan_(ctx_), records_(std::make_shared<const VkTorjanRecordList>()) {}
+    : ctx_(std::move(ctx)),
+      scan_(ctx_->systemRoot, ctx_->dataFolder, ctx_->userDefaults, ctx_->pacing),
+      records_(std::make_shared<const VkTorjanRecordList>()) {}
 
 std::string VkFileMonJudge::databaseStamp() const {
     std::string stamp;

@@ -16,6 +16,7 @@
 #include "monitor/VkMonitorSocket.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkSystemLog.h"
+#include <time.h>
 
 #ifndef VK_VERSION
 #define VK_VERSION "0.1.0"
@@ -32,10 +33,25 @@ constexpr int kMaxRescanDepth = 32;
 constexpr size_t kMaxRescanRoots = 256;
 // An idle connection that is no subscription is closed after this long.
 constexpr double kIdleSeconds = 60;
+// How often the running monitor notes that it still runs, and how far before that note the
+// first look after a restart reaches back (clocks and time stamps are coarse).
+constexpr double kStampSeconds = 60;
+constexpr double kStampMargin = 5;
+const char* const kLastRunFile = "monitor.lastrun";
 
 double monotonicNow() {
     using namespace std::chrono;
     return duration<double>(steady_clock::now().time_since_epoch()).count();
+}
+
+double secondsOf(const struct timespec& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+double wallClockNow() {
+    struct timespec t {};
+    ::clock_gettime(CLOCK_REALTIME, &t);
+    return secondsOf(t);
 }
 
 bool makePipe(VkFd& readEnd, VkFd& writeEnd) {
@@ -176,6 +192,15 @@ VkResult<void> VkFileMonService::start() {
         else
             say("[VkFileMon] watching " + clean);
     }
+    // Files that arrived while the monitor was not running are judged now; the first look
+    // takes only those changed since its last run.
+    // Whatever changes from now on is seen by the watches, which are in place already.
+    double lastRun = lastRunTime();
+    startupCutoff_ = lastRun > 0 ? lastRun - kStampSeconds - kStampMargin : 1;
+    startupUntil_ = wallClockNow();
+    for (const std::string& folder : wanted_)
+        rescanRoots_.push_back(folder);
+    stampLastRun();
     startTime_ = ctx_->clock->now();
     started_ = true;
     judgeThread_ = std::thread([this] { judgeLoop(); });
@@ -205,6 +230,22 @@ void VkFileMonService::say(const std::string& line) {
     ctx_->systemLog->log(line);
     if (options_.report)
         options_.report(line);
+}
+
+double VkFileMonService::lastRunTime() const {
+    struct stat st {};
+    std::string path = VkFile::join(ctx_->dataFolder, kLastRunFile);
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return 0;
+    return static_cast<double>(st.st_mtime);
+}
+
+void VkFileMonService::stampLastRun() {
+    // The file's own time is the note: nothing inside it is ever read.
+    std::string path = VkFile::join(ctx_->dataFolder, kLastRunFile);
+    VkFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (fd.valid())
+        ::futimens(fd.get(), nullptr);
 }
 
 bool VkFileMonService::isOurs(const std::string& path) const {
@@ -308,6 +349,7 @@ void VkFileMonService::run() {
     queueReady_.notify_all();
     if (judgeThread_.joinable())
         judgeThread_.join();
+    stampLastRun();
     say("[VkFileMon] stopped");
     lock_.reset();
 }
@@ -343,6 +385,7 @@ void VkFileMonService::queueRescan(const std::string& folder) {
 void VkFileMonService::rescanEverything() {
     // Judging a file again costs little (most sizes match no record) and adds no second
     // record for the same file, so looking at everything again is the safe answer.
+    startupCutoff_ = 0;
     rescan_.reset();
     rescanRoots_.clear();
     for (const std::string& folder : watcher_->folders())
@@ -354,8 +397,10 @@ bool VkFileMonService::rescanStep(double now) {
     std::error_code ec;
     while (!rescan_ || *rescan_ == fs::recursive_directory_iterator()) {
         rescan_.reset();
-        if (rescanRoots_.empty())
+        if (rescanRoots_.empty()) {
+            startupCutoff_ = 0;  // the first look is over: later looks judge everything
             return false;
+        }
         std::string root = rescanRoots_.front();
         rescanRoots_.pop_front();
         fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
@@ -373,7 +418,16 @@ bool VkFileMonService::rescanStep(double now) {
         if (it.depth() >= kMaxRescanDepth || isOurs(path))
             it.disable_recursion_pending();
     } else if (entry.is_regular_file(ec) && !isOurs(path)) {
-        settler_.complete(path, now);
+        struct stat st {};
+        // Moved into place or written since the last run (either time says so) and before
+        // this start: later files are the watches' business.
+        bool wanted = startupCutoff_ <= 0;
+        if (!wanted && ::lstat(path.c_str(), &st) == 0) {
+            double changed = std::max(secondsOf(st.st_mtim), secondsOf(st.st_ctim));
+            wanted = changed >= startupCutoff_ && changed < startupUntil_;
+        }
+        if (wanted)
+            settler_.complete(path, now);
     }
     it.increment(ec);
     if (ec)
@@ -461,6 +515,10 @@ void VkFileMonService::housekeeping(double now) {
         say("[VkFileMon] the socket " + socketPath_ + " is gone; stopping");
         stop_.store(true);
         return;
+    }
+    if (now >= nextStamp_) {
+        stampLastRun();
+        nextStamp_ = now + kStampSeconds;
     }
     std::vector<std::string> watched = watcher_->folders();
     for (const std::string& folder : wanted_) {

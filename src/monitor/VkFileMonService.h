@@ -91,6 +91,10 @@ class VkFileMonService {
     bool isOurs(const std::string& path) const;
     void say(const std::string& line);
     void drainWake();
+    // When the monitor last ran on this data folder (seconds since 1970, 0 when never), and
+    // noting that it runs now.
+    double lastRunTime() const;
+    void stampLastRun();
 
     // Judging thread.
     void judgeLoop();
@@ -117,6 +121,11 @@ class VkFileMonService {
     uint64_t pushedGeneration_ = 0;
     double nextHousekeeping_ = 0;
     double startTime_ = 0;
+    // The first look at the watched folders judges only files changed since this time (the
+    // last run), so a restart is cheap; 0 once that look is over.
+    double startupCutoff_ = 0;
+    double startupUntil_ = 0;
+    double nextStamp_ = 0;
     bool started_ = false;
     std::atomic<bool> stop_{false};
 

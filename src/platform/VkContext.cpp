@@ -135,13 +135,19 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
     ctx->defaultsFile = defaults;
     ctx->resourceFolder =
         options.resourceFolder.empty() ? findResourceFolder() : options.resourceFolder;
-    if (std::string server = env("VK_UPDATE_SERVER"); !server.empty())
-        ctx->updateServer = server;
+    if (std::string keys = env("VK_UPDATE_KEYS_DIR"); !keys.empty())
+        ctx->updateKeysFolder = keys;
 
     ctx->clock = std::make_shared<VkSystemClock>();
     ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(ctx->clock);
     ctx->notificationCenter = std::make_shared<VkNotificationCenter>();
     ctx->userDefaults = std::make_shared<VkUserDefaults>(ctx->defaultsFile);
+    // The environment first, then the setting, then the vendor's server.
+    if (std::string server = env("VK_UPDATE_SERVER"); !server.empty())
+        ctx->updateServer = server;
+    else if (auto setting = ctx->userDefaults->stringForKey("UpdateServer");
+             setting && !setting->empty())
+        ctx->updateServer = *setting;
     ctx->coreFunction = std::make_shared<VkSystemCoreFunction>(ctx->systemRoot, ctx->dataFolder,
                                                                ctx->homeDirectory);
     ctx->systemLog = std::make_shared<VkSystemLog>();
@@ -162,6 +168,7 @@ std::shared_ptr<VkContext> VkContext::forTesting(const std::string& folder) {
     ctx->defaultsFile = VkFile::join(folder, "defaults.plist");
     ctx->resourceFolder = VkFile::join(folder, "resources");
     ctx->updateServer = "http://127.0.0.1:9";
+    ctx->updateKeysFolder = VkFile::join(folder, "update-keys");
     auto clock = std::make_shared<VkManualClock>();
     ctx->clock = clock;
     ctx->mainQueue = std::make_shared<VkRunLoopMainQueue>(clock);

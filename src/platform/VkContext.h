@@ -44,7 +44,10 @@ struct VkContext {
     std::string dataFolder;
     std::string defaultsFile;
     std::string resourceFolder;
-    std::string updateServer = "http://update.velkora.com";
+    std::string updateServer = "https://update.velkora.com";
+    // Public keys an administrator adds to the ones shipped in resourceFolder/"updatekeys":
+    // an update manifest must be signed by one of them.
+    std::string updateKeysFolder = "/etc/vksecurity/update-keys";
 
     std::shared_ptr<VkClock> clock;
     std::shared_ptr<VkMainQueue> mainQueue;

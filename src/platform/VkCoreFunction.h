@@ -13,6 +13,8 @@ struct VkCleanOutcome {
     std::string path;
     bool removed = false;
     std::string reason;  // why not, when not removed
+    // The file stays, rewritten without what infected it (a property list cleaned in place).
+    bool editedInPlace = false;
 };
 
 // Receives the outcome of each path of a clean run (optional).

@@ -1,5 +1,6 @@
 #include "platform/VkHashValue.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,14 +63,22 @@ class Digest {
 
 // Opens a regular file for reading without following a final link and without blocking
 // on FIFOs; anything else is refused.
-VkFd openRegular(const std::string& path) {
-    VkFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+VkFd openRegular(int folderFd, const std::string& path) {
+    VkFd fd(::openat(folderFd, path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid())
         return fd;
     struct stat st {};
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+    if (::fstat(fd.get(), &st) != 0)
         return VkFd();
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return VkFd();
+    }
     return fd;
+}
+
+VkFd openRegular(const std::string& path) {
+    return openRegular(AT_FDCWD, path);
 }
 
 ssize_t readSome(int fd, void* buf, size_t n) {
@@ -83,6 +92,25 @@ ssize_t readSome(int fd, void* buf, size_t n) {
 // 256 KiB chunks: large enough that read() calls do not dominate on big files, small
 // enough to stay in cache.
 constexpr size_t kChunk = 256 * 1024;
+
+// Digests up to `length` bytes of an open file; errno tells why when there is no hash.
+std::optional<std::string> hashOpenFile(int fd, uint64_t length, const EVP_MD* md) {
+    Digest digest(md);
+    std::vector<unsigned char> buf(
+        static_cast<size_t>(std::min<uint64_t>(kChunk, std::max<uint64_t>(length, 1))));
+    uint64_t left = length;
+    while (left > 0) {
+        ssize_t n =
+            readSome(fd, buf.data(), static_cast<size_t>(std::min<uint64_t>(left, buf.size())));
+        if (n < 0)
+            return std::nullopt;
+        if (n == 0)
+            break;
+        digest.update(buf.data(), static_cast<size_t>(n));
+        left -= static_cast<uint64_t>(n);
+    }
+    return digest.finish();
+}
 
 }  // namespace
 
@@ -104,52 +132,49 @@ std::optional<std::string> VkHashValue::hashFile(const std::string& path, uint64
     VkFd fd = openRegular(path);
     if (!fd.valid())
         return std::nullopt;
-    Digest digest(md);
-    std::vector<unsigned char> buf(
-        static_cast<size_t>(std::min<uint64_t>(kChunk, std::max<uint64_t>(length, 1))));
-    uint64_t left = length;
-    while (left > 0) {
-        ssize_t n = readSome(fd.get(), buf.data(),
-                             static_cast<size_t>(std::min<uint64_t>(left, buf.size())));
-        if (n < 0)
-            return std::nullopt;
-        if (n == 0)
-            break;
-        digest.update(buf.data(), static_cast<size_t>(n));
-        left -= static_cast<uint64_t>(n);
-    }
-    return digest.finish();
+    return hashOpenFile(fd.get(), length, md);
 }
 
 std::optional<std::string> VkHashValue::hashWholeFile(const std::string& path, int32_t hashType) {
-    if (!digestFor(hashType))
-        return std::nullopt;
-    VkFd fd = openRegular(path);
-    if (!fd.valid())
-        return std::nullopt;
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0)
-        return std::nullopt;
-    // The system passes the byte count as 32 bits; keep that so stored hashes match.
-    uint64_t length = static_cast<uint32_t>(static_cast<uint64_t>(st.st_size));
-    fd.reset();
-    return hashFile(path, length, hashType);
+    return hashWholeFileAt(AT_FDCWD, path, hashType);
 }
 
 std::optional<std::string> VkHashValue::hashFileHead(const std::string& path, uint32_t bufferLength,
                                                      int32_t hashType) {
+    return hashFileHeadAt(AT_FDCWD, path, bufferLength, hashType);
+}
+
+std::optional<std::string> VkHashValue::hashWholeFileAt(int folderFd, const std::string& name,
+                                                        int32_t hashType) {
+    const EVP_MD* md = digestFor(hashType);
+    if (!md)
+        return std::nullopt;
+    VkFd fd = openRegular(folderFd, name);
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0)
+        return std::nullopt;
+    // The system passes the byte count as 32 bits; keep that so stored hashes match.
+    uint64_t length = static_cast<uint32_t>(static_cast<uint64_t>(st.st_size));
+    return hashOpenFile(fd.get(), length, md);
+}
+
+std::optional<std::string> VkHashValue::hashFileHeadAt(int folderFd, const std::string& name,
+                                                       uint32_t bufferLength, int32_t hashType) {
     const EVP_MD* md = digestFor(hashType);
     if (!md || bufferLength == 0)
         return std::nullopt;
-    VkFd fd = openRegular(path);
+    VkFd fd = openRegular(folderFd, name);
     if (!fd.valid())
         return std::nullopt;
     std::vector<unsigned char> buf(bufferLength, 0);
     // One read with the buffer's length, as the system does; the whole buffer is hashed
     // whatever the read returned.
     ssize_t n = readSome(fd.get(), buf.data(), buf.size());
-    if (n <= 0)
+    if (n <= 0) {
+        if (n == 0)
+            errno = ENODATA;
         return std::nullopt;
+    }
     Digest digest(md);
     digest.update(buf.data(), buf.size());
     return digest.finish();

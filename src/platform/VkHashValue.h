@@ -24,4 +24,10 @@ class VkHashValue {
     // zero past what the read returned; no hash when the read returned nothing.
     static std::optional<std::string> hashFileHead(const std::string& path, uint32_t bufferLength,
                                                    int32_t hashType);
+    // The same for `name` inside the open folder `folderFd` (AT_FDCWD: name is a path), so
+    // that a file deeper than a path can name is still read. On failure errno says why.
+    static std::optional<std::string> hashWholeFileAt(int folderFd, const std::string& name,
+                                                      int32_t hashType);
+    static std::optional<std::string> hashFileHeadAt(int folderFd, const std::string& name,
+                                                     uint32_t bufferLength, int32_t hashType);
 };

@@ -8,6 +8,7 @@
 #include <openssl/evp.h>
 
 #include "platform/VkHandle.h"
+#include "platform/VkUtf8.h"
 
 namespace {
 
@@ -44,48 +45,6 @@ constexpr std::array<uint8_t, 256> kDecodeTable = makeDecodeTable();
 void appendWord(VkCipherKey& key, size_t offset, uint64_t word) {
     for (size_t i = 0; i < 8; ++i)
         key[offset + i] = static_cast<uint8_t>(word >> (56 - 8 * i));
-}
-
-// Strict UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing above U+10FFFF. Zero
-// bytes are not checked here: callers cut the text at the first one before.
-bool isValidUtf8(const uint8_t* p, size_t n) {
-    size_t i = 0;
-    while (i < n) {
-        uint8_t c = p[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t extra = 0;
-        uint8_t low = 0x80, high = 0xBF;  // allowed range of the first continuation byte
-        if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            if (c == 0xE0)
-                low = 0xA0;  // overlong
-            if (c == 0xED)
-                high = 0x9F;  // surrogates
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            if (c == 0xF0)
-                low = 0x90;  // overlong
-            if (c == 0xF4)
-                high = 0x8F;  // above U+10FFFF
-        } else {
-            return false;
-        }
-        if (n - i <= extra)
-            return false;
-        if (p[i + 1] < low || p[i + 1] > high)
-            return false;
-        for (size_t k = 2; k <= extra; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80)
-                return false;
-        }
-        i += extra + 1;
-    }
-    return true;
 }
 
 }  // namespace
@@ -239,7 +198,7 @@ std::optional<std::string> VkCrypt(const std::string& text, bool encrypt,
         // Text is UTF-8 by contract; bytes that are not would encipher to a field that can
         // never be deciphered again, so refuse them now rather than lose them later.
         const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-        if (!isValidUtf8(bytes, text.size()))
+        if (!VkUtf8::isValid(text))
             return std::nullopt;
         auto cipher =
             VkCryptInter(std::vector<uint8_t>(bytes, bytes + text.size()), true, keyData, reserved);
@@ -256,7 +215,8 @@ std::optional<std::string> VkCrypt(const std::string& text, bool encrypt,
     // Read as a NUL-terminated string: the text ends at the first zero byte.
     auto end = std::find(plain->begin(), plain->end(), uint8_t{0});
     const size_t length = static_cast<size_t>(end - plain->begin());
-    if (!isValidUtf8(plain->data(), length))
+    if (!VkUtf8::isValid(
+            std::string_view(reinterpret_cast<const char*>(plain->data()), length)))
         return std::nullopt;
     return std::string(reinterpret_cast<const char*>(plain->data()), length);
 }

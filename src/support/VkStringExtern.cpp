@@ -1,5 +1,6 @@
 #include "support/VkStringExtern.h"
 
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -7,6 +8,20 @@
 #include <sys/stat.h>
 
 #include "platform/VkFileUtil.h"
+
+namespace {
+
+// "%1.1f UNIT" with a point whatever the process's locale (a host may have set one with a
+// decimal comma): the file-size text is always written this way.
+std::string oneDecimal(double value, const char* unit) {
+    char text[64];
+    auto [end, ec] = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, 1);
+    if (ec != std::errc())
+        return unit;
+    return std::string(text, end) + " " + unit;
+}
+
+}  // namespace
 
 std::string stringFromFileSize(uint64_t size) {
     char text[64];
@@ -18,18 +33,13 @@ std::string stringFromFileSize(uint64_t size) {
     // four digits before the point (1,023,999 bytes rounding to "1000.0 KB" is the one
     // exception, accepted as it is).
     const double k = static_cast<double>(size) * 0.0009765625;
-    if (k < 1000) {
-        std::snprintf(text, sizeof text, "%1.1f KB", k);
-        return text;
-    }
+    if (k < 1000)
+        return oneDecimal(k, "KB");
     const double m = k * 0.0009765625;
-    if (m < 1000) {
-        std::snprintf(text, sizeof text, "%1.1f MB", m);
-        return text;
-    }
+    if (m < 1000)
+        return oneDecimal(m, "MB");
     // No larger unit: a terabyte and more stays in GB.
-    std::snprintf(text, sizeof text, "%1.1f GB", m * 0.0009765625);
-    return text;
+    return oneDecimal(m * 0.0009765625, "GB");
 }
 
 bool getFSRef(const std::string& path, VkFileRef* ref, bool createFileIfNecessary) {

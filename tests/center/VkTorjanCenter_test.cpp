@@ -130,6 +130,8 @@ TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {
 
 TEST_F(VkTorjanCenterTest, FullAndCustomScansApplyStagedDatabasesFirst) {
     std::string fresh = "staged-signature-sample";
+    // Staged by hand, without the signed manifest that an update keeps beside its files.
+    ctx->userDefaults->setBool("AllowUnsignedUpdates", true);
     VkFile::createDirectory(ctx->dataPath("temp"), true);
     vkWriteSignatureDatabase(ctx->dataPath("temp/staged.sql"), "staged", "2.0",
                              {{"Test.Staged", fresh, {}}});

@@ -166,6 +166,7 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
 
         // Update manifest: the check fails as unreadable; nothing is fetched.
         VkAddTorjanItems updater(ctx, cannedManifest(manifest(place(), plant)));
+        updater.setAllowUnsigned(true);
         VkUpdateReport report = updater.checkUpdateOnce();
         EXPECT_EQ(report.success, !plant);
         EXPECT_EQ(report.failure == VkUpdateReport::Failure::Parse, plant);
@@ -228,7 +229,7 @@ TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
                                    "a NUL character"),
               std::string::npos)
         << monitorLogs.err;
-    auto update = run("vksecurity", {"update"});
+    auto update = run("vksecurity", {"update", "--allow-unsigned"});
     EXPECT_EQ(update.exitCode, 2) << update.out;
     EXPECT_NE(update.err.find("the manifest is not a property-list array"), std::string::npos)
         << update.err;

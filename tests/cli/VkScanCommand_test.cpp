@@ -1,5 +1,9 @@
+#include <climits>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -9,6 +13,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkPlist.h"
 #include "platform/VkUserDefaults.h"
 #include "support/VkCrypt.h"
 
@@ -150,6 +155,39 @@ TEST_F(VkScanCommandTest, RemoveDeletesTheFindingsAndLogsTheRemoval) {
     EXPECT_EQ(run({"scan", "--remove", "--trust", tree}).exitCode, 2);
 }
 
+// --remove says what became of each file: a browser's list cleaned in place is a success,
+// a record that only names processes leaves the file and says so, and the history does not
+// call that file removed.
+TEST_F(VkScanCommandTest, RemovalReportsWhatWasReallyDone) {
+    std::string safari = dir / "root/Applications/Safari.app/Contents/Info.plist";
+    VkFile::createDirectory(dir / "root/Applications/Safari.app/Contents", true);
+    VkPlist env = VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/Library/x.dylib"}});
+    ASSERT_TRUE(VkPlist::dictionary({{"CFBundleName", "Safari"}, {"LSEnvironment", env}})
+                    .writeXmlFile(safari)
+                    .ok());
+    vkWriteSignatureDatabase(dir / "data/kill.sql", "kill", "1.0",
+                             {{"Test.KillOnly", "kill-only-sample", {{"k", "vk-no-such-proc"}}}});
+    std::string killOnly = dir.write("root/tree/k/kill.bin", "kill-only-sample");
+    struct Case {
+        std::vector<std::string> args;
+        std::string path, line;
+    } cases[] = {{{"scan", "--quick", "--remove"}, safari, safari + ": edited in place\n"},
+                 {{"scan", "--remove", dir / "root/tree/k"},
+                  killOnly,
+                  killOnly + ": no matching process; file left in place\n"}};
+    for (const auto& c : cases) {
+        auto r = run(c.args);
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        EXPECT_NE(r.out.find(c.line), std::string::npos) << r.out;
+        EXPECT_TRUE(VkFile::existsNoFollow(c.path));
+    }
+    EXPECT_EQ(VkPlist::contentsOfFile(safari)->get("LSEnvironment"), nullptr);
+    auto logs = nlohmann::json::parse(run({"--json", "logs"}).out);
+    ASSERT_EQ(logs.size(), 2u);
+    EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");
+    EXPECT_EQ(logs[1]["entries"][0]["operation"], "found");
+}
+
 // A finding named like the quarantine's list, then a scan of a tree that holds the data
 // folder: the list survives and the quarantine is never taken into itself.
 TEST_F(VkScanCommandTest, QuarantineNeverTakesItsOwnFolderNorItsList) {
@@ -247,6 +285,162 @@ TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
                             : item["originalPath"].get<std::string>());
     }
     EXPECT_EQ(listed, findings) << list.out;
+}
+
+// Nothing the scan did not examine is called clean: each such path is named on stderr,
+// counted, and the exit code says so. Made to work as root: a FIFO and a link named on the
+// command line, a file below /dev, and a finding deeper than a path can name.
+TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
+    std::string fifo = dir / "root/tree/pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::string link = dir / "root/alpha-link";
+    ASSERT_EQ(::symlink(alpha.c_str(), link.c_str()), 0);
+    // Never opened below /dev, whatever kind of file (shared memory is an ordinary one).
+    std::string shm = "/dev/shm/vk-test-" + std::to_string(::getpid());
+    ASSERT_TRUE(VkFile::writeAtomically(shm, std::string("alpha-synthetic-sample")).ok());
+    struct Case {
+        std::string path;
+        std::string reason;
+    } cases[] = {{fifo, "not a regular file"},
+                 {link, "a symbolic link (not followed)"},
+                 {shm, "below /dev (never opened)"}};
+    for (const auto& c : cases) {
+        auto r = run({"scan", c.path});
+        EXPECT_EQ(r.exitCode, 2) << c.path;
+        EXPECT_NE(r.err.find(c.path + ": " + c.reason + " ERROR\n"), std::string::npos) << r.err;
+        EXPECT_NE(r.out.find("Not examined:  1"), std::string::npos) << r.out;
+    }
+    ::unlink(shm.c_str());
+    // Deeper than PATH_MAX: still judged (relative to its folder) and found.
+    std::string deep = dir / "root/deep";
+    std::string component(200, 'd');
+    VkFile::createDirectory(deep, true);
+    ASSERT_EQ(::chdir(deep.c_str()), 0);
+    while (deep.size() < PATH_MAX + 300) {
+        ASSERT_EQ(::mkdir(component.c_str(), 0700), 0) << deep.size();
+        ASSERT_EQ(::chdir(component.c_str()), 0);
+        deep += "/" + component;
+    }
+    ASSERT_TRUE(VkFile::writeAtomically("deep.bin", std::string("alpha-synthetic-sample")).ok());
+    ASSERT_EQ(::chdir("/"), 0);
+    auto r = run({"scan", dir / "root/deep"});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_NE(r.out.find(deep + "/deep.bin: Test.Alpha FOUND"), std::string::npos) << r.err;
+}
+
+// As a user who cannot read some of the tree (when the test can become one).
+TEST_F(VkScanCommandTest, UnreadableFilesAndFoldersAreNotExaminedForANormalUser) {
+    if (::geteuid() != 0 || ::access("/usr/bin/setpriv", X_OK) != 0)
+        GTEST_SKIP() << "needs root and setpriv to drop to nobody";
+    std::string secret = dir.write("root/tree/secret/alpha.bin", "alpha-synthetic-sample");
+    std::string locked = dir.write("root/tree/locked.bin", "alpha-synthetic-sample");
+    ASSERT_EQ(std::system(("chown -R nobody " + dir.path()).c_str()), 0);
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chown(locked.c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod(locked.c_str(), 0600), 0);
+    ASSERT_EQ(::chown((dir / "root/tree/secret").c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod((dir / "root/tree/secret").c_str(), 0700), 0);
+    auto r = vkRunProgram("/usr/bin/setpriv",
+                          {"--reuid=nobody", "--regid=nogroup", "--clear-groups", kProgram,
+                           "--data-dir", dir / "data", "scan", tree},
+                          {{"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                           {"VK_SYSTEM_ROOT", dir / "root"},
+                           {"HOME", dir.path()}});
+    EXPECT_EQ(r.exitCode, 2) << r.out << r.err;
+    EXPECT_NE(r.err.find(locked + ": Permission denied ERROR"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(dir / "root/tree/secret: Permission denied ERROR"), std::string::npos)
+        << r.err;
+    EXPECT_NE(r.out.find("Not examined:  2"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(alpha + ": Test.Alpha FOUND"), std::string::npos) << r.out;
+}
+
+TEST_F(VkScanCommandTest, NoSignaturesOrNoRootIsAnErrorAndJsonSurvivesACorruptDatabase) {
+    std::string file = dir.write("plain", "x");
+    EXPECT_EQ(run({"--root", dir / "nope", "scan", tree}).exitCode, 2);
+    EXPECT_EQ(run({"--root", file, "scan", tree}).exitCode, 2);
+    auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "scan", tree},
+                             {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}});
+    EXPECT_EQ(none.exitCode, 2) << none.out;
+    EXPECT_NE(none.err.find("no signatures loaded from " + file + "/data"), std::string::npos)
+        << none.err;
+
+    dir.write("data/corrupt.sql", "this is not a database");
+    auto r = run({"--json", "scan", tree});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_NE(r.err.find("errorMsg"), std::string::npos) << r.err;
+    std::istringstream lines(r.out);
+    nlohmann::json last;
+    for (std::string line; std::getline(lines, line);)
+        last = nlohmann::json::parse(line);  // throws on a stray line
+    // The packaged database is installed beside the test's; the corrupt file gives nothing.
+    EXPECT_EQ(last["databases"], nlohmann::json::array({"test.sql", "VkTrojanDB.sql"}));
+    EXPECT_GE(last["signatures"].get<int>(), 3);
+}
+
+TEST_F(VkScanCommandTest, RelativePathsAreNormalisedForTrustAndItsRemoval) {
+    ASSERT_EQ(::chdir((dir / "root/tree").c_str()), 0);
+    auto r = run({"scan", "--trust", "./deep/../docs/"});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_NE(r.out.find(alpha + ": trusted"), std::string::npos) << r.out;
+    EXPECT_EQ(run({"scan", tree}).out.find(alpha), std::string::npos) << "trusted by a full path";
+    EXPECT_EQ(run({"trust", "remove", "docs/./alpha.bin"}).exitCode, 0);
+    EXPECT_EQ(run({"scan", "--trust", "docs"}).exitCode, 1);
+    EXPECT_EQ(run({"trust", "remove", "2"}).exitCode, 2);
+    EXPECT_EQ(run({"trust", "remove", "1"}).exitCode, 0);
+    EXPECT_NE(run({"trust", "list"}).out.find("empty"), std::string::npos);
+
+    // A name the cipher cannot take is refused, and nothing is stored.
+    dir.write("root/tree/odd/bad\xff.bin", "alpha-synthetic-sample");
+    auto odd = run({"scan", "--trust", "odd"});
+    EXPECT_EQ(odd.exitCode, 2) << odd.out;
+    EXPECT_NE(odd.out.find("NOT trusted"), std::string::npos) << odd.out;
+    EXPECT_NE(run({"trust", "list"}).out.find("empty"), std::string::npos);
+    ASSERT_EQ(::chdir("/"), 0);
+}
+
+TEST_F(VkScanCommandTest, AnInterruptedScanEndsWithTheSummaryAndExit130) {
+    for (int i = 0; i < 4000; ++i)
+        dir.write("root/many/f" + std::to_string(i), "");
+    auto r = vkRunProgram(
+        "/usr/bin/timeout",
+        {"--preserve-status", "-s", "INT", "0.5", kProgram, "--data-dir", dir / "data", "scan",
+         "--pace", dir / "root"},
+        {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}, {"VK_SYSTEM_ROOT", dir / "root"}});
+    EXPECT_EQ(r.exitCode, 130) << r.out << r.err;
+    EXPECT_NE(r.out.find("Scan:          custom (interrupted)"), std::string::npos) << r.out;
+}
+
+// On an empty data folder the monitor installs the packaged database and judges the test
+// file dropped while it was down as well as one dropped while it runs; with no signatures
+// at all it refuses to start.
+TEST_F(VkScanCommandTest, MonitorOnAFreshDataFolderJudgesFilesFromBeforeAndAfterItsStart) {
+    std::string eicar;
+    for (const char* part :
+         {"X5O!P%@AP[4\\PZX", "54(P^)7CC)7}$", "EICAR-STANDARD-ANTI", "VIRUS-TEST-FILE!", "$H+H*"})
+        eicar += part;
+    std::string data = dir / "fresh", downloads = dir.mkdir("dl");
+    dir.write("dl/before.com", eicar);
+    std::map<std::string, std::string> env = {{"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                                              {"XDG_DOWNLOAD_DIR", downloads},
+                                              {"HOME", dir.path()}};
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        dir.write("dl/after.com", eicar);
+    });
+    auto r = vkRunProgram(
+        "/usr/bin/timeout",
+        {"--preserve-status", "-s", "INT", "5", kProgram, "--data-dir", data, "monitor"}, env);
+    later.join();
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    auto logs = vkRunProgram(kProgram, {"--data-dir", data, "--json", "logs", "--monitor"}, env);
+    for (const char* name : {"/before.com", "/after.com"})
+        EXPECT_NE(logs.out.find(downloads + name), std::string::npos) << name << logs.out << r.out;
+
+    std::string file = dir.write("plain", "x");
+    auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "monitor"}, env);
+    EXPECT_EQ(none.exitCode, 2) << none.out;
+    EXPECT_NE(none.err.find("no signatures loaded from " + file + "/data"), std::string::npos)
+        << none.err;
 }
 
 }  // namespace

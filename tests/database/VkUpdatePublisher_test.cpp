@@ -10,6 +10,7 @@
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include "support/VkSignature.h"
 
 namespace {
 
@@ -35,17 +36,30 @@ class VkUpdatePublisherTest : public ::testing::Test {
 TEST_F(VkUpdatePublisherTest, WritesDatabasesAndAnEncipheredManifestWithDigests) {
     std::string a = makeDb("src/A.sql", "Alpha", "1.10");
     std::string b = makeDb("src/B.sql", "Beta", "2");
-    auto published = VkUpdatePublisher::publish(dir / "out", {a, b}, VkDate{1700000000});
+    auto keys = VkSignature::generateKeyPair();
+    ASSERT_TRUE(keys.ok());
+    VkUpdatePublisher::Options options;
+    options.date = VkDate{1700000000};
+    options.serial = 41;
+    options.privateKeyPem = keys->privatePem;
+    auto published = VkUpdatePublisher::publish(dir / "out", {a, b}, options);
     ASSERT_TRUE(published.ok()) << published.error();
+    EXPECT_EQ(published->signer, *VkSignature::fingerprint(keys->publicPem));
 
     auto body = VkFile::readAll(folder() + "/version.xml");
     ASSERT_TRUE(body.ok());
+    auto signature = VkFile::readAll(folder() + "/version.xml.sig");
+    ASSERT_TRUE(signature.ok());
+    EXPECT_TRUE(VkSignature::verify(keys->publicPem, reinterpret_cast<const uint8_t*>(body->data()),
+                                    body->size(), {signature->begin(), signature->end()}));
     auto plain = VkManifestCipher::decrypt({body->begin(), body->end()});
     ASSERT_TRUE(plain);
     auto manifest = VkAddTorjanItems::arrayWithContentsOfData(*plain);
     ASSERT_TRUE(manifest);
-    ASSERT_EQ(manifest->size(), 3u);
-    EXPECT_EQ((*manifest)[2].asDate()->secondsSince1970, 1700000000);
+    ASSERT_EQ(manifest->size(), 4u);
+    EXPECT_EQ((*manifest)[0].asInt64(), 41);
+    EXPECT_EQ((*manifest)[3].asDate()->secondsSince1970, 1700000000);
+    manifest->erase(manifest->begin());
     const char* names[] = {"Alpha", "Beta"};
     const char* versions[] = {"1.10", "2"};
     const char* files[] = {"A.sql", "B.sql"};
@@ -59,7 +73,14 @@ TEST_F(VkUpdatePublisherTest, WritesDatabasesAndAnEncipheredManifestWithDigests)
         EXPECT_EQ(
             *entry.getString("sha256"),
             *VkHashValue::hashWithData(served.data(), static_cast<uint32_t>(served.size()), 2));
+        EXPECT_EQ(entry.get("size")->asInt64(), static_cast<int64_t>(served.size()));
     }
+    // The next publish must not go back: clients refuse an older serial.
+    EXPECT_FALSE(VkUpdatePublisher::publish(dir / "out", {a}, options).ok());
+    options.serial = 0;
+    auto next = VkUpdatePublisher::publish(dir / "out", {a}, options);
+    ASSERT_TRUE(next.ok()) << next.error();
+    EXPECT_GT(next->serial, 41);
 }
 
 TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
@@ -74,7 +95,7 @@ TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
     std::vector<std::vector<std::string>> refused = {
         {}, {a, sameName}, {a, sameFile}, {undescribed}, {text}, {wrongName}, {dir / "none.sql"}};
     for (const auto& databases : refused) {
-        auto published = VkUpdatePublisher::publish(dir / "out", databases, std::nullopt);
+        auto published = VkUpdatePublisher::publish(dir / "out", databases, {});
         EXPECT_FALSE(published.ok()) << (databases.empty() ? "(none)" : databases.back());
         EXPECT_FALSE(published.ok() || published.error().empty());
         EXPECT_FALSE(VkFile::exists(dir / "out"));
@@ -83,13 +104,14 @@ TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
 
 TEST_F(VkUpdatePublisherTest, ManifestWithoutDateEndsWithTheLastEntry) {
     std::string a = makeDb("src/A.sql", "Alpha", "1.0");
-    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "out", {a}, std::nullopt).ok());
+    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "out", {a}, {}).ok());
     auto body = *VkFile::readAll(folder() + "/version.xml");
     auto manifest = VkAddTorjanItems::arrayWithContentsOfData(
         *VkManifestCipher::decrypt({body.begin(), body.end()}));
     ASSERT_TRUE(manifest);
-    ASSERT_EQ(manifest->size(), 1u);
-    EXPECT_TRUE((*manifest)[0].isDictionary());
+    ASSERT_EQ(manifest->size(), 2u);
+    EXPECT_TRUE((*manifest)[1].isDictionary());
+    EXPECT_FALSE(VkFile::exists(folder() + "/version.xml.sig")) << "published unsigned";
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkHashValue.h"
 
 namespace {
 
@@ -38,7 +39,8 @@ class VkScanWalkTest : public ::testing::Test {
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
     std::unique_ptr<VkTorjanScan> scanner() {
-        auto s = std::make_unique<VkTorjanScan>(ctx, anti);
+        auto s = std::make_unique<VkTorjanScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
+                                                ctx->pacing, anti);
         s->setPaceScans(false);
         s->setRecordLoader([ctx = ctx] { return VkSqliteManager::loadAllRecords(ctx); });
         return s;
@@ -211,6 +213,31 @@ TEST_F(VkScanWalkTest, QuickScanReportsFilesNotFoldersAndLeavesIsStopScanAlone) 
     EXPECT_EQ(r->torjanItem(), nullptr);
     EXPECT_TRUE(r->hashCode().has_value());
     EXPECT_EQ(d->progress().back().progress, 1.0f);
+}
+
+// A launch agent that is a link is hashed through it, but only while it stays in the root.
+TEST_F(VkScanWalkTest, QuickScanHashesALinkedLaunchAgentOnlyInsideTheRoot) {
+    std::string folder = VkFile::join(root, "Users/tester/Library/LaunchAgents");
+    std::string plist = VkFile::join(folder, "com.apple.legion.plist");
+    dir.mkdir("root/Users/tester/Library/mdsa1331");
+    VkPlist agent = VkPlist::dictionary({{"Program", "/Users/tester/Library/mdsa1331"}});
+    for (std::string target : {dir / "root/Users/tester/.real.plist", dir / "outside.plist"}) {
+        ASSERT_TRUE(agent.writeXmlFile(target).ok());
+        VkFile::createDirectory(folder, true);
+        ::unlink(plist.c_str());
+        ASSERT_EQ(::symlink(target.c_str(), plist.c_str()), 0);
+        auto d = std::make_shared<BlockingDelegate>();
+        d->release = true;
+        auto s = scanner();
+        s->startQuickScan(d);
+        ASSERT_TRUE(d->waitForEnd());
+        bool inside = target.rfind(root, 0) == 0;
+        ASSERT_EQ(d->results().size(), inside ? 1u : 0u) << target;
+        if (inside) {
+            EXPECT_EQ(d->results()[0]->path(), plist);
+            EXPECT_EQ(d->results()[0]->hashCode(), VkHashValue::hashWholeFile(target, 0));
+        }
+    }
 }
 
 TEST_F(VkScanWalkTest, SingleFileCheckAnswersOnceWithTheSender) {

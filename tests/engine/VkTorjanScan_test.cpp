@@ -77,7 +77,8 @@ class VkTorjanScanTest : public ::testing::Test {
   protected:
     VkTorjanScanTest() {
         ctx->pacing = pacing;
-        scan = std::make_unique<CountingScan>(ctx);
+        scan = std::make_unique<CountingScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
+                                              ctx->pacing);
     }
 
     // A plain-text record that the contents match, as a loaded and deciphered record is.

@@ -62,17 +62,14 @@ TEST_F(VkFileMonLogsOperTest, LoadsTheClientsRecordsAndSubscribesWithoutTellingA
     client->archive = archiveOf({"/a", "/b"});
     auto oper = makeOper();
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/a", "/b"}));
-    EXPECT_EQ(oper->logsFileCount(), 2u);
     EXPECT_EQ(client->fileMonLogsCalls, 1);
     ASSERT_EQ(client->delegates.size(), 1u);
     EXPECT_FALSE(client->delegates[0].expired());
-
     auto listener = std::make_shared<CountingListener>();
     oper->addFileMonLogsDelegate(listener);
     EXPECT_EQ(listener->calls, 0);
-}
 
-TEST_F(VkFileMonLogsOperTest, AnUnreachableOrUnreadableClientGivesNoRecords) {
+    // An unreachable client, one that answers garbage, or none at all: no records.
     client->archive = std::nullopt;
     EXPECT_EQ(makeOper()->logsFileCount(), 0u);
     client->archive = std::vector<uint8_t>{1, 2, 3};
@@ -81,78 +78,55 @@ TEST_F(VkFileMonLogsOperTest, AnUnreachableOrUnreadableClientGivesNoRecords) {
     EXPECT_EQ(makeOper()->logsFileCount(), 0u);
 }
 
-TEST_F(VkFileMonLogsOperTest, ASecondRegistrationOfTheSameListenerIsIgnored) {
+TEST_F(VkFileMonLogsOperTest, PushedListsReplaceTheRecordsAndTellEachListenerOnce) {
+    client->archive = archiveOf({"/kept"});
     auto oper = makeOper();
     auto listener = std::make_shared<CountingListener>(oper.get());
     auto other = std::make_shared<CountingListener>(oper.get());
     oper->addFileMonLogsDelegate(listener);
     oper->addFileMonLogsDelegate(other);
-    oper->addFileMonLogsDelegate(listener);
+    oper->addFileMonLogsDelegate(listener);  // a second registration is ignored
 
-    client->push(archiveOf({"/x"}));
-    EXPECT_EQ(listener->calls, 1);
-    EXPECT_EQ(other->calls, 1);
-    client->push(archiveOf({"/x", "/y"}));
-    EXPECT_EQ(listener->calls, 2);
-    // Told after the list was replaced.
-    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2}));
-    EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/x", "/y"}));
-}
-
-TEST_F(VkFileMonLogsOperTest, BytesThatAreNoArchiveChangeNothing) {
-    client->archive = archiveOf({"/kept"});
-    auto oper = makeOper();
-    auto listener = std::make_shared<CountingListener>();
-    oper->addFileMonLogsDelegate(listener);
-
+    // Bytes that are no archive, an archive of something else or of nil change nothing.
     client->push({'g', 'a', 'r', 'b', 'a', 'g', 'e'});
     client->push({});
-    // An archive of something else, and an archive of nil.
     client->push(*VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue("text")));
     client->push(*VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue()));
     EXPECT_EQ(listener->calls, 0);
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/kept"}));
 
-    // An empty list is a change like any other.
-    client->push(archiveOf({}));
-    EXPECT_EQ(listener->calls, 1);
-    EXPECT_EQ(oper->logsFileCount(), 0u);
-}
+    client->push(archiveOf({"/x"}));
+    client->push(archiveOf({"/x", "/y"}));
+    client->push(archiveOf({}));  // an empty list is a change like any other
+    EXPECT_EQ(other->calls, 3);
+    // Told after the list was replaced.
+    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2, 0}));
 
-TEST_F(VkFileMonLogsOperTest, RemoveAllLogsEmptiesTheListEvenWhenTheClientFails) {
-    client->archive = archiveOf({"/a", "/b"});
+    // Removing empties the list even when the client fails.
+    client->push(archiveOf({"/a", "/b"}));
     client->removeSucceeds = false;
-    auto oper = makeOper();
-    auto listener = std::make_shared<CountingListener>(oper.get());
-    oper->addFileMonLogsDelegate(listener);
-
     oper->removeAllLogs();
     EXPECT_EQ(client->removeCalls, 1);
     EXPECT_EQ(oper->logsFileCount(), 0u);
-    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{0}));
+    EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2, 0, 2, 0}));
 }
 
-TEST_F(VkFileMonLogsOperTest, RegistersAgainWhenTheClientHasReconnected) {
-    auto oper = makeOper();
-    EXPECT_EQ(client->registerCalls, 1);
-    ctx->notificationCenter->post("RegisterNetClientDidEnd", client.get());
-    ctx->notificationCenter->post("RegisterNetClientDidEnd");
-    EXPECT_EQ(client->registerCalls, 3);
-    ctx->notificationCenter->post("SomethingElse");
-    EXPECT_EQ(client->registerCalls, 3);
-    // Still the one receiver.
-    EXPECT_EQ(client->delegates.size(), 1u);
-}
-
-TEST_F(VkFileMonLogsOperTest, NothingReachesAnInstanceThatIsGone) {
+TEST_F(VkFileMonLogsOperTest, RegistersAgainOnReconnectAndNothingReachesAnInstanceThatIsGone) {
     auto oper = makeOper();
     auto listener = std::make_shared<CountingListener>();
     oper->addFileMonLogsDelegate(listener);
+    EXPECT_EQ(client->registerCalls, 1);
+    ctx->notificationCenter->post("RegisterNetClientDidEnd", client.get());
+    ctx->notificationCenter->post("RegisterNetClientDidEnd");
+    ctx->notificationCenter->post("SomethingElse");
+    EXPECT_EQ(client->registerCalls, 3);
+    EXPECT_EQ(client->delegates.size(), 1u) << "still the one receiver";
+
     oper.reset();
     client->push(archiveOf({"/late"}));
     ctx->notificationCenter->post("RegisterNetClientDidEnd");
     EXPECT_EQ(listener->calls, 0);
-    EXPECT_EQ(client->registerCalls, 1);
+    EXPECT_EQ(client->registerCalls, 3);
 }
 
 }  // namespace

@@ -51,9 +51,9 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
     Listener listener;
     logs.setScanLogsOperDelegate(&listener);
     logs.scanEnd(1);
-    logs.addScanLogsArray({result("a/evil.bin", "Test.A"), result("b/bad.bin", "Test.B")});
+    auto evil = result("a/evil.bin", "Test.A");
+    logs.addScanLogsArray({evil, result("b/bad.bin", "Test.B")});
     auto file = onDisk(logs);
-    ASSERT_TRUE(file.asArray());
     ASSERT_EQ(file.asArray()->size(), 1u);
     const VkPlist& node = file.asArray()->at(0);
     EXPECT_EQ(*node.get("ScanType")->asInt64(), 1);
@@ -66,24 +66,19 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
     EXPECT_EQ(*items[0].get("OperType")->asInt64(), 2);
     EXPECT_EQ(*items[0].getString("TrojanName"), "Test.A");
     EXPECT_EQ(listener.refreshes, 4) << "scanEnd, two items, and the final write";
-}
 
-TEST_F(VkScanLogsTest, AnAlreadyListedFileOnlyChangesItsOperationUntilTheNextWrite) {
-    ctx->userDefaults->setInteger("LogsKeepDay", 30);
-    VkScanLogsOper logs(ctx);
-    auto r = result("a/evil.bin", "Test.A");
-    logs.scanEnd(0);
-    logs.addScanLogsArray({r});
-    logs.addScanLogsItem(r, 1);
-    ASSERT_EQ(logs.currentLogs()->scanLogsItems().size(), 1u);
+    // An already listed file only changes its operation, on disk at the next write.
+    auto operOnDisk = [&] {
+        VkPlist file = onDisk(logs);
+        const VkPlist& item = file.asArray()->at(0).get("ScanItems")->asArray()->at(0);
+        return *item.get("OperType")->asInt64();
+    };
+    logs.addScanLogsItem(evil, 1);
+    ASSERT_EQ(logs.currentLogs()->scanLogsItems().size(), 2u);
     EXPECT_EQ(logs.currentLogs()->scanLogsItems()[0]->operType(), 1);
-    auto stale = onDisk(logs);
-    EXPECT_EQ(*stale.asArray()->at(0).get("ScanItems")->asArray()->at(0).get("OperType")->asInt64(),
-              2);
+    EXPECT_EQ(operOnDisk(), 2);
     logs.saveFileMonToDisk();
-    auto fresh = onDisk(logs);
-    EXPECT_EQ(*fresh.asArray()->at(0).get("ScanItems")->asArray()->at(0).get("OperType")->asInt64(),
-              1);
+    EXPECT_EQ(operOnDisk(), 1);
 }
 
 TEST_F(VkScanLogsTest, RetentionByLogsKeepDay) {

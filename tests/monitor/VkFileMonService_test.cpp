@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <fcntl.h>
 #include <mutex>
 #include <poll.h>
 #include <sys/socket.h>
@@ -175,6 +176,29 @@ TEST_F(VkFileMonServiceTest, RecordsAnInfectedDownloadAndNotACleanOne) {
     EXPECT_EQ((**stored)[0]->filePath(), bad);
     EXPECT_EQ(statusNumber("Records"), 1u);
     EXPECT_EQ(statusNumber("Signatures"), 1u);
+}
+
+// A start judges what arrived while the monitor was down; after a restart, only what
+// changed since its last run, so a restart does not read the whole folder again.
+TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunOnly) {
+    std::string early = watchFolder + "/early.bin";
+    vkmon::dropFile(early, evil);
+    auto first = startService();
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(early); }));
+    first.reset();
+    {
+        std::lock_guard lock(mutex);
+        judged.clear();
+    }
+    // A last run noted after every file changed.
+    struct timespec later[2] = {{::time(nullptr) + 600, 0}, {::time(nullptr) + 600, 0}};
+    std::string stamp = ctx->dataFolder + "/monitor.lastrun";
+    ASSERT_EQ(::utimensat(AT_FDCWD, stamp.c_str(), later, 0), 0);
+    auto runner = startService();
+    std::string late = watchFolder + "/late.bin";
+    vkmon::dropFile(late, evil);
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
+    EXPECT_FALSE(wasJudged(early));
 }
 
 TEST_F(VkFileMonServiceTest, LoadsSignaturesAgainWhenADatabaseAppears) {

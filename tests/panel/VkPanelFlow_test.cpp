@@ -194,7 +194,9 @@ class VkPanelFlowTest : public ::testing::Test {
     std::shared_ptr<int> scanEnds;
 };
 
-TEST_F(VkPanelFlowTest, MainScreenShowsStatusUpdateLineAndDropArea) {
+// The panel starts the monitor on first run and never sets the switch when that works, so
+// the switch must start on to agree with the text; a click then switches the monitor off.
+TEST_F(VkPanelFlowTest, MainScreenShowsStatusAndTheMonitorSwitchOnUntilClicked) {
     EXPECT_TRUE(shown(find("mainView")));
     EXPECT_TRUE(shown(find("userScanView")));
     EXPECT_TRUE(shown(find("headView")));
@@ -204,17 +206,12 @@ TEST_F(VkPanelFlowTest, MainScreenShowsStatusUpdateLineAndDropArea) {
     EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
     EXPECT_EQ(label("lastUpdateText"), ctx->localizer->localizedString("Security-50-1"));
     screenshot("main");
-}
 
-// The panel starts the monitor on first run and never sets the switch when that works, so
-// the switch must start on to agree with the text; a click then switches the monitor off.
-TEST_F(VkPanelFlowTest, MonitorStartedOnFirstRunShowsTheSwitchOnAndAClickTurnsItOff) {
     auto* toggle = panel->findChild<VkSwitchButton*>("startFileMon");
     ASSERT_NE(toggle, nullptr);
     EXPECT_EQ(net->statCalls, std::vector<bool>{true});
     EXPECT_TRUE(toggle->isOn());
     EXPECT_EQ(panel->panelView().text("fileMonOnText"), "File monitoring is on");
-
     QTest::mouseClick(toggle, Qt::LeftButton);
     EXPECT_FALSE(toggle->isOn());
     EXPECT_EQ(net->statCalls, (std::vector<bool>{true, false}));
@@ -388,7 +385,7 @@ TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {
     EXPECT_TRUE(shown(find("mainView")));
 }
 
-TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndShowTheIndicators) {
+TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndTheRowButtonRevealsItsFile) {
     dir.write("root/Users/me/a-small.bin", kSample);
     dir.write("root/Users/me/z-big.bin", kBigSample);
     dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
@@ -410,18 +407,14 @@ TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndShowTheIndicators) {
     clickHeader(results, "prcoessColumn");
     EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSAscendingSortIndicator");
     EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
-}
 
-TEST_F(VkPanelFlowTest, RowButtonRevealsTheFileOfItsRow) {
-    std::string planted = dir.write("root/Users/me/setup.bin", kSample);
-    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
-    VkTrojanOutlineView* results = trojan()->resultView();
+    // The row button reveals the file of its row.
     QRect row = results->visualRect(results->rowModel()->index(0, 1));
     QTest::mouseMove(results->viewport(), row.center());
     results->mouseMoved(row.center());
     ASSERT_EQ(VkTrojanOutlineView::tag(results->moveButton()), 0);
     QTest::mouseClick(results->moveButton(), Qt::LeftButton);
-    EXPECT_EQ(*revealed, Lines{planted});
+    EXPECT_EQ(*revealed, Lines{dir / "root/Users/me/a-small.bin"});
 }
 
 }  // namespace

@@ -45,76 +45,52 @@ class VkFileRefTest : public ::testing::Test {
         EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
         return st;
     }
+    std::vector<std::string> names() { return VkFile::listDirectory(dir_.path()).value(); }
 
     VkTempDir dir_;
 };
 
-TEST_F(VkFileRefTest, MissingPathWithoutCreateFailsAndCreatesNothing) {
+TEST_F(VkFileRefTest, MissingPathIsCreatedOnlyWhenAskedAndNeverItsFolder) {
     std::string path = dir_ / "icon";
     VkFileRef ref;
     ref.path = "untouched";
     EXPECT_FALSE(getFSRef(path, &ref, false));
-    EXPECT_FALSE(VkFile::existsNoFollow(path));
     EXPECT_EQ(ref.path, "untouched");
-    auto names = VkFile::listDirectory(dir_.path());
-    ASSERT_TRUE(names.ok());
-    EXPECT_TRUE(names->empty());
-}
+    EXPECT_TRUE(names().empty());
+    EXPECT_FALSE(getFSRef(dir_ / "missing/icon", &ref, true));
+    EXPECT_FALSE(getFSRef("", &ref, true));
+    EXPECT_FALSE(getFSRef(path, nullptr, true));
+    EXPECT_TRUE(names().empty());
 
-TEST_F(VkFileRefTest, MissingPathWithCreateLeavesAnEmptyFileAndRefersToIt) {
-    std::string path = dir_ / "icon";
-    VkFileRef ref;
     ASSERT_TRUE(getFSRef(path, &ref, true));
     struct stat st = statOf(path);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_size, 0);
     EXPECT_EQ(ref.inode, st.st_ino);
     EXPECT_EQ(ref.device, st.st_dev);
-    EXPECT_EQ(ref.path[0], '/');
     EXPECT_EQ(statOf(ref.path).st_ino, st.st_ino);
-    // No temporary file is left beside it.
-    auto names = VkFile::listDirectory(dir_.path());
-    ASSERT_TRUE(names.ok());
-    EXPECT_EQ(*names, std::vector<std::string>{"icon"});
+    EXPECT_EQ(names(), std::vector<std::string>{"icon"}) << "no temporary file left beside it";
 }
 
-TEST_F(VkFileRefTest, ExistingFileOrFolderIsReferredToAndLeftAsItIs) {
-    std::string file = dir_.write("keep.txt", "contents");
+TEST_F(VkFileRefTest, ExistingItemsAreReferredToByAbsolutePathAndLeftAsTheyAre) {
+    std::string file = dir_.write("real/keep.txt", "contents");
     std::string folder = dir_.mkdir("Folder");
+    std::string link = dir_ / "link";
+    ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+    char* resolved = ::realpath(file.c_str(), nullptr);
+    ASSERT_NE(resolved, nullptr);
+    std::string expected = resolved;
+    std::free(resolved);
     for (bool create : {false, true}) {
         VkFileRef ref;
-        ASSERT_TRUE(getFSRef(file, &ref, create));
+        ASSERT_TRUE(getFSRef(dir_ / "real/../link", &ref, create));
+        EXPECT_EQ(ref.path, expected);
         EXPECT_EQ(ref.inode, statOf(file).st_ino);
         EXPECT_EQ(*VkFile::readAll(file), "contents");
         VkFileRef folderRef;
         ASSERT_TRUE(getFSRef(folder, &folderRef, create));
         EXPECT_EQ(folderRef.inode, statOf(folder).st_ino);
     }
-}
-
-TEST_F(VkFileRefTest, PathIsMadeAbsoluteWithLinksResolved) {
-    std::string target = dir_.write("real/target", "x");
-    std::string link = dir_ / "link";
-    ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
-    char* resolved = ::realpath(target.c_str(), nullptr);
-    ASSERT_NE(resolved, nullptr);
-    std::string expected = resolved;
-    std::free(resolved);
-
-    VkFileRef ref;
-    ASSERT_TRUE(getFSRef(dir_ / "real/../link", &ref, false));
-    EXPECT_EQ(ref.path, expected);
-    EXPECT_EQ(ref.inode, statOf(target).st_ino);
-}
-
-TEST_F(VkFileRefTest, RefusesWhatCannotBeCreatedOrFilled) {
-    VkFileRef ref;
-    // The parent folder is not created for the file.
-    EXPECT_FALSE(getFSRef(dir_ / "missing/icon", &ref, true));
-    EXPECT_FALSE(VkFile::exists(dir_ / "missing"));
-    EXPECT_FALSE(getFSRef("", &ref, true));
-    EXPECT_FALSE(getFSRef(dir_ / "icon", nullptr, true));
-    EXPECT_FALSE(VkFile::existsNoFollow(dir_ / "icon"));
 }
 
 }  // namespace

@@ -1,7 +1,12 @@
-// End to end: `vksig publish` writes an update folder, a loopback HTTP server serves it, and
-// `vksecurity update` fetches, stages and installs from it.
+// End to end: `vksig keygen` and `vksig publish --key` write a signed update folder, a loopback
+// HTTP server serves it, and `vksecurity update` verifies, fetches, stages and installs from
+// it, or refuses it and leaves the data folder as it was.
 
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -9,6 +14,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "database/VkAddTorjanItems.h"
 #include "database/VkSqliteManager.h"
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
@@ -45,8 +51,33 @@ class VkSigPublishTest : public ::testing::Test {
             vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program, args,
                          {{"VK_DATA_DIR", dir / "data"},
                           {"VK_DEFAULTS_FILE", dir / "defaults.plist"},
-                          {"VK_RESOURCE_DIR", dir / "resources"}});
+                          {"VK_RESOURCE_DIR", dir / "resources"},
+                          {"VK_UPDATE_KEYS_DIR", dir / "trusted"}});
         return ProgramRun{r.exitCode, r.out, r.err};
+    }
+    // A key pair made by vksig; with `trust`, its public half is given to the client.
+    std::string keygen(const std::string& name, bool trust) {
+        dir.mkdir("keys");
+        ProgramRun made = run("vksig", {"keygen", dir / ("keys/" + name)});
+        EXPECT_EQ(made.code, 0) << made.err;
+        if (trust)
+            dir.write("trusted/" + name + ".pub",
+                      *VkFile::readAll(dir / ("keys/" + name + ".pub")));
+        return dir / ("keys/" + name + ".key");
+    }
+    // Every regular file below the data folder with its bytes.
+    std::map<std::string, std::string> dataFiles() {
+        std::map<std::string, std::string> files;
+        if (!std::filesystem::exists(dir / "data"))
+            return files;
+        for (const auto& e : std::filesystem::recursive_directory_iterator(dir / "data")) {
+            if (e.is_regular_file())
+                files[e.path().string()] = *VkFile::readAll(e.path().string());
+        }
+        return files;
+    }
+    std::string served(const std::string& name) {
+        return dir / ("www/velkora_soft_upgrade_files/trojanupdate/" + name);
     }
     std::string url() { return "http://127.0.0.1:" + std::to_string(port); }
     std::string manifest() {
@@ -60,24 +91,32 @@ class VkSigPublishTest : public ::testing::Test {
 };
 
 TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
+    std::string key = keygen("publisher", true);
+    struct stat status {};
+    ASSERT_EQ(::stat(key.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    ProgramRun again = run("vksig", {"keygen", dir / "keys/publisher"});
+    EXPECT_EQ(again.code, 2) << "a key is never overwritten";
     std::string db = dir / "Mine.sql";
     ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1.2"}).code, 0);
-    ProgramRun published = run("vksig", {"publish", dir / "www", db, "--date", "2024-05-01"});
+    ProgramRun published =
+        run("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key});
     ASSERT_EQ(published.code, 0) << published.err;
     EXPECT_NE(published.out.find("sha256"), std::string::npos);
     EXPECT_TRUE(VkFile::exists(manifest()));
 
     ProgramRun update = run("vksecurity", {"update", "--server", url()});
     ASSERT_EQ(update.code, 0) << update.out << update.err;
+    EXPECT_NE(update.out.find("signed by key"), std::string::npos) << update.out;
     EXPECT_NE(update.out.find("downloaded Mine 1.2"), std::string::npos) << update.out;
     EXPECT_NE(update.out.find("installed " + (dir / "data/Mine.sql")), std::string::npos)
         << update.out;
     EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
-    ProgramRun again = run("vksecurity", {"--json", "update", "--server", url()});
-    ASSERT_EQ(again.code, 0) << again.err;
-    auto report = nlohmann::json::parse(again.out);
+    ProgramRun second = run("vksecurity", {"--json", "update", "--server", url()});
+    ASSERT_EQ(second.code, 0) << second.err;
+    auto report = nlohmann::json::parse(second.out);
     EXPECT_EQ(report["updateDate"], "2024-05-01T00:00:00Z");
     ASSERT_EQ(report["entries"].size(), 1u);
     EXPECT_EQ(report["entries"][0]["action"], "current");
@@ -93,6 +132,133 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     EXPECT_TRUE(dbs["staged"].empty());
 }
 
+// Each way of slipping in other databases than the publisher's: refused with its reason,
+// nothing installed, every file of the data folder as it was.
+TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
+    std::string key = keygen("publisher", true);
+    std::string stranger = keygen("stranger", false);
+    std::string v1 = dir / "v1/Mine.sql";
+    std::string v2 = dir / "v2/Mine.sql";
+    std::string other = dir / "other/Mine.sql";
+    VkFile::createDirectory(dir / "v1", true);
+    VkFile::createDirectory(dir / "v2", true);
+    VkFile::createDirectory(dir / "other", true);
+    ASSERT_EQ(run("vksig", {"create", v1, "--name", "Mine", "--version", "1"}).code, 0);
+    ASSERT_EQ(run("vksig", {"create", v2, "--name", "Mine", "--version", "2"}).code, 0);
+    ASSERT_EQ(run("vksig", {"create", other, "--name", "Mine", "--version", "2"}).code, 0);
+    ASSERT_EQ(run("vksig", {"add", other, "--size", "3", "--code",
+                            "0123456789abcdef0123456789abcdef", "--name", "Not.Publishers"})
+                  .code,
+              0);
+    auto publish = [&](const std::string& db, const std::string& signer,
+                       const std::string& serial) {
+        std::filesystem::remove_all(dir / "www");
+        std::vector<std::string> args = {"publish", dir / "www", db, "--serial", serial};
+        if (!signer.empty()) {
+            args.push_back("--key");
+            args.push_back(signer);
+        }
+        ProgramRun published = run("vksig", args);
+        ASSERT_EQ(published.code, 0) << published.err;
+    };
+    publish(v1, key, "100");
+    ASSERT_EQ(run("vksecurity", {"update", "--server", url()}).code, 0);
+    const auto before = dataFiles();
+    ASSERT_EQ(before.at(dir / "data/Mine.sql"), *VkFile::readAll(v1));
+
+    struct Case {
+        const char* name;
+        std::function<void()> tamper;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {"manifest changed",
+         [&] {
+             publish(v2, key, "200");
+             std::string body = *VkFile::readAll(served("version.xml"));
+             body[body.size() / 2] ^= 1;
+             VkFile::writeAtomically(served("version.xml"), body);
+         },
+         "signature does not verify"},
+        {"database changed",
+         [&] {
+             publish(v2, key, "200");
+             std::string body = *VkFile::readAll(served("Mine.sql"));
+             body[body.size() / 2] ^= 1;
+             VkFile::writeAtomically(served("Mine.sql"), body);
+         },
+         "not the signed file"},
+        {"unknown key", [&] { publish(v2, stranger, "200"); }, "none of the 1 trusted key"},
+        {"truncated signature",
+         [&] {
+             publish(v2, key, "200");
+             VkFile::writeAtomically(served("version.xml.sig"),
+                                     VkFile::readAll(served("version.xml.sig"))->substr(0, 40));
+         },
+         "40 bytes, not an Ed25519 signature"},
+        {"older manifest replayed", [&] { publish(v2, key, "99"); }, "older than the last one"},
+        {"signature of another manifest",
+         [&] {
+             publish(v2, key, "200");
+             std::string signature = *VkFile::readAll(served("version.xml.sig"));
+             publish(v2, key, "201");
+             VkFile::writeAtomically(served("version.xml.sig"), signature);
+         },
+         "signature does not verify"},
+        {"unsigned", [&] { publish(v2, "", "200"); }, "not signed"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.tamper();
+        ProgramRun refused = run("vksecurity", {"update", "--server", url()});
+        EXPECT_EQ(refused.code, 2) << refused.out;
+        EXPECT_NE((refused.out + refused.err).find(c.reason), std::string::npos)
+            << refused.out << refused.err;
+        EXPECT_TRUE(dataFiles() == before) << "the data folder changed";
+    }
+
+    // A staged file swapped before it is applied: the check stages the publisher's file, the
+    // swap puts another in its place, and applying deletes it instead of installing it.
+    publish(v2, key, "300");
+    auto ctx = VkContext::forTesting(dir / "client");
+    ctx->dataFolder = dir / "data";
+    ctx->updateKeysFolder = dir / "trusted";
+    ctx->updateServer = url();
+    VkAddTorjanItems updater(ctx);
+    VkUpdateReport staged = updater.checkUpdateOnce();
+    ASSERT_EQ(staged.entries.size(), 1u);
+    ASSERT_EQ(staged.entries[0].action, VkUpdateReport::Action::Downloaded);
+    VkFile::writeAtomically(dir / "data/temp/Mine.sql", *VkFile::readAll(other));
+    std::vector<std::string> refusedFiles;
+    EXPECT_TRUE(updater.copyToLocalPath(&refusedFiles).empty());
+    ASSERT_EQ(refusedFiles.size(), 1u);
+    EXPECT_NE(refusedFiles[0].find("not the file the signed manifest lists"), std::string::npos)
+        << refusedFiles[0];
+    EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v1));
+    EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
+
+    // The next check fetches the publisher's file again and installs it.
+    ProgramRun healed = run("vksecurity", {"update", "--server", url()});
+    EXPECT_EQ(healed.code, 0) << healed.err;
+    EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v2));
+}
+
+TEST_F(VkSigPublishTest, UnsignedUpdatesOnlyWhenAllowed) {
+    std::string db = dir / "Mine.sql";
+    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1"}).code, 0);
+    ProgramRun published = run("vksig", {"publish", dir / "www", db});
+    ASSERT_EQ(published.code, 0) << published.err;
+    EXPECT_NE(published.err.find("unsigned"), std::string::npos) << "publishing warns";
+    ProgramRun refused = run("vksecurity", {"update", "--server", url()});
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_NE(refused.err.find("AllowUnsignedUpdates"), std::string::npos) << refused.err;
+    EXPECT_FALSE(VkFile::exists(dir / "data/Mine.sql"));
+    ProgramRun allowed = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
+    EXPECT_EQ(allowed.code, 0) << allowed.err;
+    EXPECT_NE(allowed.out.find("UNSIGNED"), std::string::npos) << allowed.out;
+    EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
+}
+
 TEST_F(VkSigPublishTest, UnreachableServerAndUndecipherableManifestExitWithTwo) {
     ProgramRun down = run("vksecurity", {"update", "--server", "http://127.0.0.1:1"});
     EXPECT_EQ(down.code, 2);
@@ -104,7 +270,7 @@ TEST_F(VkSigPublishTest, UnreachableServerAndUndecipherableManifestExitWithTwo) 
 
     VkFile::createDirectory(dir / "www/velkora_soft_upgrade_files/trojanupdate", true);
     ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
-    ProgramRun garbled = run("vksecurity", {"update", "--server", url()});
+    ProgramRun garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
     EXPECT_EQ(garbled.code, 2);
     EXPECT_NE(garbled.err.find("does not decipher"), std::string::npos) << garbled.err;
     EXPECT_FALSE(VkFile::exists(dir / "data/temp"));

@@ -82,7 +82,7 @@ class VksigTest : public ::testing::Test {
 
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
-    VkTorjanScan scan{ctx};
+    VkTorjanScan scan{ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing};
     std::string db = dir / "test.sql";
 };
 
