@@ -196,10 +196,11 @@ VkResult<void> VkFileMonService::start() {
     // takes only those changed since its last run.
     // Whatever changes from now on is seen by the watches, which are in place already.
     double lastRun = lastRunTime();
-    startupCutoff_ = lastRun > 0 ? lastRun - kStampSeconds - kStampMargin : 1;
+    startupCutoff_ = lastRun > 0 ? lastRun - kStampSeconds - kStampMargin : 0;
     startupUntil_ = wallClockNow();
     for (const std::string& folder : wanted_)
         rescanRoots_.push_back(folder);
+    startupRootsLeft_ = rescanRoots_.size();
     stampLastRun();
     startTime_ = ctx_->clock->now();
     started_ = true;
@@ -385,7 +386,7 @@ void VkFileMonService::queueRescan(const std::string& folder) {
 void VkFileMonService::rescanEverything() {
     // Judging a file again costs little (most sizes match no record) and adds no second
     // record for the same file, so looking at everything again is the safe answer.
-    startupCutoff_ = 0;
+    startupRootsLeft_ = 0;
     rescan_.reset();
     rescanRoots_.clear();
     for (const std::string& folder : watcher_->folders())
@@ -397,12 +398,16 @@ bool VkFileMonService::rescanStep(double now) {
     std::error_code ec;
     while (!rescan_ || *rescan_ == fs::recursive_directory_iterator()) {
         rescan_.reset();
-        if (rescanRoots_.empty()) {
-            startupCutoff_ = 0;  // the first look is over: later looks judge everything
+        if (rescanRoots_.empty())
             return false;
-        }
         std::string root = rescanRoots_.front();
         rescanRoots_.pop_front();
+        // Only the first look at the folders watched from the start is cut off at the last
+        // run; a folder queued since (made while the monitor runs, before its watch was in
+        // place) holds only new files, and all of them are judged.
+        rootIsStartup_ = startupRootsLeft_ > 0;
+        if (rootIsStartup_)
+            --startupRootsLeft_;
         fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
                                             ec);
         if (!ec)
@@ -420,8 +425,8 @@ bool VkFileMonService::rescanStep(double now) {
     } else if (entry.is_regular_file(ec) && !isOurs(path)) {
         struct stat st {};
         // Moved into place or written since the last run (either time says so) and before
-        // this start: later files are the watches' business.
-        bool wanted = startupCutoff_ <= 0;
+        // this start: later files in these folders are the watches' business.
+        bool wanted = !rootIsStartup_;
         if (!wanted && ::lstat(path.c_str(), &st) == 0) {
             double changed = std::max(secondsOf(st.st_mtim), secondsOf(st.st_ctim));
             wanted = changed >= startupCutoff_ && changed < startupUntil_;

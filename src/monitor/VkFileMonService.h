@@ -121,10 +121,14 @@ class VkFileMonService {
     uint64_t pushedGeneration_ = 0;
     double nextHousekeeping_ = 0;
     double startTime_ = 0;
-    // The first look at the watched folders judges only files changed since this time (the
-    // last run), so a restart is cheap; 0 once that look is over.
+    // The first look at the watched folders (the first startupRootsLeft_ roots to rescan)
+    // judges only files changed since startupCutoff_ (the last run, 0 when never) and before
+    // startupUntil_ (the start), so a restart is cheap; rootIsStartup_ says whether the root
+    // being looked at is one of them. A folder queued later is looked at whole.
     double startupCutoff_ = 0;
     double startupUntil_ = 0;
+    size_t startupRootsLeft_ = 0;
+    bool rootIsStartup_ = false;
     double nextStamp_ = 0;
     bool started_ = false;
     std::atomic<bool> stop_{false};
