@@ -4,19 +4,20 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <map>
 #include <thread>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include "database/VkManifestCipher.h"
 #include "database/VkSqliteManager.h"
 #include "database/VkUpdatePublisher.h"
+#include "fakes/VkFolderServer.h"
 #include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
 
@@ -24,6 +25,15 @@ namespace {
 
 using namespace std::chrono_literals;
 using Action = VkUpdateReport::Action;
+using Actions = std::vector<Action>;
+
+// What the check did with each manifest entry, in order.
+Actions actionsOf(const VkUpdateReport& report) {
+    Actions out;
+    for (const auto& entry : report.entries)
+        out.push_back(entry.action);
+    return out;
+}
 
 constexpr const char* kFolder = "/velkora_soft_upgrade_files/trojanupdate/";
 constexpr const char* kManifestPath = "/velkora_soft_upgrade_files/trojanupdate/version.xml";
@@ -35,47 +45,41 @@ class TickGate : public VkPacing {
   public:
     void sleepMicroseconds(long long microseconds) override {
         std::unique_lock lock(mutex_);
-        lastRequest_ = microseconds;
-        ++blocked_;
+        s_.lastRequest = microseconds;
+        ++s_.blocked;
         changed_.notify_all();
-        if (!changed_.wait_for(lock, 30s, [&] { return taken_ < allowed_; }))
-            overrun_ = true;
-        ++taken_;
-        --blocked_;
+        if (!changed_.wait_for(lock, 30s, [&] { return s_.taken < s_.allowed; }))
+            s_.overrun = true;
+        ++s_.taken;
+        --s_.blocked;
         changed_.notify_all();
     }
     void allow(uint64_t ticks) {
         std::lock_guard lock(mutex_);
-        allowed_ += ticks;
+        s_.allowed += ticks;
         changed_.notify_all();
     }
     void openForever() { allow(std::numeric_limits<uint64_t>::max() / 2); }
     // Waits until the loop has taken `ticks` ticks and sits in the next one.
     bool waitBlockedAfter(uint64_t ticks) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 30s, [&] { return taken_ == ticks && blocked_ == 1; });
+        return changed_.wait_for(lock, 30s, [&] { return s_.taken == ticks && s_.blocked == 1; });
     }
-    uint64_t taken() {
+    struct State {
+        uint64_t allowed = 0, taken = 0;
+        int blocked = 0;
+        long long lastRequest = 0;  // the last sleep asked for, in microseconds
+        bool overrun = false;
+    };
+    State state() {
         std::lock_guard lock(mutex_);
-        return taken_;
-    }
-    long long lastRequest() {
-        std::lock_guard lock(mutex_);
-        return lastRequest_;
-    }
-    bool overrun() {
-        std::lock_guard lock(mutex_);
-        return overrun_;
+        return s_;
     }
 
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    uint64_t allowed_ = 0;
-    uint64_t taken_ = 0;
-    int blocked_ = 0;
-    long long lastRequest_ = 0;
-    bool overrun_ = false;
+    State s_;
 };
 
 class RecordingDelegate : public VkAddTorjanDelegate {
@@ -103,72 +107,6 @@ class RecordingDelegate : public VkAddTorjanDelegate {
     std::vector<Call> calls_;
 };
 
-// A static HTTP server on loopback serving a folder, recording every path asked for; a path
-// can be made to answer with an error status, or by a handler of the test, instead.
-class FolderServer {
-  public:
-    explicit FolderServer(const std::string& root) {
-        VkFile::createDirectory(root, true);
-        server_.set_mount_point("/", root);
-        server_.set_pre_routing_handler(
-            [this](const httplib::Request& req, httplib::Response& res) {
-                std::lock_guard lock(mutex_);
-                requests_.push_back(req.path);
-                if (auto it = forced_.find(req.path); it != forced_.end()) {
-                    res.status = it->second;
-                    return httplib::Server::HandlerResponse::Handled;
-                }
-                if (auto it = handlers_.find(req.path); it != handlers_.end()) {
-                    it->second(res);
-                    return httplib::Server::HandlerResponse::Handled;
-                }
-                return httplib::Server::HandlerResponse::Unhandled;
-            });
-        port_ = server_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        while (!server_.is_running())
-            std::this_thread::yield();
-    }
-    ~FolderServer() {
-        stopping = true;
-        server_.stop();
-        thread_.join();
-    }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    // status 0 serves the file again.
-    void force(const std::string& path, int status) {
-        std::lock_guard lock(mutex_);
-        if (status == 0)
-            forced_.erase(path);
-        else
-            forced_[path] = status;
-    }
-    void handle(const std::string& path, std::function<void(httplib::Response&)> handler) {
-        std::lock_guard lock(mutex_);
-        handlers_[path] = std::move(handler);
-    }
-    size_t count(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        return static_cast<size_t>(std::count(requests_.begin(), requests_.end(), path));
-    }
-    std::vector<std::string> requests() {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
-
-  private:
-    httplib::Server server_;
-    std::thread thread_;
-    int port_ = 0;
-    std::mutex mutex_;
-    std::vector<std::string> requests_;
-    std::map<std::string, int> forced_;
-    std::map<std::string, std::function<void(httplib::Response&)>> handlers_;
-
-  public:
-    std::atomic<bool> stopping{false};  // ends the handlers' content providers
-};
-
 class VkAddTorjanItemsTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -180,22 +118,14 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     void TearDown() override {
         gate->openForever();
         items.reset();
-        EXPECT_FALSE(gate->overrun()) << "the loop waited for a tick the test never allowed";
+        EXPECT_FALSE(gate->state().overrun) << "the loop waited for a tick the test never allowed";
     }
 
     // A signature database with its name and version, and one record so that files differ.
     std::string makeDb(const std::string& path, const std::string& name,
                        const std::string& version) {
         VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
-        VkSqliteManager store(ctx);
-        store.openDataBase(path);
-        EXPECT_TRUE(store.addDataBaseInfo(std::make_shared<VkDataBaseInfo>(name, version)));
-        auto item = std::make_shared<VkTorjanItem>();
-        item->setName(name + " " + version);
-        item->setFileSize(1000);
-        item->setTorjanCode("0123456789abcdef0123456789abcdef");
-        EXPECT_TRUE(store.addItemToDataBase(item));
-        store.closeDataBase();
+        vkWriteSignatureDatabase(path, name, version, {{name, name + " " + version, {}}});
         return path;
     }
     std::string installed(const std::string& file, const std::string& name,
@@ -272,23 +202,11 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx;
     std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
-    FolderServer server{dir / "www"};
+    VkFolderServer server{dir / "www"};
     std::unique_ptr<VkAddTorjanItems> items;
 };
 
 // ---- What the manifest makes the loop download ----
-
-TEST_F(VkAddTorjanItemsTest, DatabaseUnknownLocallyIsStagedAsServed) {
-    std::string a = source("A.sql", "Alpha", "1.0");
-    publish({a}, VkDate{1700000000});
-    auto answer = firstAnswer();
-    EXPECT_TRUE(answer.success);
-    ASSERT_TRUE(answer.date);
-    EXPECT_EQ(answer.date->secondsSince1970, 1700000000);
-    EXPECT_EQ(contents(staged("A.sql")), contents(a));
-    EXPECT_FALSE(VkFile::exists(ctx->dataPath("A.sql"))) << "only staged, not installed";
-    EXPECT_EQ(gate->lastRequest(), 2000000) << "startUpdate runs the loop with 2-second ticks";
-}
 
 TEST_F(VkAddTorjanItemsTest, OnlyNewerVersionsAreDownloadedComparedNumerically) {
     installed("A.sql", "Alpha", "2.9");
@@ -296,10 +214,8 @@ TEST_F(VkAddTorjanItemsTest, OnlyNewerVersionsAreDownloadedComparedNumerically) 
     publish({source("A.sql", "Alpha", "2.10"), source("B.sql", "Beta", "1.0")}, std::nullopt);
     VkUpdateReport report = make().checkUpdateOnce();
     ASSERT_TRUE(report.success);
-    ASSERT_EQ(report.entries.size(), 2u);
-    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
+    ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::NotNewer}));
     EXPECT_EQ(report.entries[0].localVersion, "2.9");
-    EXPECT_EQ(report.entries[1].action, Action::NotNewer);
     EXPECT_EQ(versionOf(staged("A.sql")), "2.10");
     EXPECT_FALSE(VkFile::exists(staged("B.sql")));
     EXPECT_EQ(fileRequests("B.sql"), 0u) << "an equal version is not even fetched";
@@ -345,9 +261,8 @@ TEST_F(VkAddTorjanItemsTest, StagedFilesAreKnownAndTheLastNamesakeDecides) {
     // An older installed copy is listed after the staged one and so decides: fetched again.
     installed("A.sql", "Alpha", "1.0");
     VkUpdateReport report = items->checkUpdateOnce();
-    ASSERT_EQ(report.entries.size(), 1u);
+    ASSERT_EQ(actionsOf(report), Actions{Action::Downloaded});
     EXPECT_EQ(report.entries[0].localVersion, "1.0");
-    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
     EXPECT_EQ(fileRequests("A.sql"), 1u);
 }
 
@@ -387,29 +302,12 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
     serveRaw("/velkora_soft_upgrade_files/x.sql", contents(x));
     serveRaw(std::string(kFolder) + "good.sql", contents(source("good.sql", "Good", "1.0")));
     serveRaw(std::string(kFolder) + "Vk-DB_2+b.sql", contents(source("b.sql", "B", "1.0")));
-    const std::string bad[] = {"../x.sql",
-                               "",
-                               ".",
-                               "..",
-                               "sub/x.sql",
-                               "..\\x.sql",
-                               ".sql",
-                               "?q=1.sql",
-                               "x.sql?q=1",
-                               "x.sql#top",
-                               "x#.sql",
-                               "%2e%2e.sql",
-                               "x\n.sql",
-                               "x\r.sql",
-                               "x\x1b.sql",
-                               "x\x7f.sql",
-                               "x y.sql",
-                               "x..sql",
-                               ".x.sql",
-                               "x.SQL",
-                               "x.sql.",
-                               "x\xff.sql",
-                               std::string(252, 'a') + ".sql"};
+    std::vector<std::string> bad = {"../x.sql",  "",           ".",        "..",        "sub/x.sql",
+                                    "..\\x.sql", ".sql",       "?q=1.sql", "x.sql?q=1", "x.sql#top",
+                                    "x#.sql",    "%2e%2e.sql", "x\n.sql",  "x\r.sql",   "x\x1b.sql",
+                                    "x\x7f.sql", "x y.sql",    "x..sql",   ".x.sql",    "x.SQL",
+                                    "x.sql.",    "x\xff.sql"};
+    bad.push_back(std::string(252, 'a') + ".sql");
     VkPlist::Array manifest;
     for (const std::string& webpath : bad)
         manifest.push_back(entry("E", "1", webpath));
@@ -419,11 +317,10 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
     serveManifest(VkPlist(manifest));
 
     VkUpdateReport report = make().checkUpdateOnce();
-    ASSERT_EQ(report.entries.size(), std::size(bad) + 3);
-    for (size_t i = 0; i <= std::size(bad); ++i)
-        EXPECT_EQ(report.entries[i].action, Action::BadWebPath) << report.entries[i].webpath;
-    EXPECT_EQ(report.entries[std::size(bad) + 1].action, Action::Downloaded) << "the walk goes on";
-    EXPECT_EQ(report.entries[std::size(bad) + 2].action, Action::Downloaded);
+    // Every bad name (and the entry without one) is refused, and the walk goes on.
+    Actions expected(bad.size() + 1, Action::BadWebPath);
+    expected.insert(expected.end(), {Action::Downloaded, Action::Downloaded});
+    EXPECT_EQ(actionsOf(report), expected);
     for (const std::string& path : server.requests()) {
         EXPECT_TRUE(path == kManifestPath || path == std::string(kManifestPath) + ".sig" ||
                     path == std::string(kFolder) + "good.sql" ||
@@ -453,10 +350,8 @@ TEST_F(VkAddTorjanItemsTest, DownloadNotMatchingItsSha256IsDiscarded) {
     serveManifest(VkPlist::array({good, bad, wrongType}));
 
     VkUpdateReport report = make().checkUpdateOnce();
-    ASSERT_EQ(report.entries.size(), 3u);
-    EXPECT_EQ(report.entries[0].action, Action::Downloaded);
-    EXPECT_EQ(report.entries[1].action, Action::ChecksumMismatch);
-    EXPECT_EQ(report.entries[2].action, Action::ChecksumMismatch);
+    EXPECT_EQ(actionsOf(report),
+              (Actions{Action::Downloaded, Action::ChecksumMismatch, Action::ChecksumMismatch}));
     EXPECT_EQ(contents(staged("A.sql")), bytesOfA);
     EXPECT_EQ(stagedNames(), std::vector<std::string>{"A.sql"}) << "nothing else is left";
     EXPECT_TRUE(report.success) << "a bad file does not make the manifest fail";
@@ -516,8 +411,8 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
     impatient.lowSpeedSeconds = 1;
 
     VkUpdateReport report = make(std::make_shared<VkCurlHttpClient>(impatient)).checkUpdateOnce();
-    ASSERT_EQ(report.entries.size(), 3u);
-    EXPECT_EQ(report.entries[0].action, Action::Downloaded) << report.entries[0].detail;
+    ASSERT_EQ(actionsOf(report),
+              (Actions{Action::Downloaded, Action::DownloadFailed, Action::DownloadFailed}));
     {
         std::lock_guard lock(midway->mutex);
         ASSERT_EQ(midway->names.size(), 1u) << "half a database on disk before it was whole";
@@ -525,8 +420,6 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
             << "half a database must never look like one: " << midway->names[0];
     }
     EXPECT_EQ(contents(staged("A.sql")), *a);
-    EXPECT_EQ(report.entries[1].action, Action::DownloadFailed);
-    EXPECT_EQ(report.entries[2].action, Action::DownloadFailed);
     EXPECT_NE(report.entries[2].detail.find("too slow"), std::string::npos)
         << report.entries[2].detail;
     EXPECT_EQ(stagedNames(), std::vector<std::string>{"A.sql"});
@@ -579,9 +472,16 @@ TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailur
 
 // ---- startUpdate, the wait and stopping ----
 
-TEST_F(VkAddTorjanItemsTest, StartUpdateSoonAfterSuccessAnswersAtOnce) {
-    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
-    EXPECT_TRUE(firstAnswer().success);
+TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSoonAfter) {
+    std::string a = source("A.sql", "Alpha", "1.0");
+    publish({a}, VkDate{1700000000});
+    auto answer = firstAnswer();
+    EXPECT_TRUE(answer.success);
+    EXPECT_EQ(answer.date.value_or(VkDate{}).secondsSince1970, 1700000000);
+    EXPECT_EQ(contents(staged("A.sql")), contents(a));
+    EXPECT_FALSE(VkFile::exists(ctx->dataPath("A.sql"))) << "only staged, not installed";
+    EXPECT_EQ(gate->state().lastRequest, 2000000)
+        << "startUpdate runs the loop with 2-second ticks";
     gate->allow(3);
     ASSERT_TRUE(gate->waitBlockedAfter(3));
     EXPECT_EQ(items->loopCount(), 3u);
@@ -679,8 +579,8 @@ TEST_F(VkAddTorjanItemsTest, StopReturnsWithinOneTick) {
         std::this_thread::yield();
     gate->allow(1);  // the one tick the loop is sleeping in
     stopper.join();
-    EXPECT_EQ(gate->taken(), 3u);
-    EXPECT_FALSE(gate->overrun());
+    EXPECT_EQ(gate->state().taken, 3u);
+    EXPECT_FALSE(gate->state().overrun);
 
     // Stopped for good: no new thread, and a request is answered at once with failure.
     items->startUpdateNotification(0.01);
@@ -715,13 +615,6 @@ TEST_F(VkAddTorjanItemsTest, StopAbandonsARunningDownload) {
     EXPECT_TRUE(stagedNames().empty()) << "the download ran to its end";
 }
 
-TEST_F(VkAddTorjanItemsTest, StopWithoutALoopReturnsAtOnce) {
-    make().stopUpdateNotification();
-    EXPECT_TRUE(items->stopLoop());
-    items.reset();  // the destructor stops again
-    EXPECT_EQ(manifestRequests(), 0u);
-}
-
 TEST_F(VkAddTorjanItemsTest, RealTicksOfTenMilliseconds) {
     ctx->pacing = std::make_shared<VkPacing>();
     publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
@@ -742,7 +635,9 @@ TEST_F(VkAddTorjanItemsTest, RealTicksOfTenMilliseconds) {
 
 TEST_F(VkAddTorjanItemsTest, CopyToLocalPathReplacesDatabasesAndLeavesOtherFiles) {
     installed("x.sql", "X", "1.0");
-    EXPECT_TRUE(make().copyToLocalPath().empty()) << "no staging folder";
+    make().stopUpdateNotification();  // no loop to stop: returns at once
+    EXPECT_TRUE(items->stopLoop());
+    EXPECT_TRUE(items->copyToLocalPath().empty()) << "no staging folder";
     makeDb(staged("x.sql"), "X", "2.0");
     makeDb(staged("y.sql"), "Y", "1.0");
     std::string notes = ctx->dataPath("temp/notes.txt");
@@ -758,33 +653,20 @@ TEST_F(VkAddTorjanItemsTest, CopyToLocalPathReplacesDatabasesAndLeavesOtherFiles
     EXPECT_FALSE(VkFile::exists(ctx->dataPath("notes.txt")));
 }
 
-class WorkingDirectory {
-  public:
-    explicit WorkingDirectory(const std::string& path) {
-        char buffer[4096];
-        previous_ = ::getcwd(buffer, sizeof buffer) ? buffer : "/";
-        EXPECT_EQ(::chdir(path.c_str()), 0);
-    }
-    ~WorkingDirectory() { EXPECT_EQ(::chdir(previous_.c_str()), 0); }
-
-  private:
-    std::string previous_;
-};
-
 TEST_F(VkAddTorjanItemsTest, AddItemByPathCopiesNewFilesAndNeverReplaces) {
     source("new.sql", "New", "1.0");
     source("old.sql", "Old", "5.0");
     installed("old.sql", "Old", "1.0");
     make();
-    {
-        // A bare file name lands beside the other databases.
-        WorkingDirectory cwd(dir / "sources");
-        EXPECT_TRUE(items->addItemByPath("new.sql"));
-        EXPECT_EQ(versionOf(ctx->dataPath("new.sql")), "1.0");
-        // Newer offered, older installed: still no replacement.
-        EXPECT_FALSE(items->addItemByPath("old.sql"));
-        EXPECT_EQ(versionOf(ctx->dataPath("old.sql")), "1.0");
-    }
+    // A bare file name (here, in the working folder) lands beside the other databases.
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir / "sources");
+    EXPECT_TRUE(items->addItemByPath("new.sql"));
+    EXPECT_EQ(versionOf(ctx->dataPath("new.sql")), "1.0");
+    // Newer offered, older installed: still no replacement.
+    EXPECT_FALSE(items->addItemByPath("old.sql"));
+    std::filesystem::current_path(previous);
+    EXPECT_EQ(versionOf(ctx->dataPath("old.sql")), "1.0");
     // The whole path is appended: an absolute path points into a nested folder.
     std::string absolute = dir / "sources/new.sql";
     EXPECT_FALSE(items->addItemByPath(absolute)) << "the nested folder does not exist";

@@ -1,8 +1,6 @@
 #include "database/VkSqliteManager.h"
 
 #include <filesystem>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -13,6 +11,8 @@
 
 namespace {
 
+using Strings = std::vector<std::string>;
+
 // A second, independent connection for looking at and tampering with the file.
 class RawDb {
   public:
@@ -20,7 +20,6 @@ class RawDb {
         EXPECT_EQ(sqlite3_open(path.c_str(), &db_), SQLITE_OK);
     }
     ~RawDb() { sqlite3_close(db_); }
-
     void exec(const std::string& sql) {
         char* error = nullptr;
         EXPECT_EQ(sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK)
@@ -28,8 +27,8 @@ class RawDb {
         sqlite3_free(error);
     }
     // The first column of every row, as text ("NULL" for NULL).
-    std::vector<std::string> column(const std::string& sql) {
-        std::vector<std::string> out;
+    Strings column(const std::string& sql) {
+        Strings out;
         sqlite3_stmt* stmt = nullptr;
         EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr), SQLITE_OK) << sql;
         while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
@@ -39,22 +38,18 @@ class RawDb {
         sqlite3_finalize(stmt);
         return out;
     }
-    void insertBlobRow(const std::string& code, const std::string& kill) {
-        sqlite3_stmt* stmt = nullptr;
-        ASSERT_EQ(sqlite3_prepare_v2(db_,
-                                     "insert into test(name, filesize, code, kill) "
-                                     "values('raw', 10, ?, ?)",
-                                     -1, &stmt, nullptr),
-                  SQLITE_OK);
-        sqlite3_bind_blob(stmt, 1, code.data(), static_cast<int>(code.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_blob(stmt, 2, kill.data(), static_cast<int>(kill.size()), SQLITE_TRANSIENT);
-        EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
-        sqlite3_finalize(stmt);
-    }
 
   private:
     sqlite3* db_ = nullptr;
 };
+
+std::string hexOf(const std::vector<uint8_t>& bytes) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (uint8_t b : bytes)
+        out += {digits[b >> 4], digits[b & 15]};
+    return out;
+}
 
 std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::string& code) {
     auto item = std::make_shared<VkTorjanItem>();
@@ -68,6 +63,16 @@ std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::strin
     return item;
 }
 
+// Every property of a record on one line, "-" for no value and the kill array's length.
+std::string describe(const VkTorjanItem& item) {
+    auto text = [](const std::optional<std::string>& s) { return s ? *s : "-"; };
+    auto kill = item.killArray();
+    return text(item.name()) + "|" + text(item.detail()) + "|" + std::to_string(item.level()) +
+           "|" + text(item.version()) + "|" + std::to_string(item.fileSize()) + "|" +
+           text(item.headeCode()) + "|" + text(item.TorjanCode()) + "|" +
+           (kill ? std::to_string(kill->entries().size() + kill->droppedCount()) : "-");
+}
+
 // How many of this process's open file descriptors refer to path.
 int openDescriptorsFor(const std::string& path) {
     int count = 0;
@@ -75,8 +80,7 @@ int openDescriptorsFor(const std::string& path) {
     auto wanted = std::filesystem::weakly_canonical(path, ec);
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
         std::error_code linkError;
-        auto target = std::filesystem::read_symlink(entry.path(), linkError);
-        if (!linkError && target == wanted)
+        if (std::filesystem::read_symlink(entry.path(), linkError) == wanted && !linkError)
             ++count;
     }
     return count;
@@ -84,52 +88,51 @@ int openDescriptorsFor(const std::string& path) {
 
 class VkSqliteManagerTest : public ::testing::Test {
   protected:
+    // An empty database file with both tables, and nothing left open.
+    void createEmpty() {
+        manager.openDataBase(dbPath);
+        manager.closeDataBase();
+    }
+    const char* refuse(const char* op, const char* table) {
+        trigger_ = std::string("create trigger refuse_") + op + " before " + op + " on " + table +
+                   " begin select raise(abort, 'no'); end";
+        return trigger_.c_str();
+    }
+
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     VkSqliteManager manager{ctx};
     std::string dbPath = dir / "sigs.sql";
+    std::string trigger_;
 };
 
 TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder) {
-    dir.write("data/a.sql", "");
-    dir.write("data/b.SQL", "");
-    dir.write("data/c.sqlite", "");
-    dir.write("data/d.sql.bak", "");
-    dir.write("data/e.sql", "");
-    dir.write("data/temp/t.sql", "");
-    std::vector<std::string> expected;
+    for (const char* name : {"a.sql", "b.SQL", "c.sqlite", "d.sql.bak", "e.sql", "temp/t.sql"})
+        dir.write(std::string("data/") + name, "");
+    Strings expected;
     auto names = VkFile::listDirectory(ctx->dataFolder);
-    ASSERT_TRUE(names);
+    ASSERT_TRUE(names.ok());
     for (const auto& name : *names) {
         if (name == "a.sql" || name == "e.sql")
             expected.push_back(ctx->dataFolder + "/" + name);
     }
     EXPECT_EQ(manager.dataBasePaths(), expected);
-    EXPECT_EQ(manager.dataBaseTempPaths(),
-              (std::vector<std::string>{ctx->dataFolder + "/temp/t.sql"}));
+    EXPECT_EQ(manager.dataBaseTempPaths(), Strings{ctx->dataFolder + "/temp/t.sql"});
     EXPECT_TRUE(VkSqliteManager::contentFilesOfPath(dir / "nowhere").empty());
 }
 
-TEST_F(VkSqliteManagerTest, OpeningANewFileCreatesBothTablesWithTheExactSchema) {
+TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) {
     manager.openDataBase(dbPath);
     ASSERT_TRUE(manager.isOpen());
     EXPECT_TRUE(manager.TorjanItemArray().empty());
     EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
-    manager.closeDataBase();
-
-    const std::string expected =
-        "CREATE TABLE description(name varchar[50], version varchar[10]);\n"
-        "CREATE TABLE test(name varchar[50], detail varchar[50], level int, "
-        "version varchar[100], filesize int, headecode blod, code blod, kill blod);\n";
     // What `sqlite3 FILE .schema` shows is the text stored in sqlite_master.
-    std::string stored;
-    for (const auto& sql : RawDb(dbPath).column("select sql from sqlite_master order by rowid"))
-        stored += sql + ";\n";
-    EXPECT_EQ(stored, expected);
-}
+    EXPECT_EQ(RawDb(dbPath).column("select sql from sqlite_master order by rowid"),
+              (Strings{"CREATE TABLE description(name varchar[50], version varchar[10])",
+                       "CREATE TABLE test(name varchar[50], detail varchar[50], level int, "
+                       "version varchar[100], filesize int, headecode blod, code blod, kill "
+                       "blod)"}));
 
-TEST_F(VkSqliteManagerTest, OnlyPathsEndingInSqlAreOpened) {
-    manager.openDataBase(dbPath);
     ASSERT_TRUE(manager.addItemToDataBase(makeItem("kept", "c1")));
     manager.openDataBase(dir / "other.db");
     EXPECT_TRUE(manager.isOpen());
@@ -145,10 +148,9 @@ TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
     auto withKill = makeItem("withKill", "code1");
     withKill->setKillArray(
         VkTorjanItem::makeKillArray({{"d", "/Library/Foo", "bar.plist"}, {"k", "Foo"}}));
-    auto withoutKill = makeItem("withoutKill", "code2");
     auto emptyKill = makeItem("emptyKill", "code3");
     emptyKill->setKillArray(VkTorjanItem::KillArray{});
-    for (const auto& item : {withKill, withoutKill, emptyKill})
+    for (const auto& item : {withKill, makeItem("withoutKill", "code2"), emptyKill})
         ASSERT_TRUE(manager.addItemToDataBase(item));
     EXPECT_EQ(manager.TorjanItemArray().size(), 3u);
     EXPECT_EQ(manager.TorjanItemArray()[0], withKill);
@@ -156,92 +158,55 @@ TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
     RawDb raw(dbPath);
     EXPECT_EQ(raw.column("select typeof(name) || typeof(detail) || typeof(level) || "
                          "typeof(version) || typeof(filesize) || typeof(headecode) || "
-                         "typeof(code) from test where rowid = 1")[0],
-              "texttextintegertextintegerblobblob");
+                         "typeof(code) || length(code) from test where rowid = 1")[0],
+              "texttextintegertextintegerblobblob5");
     EXPECT_EQ(raw.column("select typeof(kill) from test order by rowid"),
-              (std::vector<std::string>{"blob", "null", "blob"}));
-    EXPECT_EQ(raw.column("select length(code) from test where rowid = 1")[0], "5");
+              (Strings{"blob", "null", "blob"}));
 
     VkSqliteManager reader(ctx);
     reader.openDataBase(dbPath);
     ASSERT_EQ(reader.TorjanItemArray().size(), 3u);
     const auto& back = reader.TorjanItemArray();
-    EXPECT_EQ(back[0]->name(), "withKill");
-    EXPECT_EQ(back[0]->detail(), "detail of withKill");
-    EXPECT_EQ(back[0]->level(), 2);
-    EXPECT_EQ(back[0]->version(), "2.5");
-    EXPECT_EQ(back[0]->fileSize(), 1234567u);
-    EXPECT_EQ(back[0]->headeCode(), "head-code1");
-    EXPECT_EQ(back[0]->TorjanCode(), "code1");
+    EXPECT_EQ(describe(*back[0]), "withKill|detail of withKill|2|2.5|1234567|head-code1|code1|2");
     EXPECT_EQ(back[0]->killArray(), withKill->killArray());
-    EXPECT_FALSE(back[1]->killArray().has_value());
-    ASSERT_TRUE(back[2]->killArray().has_value());
-    EXPECT_TRUE(back[2]->killArray()->empty());
+    EXPECT_EQ(describe(*back[1]),
+              "withoutKill|detail of withoutKill|2|2.5|1234567|head-code2|"
+              "code2|-");
+    EXPECT_EQ(describe(*back[2]).back(), '0');
 }
 
-TEST_F(VkSqliteManagerTest, NullAndOddColumnsReadWithoutFailing) {
-    manager.openDataBase(dbPath);
-    manager.closeDataBase();
-    RawDb raw(dbPath);
-    raw.exec("insert into test values(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL)");
-    raw.exec("insert into test values('n', 'd', 'abc', 'v', '68', X'61620063', X'', X'00FF')");
-    raw.exec(
-        "insert into test values(X'FF', 'd', 7.9, X'C3', -1, 'texthead', 'textcode', "
-        "'not an archive')");
+TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing) {
+    createEmpty();
+    auto archive = [](const VkArchivedValue& root) {
+        auto data = VkKeyedArchiver::archivedDataWithRootObject(root);
+        EXPECT_TRUE(data);
+        return data ? *data : std::vector<uint8_t>{};
+    };
+    std::vector<uint8_t> killArchive =
+        archive(VkArchivedValue(VkPlist(VkTorjanItem::makeKillArray({{"k", "Foo"}}).toArray())));
+    std::vector<uint8_t> truncated(killArchive.begin(),
+                                   killArchive.begin() + killArchive.size() / 2);
+    RawDb(dbPath).exec(
+        "insert into test values(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL);"
+        "insert into test values('n', 'd', 'abc', 'v', '68', X'61620063', X'', X'00FF');"
+        "insert into test values(X'FF', 'd', 7.9, X'C3', -1, 'texthead', 'textcode', 'no');"
+        "insert into test(code, kill) values('a', X'" +
+        hexOf(archive(VkArchivedValue("k"))) + "');" +
+        "insert into test(code, kill) values('b', X'" + hexOf(truncated) + "');" +
+        "insert into test(code, kill) values('c', X'" + hexOf(killArchive) + "');");
 
     manager.openDataBase(dbPath);
-    const auto& items = manager.TorjanItemArray();
-    ASSERT_EQ(items.size(), 3u);
-
-    // All NULL: every property stays as a new record has it.
-    EXPECT_FALSE(items[0]->name().has_value());
-    EXPECT_EQ(items[0]->version(), "1.0");
-    EXPECT_EQ(items[0]->level(), 0);
-    EXPECT_EQ(items[0]->fileSize(), 0u);
-    EXPECT_FALSE(items[0]->headeCode().has_value());
-    EXPECT_FALSE(items[0]->TorjanCode().has_value());
-    EXPECT_FALSE(items[0]->killArray().has_value());
-
-    // Values of other types convert the way SQLite converts them; a blob string ends at its
-    // first zero byte; a zero-length blob is no value; a kill blob that is no archive gives
-    // no kill array.
-    EXPECT_EQ(items[1]->level(), 0);
-    EXPECT_EQ(items[1]->fileSize(), 68u);
-    EXPECT_EQ(items[1]->headeCode(), "ab");
-    EXPECT_FALSE(items[1]->TorjanCode().has_value());
-    EXPECT_FALSE(items[1]->killArray().has_value());
-
-    // Bytes that are not UTF-8 give nil; text in the blob columns reads as their bytes.
-    EXPECT_FALSE(items[2]->name().has_value());
-    EXPECT_FALSE(items[2]->version().has_value());
-    EXPECT_EQ(items[2]->level(), 7);
-    EXPECT_EQ(items[2]->fileSize(), UINT64_MAX);
-    EXPECT_EQ(items[2]->headeCode(), "texthead");
-    EXPECT_EQ(items[2]->TorjanCode(), "textcode");
-    EXPECT_FALSE(items[2]->killArray().has_value());
-}
-
-TEST_F(VkSqliteManagerTest, AKillArchiveWhoseRootIsNoArrayGivesNoKillArray) {
-    manager.openDataBase(dbPath);
-    manager.closeDataBase();
-    auto stringArchive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue("k"));
-    ASSERT_TRUE(stringArchive);
-    auto arrayArchive = VkKeyedArchiver::archivedDataWithRootObject(
-        VkArchivedValue(VkPlist(VkTorjanItem::makeKillArray({{"k", "Foo"}}).toArray())));
-    ASSERT_TRUE(arrayArchive);
-    std::string truncated(arrayArchive->begin(), arrayArchive->begin() + arrayArchive->size() / 2);
-    {
-        RawDb raw(dbPath);
-        raw.insertBlobRow("a", std::string(stringArchive->begin(), stringArchive->end()));
-        raw.insertBlobRow("b", truncated);
-        raw.insertBlobRow("c", std::string(arrayArchive->begin(), arrayArchive->end()));
-    }
-    manager.openDataBase(dbPath);
-    const auto& items = manager.TorjanItemArray();
-    ASSERT_EQ(items.size(), 3u);
-    EXPECT_FALSE(items[0]->killArray().has_value());
-    EXPECT_FALSE(items[1]->killArray().has_value());
-    EXPECT_EQ(items[2]->killArray(), VkTorjanItem::makeKillArray({{"k", "Foo"}}));
+    Strings found;
+    for (const auto& item : manager.TorjanItemArray())
+        found.push_back(describe(*item));
+    // All NULL keeps a new record's values; other types convert as SQLite converts them; a
+    // blob string ends at its first zero byte; a zero-length blob is no value; bytes that are
+    // not UTF-8 give nil; a kill blob that is no archive of an array gives no kill array.
+    EXPECT_EQ(found, (Strings{"-|-|0|1.0|0|-|-|-", "n|d|0|v|68|ab|-|-",
+                              "-|d|7|-|18446744073709551615|texthead|textcode|-",
+                              "-|-|0|1.0|0|-|a|-", "-|-|0|1.0|0|-|b|-", "-|-|0|1.0|0|-|c|1"}));
+    EXPECT_EQ(manager.TorjanItemArray()[5]->killArray(),
+              VkTorjanItem::makeKillArray({{"k", "Foo"}}));
 }
 
 TEST_F(VkSqliteManagerTest, AFileThatIsNotSqliteChangesNothingAndSaysSo) {
@@ -250,60 +215,43 @@ TEST_F(VkSqliteManagerTest, AFileThatIsNotSqliteChangesNothingAndSaysSo) {
     ASSERT_TRUE(manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db", "1.0")));
     auto info = manager.currentDataBaseInfo();
 
-    std::string garbage(2048, 'x');
-    std::string garbagePath = dir.write("garbage.sql", garbage);
+    std::string garbagePath = dir.write("garbage.sql", std::string(2048, 'x'));
     testing::internal::CaptureStdout();
     manager.openDataBase(garbagePath);
-    std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed, "errorMsg file is not a databaseerrorMsg file is not a database");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "errorMsg file is not a databaseerrorMsg file is not a database");
     EXPECT_EQ(manager.TorjanItemArray().size(), 1u);
     EXPECT_EQ(manager.currentDataBaseInfo(), info);
-    EXPECT_EQ(*VkFile::readAll(garbagePath), garbage);
+    EXPECT_EQ(*VkFile::readAll(garbagePath), std::string(2048, 'x'));
     EXPECT_EQ(manager.dataBaseForPath(garbagePath), nullptr);
 }
 
-TEST_F(VkSqliteManagerTest, AForeignSqliteFileGetsBothTablesAndKeepsItsOwn) {
-    {
-        RawDb raw(dbPath);
-        raw.exec("create table notes(text)");
-        raw.exec("insert into notes values('hello')");
-    }
+TEST_F(VkSqliteManagerTest, ForeignTablesAreKeptAndFewerColumnsReadWhatTheyHave) {
+    RawDb(dbPath).exec("create table notes(text); insert into notes values('hello')");
     manager.openDataBase(dbPath);
     EXPECT_TRUE(manager.TorjanItemArray().empty());
     manager.closeDataBase();
-    RawDb raw(dbPath);
-    EXPECT_EQ(raw.column("select name from sqlite_master where type = 'table' order by name"),
-              (std::vector<std::string>{"description", "notes", "test"}));
-    EXPECT_EQ(raw.column("select text from notes")[0], "hello");
-}
+    EXPECT_EQ(RawDb(dbPath).column("select name from sqlite_master where type = 'table' "
+                                   "order by name"),
+              (Strings{"description", "notes", "test"}));
+    EXPECT_EQ(RawDb(dbPath).column("select text from notes")[0], "hello");
 
-TEST_F(VkSqliteManagerTest, AForeignTestTableWithFewerColumnsReadsWhatItHas) {
-    {
-        RawDb raw(dbPath);
-        raw.exec("create table description(name)");
-        raw.exec("insert into description values('only a name')");
-        raw.exec("create table test(name, detail)");
-        raw.exec("insert into test values('n', 'd')");
-    }
-    manager.openDataBase(dbPath);
+    std::string narrow = dir / "narrow.sql";
+    RawDb(narrow).exec(
+        "create table description(name); insert into description values('only a name');"
+        "create table test(name, detail); insert into test values('n', 'd')");
+    manager.openDataBase(narrow);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(manager.TorjanItemArray()[0]->name(), "n");
-    EXPECT_FALSE(manager.TorjanItemArray()[0]->TorjanCode().has_value());
+    EXPECT_EQ(describe(*manager.TorjanItemArray()[0]), "n|d|0|1.0|0|-|-|-");
     ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
     EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
     EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
 }
 
 TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpen) {
-    manager.openDataBase(dbPath);
-    manager.closeDataBase();
-    {
-        RawDb raw(dbPath);
-        raw.exec("insert into description values('Db', '1.9')");
-        raw.exec("insert into description values('Db', '1.10')");
-    }
-    std::string other = dir / "other.sql";
-    manager.openDataBase(other);
+    createEmpty();
+    RawDb(dbPath).exec("insert into description values('Db', '1.9'), ('Db', '1.10')");
+    manager.openDataBase(dir / "other.sql");
     ASSERT_TRUE(manager.addItemToDataBase(makeItem("x", "c")));
 
     auto info = manager.dataBaseForPath(dbPath);
@@ -321,12 +269,9 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
     EXPECT_EQ(manager.dataBaseForPath(missing), nullptr);
     EXPECT_TRUE(VkFile::existsNoFollow(missing));
     EXPECT_EQ(std::filesystem::file_size(missing), 0u);
-}
 
-TEST_F(VkSqliteManagerTest, ClosingReleasesTheFileBecauseStatementsAreFinalized) {
+    // Closing releases the file because every statement was finalized.
     manager.openDataBase(dbPath);
-    ASSERT_TRUE(manager.addItemToDataBase(makeItem("x", "c")));
-    manager.openDataBase(dbPath);  // reads both tables with statements of its own
     EXPECT_GT(openDescriptorsFor(dbPath), 0);
     manager.closeDataBase();
     manager.closeDataBase();
@@ -345,8 +290,7 @@ TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
     EXPECT_TRUE(manager.TorjanItemArray().empty());
 
     manager.openDataBase(dbPath);
-    RawDb raw(dbPath);
-    raw.exec("create trigger refuse before insert on test begin select raise(abort, 'no'); end");
+    RawDb(dbPath).exec(refuse("insert", "test"));
     EXPECT_FALSE(manager.addItemToDataBase(item));
     EXPECT_TRUE(manager.TorjanItemArray().empty());
 }
@@ -354,18 +298,15 @@ TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
 TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     // Views named like the tables read like them but cannot be written: every write fails
     // to prepare, which the system answers as if it had succeeded.
-    {
-        RawDb raw(dbPath);
-        raw.exec(
-            "create table rows(name, detail, level, version, filesize, headecode, code, kill)");
-        raw.exec("insert into rows(name, filesize, code) values('viewed', 5, X'6162')");
-        raw.exec("create view test as select * from rows");
-        raw.exec("create view description as select 'Db' as name, '1.0' as version");
-    }
+    RawDb(dbPath).exec(
+        "create table rows(name, detail, level, version, filesize, headecode, code, kill);"
+        "insert into rows(name, filesize, code) values('viewed', 5, X'6162');"
+        "create view test as select * from rows;"
+        "create view description as select 'Db' as name, '1.0' as version");
     manager.openDataBase(dbPath);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
-    ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
     auto current = manager.currentDataBaseInfo();
+    ASSERT_NE(current, nullptr);
 
     auto item = makeItem("x", "c");
     EXPECT_TRUE(manager.addItemToDataBase(item));
@@ -375,8 +316,7 @@ TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     EXPECT_EQ(manager.currentDataBaseInfo(), current);
     manager.deleteItem(manager.TorjanItemArray()[0]);
     EXPECT_TRUE(manager.TorjanItemArray().empty());  // gone from the array, not from the file
-    EXPECT_EQ(RawDb(dbPath).column("select name || filesize from rows"),
-              (std::vector<std::string>{"viewed5"}));
+    EXPECT_EQ(RawDb(dbPath).column("select name || filesize from rows"), Strings{"viewed5"});
 
     // A description that cannot be inserted is installed all the same.
     std::string other = dir / "other.sql";
@@ -389,46 +329,36 @@ TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     EXPECT_EQ(fresh.currentDataBaseInfo(), orphan);
 }
 
-TEST_F(VkSqliteManagerTest, DeleteRemovesEveryRowWithTheCode) {
+TEST_F(VkSqliteManagerTest, DeleteTakesEveryRowWithTheCodeAndUpdateGoesByOldName) {
     manager.openDataBase(dbPath);
-    auto a = makeItem("a", "same");
-    auto b = makeItem("b", "same");
-    auto c = makeItem("c", "other");
+    auto a = makeItem("a", "same"), b = makeItem("b", "same"), c = makeItem("c", "other");
     for (const auto& item : {a, b, c})
         ASSERT_TRUE(manager.addItemToDataBase(item));
     manager.deleteItem(a);
-    EXPECT_EQ(RawDb(dbPath).column("select name from test"), (std::vector<std::string>{"c"}));
+    EXPECT_EQ(RawDb(dbPath).column("select name from test"), Strings{"c"});
     EXPECT_EQ(manager.TorjanItemArray(), (std::vector<std::shared_ptr<VkTorjanItem>>{b, c}));
 
     // A delete that fails leaves the array alone.
     RawDb raw(dbPath);
-    raw.exec("create trigger refuse before delete on test begin select raise(abort, 'no'); end");
+    raw.exec(refuse("delete", "test"));
     manager.deleteItem(c);
     EXPECT_EQ(manager.TorjanItemArray().size(), 2u);
-    EXPECT_EQ(RawDb(dbPath).column("select count(*) from test")[0], "1");
-}
 
-TEST_F(VkSqliteManagerTest, UpdateRewritesRowsByOldNameAndAlwaysAnswersYes) {
-    manager.openDataBase(dbPath);
-    auto a = makeItem("a", "c1");
-    ASSERT_TRUE(manager.addItemToDataBase(a));
     auto changed = makeItem("renamed", "c9");
     changed->setKillArray(VkTorjanItem::makeKillArray({{"k", "Proc"}}));
-
     EXPECT_TRUE(manager.updateItem(*changed, "nobody"));
-    EXPECT_EQ(RawDb(dbPath).column("select name || code from test")[0], "ac1");
-
-    EXPECT_TRUE(manager.updateItem(*changed, "a"));
-    EXPECT_EQ(RawDb(dbPath).column("select name || code from test")[0], "renamedc9");
-    EXPECT_EQ(manager.TorjanItemArray()[0]->name(), "a");  // the array is not touched
-
-    RawDb raw(dbPath);
-    raw.exec("create trigger refuse before update on test begin select raise(abort, 'no'); end");
-    EXPECT_TRUE(manager.updateItem(*a, "renamed"));
-
+    EXPECT_EQ(raw.column("select name || code || count(*) from test")[0], "cother1");
+    EXPECT_TRUE(manager.updateItem(*changed, "c"));
+    EXPECT_EQ(raw.column("select name || code || count(*) from test")[0], "renamedc91");
+    EXPECT_EQ(manager.TorjanItemArray()[1]->name(), "c");  // the array is not touched
     VkSqliteManager reader(ctx);
     reader.openDataBase(dbPath);
     EXPECT_EQ(reader.TorjanItemArray()[0]->killArray(), changed->killArray());
+
+    // An update that fails still answers yes.
+    raw.exec(refuse("update", "test"));
+    EXPECT_TRUE(manager.updateItem(*a, "renamed"));
+    EXPECT_EQ(raw.column("select name || code from test")[0], "renamedc9");
 }
 
 TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
@@ -450,27 +380,26 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
     EXPECT_TRUE(manager.addDataBaseInfo(first));
     EXPECT_EQ(manager.currentDataBaseInfo(), first);
     EXPECT_FALSE(manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Other", "9")));
-    EXPECT_EQ(RawDb(dbPath).column("select count(*) from description")[0], "1");
+    auto description = [&] {
+        return RawDb(dbPath).column("select name || ' ' || version from description");
+    };
+    EXPECT_EQ(description(), Strings{"Db 1.0"});
 
     EXPECT_TRUE(manager.updateDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db2", "1.1")));
-    EXPECT_EQ(RawDb(dbPath).column("select name || ' ' || version from description")[0], "Db2 1.1");
+    EXPECT_EQ(description(), Strings{"Db2 1.1"});
     EXPECT_EQ(manager.currentDataBaseInfo(), first);  // not replaced
     EXPECT_EQ(first->name(), "Db");
-
     // The stale current name matches no row now: the step completes, nothing changes.
     EXPECT_TRUE(manager.updateDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db3", "2")));
-    EXPECT_EQ(RawDb(dbPath).column("select name from description")[0], "Db2");
+    EXPECT_EQ(description(), Strings{"Db2 1.1"});
 
     // A write that fails answers NO.
     VkSqliteManager again(ctx);
     again.openDataBase(dbPath);
     ASSERT_EQ(again.currentDataBaseInfo()->name(), "Db2");
-    RawDb raw(dbPath);
-    raw.exec(
-        "create trigger refuse before update on description "
-        "begin select raise(abort, 'no'); end");
+    RawDb(dbPath).exec(refuse("update", "description"));
     EXPECT_FALSE(again.updateDataBaseInfo(std::make_shared<VkDataBaseInfo>("x", "y")));
-    EXPECT_EQ(RawDb(dbPath).column("select name from description")[0], "Db2");
+    EXPECT_EQ(description(), Strings{"Db2 1.1"});
 }
 
 }  // namespace

@@ -140,11 +140,6 @@ TEST_F(VkCryptInterTest, RefusesEmptyInputReservedAndBrokenCipherText) {
 }
 
 TEST_F(VkCryptInterTest, CallerKeysAreCompletedFromTheDefaultKeyUnderTheDefaultIv) {
-    auto keyOf = [](const Bytes& bytes) {
-        VkCipherKey key{};
-        std::copy(bytes.begin(), bytes.end(), key.begin());
-        return key;
-    };
     auto completed = [&](Bytes prefix) {
         Bytes key(defaultKey_.begin(), defaultKey_.end());
         std::copy(prefix.begin(), prefix.end(), key.begin());
@@ -172,15 +167,10 @@ TEST_F(VkCryptInterTest, CallerKeysAreCompletedFromTheDefaultKeyUnderTheDefaultI
         // The IV stays the default's, never taken from the caller's key.
         EXPECT_EQ(cipher, VkCryptInterWithIv(plain_, true, full, vkDefaultCipherIv()));
     }
+    // Completed from the default key, not padded with zeros.
     Bytes zeroPadded = shortKey;
     zeroPadded.resize(24, 0);
     EXPECT_NE(VkCryptInter(plain_, true, shortKey), VkCryptInter(plain_, true, zeroPadded));
-    EXPECT_NE(VkCryptInter(plain_, true, shortKey), expected_);
-    VkCipherIv callerIv{};
-    std::copy_n(longKey.begin(), 8, callerIv.begin());
-    EXPECT_NE(
-        VkCryptInter(plain_, true, longKey),
-        VkCryptInterWithIv(plain_, true, keyOf({longKey.begin(), longKey.begin() + 24}), callerIv));
 }
 
 TEST_F(VkCryptInterTest, RepeatedCallsGiveTheBytesOfAFreshCipher) {
@@ -211,8 +201,6 @@ TEST(VkCryptTest, TextRoundTripsUpToItsFirstZeroByteUnderItsKey) {
         ASSERT_TRUE(cipher.has_value()) << text;
         EXPECT_EQ(vkDecryptString(*cipher), text);
     }
-    EXPECT_EQ(vkEncryptString("x")->size(), 12u);
-    EXPECT_EQ(vkEncryptString("12345678")->size(), 24u);
     EXPECT_EQ(vkDecryptString(*vkEncryptString(std::string("ab\0cd", 5))), "ab");
     // A leading zero byte leaves an empty text, which is a value, not nil; bytes after the
     // zero are never looked at, valid or not.
@@ -246,19 +234,12 @@ TEST(VkCryptTest, AcceptsExactlyThePlainTextsTheCLibraryCallsUtf8) {
     // Text that is not UTF-8 is not enciphered (it could never be deciphered again), and
     // plain bytes that are not UTF-8 decipher to nil. Known hard cases first, then bytes drawn
     // mostly from UTF-8 lead and continuation ranges so that both outcomes come up often.
-    std::vector<Bytes> plains = {
-        {0xFF},                    // never valid
-        {'a', 0xC3, 0x28},         // bad continuation
-        {0xC0, 0x80},              // overlong NUL
-        {0xE0, 0x80, 0xAF},        // overlong three-byte form
-        {0xED, 0xA0, 0x80},        // surrogate
-        {0xF4, 0x90, 0x80, 0x80},  // above U+10FFFF
-        {0xE2, 0x82},              // truncated at the end
-        {0x80, 'a'},               // lone continuation byte
-        {'c', 'a', 'f', 0xE9},     // Latin-1
-        {0xF0, 0x9F, 0x90, 0x8D},  // valid four-byte form
-        {0xEF, 0xBF, 0xBD},        // the replacement character
-    };
+    // Never valid, bad continuation, overlong NUL, overlong three-byte form, surrogate, above
+    // U+10FFFF, truncated at the end, lone continuation, Latin-1; then two valid forms.
+    std::vector<Bytes> plains;
+    for (const char* hex : {"ff", "61c328", "c080", "e080af", "eda080", "f4908080", "e282", "8061",
+                            "636166e9", "f09f908d", "efbfbd"})
+        plains.push_back(fromHex(hex));
     const Bytes pool = {'a',  '~',  ' ',  'Z',  '0',  '/',  0x7F, 0x80, 0x8F, 0x90,
                         0x9F, 0xA0, 0xBF, 0xC0, 0xC1, 0xC2, 0xDF, 0xE0, 0xE1, 0xED,
                         0xEE, 0xEF, 0xF0, 0xF1, 0xF4, 0xF5, 0xF8, 0xFF};

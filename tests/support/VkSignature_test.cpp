@@ -64,8 +64,9 @@ TEST(VkSignatureTest, KnownAnswerAndRoundTrip) {
 // aborts and never accepts.
 TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
     const Bytes good = fromHex(kSignatureHex);
-    Bytes flipped = good;
+    Bytes flipped = good, longer = good;
     flipped[10] ^= 1;
+    longer.push_back(0);
     const std::string message = "x";
     struct Case {
         const char* name;
@@ -77,13 +78,7 @@ TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
         {"other message", kPublicPem, good, true},
         {"flipped signature bit", kPublicPem, flipped, false},
         {"63 bytes", kPublicPem, Bytes(good.begin(), good.end() - 1), false},
-        {"65 bytes", kPublicPem,
-         [&] {
-             Bytes b = good;
-             b.push_back(0);
-             return b;
-         }(),
-         false},
+        {"65 bytes", kPublicPem, longer, false},
         {"empty signature", kPublicPem, {}, false},
         {"garbage key", "-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n", good,
          false},

@@ -7,59 +7,39 @@
 #include <functional>
 #include <map>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include "database/VkAddTorjanItems.h"
 #include "database/VkSqliteManager.h"
+#include "fakes/VkFolderServer.h"
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
 
-struct ProgramRun {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
+using ProgramRun = VkProgramOutput;
 
 class VkSigPublishTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        VkFile::createDirectory(dir / "www", true);
-        VkFile::createDirectory(dir / "resources", true);
-        server.set_mount_point("/", dir / "www");
-        port = server.bind_to_any_port("127.0.0.1");
-        thread = std::thread([this] { server.listen_after_bind(); });
-        while (!server.is_running())
-            std::this_thread::yield();
-    }
-    void TearDown() override {
-        server.stop();
-        thread.join();
-    }
+    void SetUp() override { VkFile::createDirectory(dir / "resources", true); }
 
     ProgramRun run(const std::string& program, const std::vector<std::string>& args) {
         // A private data folder, defaults file and (empty) resource folder: nothing of the
         // user's is read or written, and no packaged database gets in the way.
-        VkProgramOutput r =
-            vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program, args,
-                         {{"VK_DATA_DIR", dir / "data"},
-                          {"VK_DEFAULTS_FILE", dir / "defaults.plist"},
-                          {"VK_RESOURCE_DIR", dir / "resources"},
-                          {"VK_UPDATE_KEYS_DIR", dir / "trusted"}});
-        return ProgramRun{r.exitCode, r.out, r.err};
+        return vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/" + program + "/" + program, args,
+                            {{"VK_DATA_DIR", dir / "data"},
+                             {"VK_DEFAULTS_FILE", dir / "defaults.plist"},
+                             {"VK_RESOURCE_DIR", dir / "resources"},
+                             {"VK_UPDATE_KEYS_DIR", dir / "trusted"}});
     }
     // A key pair made by vksig; with `trust`, its public half is given to the client.
     std::string keygen(const std::string& name, bool trust) {
         dir.mkdir("keys");
         ProgramRun made = run("vksig", {"keygen", dir / ("keys/" + name)});
-        EXPECT_EQ(made.code, 0) << made.err;
+        EXPECT_EQ(made.exitCode, 0) << made.err;
         if (trust)
             dir.write("trusted/" + name + ".pub",
                       *VkFile::readAll(dir / ("keys/" + name + ".pub")));
@@ -79,15 +59,11 @@ class VkSigPublishTest : public ::testing::Test {
     std::string served(const std::string& name) {
         return dir / ("www/velkora_soft_upgrade_files/trojanupdate/" + name);
     }
-    std::string url() { return "http://127.0.0.1:" + std::to_string(port); }
-    std::string manifest() {
-        return dir / "www/velkora_soft_upgrade_files/trojanupdate/version.xml";
-    }
+    std::string url() { return server.url(); }
+    std::string manifest() { return served("version.xml"); }
 
     VkTempDir dir;
-    httplib::Server server;
-    int port = 0;
-    std::thread thread;
+    VkFolderServer server{dir / "www"};
 };
 
 TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
@@ -96,17 +72,17 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     ASSERT_EQ(::stat(key.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
     ProgramRun again = run("vksig", {"keygen", dir / "keys/publisher"});
-    EXPECT_EQ(again.code, 2) << "a key is never overwritten";
+    EXPECT_EQ(again.exitCode, 2) << "a key is never overwritten";
     std::string db = dir / "Mine.sql";
-    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1.2"}).code, 0);
+    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1.2"}).exitCode, 0);
     ProgramRun published =
         run("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key});
-    ASSERT_EQ(published.code, 0) << published.err;
+    ASSERT_EQ(published.exitCode, 0) << published.err;
     EXPECT_NE(published.out.find("sha256"), std::string::npos);
     EXPECT_TRUE(VkFile::exists(manifest()));
 
     ProgramRun update = run("vksecurity", {"update", "--server", url()});
-    ASSERT_EQ(update.code, 0) << update.out << update.err;
+    ASSERT_EQ(update.exitCode, 0) << update.out << update.err;
     EXPECT_NE(update.out.find("signed by key"), std::string::npos) << update.out;
     EXPECT_NE(update.out.find("downloaded Mine 1.2"), std::string::npos) << update.out;
     EXPECT_NE(update.out.find("installed " + (dir / "data/Mine.sql")), std::string::npos)
@@ -115,7 +91,7 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
     ProgramRun second = run("vksecurity", {"--json", "update", "--server", url()});
-    ASSERT_EQ(second.code, 0) << second.err;
+    ASSERT_EQ(second.exitCode, 0) << second.err;
     auto report = nlohmann::json::parse(second.out);
     EXPECT_EQ(report["updateDate"], "2024-05-01T00:00:00Z");
     ASSERT_EQ(report["entries"].size(), 1u);
@@ -124,7 +100,7 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     EXPECT_TRUE(report["installed"].empty());
 
     ProgramRun listed = run("vksecurity", {"--json", "db"});
-    ASSERT_EQ(listed.code, 0) << listed.err;
+    ASSERT_EQ(listed.exitCode, 0) << listed.err;
     auto dbs = nlohmann::json::parse(listed.out);
     ASSERT_EQ(dbs["installed"].size(), 1u);
     EXPECT_EQ(dbs["installed"][0]["name"], "Mine");
@@ -143,12 +119,12 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     VkFile::createDirectory(dir / "v1", true);
     VkFile::createDirectory(dir / "v2", true);
     VkFile::createDirectory(dir / "other", true);
-    ASSERT_EQ(run("vksig", {"create", v1, "--name", "Mine", "--version", "1"}).code, 0);
-    ASSERT_EQ(run("vksig", {"create", v2, "--name", "Mine", "--version", "2"}).code, 0);
-    ASSERT_EQ(run("vksig", {"create", other, "--name", "Mine", "--version", "2"}).code, 0);
+    ASSERT_EQ(run("vksig", {"create", v1, "--name", "Mine", "--version", "1"}).exitCode, 0);
+    ASSERT_EQ(run("vksig", {"create", v2, "--name", "Mine", "--version", "2"}).exitCode, 0);
+    ASSERT_EQ(run("vksig", {"create", other, "--name", "Mine", "--version", "2"}).exitCode, 0);
     ASSERT_EQ(run("vksig", {"add", other, "--size", "3", "--code",
                             "0123456789abcdef0123456789abcdef", "--name", "Not.Publishers"})
-                  .code,
+                  .exitCode,
               0);
     auto publish = [&](const std::string& db, const std::string& signer,
                        const std::string& serial) {
@@ -159,10 +135,10 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
             args.push_back(signer);
         }
         ProgramRun published = run("vksig", args);
-        ASSERT_EQ(published.code, 0) << published.err;
+        ASSERT_EQ(published.exitCode, 0) << published.err;
     };
     publish(v1, key, "100");
-    ASSERT_EQ(run("vksecurity", {"update", "--server", url()}).code, 0);
+    ASSERT_EQ(run("vksecurity", {"update", "--server", url()}).exitCode, 0);
     const auto before = dataFiles();
     ASSERT_EQ(before.at(dir / "data/Mine.sql"), *VkFile::readAll(v1));
 
@@ -211,7 +187,7 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
         SCOPED_TRACE(c.name);
         c.tamper();
         ProgramRun refused = run("vksecurity", {"update", "--server", url()});
-        EXPECT_EQ(refused.code, 2) << refused.out;
+        EXPECT_EQ(refused.exitCode, 2) << refused.out;
         EXPECT_NE((refused.out + refused.err).find(c.reason), std::string::npos)
             << refused.out << refused.err;
         EXPECT_TRUE(dataFiles() == before) << "the data folder changed";
@@ -239,58 +215,54 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
 
     // The next check fetches the publisher's file again and installs it.
     ProgramRun healed = run("vksecurity", {"update", "--server", url()});
-    EXPECT_EQ(healed.code, 0) << healed.err;
+    EXPECT_EQ(healed.exitCode, 0) << healed.err;
     EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v2));
 }
 
-TEST_F(VkSigPublishTest, UnsignedUpdatesOnlyWhenAllowed) {
+// Runs that must fail: exit code 2 with the reason, no manifest published, nothing installed.
+TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) {
     std::string db = dir / "Mine.sql";
-    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1"}).code, 0);
-    ProgramRun published = run("vksig", {"publish", dir / "www", db});
-    ASSERT_EQ(published.code, 0) << published.err;
-    EXPECT_NE(published.err.find("unsigned"), std::string::npos) << "publishing warns";
-    ProgramRun refused = run("vksecurity", {"update", "--server", url()});
-    EXPECT_EQ(refused.code, 2);
-    EXPECT_NE(refused.err.find("AllowUnsignedUpdates"), std::string::npos) << refused.err;
-    EXPECT_FALSE(VkFile::exists(dir / "data/Mine.sql"));
-    ProgramRun allowed = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
-    EXPECT_EQ(allowed.code, 0) << allowed.err;
-    EXPECT_NE(allowed.out.find("UNSIGNED"), std::string::npos) << allowed.out;
-    EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
-}
-
-TEST_F(VkSigPublishTest, UnreachableServerAndUndecipherableManifestExitWithTwo) {
-    ProgramRun down = run("vksecurity", {"update", "--server", "http://127.0.0.1:1"});
-    EXPECT_EQ(down.code, 2);
-    EXPECT_NE(down.err.find("cannot reach the update server"), std::string::npos) << down.err;
-
-    ProgramRun missing = run("vksecurity", {"update", "--server", url()});
-    EXPECT_EQ(missing.code, 2) << "no manifest: HTTP 404";
-    EXPECT_NE(missing.err.find("404"), std::string::npos) << missing.err;
-
-    VkFile::createDirectory(dir / "www/velkora_soft_upgrade_files/trojanupdate", true);
-    ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
-    ProgramRun garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
-    EXPECT_EQ(garbled.code, 2);
-    EXPECT_NE(garbled.err.find("does not decipher"), std::string::npos) << garbled.err;
-    EXPECT_FALSE(VkFile::exists(dir / "data/temp"));
-}
-
-TEST_F(VkSigPublishTest, PublishRefusesBadDatesAndFilesThatAreNoDatabases) {
-    std::string db = dir / "Mine.sql";
-    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1"}).code, 0);
-    EXPECT_EQ(run("vksig", {"publish", dir / "www", db, "--date", "2024-02-30"}).code, 2);
-    std::string text = dir.write("notes.sql", "hello");
-    ProgramRun refused = run("vksig", {"publish", dir / "www", text});
-    EXPECT_EQ(refused.code, 2);
-    EXPECT_FALSE(refused.err.empty());
+    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1"}).exitCode, 0);
     // A name the update would skip as not a plain NAME.sql.
     std::string spaced = dir / "My DB.sql";
-    ASSERT_EQ(run("vksig", {"create", spaced, "--name", "Spaced", "--version", "1"}).code, 0);
-    ProgramRun skipped = run("vksig", {"publish", dir / "www", spaced});
-    EXPECT_EQ(skipped.code, 2);
-    EXPECT_NE(skipped.err.find("file name must be"), std::string::npos) << skipped.err;
+    ASSERT_EQ(run("vksig", {"create", spaced, "--name", "Spaced", "--version", "1"}).exitCode, 0);
+    const struct {
+        const char* program;
+        std::vector<std::string> args;
+        const char* reason;
+    } cases[] = {
+        {"vksig", {"publish", dir / "www", db, "--date", "2024-02-30"}, "expected YYYY-MM-DD"},
+        {"vksig", {"publish", dir / "www", dir.write("notes.sql", "hello")}, "notes.sql"},
+        {"vksig", {"publish", dir / "www", spaced}, "file name must be"},
+        {"vksecurity", {"update", "--server", "http://127.0.0.1:1"}, "cannot reach the update"},
+        {"vksecurity", {"update", "--server", url()}, "404"},  // no manifest
+    };
+    for (const auto& c : cases) {
+        ProgramRun refused = run(c.program, c.args);
+        EXPECT_EQ(refused.exitCode, 2) << c.reason;
+        EXPECT_NE(refused.err.find(c.reason), std::string::npos) << refused.err;
+    }
     EXPECT_FALSE(VkFile::exists(manifest()));
+
+    VkFile::createDirectory(VkFile::deletingLastPathComponent(manifest()), true);
+    ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
+    ProgramRun garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
+    EXPECT_EQ(garbled.exitCode, 2);
+    EXPECT_NE(garbled.err.find("does not decipher"), std::string::npos) << garbled.err;
+    EXPECT_FALSE(VkFile::exists(dir / "data/temp"));
+
+    // Unsigned: publishing warns, and the client takes it only when allowed.
+    ProgramRun published = run("vksig", {"publish", dir / "www", db});
+    ASSERT_EQ(published.exitCode, 0) << published.err;
+    EXPECT_NE(published.err.find("unsigned"), std::string::npos);
+    ProgramRun unsigned_ = run("vksecurity", {"update", "--server", url()});
+    EXPECT_EQ(unsigned_.exitCode, 2);
+    EXPECT_NE(unsigned_.err.find("AllowUnsignedUpdates"), std::string::npos) << unsigned_.err;
+    EXPECT_FALSE(VkFile::exists(dir / "data/Mine.sql"));
+    ProgramRun allowed = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
+    EXPECT_EQ(allowed.exitCode, 0) << allowed.err;
+    EXPECT_NE(allowed.out.find("UNSIGNED"), std::string::npos) << allowed.out;
+    EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
 }
 
 }  // namespace
