@@ -150,22 +150,16 @@ class VkLogsControllerTest : public ::testing::Test {
     Lines posted;
 };
 
-TEST_F(VkLogsControllerTest, FirstShowingSetsTogglesIndicatorsAndTheCompleteButtonImage) {
+TEST_F(VkLogsControllerTest, OpensOnTheScanListAndEachModePlacesItsListAndControls) {
+    setRecords({{"/d/a.dmg", "Safari", 10}});
+    addScan(1, 100);
     open();
-    EXPECT_EQ(scanLogs->scanLogsOperDelegate(), controller.get());
     EXPECT_EQ(view.state("showFileMonButton"), 0);
     EXPECT_EQ(view.state("showScanButton"), 1);
     for (const char* c : {"scanTimeColumn", "downLoadTimeColumn", "scanNameColumn"})
         EXPECT_EQ(view.indicatorOn(c), kDescendingSortIndicator) << c;
     EXPECT_EQ(view.image("completeButton"), VkPanelImage::button(1, {90, 28}, "Done"));
     EXPECT_EQ(view.text("completeButton"), "");
-    EXPECT_EQ(controller->logsDisplay(), 1);
-}
-
-TEST_F(VkLogsControllerTest, EachModePlacesItsListSearchFieldAndClearButton) {
-    setRecords({{"/d/a.dmg", "Safari", 10}});
-    addScan(1, 100);
-    open();
 
     controller->displayView(0);
     EXPECT_TRUE(view.isSubview("contentView", "fileLogsView"));
@@ -178,7 +172,6 @@ TEST_F(VkLogsControllerTest, EachModePlacesItsListSearchFieldAndClearButton) {
     EXPECT_EQ(recordNames(), (Lines{"a.dmg"}));
 
     controller->displayLogsChange("showScanButton");
-    EXPECT_EQ(controller->logsDisplay(), 1);
     EXPECT_TRUE(view.isSubview("contentView", "scanLogsView"));
     EXPECT_FALSE(view.isSubview("contentView", "fileLogsView"));
     EXPECT_EQ(view.frame("scanLogsView"), (VkRect{{-1, -1}, {500, 300}}));
@@ -192,32 +185,48 @@ TEST_F(VkLogsControllerTest, EachModePlacesItsListSearchFieldAndClearButton) {
     EXPECT_EQ(controller->logsDisplay(), 0);
     EXPECT_TRUE(view.isSubview("contentView", "fileLogsView"));
     EXPECT_EQ(view.state("showFileMonButton"), 1);
-    EXPECT_EQ(view.state("showScanButton"), 0);
 }
 
-TEST_F(VkLogsControllerTest, SearchDropsSpacesAndMatchesTheFileNameCaseSensitively) {
-    setRecords({{"/Users/t/Downloads/ABC.txt", "Safari", 30},
+// Search drops spaces and matches the file name only, case-sensitively; the cells, the
+// reveal and the close act on what is listed.
+TEST_F(VkLogsControllerTest, SearchFiltersByFileNameAndTheListedRecordIsShownAndRevealed) {
+    setRecords({{"/Users/t/Downloads/ABC.pkg", "Safari", 42, std::nullopt},
                 {"/Users/t/abc/readme.txt", "Mail", 20},
                 {"/Users/t/Downloads/xabcy.dmg", "Chrome", 10}});
     open();
     controller->displayView(0);
     ASSERT_EQ(recordNames().size(), 3u);
-
     search("   ");
     EXPECT_EQ(recordNames().size(), 3u);
-
-    // Only the last path component counts, and "abc" is not "ABC".
     search("abc");
     EXPECT_EQ(recordNames(), (Lines{"xabcy.dmg"}));
-
     search(" a b c ");
     EXPECT_EQ(recordNames(), (Lines{"xabcy.dmg"}));
-
-    search("ABC");
-    EXPECT_EQ(recordNames(), (Lines{"ABC.txt"}));
-
     search("nothing");
     EXPECT_EQ(controller->numberOfRows(VkLogsController::kFileLogsOutline), 0u);
+    search("ABC");
+    EXPECT_EQ(recordNames(), (Lines{"ABC.pkg"}));
+
+    const std::string outline = VkLogsController::kFileLogsOutline;
+    EXPECT_EQ(column(outline, "downLoadToolColumn"), (Lines{"Safari"}));
+    EXPECT_EQ(column(outline, "downLoadTimeColumn"), (Lines{"42"}));
+    EXPECT_EQ(column(outline, "fileStateColumn"), (Lines{"Unknown"}));
+    EXPECT_EQ(controller->iconImage(outline, "fileNameColumn", 0),
+              VkImage::iconForFile("/Users/t/Downloads/ABC.pkg").resized(16, 16));
+    EXPECT_FALSE(controller->iconImage(outline, "downLoadToolColumn", 0));
+    EXPECT_FALSE(controller->objectValue(outline, "fileNameColumn", 1));
+    // Decimal thresholds, a 1024 divisor (the sizes below 1000 are in the detail test).
+    EXPECT_EQ(VkLogsController::stringFromFileSize(1023999), "1000.0 KB");
+    EXPECT_EQ(VkLogsController::stringFromFileSize(5000000000ull), "4.7 GB");
+
+    controller->realInFinder();  // no click
+    EXPECT_TRUE(view.revealed.empty());
+    view.clicked = 0;
+    controller->realInFinder();
+    EXPECT_EQ(view.revealed, (Lines{"/Users/t/Downloads/ABC.pkg"}));
+    controller->closeFileMonLogsView();
+    EXPECT_TRUE(view.called("removeFromSuperview view"));
+    EXPECT_EQ(delegate.closed, 1);
 }
 
 TEST_F(VkLogsControllerTest, HeaderClicksReverseAndEveryClickFlipsTheListsDirection) {
@@ -229,21 +238,16 @@ TEST_F(VkLogsControllerTest, HeaderClicksReverseAndEveryClickFlipsTheListsDirect
 
     const std::string outline = VkLogsController::kFileLogsOutline;
     controller->didClickTableColumn(outline, "fileNameColumn");
-    EXPECT_EQ(controller->fileLogsSortEnum(), 0);
-    EXPECT_TRUE(controller->isFileSortAsc());
     EXPECT_EQ(recordNames(), (Lines{"a.dmg", "b.dmg", "c.dmg"}));
     EXPECT_EQ(view.indicatorOn("fileNameColumn"), kAscendingSortIndicator);
     EXPECT_EQ(view.indicatorOn("downLoadTimeColumn"), "");
 
     controller->didClickTableColumn(outline, "fileNameColumn");
-    EXPECT_FALSE(controller->isFileSortAsc());
     EXPECT_EQ(recordNames(), (Lines{"c.dmg", "b.dmg", "a.dmg"}));
     EXPECT_EQ(view.indicatorOn("fileNameColumn"), kDescendingSortIndicator);
 
     // Another header keeps flipping the same flag: now ascending by process name.
     controller->didClickTableColumn(outline, "downLoadToolColumn");
-    EXPECT_EQ(controller->fileLogsSortEnum(), 1);
-    EXPECT_TRUE(controller->isFileSortAsc());
     EXPECT_EQ(column(outline, "downLoadToolColumn"), (Lines{"Chrome", "Mail", "Safari"}));
     EXPECT_EQ(view.indicatorOn("fileNameColumn"), "");
     EXPECT_EQ(view.indicatorOn("downLoadToolColumn"), kAscendingSortIndicator);
@@ -336,40 +340,6 @@ TEST_F(VkLogsControllerTest, DetailOpensOnlyForAScanWithEntries) {
     controller->closeScanDetailWnd();
     EXPECT_FALSE(view.isSheetOpen("detailWind"));
     EXPECT_EQ(controller->logsDisplay(), 1);
-}
-
-TEST_F(VkLogsControllerTest, RecordCellsNameIconToolTimeAndState) {
-    setRecords({{"/Users/t/Downloads/x.pkg", "Safari", 42, std::nullopt}});
-    open();
-    controller->displayView(0);
-    const std::string outline = VkLogsController::kFileLogsOutline;
-    EXPECT_EQ(column(outline, "fileNameColumn"), (Lines{"x.pkg"}));
-    EXPECT_EQ(column(outline, "downLoadToolColumn"), (Lines{"Safari"}));
-    EXPECT_EQ(column(outline, "downLoadTimeColumn"), (Lines{"42"}));
-    EXPECT_EQ(column(outline, "fileStateColumn"), (Lines{"Unknown"}));
-    EXPECT_EQ(controller->iconImage(outline, "fileNameColumn", 0),
-              VkImage::iconForFile("/Users/t/Downloads/x.pkg").resized(16, 16));
-    EXPECT_FALSE(controller->iconImage(outline, "downLoadToolColumn", 0));
-    EXPECT_FALSE(controller->objectValue(outline, "fileNameColumn", 1));
-    // Decimal thresholds, a 1024 divisor (the sizes below 1000 are in the detail test).
-    EXPECT_EQ(VkLogsController::stringFromFileSize(1023999), "1000.0 KB");
-    EXPECT_EQ(VkLogsController::stringFromFileSize(5000000000ull), "4.7 GB");
-}
-
-TEST_F(VkLogsControllerTest, RevealsTheClickedRecordAndClosesThroughTheDelegate) {
-    setRecords({{"/Users/t/Downloads/x.pkg", "Safari", 42}});
-    open();
-    controller->displayView(0);
-
-    controller->realInFinder();  // no click
-    EXPECT_TRUE(view.revealed.empty());
-    view.clicked = 0;
-    controller->realInFinder();
-    EXPECT_EQ(view.revealed, (Lines{"/Users/t/Downloads/x.pkg"}));
-
-    controller->closeFileMonLogsView();
-    EXPECT_TRUE(view.called("removeFromSuperview view"));
-    EXPECT_EQ(delegate.closed, 1);
 }
 
 TEST_F(VkLogsControllerTest, AScanLogWriteRedrawsThePageAndAGonePageIsNotCalled) {

@@ -81,7 +81,7 @@ TEST_F(VkQuarantineFileControllerTest, ListsByFileNameAndSortsTheStoresOwnList) 
     EXPECT_EQ(*(*saved->asArray())[2].getString("trojanName"), "OSX/Gamma");
 }
 
-TEST_F(VkQuarantineFileControllerTest, EqualSizesNeverCompareTheSame) {
+TEST_F(VkQuarantineFileControllerTest, SizeSortsWithEqualSizesNeverTheSameOtherColumnsByCopy) {
     EXPECT_EQ(vkCompareFileSize(7, 7), -1);
     EXPECT_EQ(vkCompareFileSize(2, 7), -1);
     EXPECT_EQ(vkCompareFileSize(7, 2), 1);
@@ -97,53 +97,44 @@ TEST_F(VkQuarantineFileControllerTest, EqualSizesNeverCompareTheSame) {
     EXPECT_EQ(names[0], "OSX/Beta");
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"})) << "no row lost or doubled";
-}
 
-TEST_F(VkQuarantineFileControllerTest, OtherColumnsSortByTheQuarantinedCopysPath) {
+    // The third click descends again, by the quarantined copy's path.
     controller->didClickTableColumn(VkListColumn::check);
-    EXPECT_EQ(controller->resultOrder(), 1);
     EXPECT_EQ(view.indicatorOn(VkListColumn::check), "NSDescendingSortIndicator");
     Names copies;
     for (const auto& item : store->allQuarantineItems())
         copies.push_back(*item->filePath());
-    Names expected = copies;
-    std::sort(expected.rbegin(), expected.rend());
-    EXPECT_EQ(copies, expected);
+    EXPECT_TRUE(std::is_sorted(copies.rbegin(), copies.rend()));
 }
 
-TEST_F(VkQuarantineFileControllerTest, RestoreThatFailsKeepsTheRowAndTheCount) {
+TEST_F(VkQuarantineFileControllerTest, RestoreDeleteAndRevealActOnTheirRowOnly) {
+    int reloads = view.reloads;
+    controller->removeItem(3);
+    controller->disFileQuarantine(-1);
+    controller->realInFinder();  // nothing clicked
+    EXPECT_EQ(view.reloads, reloads);
+    EXPECT_EQ(controller->numberOfRows(), 3u);
+    EXPECT_TRUE(view.revealed.empty());
+    view.clicked = 2;
+    controller->realInFinder();
+    EXPECT_EQ(view.revealed, (Names{*store->allQuarantineItems()[2]->filePath()}));
+
+    // A restore that fails keeps the row and the count.
     core->failMoves(true);
     controller->disFileQuarantine(0);
     EXPECT_EQ(controller->numberOfRows(), 3u);
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
     EXPECT_FALSE(fs::exists(dir / "root/a/agent.plist"));
-
     core->failMoves(false);
     controller->disFileQuarantine(0);
     EXPECT_TRUE(fs::exists(dir / "root/a/agent.plist"));
     EXPECT_EQ(view.texts["QuarantineFileText"], "2 in quarantine");
-}
 
-TEST_F(VkQuarantineFileControllerTest, DeleteRemovesTheCopyAndMissingRowsDoNothing) {
-    int reloads = view.reloads;
-    controller->removeItem(3);
-    controller->disFileQuarantine(-1);
-    EXPECT_EQ(view.reloads, reloads);
-    EXPECT_EQ(controller->numberOfRows(), 3u);
-
-    std::string copy = *store->allQuarantineItems()[1]->filePath();
+    std::string copy = *store->allQuarantineItems()[1]->filePath();  // report.pdf
     controller->removeItem(1);
     EXPECT_FALSE(fs::exists(copy));
-    EXPECT_EQ(column(VkListColumn::fileName), (Names{"agent.plist", "report.pdf"}));
-    EXPECT_EQ(view.texts["QuarantineFileText"], "2 in quarantine");
-}
-
-TEST_F(VkQuarantineFileControllerTest, RevealShowsTheQuarantinedCopyOrNothing) {
-    controller->realInFinder();
-    EXPECT_TRUE(view.revealed.empty());
-    view.clicked = 2;
-    controller->realInFinder();
-    EXPECT_EQ(view.revealed, (Names{*store->allQuarantineItems()[2]->filePath()}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Names{"payload"}));
+    EXPECT_EQ(view.texts["QuarantineFileText"], "1 in quarantine");
 }
 
 TEST(VkListSupportTest, CountLineFillsOneIntegerPlaceholderOnly) {

@@ -7,6 +7,7 @@
 #include "detectors/VkAntiTrojan.h"
 #include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkRecordingPanelView.h"
+#include "fakes/VkScriptedCenter.h"
 #include "fakes/VkTempDir.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
@@ -16,24 +17,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// A scan center that records what the panel starts instead of starting it.
-class VkStartRecordingCenter : public VkTorjanCenter {
-  public:
-    using VkTorjanCenter::VkTorjanCenter;
-    void startScan(const std::optional<std::vector<std::string>>& paths,
-                   std::shared_ptr<VkTorjanScanDelegate>) override {
-        calls.push_back(paths ? "startScan paths" : "startScan full");
-    }
-    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate>) override {
-        calls.push_back("startQuickScan");
-    }
-    void stopCurrentScan() override { calls.push_back("stopCurrentScan"); }
-    void startUpdate(std::shared_ptr<VkAddTorjanDelegate>) override {
-        calls.push_back("startUpdate");
-    }
-    Lines calls;
-};
 
 std::vector<uint8_t> archiveOf(size_t count) {
     VkFileMonLogsItem::Items items;
@@ -68,8 +51,8 @@ class VkSecuityViewControllerTest : public ::testing::Test {
             });
         ctx->notificationCenter->addObserver("OnlineDownScanChangeNotify", nullptr,
                                              [this](const VkNotification&) { ++switchNotices; });
-        center = std::make_shared<VkStartRecordingCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
-                                                          VkServices::makeQuarantine(*ctx));
+        center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
+                                                    VkServices::makeQuarantine(*ctx));
         scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
         view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});
@@ -104,7 +87,7 @@ class VkSecuityViewControllerTest : public ::testing::Test {
     std::shared_ptr<VkContext> ctx;
     std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
     VkRunLoopMainQueue* queue = nullptr;
-    std::shared_ptr<VkStartRecordingCenter> center;
+    std::shared_ptr<VkScriptedCenter> center;
     std::shared_ptr<VkScanLogsOper> scanLogs;
     std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
     VkRecordingPanelView view;
@@ -146,6 +129,13 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     EXPECT_EQ(sentence->color, VkColor::black());
     EXPECT_EQ(sentence->fontSize, 12);
     EXPECT_EQ(counts, (std::vector<double>{0}));
+
+    // A quick scan before the logs were ever opened does not make the logs page.
+    view.calls.clear();
+    panel->startQuickScan();
+    EXPECT_EQ(panel->logsController(), nullptr);
+    EXPECT_TRUE(view.calls.empty());
+    EXPECT_EQ(center->calls.back(), "startQuickScan");
 }
 
 // A start the monitor refuses is stored as NO; a monitor the user switched off is not asked.
@@ -164,7 +154,7 @@ TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheOffText) {
     }
 }
 
-TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueue) {
+TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueueWhileItLives) {
     show();
     panel->viewFileMonLogs();
     counts.clear();
@@ -179,15 +169,16 @@ TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueue) 
     EXPECT_EQ(view.frame("viewFileMonLogs").origin, (VkPoint{7.0 * 16 + 15, 12}));
     EXPECT_EQ(counts, (std::vector<double>{12}));
     EXPECT_EQ(panel->logsController()->numberOfRows(VkLogsController::kFileLogsOutline), 12u);
-}
 
-TEST_F(VkSecuityViewControllerTest, AQuickScanBeforeTheLogsWereOpenedDoesNotMakeTheLogsPage) {
-    show();
-    view.calls.clear();
-    panel->startQuickScan();
-    EXPECT_EQ(panel->logsController(), nullptr);
-    EXPECT_TRUE(view.calls.empty());
-    EXPECT_EQ(center->calls.back(), "startQuickScan");
+    // Records arriving once the panel is gone are stored but reach nothing.
+    client->push(archiveOf(2));
+    panel.reset();
+    counts.clear();
+    queue->runPending();
+    client->push(archiveOf(3));
+    queue->runPending();
+    EXPECT_TRUE(counts.empty());
+    EXPECT_EQ(fileMonLogs->logsFileCount(), 3u);
 }
 
 TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClosesOrAScanStarts) {
@@ -241,18 +232,6 @@ TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEv
     EXPECT_EQ(storedFileMonStart(), false);
     EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
     EXPECT_EQ(switchNotices, 3);
-}
-
-TEST_F(VkSecuityViewControllerTest, RecordsArrivingAfterThePanelIsGoneReachNothing) {
-    show();
-    client->push(archiveOf(2));
-    panel.reset();
-    counts.clear();
-    queue->runPending();
-    client->push(archiveOf(3));
-    queue->runPending();
-    EXPECT_TRUE(counts.empty());
-    EXPECT_EQ(fileMonLogs->logsFileCount(), 3u);
 }
 
 }  // namespace

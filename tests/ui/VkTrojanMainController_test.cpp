@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "center/VkServices.h"
-#include "center/VkTorjanCenter.h"
-#include "database/VkAddTorjanItems.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
@@ -16,13 +14,13 @@
 #include "fakes/VkRecordingHostReporter.h"
 #include "fakes/VkRecordingListView.h"
 #include "fakes/VkRecordingPanelView.h"
+#include "fakes/VkScriptedCenter.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
 #include "logs/VkScanLogsOper.h"
 #include "platform/VkFileUtil.h"
-#include "platform/VkHttpClient.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "ui/VkListSupport.h"
 
@@ -32,42 +30,6 @@ namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
 const char kSample[] = "panel-synthetic-sample-bytes";
-
-// A scan center that records what the panel starts instead of starting it, unless a test
-// lets it through to the real engine.
-class VkScriptedCenter : public VkTorjanCenter {
-  public:
-    using VkTorjanCenter::VkTorjanCenter;
-
-    void startScan(const std::optional<std::vector<std::string>>& paths,
-                   std::shared_ptr<VkTorjanScanDelegate> delegate) override {
-        calls.push_back(paths ? "startScan " + std::to_string(paths->size()) : "startScan full");
-        if (realEngine)
-            VkTorjanCenter::startScan(paths, std::move(delegate));
-    }
-    void startQuickScan(std::shared_ptr<VkTorjanScanDelegate> delegate) override {
-        calls.push_back("startQuickScan");
-        if (realEngine)
-            VkTorjanCenter::startQuickScan(std::move(delegate));
-    }
-    void stopCurrentScan() override {
-        calls.push_back("stopCurrentScan");
-        if (realEngine)
-            VkTorjanCenter::stopCurrentScan();
-    }
-    void startUpdate(std::shared_ptr<VkAddTorjanDelegate>) override {
-        calls.push_back("startUpdate");
-    }
-    void killTorjanItem(ResultList items,
-                        std::shared_ptr<VkKillTorjansDelegate> delegate) override {
-        calls.push_back("killTorjanItem " + std::to_string(items.size()));
-        if (realEngine)
-            VkTorjanCenter::killTorjanItem(std::move(items), std::move(delegate));
-    }
-
-    bool realEngine = false;
-    Lines calls;
-};
 
 class VkTrojanMainControllerTest : public ::testing::Test {
   protected:
@@ -205,6 +167,17 @@ TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUp
                                  VkPlist(VkDate{ctx->clock->now() - 604800}));
     controller->killTorjansEnd();  // re-reads the status with a clean just stored
     EXPECT_EQ(view.text("warningText"), "Protected");
+
+    // The quarantine screen covers the main view until it is finished with.
+    controller->showQuarantineFiles();
+    EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
+    EXPECT_EQ(view.frame("VkQuarantineFileController"), view.frame("mainView"));
+    EXPECT_TRUE(view.isHidden("headView"));
+    EXPECT_TRUE(view.isHidden("userScanView"));
+    controller->quarantineFileController().operaComplete();
+    EXPECT_FALSE(view.isHidden("headView"));
+    EXPECT_FALSE(view.isHidden("userScanView"));
+    EXPECT_EQ(quarantineView.closes, 1);
 }
 
 TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
@@ -345,21 +318,6 @@ TEST_F(VkTrojanMainControllerTest, DroppedFilesScanAfterASecondAndAreLoggedWitho
     EXPECT_FALSE(view.isHidden("cleanButton"));
 }
 
-TEST_F(VkTrojanMainControllerTest, FinishImageGivesWayToTheLinkTitleOnceThereAreResults) {
-    controller->fullScanAction();
-    endScan();
-    ASSERT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "button:Finish");
-    controller->fullScanAction();
-    found("home/evil.bin");
-    endScan();
-    EXPECT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "none");
-    auto title = view.styledText("backButton");
-    ASSERT_TRUE(title);
-    EXPECT_EQ(title->text, "Back");
-    EXPECT_EQ(title->fontSize, 11);
-    EXPECT_EQ(title->color, VkColor::rgb255(60, 126, 218));
-}
-
 TEST_F(VkTrojanMainControllerTest, CleaningOnlyTrustAndQuarantineEndsAtOnce) {
     controller->fullScanAction();
     auto kept = found("home/quarantine-me.bin");
@@ -441,12 +399,20 @@ TEST_F(VkTrojanMainControllerTest, ShutdownAfterACleanScanRunsTheScriptAndLogsIt
     EXPECT_TRUE(view.isHidden("shutDownButton"));
     EXPECT_EQ(view.state("shutDownButton"), 1) << "the box keeps its state";
 
-    // With results the box starts the clean instead.
+    // With results the box starts the clean instead, and the finish image of the clean
+    // scan before gives way to the link title.
+    ASSERT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "button:Finish");
     controller->fullScanAction();
     view.setState("shutDownButton", 1);
     found("home/evil.bin");
     endScan();
     EXPECT_EQ(center->calls.back(), "killTorjanItem 1");
+    EXPECT_EQ(VkRecordingPanelView::describe(view.image("backButton")), "none");
+    auto title = view.styledText("backButton");
+    ASSERT_TRUE(title);
+    EXPECT_EQ(title->text, "Back");
+    EXPECT_EQ(title->fontSize, 11);
+    EXPECT_EQ(title->color, VkColor::rgb255(60, 126, 218));
 }
 
 TEST_F(VkTrojanMainControllerTest, SortingByHeaderClicksWithTheEqualSizeRule) {
@@ -531,18 +497,6 @@ TEST_F(VkTrojanMainControllerTest, HostNotificationsActOnlyForThisController) {
 
     ctx->notificationCenter->post("StopScanNotify", controller.get());
     EXPECT_EQ(center->calls.back(), "stopCurrentScan");
-}
-
-TEST_F(VkTrojanMainControllerTest, TrustAndQuarantineScreensCoverTheCurrentView) {
-    controller->showQuarantineFiles();
-    EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
-    EXPECT_EQ(view.frame("VkQuarantineFileController"), view.frame("mainView"));
-    EXPECT_TRUE(view.isHidden("headView"));
-    EXPECT_TRUE(view.isHidden("userScanView"));
-    controller->quarantineFileController().operaComplete();
-    EXPECT_FALSE(view.isHidden("headView"));
-    EXPECT_FALSE(view.isHidden("userScanView"));
-    EXPECT_EQ(quarantineView.closes, 1);
 }
 
 // The whole way through on the real engine: a dropped folder with a planted file is

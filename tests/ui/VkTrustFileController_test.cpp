@@ -68,7 +68,9 @@ class VkTrustFileControllerTest : public ::testing::Test {
     std::unique_ptr<VkTrustFileController> controller;
 };
 
-TEST_F(VkTrustFileControllerTest, FirstShowingSortsByTrojanNameAndCountsRows) {
+// The first showing sorts by trojan name under the file-name indicator; every header but
+// the check column flips one shared direction.
+TEST_F(VkTrustFileControllerTest, SortsByTrojanNameAndHeadersFlipOneDirection) {
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSAscendingSortIndicator");
     EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"zeta.bin", "mid.bin", "alpha.bin"}));
@@ -78,43 +80,42 @@ TEST_F(VkTrustFileControllerTest, FirstShowingSortsByTrojanNameAndCountsRows) {
     EXPECT_EQ(*controller->iconPath(0), dir / "home/zeta.bin");
     EXPECT_EQ(view.texts["trustFileText"], "3 trusted files");
     EXPECT_EQ(view.reloads, 1);
-}
 
-TEST_F(VkTrustFileControllerTest, FileNameHeaderSortsByTrojanNameAndDirectionFlipsEveryClick) {
+    // The check column changes nothing, not even the direction (the next click descends).
+    int indicatorCalls = view.indicatorCalls;
+    controller->didClickTableColumn(VkListColumn::check);
+    EXPECT_EQ(view.indicatorCalls, indicatorCalls);
+    EXPECT_EQ(view.reloads, 1);
+    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
+
     controller->didClickTableColumn(VkListColumn::fileName);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSDescendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "mid.bin", "zeta.bin"}))
         << "by trojan name, not by file name";
-
-    // The direction is shared: the next click on another column sorts ascending.
     controller->didClickTableColumn(VkListColumn::fileSize);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "");
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "NSAscendingSortIndicator");
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "zeta.bin", "mid.bin"}));
-
     controller->didClickTableColumn(VkListColumn::torjanName);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "");
     EXPECT_EQ(view.indicatorOn(VkListColumn::torjanName), "NSDescendingSortIndicator");
     EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
 }
 
-TEST_F(VkTrustFileControllerTest, CheckColumnClickChangesNothingVisible) {
-    int indicatorCalls = view.indicatorCalls, reloads = view.reloads;
-    controller->didClickTableColumn(VkListColumn::check);
-    EXPECT_EQ(controller->trustResultOrder(), 0);
-    EXPECT_FALSE(controller->isSortAsc()) << "direction not flipped";
-    EXPECT_EQ(view.indicatorCalls, indicatorCalls);
-    EXPECT_EQ(view.reloads, reloads);
-    EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSAscendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
-}
-
-TEST_F(VkTrustFileControllerTest, DroppingARowLeavesTheTrustListAndMissingRowsDoNothing) {
+TEST_F(VkTrustFileControllerTest, DropRevealAndFinishActOnTheRightRowOrNothing) {
     controller->disFileTrust(3);
     controller->disFileTrust(-1);
+    controller->realInFinder();  // nothing clicked or selected
     EXPECT_EQ(view.reloads, 1);
     EXPECT_EQ(center->ecryptTrustFileArray().size(), 3u);
+    EXPECT_TRUE(view.revealed.empty());
+
+    // Reveal takes the clicked row over the selected one.
+    view.selected = 1;
+    controller->realInFinder();
+    view.clicked = 2;
+    controller->realInFinder();
+    EXPECT_EQ(view.revealed, (Names{dir / "home/mid.bin", dir / "home/alpha.bin"}));
 
     controller->disFileTrust(1);  // OSX/Beta, mid.bin
     EXPECT_EQ(view.reloads, 2);
@@ -124,20 +125,7 @@ TEST_F(VkTrustFileControllerTest, DroppingARowLeavesTheTrustListAndMissingRowsDo
     ASSERT_EQ(stored.size(), 2u);
     for (const auto& row : stored)
         EXPECT_NE(*row.getString("TrustFilePath"), dir / "home/mid.bin");
-}
 
-TEST_F(VkTrustFileControllerTest, RevealTakesClickedThenSelectedRowElseNothing) {
-    controller->realInFinder();
-    EXPECT_TRUE(view.revealed.empty());
-
-    view.selected = 1;
-    controller->realInFinder();
-    view.clicked = 2;
-    controller->realInFinder();
-    EXPECT_EQ(view.revealed, (Names{dir / "home/mid.bin", dir / "home/alpha.bin"}));
-}
-
-TEST_F(VkTrustFileControllerTest, FinishClosesAndTellsTheMainScreen) {
     controller->operaComplete();
     EXPECT_EQ(view.closes, 1);
     EXPECT_EQ(delegate.calls, 1);
