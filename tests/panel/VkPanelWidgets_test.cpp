@@ -98,7 +98,7 @@ class VkQtPanelViewTest : public ::testing::Test {
     VkQtPanelView view{&root, screens};
 };
 
-TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftAndSurviveRemoval) {
+TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet) {
     // Top-left (10, 20) of 50 high in a 300 high parent is 230 up from the bottom.
     EXPECT_EQ(view.frame("box"), (VkRect{{10, 230}, {100, 50}}));
     view.setFrame("label", {{5, 0}, {90, 10}});
@@ -120,9 +120,8 @@ TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftAndSurviveRemoval) {
     EXPECT_EQ(other.parentWidget(), &root);
     EXPECT_EQ(other.geometry(), QRect(0, 100, 200, 100));
     EXPECT_TRUE(other.isVisibleTo(&root));
-}
 
-TEST_F(VkQtPanelViewTest, TextsStatesAndHighlightedCounts) {
+    // Texts, states and highlighted counts.
     view.setText("label", "plain");
     EXPECT_EQ(view.text("label"), "plain");
     VkStyledText styled;
@@ -214,7 +213,7 @@ class VkTrojanOutlineViewTest : public ::testing::Test {
     int64_t rows = 3;
 };
 
-TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOverRowsAndHideOffThemOrOnReload) {
+TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOrTheSelectionAndHideOffRows) {
     QRect second = outline.visualRect(outline.model()->index(1, 0));
     outline.mouseMoved(second.center());
     EXPECT_EQ(VkTrojanOutlineView::tag(one), 1);
@@ -235,9 +234,8 @@ TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOverRowsAndHideOffThemOrO
     EXPECT_EQ(VkTrojanOutlineView::tag(two), -1);
     EXPECT_TRUE(one->isHidden());
     EXPECT_TRUE(two->isHidden());
-}
 
-TEST_F(VkTrojanOutlineViewTest, SelectedRowPlacesTheSecondButtonTwiceAtTheRightEnd) {
+    // A selected row places the second button twice over at the right end.
     outline.selectionModel()->select(
         outline.model()->index(2, 0),
         QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
