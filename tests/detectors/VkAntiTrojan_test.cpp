@@ -35,6 +35,8 @@ class VkAntiTrojanTest : public VkFakeMacTest {
     std::vector<std::pair<std::string, float>> calls;
 };
 
+// The launch-agent detector reports before each family and once more at the end, on the
+// first half of the range.
 TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRange) {
     infect();
     auto anti = make<VkAntiTrojan>();
