@@ -20,10 +20,10 @@ class VkAgentTrojanTest : public VkFakeMacTest {
         float value;
     };
 
-    VkSpecialResult scan(VkAgentTrojan& detector, bool answer = false) {
-        return detector.scan([this, answer](const std::string& name, float value) {
+    VkSpecialResult scan(VkAgentTrojan& detector) {
+        return detector.scan([this](const std::string& name, float value) {
             progress.push_back({name, value});
-            return answer;
+            return false;
         });
     }
 
@@ -123,47 +123,6 @@ TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
     }
 }
 
-// Without its program file a family is still found, by its launch item alone; findings
-// accumulate over scans and stay recorded when a later scan finds nothing.
-TEST_F(VkAgentTrojanTest, MissingProgramGivesTheLaunchItemAloneAndFindingsAccumulate) {
-    std::string plist = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
-                                   launchItem("/usr/sbin/logind"));
-    auto detector = make<VkAgentTrojan>();
-    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Tsunami.A", {plist}}}));
-    EXPECT_TRUE(detector.binFiles().empty());
-
-    std::string program = writeFile("/usr/sbin/logind", "x");
-    scan(detector);
-    scan(detector);
-    EXPECT_EQ(detector.serviceFiles(), (Paths{plist, plist, plist}));
-    EXPECT_EQ(detector.binFiles(), Paths{program}) << "programs are recorded once";
-    VkFile::removeTree(plist);
-    EXPECT_TRUE(scan(detector).empty());
-    EXPECT_EQ(detector.serviceFiles().size(), 3u);
-}
-
-TEST_F(VkAgentTrojanTest, ProgressComesBeforeEachFamilyAndOnceMoreAtTheEnd) {
-    writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
-               launchItem("/usr/sbin/logind"));
-    auto detector = make<VkAgentTrojan>();
-    // The answer is ignored: a "stop" on every call still examines every family.
-    auto result = scan(detector, true);
-    EXPECT_EQ(result.count("OSX/Tsunami.A"), 1u);
-
-    ASSERT_EQ(progress.size(), 10u);
-    std::vector<std::string> names;
-    for (const auto& [name, definition] : detector.agentTrojanDefs())
-        names.push_back(name);
-    ASSERT_EQ(names.size(), 9u);
-    for (size_t i = 0; i < 9; ++i) {
-        EXPECT_EQ(progress[i].name, names[i]);
-        EXPECT_FLOAT_EQ(progress[i].value, static_cast<float>(i) / 9.0f);
-    }
-    EXPECT_EQ(progress[0].value, 0.0f);
-    EXPECT_EQ(progress[9].name, names.back());
-    EXPECT_EQ(progress[9].value, 1.0f);
-}
-
 TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
     writePlist("~/Library/LaunchAgents/evil.plist", launchItem("/opt/evil"));
     auto detector = make<VkAgentTrojan>();
@@ -227,20 +186,24 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
     EXPECT_TRUE(scan(detector).empty());
 }
 
-TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
-    auto idle = make<VkAgentTrojan>();
-    scan(idle);
-    idle.remove();
-    EXPECT_TRUE(core->calls().empty()) << "nothing found, nothing done";
-
+// Without its program file a family is found by its launch item alone; findings accumulate
+// over scans (programs once) and stay recorded when a later scan finds nothing; removal
+// deletes the launch items, then the programs, and keeps its lists for the next removal.
+TEST_F(VkAgentTrojanTest, FindingsAccumulateAndRemovalDeletesLaunchItemsThenPrograms) {
     std::string legion = writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
                                     launchItem("~/Library/mdsa1331/agent"));
     std::string agent = writeFile("~/Library/mdsa1331/agent", "x");
     std::string logind = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
                                     launchItem("/usr/sbin/logind"));
     auto detector = make<VkAgentTrojan>();
+    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/DevilRobber.A", {legion, agent}},
+                                               {"OSX/Tsunami.A", {logind}}}));
     scan(detector);
-    scan(detector);
+    VkFile::removeTree(legion);
+    VkFile::removeTree(logind);
+    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_EQ(detector.serviceFiles(), (Paths{legion, logind, legion, logind}));
+    EXPECT_EQ(detector.binFiles(), Paths{agent}) << "programs are recorded once";
     detector.remove();
 
     auto calls = core->calls();
@@ -251,7 +214,7 @@ TEST_F(VkAgentTrojanTest, RemoveDeletesLaunchItemsThenProgramsOfEveryScan) {
     EXPECT_EQ(calls[1].args, (Paths{legion, logind, legion, logind, agent}));
     EXPECT_EQ(calls[1].scope, VkCleanScope::filesOnly) << "never a folder a launch item names";
     detector.remove();
-    ASSERT_EQ(core->calls().size(), 4u) << "the lists are kept for the next removal";
+    ASSERT_EQ(core->calls().size(), 4u);
     EXPECT_EQ(core->calls()[3].args, calls[1].args);
 }
 

@@ -8,26 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkRecordingPacing.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkPlist.h"
-
-// Pacing that never sleeps: hands out the given random values in turn and records each
-// requested sleep.
-class VkRecordingPacing : public VkPacing {
-  public:
-    int random() override {
-        if (randoms.empty())
-            return 0;
-        return randoms[next++ % randoms.size()];
-    }
-    void sleepMicroseconds(long long microseconds) override { sleeps.push_back(microseconds); }
-
-    std::vector<int> randoms;
-    size_t next = 0;
-    std::vector<long long> sleeps;
-};
 
 // A fake Mac tree in a temporary folder: the context's system root is <tmp>/root, the
 // inspected home "/Users/tester", core operations recorded, nothing sleeps.

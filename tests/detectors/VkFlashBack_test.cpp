@@ -228,15 +228,6 @@ class VkFlashBackRemoveTest : public VkFlashBackTest {
 };
 
 TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
-    // Nothing ever found: nothing done, not even the walk for databases.
-    std::string stray = writeFile("/var/folders/ab/" + std::string(kCsstoreA), "db");
-    auto idle = make<VkFlashBack>();
-    EXPECT_TRUE(scan(idle).empty());
-    idle.remove();
-    EXPECT_TRUE(core->calls().empty());
-    EXPECT_TRUE(logLines().empty());
-    VkFile::removeTree(stray);
-
     std::string safari = writePlist(kSafari, browserInfo(insert("/Library/x.dylib")));
     std::string chrome = writePlist(kChrome, browserInfo(insert("/Library/y.dylib")));
     std::string env = writePlist(kEnvironment, insert("/Library/x.dylib"));

@@ -41,45 +41,34 @@ TEST_F(VkTorjanResultItemsTest, SettingAPathReadsSizeAndIconOnlyWhenItChanges) {
     VkTorjanResultItems fresh;
     fresh.setPath(missing);
     EXPECT_EQ(fresh.fileSize(), 0u);
+    // A link reports its own size, not its target's.
+    std::filesystem::create_symlink(path, dir / "link");
+    fresh.setPath(dir / "link");
+    EXPECT_EQ(fresh.fileSize(), path.size());
 }
 
-TEST_F(VkTorjanResultItemsTest, ALinkReportsItsOwnSizeNotItsTargets) {
-    std::string target = dir.write("target.bin", std::string(4000, 't'));
-    std::string link = dir / "link";
-    std::filesystem::create_symlink(target, link);
-    VkTorjanResultItems result;
-    result.setPath(link);
-    EXPECT_EQ(result.fileSize(), target.size());
-}
-
-TEST_F(VkTorjanResultItemsTest, HashCodeChoosesRecordCodeThenHeadCodeThenStoredHash) {
+// The record's fields win once there is a record, even when they are nil.
+TEST_F(VkTorjanResultItemsTest, HashCodeAndDisplayNameComeFromTheRecordFirst) {
     VkTorjanResultItems result;
     result.setHashCode("stored");
+    result.setTorjanName("OSX/Flashback");
+    result.setSpec(true);
     EXPECT_EQ(result.hashCode(), "stored");
+    EXPECT_EQ(result.displayName(), "OSX/Flashback");
 
     auto item = std::make_shared<VkTorjanItem>();
     item->setTorjanCode("whole");
     item->setHeadeCode("head");
     result.setTorjanItem(item);
     EXPECT_EQ(result.hashCode(), "whole");
+    EXPECT_FALSE(result.displayName().has_value());
+    item->setName("OSX/Foo.A");
+    EXPECT_EQ(result.displayName(), "OSX/Foo.A");
     item->setTorjanCode("");
     EXPECT_EQ(result.hashCode(), "head");
     item->setTorjanCode(std::nullopt);
     item->setHeadeCode(std::nullopt);
-    EXPECT_FALSE(result.hashCode().has_value());  // the record's nil head code, not "stored"
-}
-
-TEST_F(VkTorjanResultItemsTest, DisplayNameIsTheRecordsNameElseTheFamilyName) {
-    VkTorjanResultItems special;
-    special.setTorjanName("OSX/Flashback");
-    special.setSpec(true);
-    EXPECT_EQ(special.displayName(), "OSX/Flashback");
-
-    auto item = std::make_shared<VkTorjanItem>();
-    special.setTorjanItem(item);
-    EXPECT_FALSE(special.displayName().has_value());  // the record's nil name wins
-    item->setName("OSX/Foo.A");
-    EXPECT_EQ(special.displayName(), "OSX/Foo.A");
+    EXPECT_FALSE(result.hashCode().has_value());
 }
 
 }  // namespace

@@ -205,16 +205,6 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
     EXPECT_EQ(delegate->coreCallsAtEnd(), 3u) << "the end comes after the detectors' removal";
 }
 
-TEST_F(VkKillTorjansTest, NullDelegateDropsTheRequest) {
-    std::string file = dir.write("root/found/evil.bin", "x");
-    auto killer = newKiller();
-    killer->killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
-    finish(*killer);
-    EXPECT_EQ(processes->listingCount(), 0);
-    EXPECT_TRUE(core->calls().empty());
-    EXPECT_TRUE(fs::exists(file));
-}
-
 // A "d" entry deletes folder/name in the inspected system, not the result's own file.
 // Entries a crafted database (or an update) may carry delete nothing, each saying why;
 // unknown codes are skipped; a good entry after them still acts.
@@ -274,28 +264,8 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     EXPECT_EQ(delegate->ends(), 1) << "delivered before killTorjanItemAndWait returned";
 }
 
-TEST_F(VkKillTorjansTest, RecordWithoutInstructionsDeletesTheResultsOwnFile) {
-    std::string a = dir.write("root/found/a.bin", "a");
-    std::string b = dir.write("root/found/b.bin", "b");
-    auto killer = newKiller();
-    VkKillReport report = killer->killTorjanItemAndWait(
-        {signatureResult(a, std::nullopt),
-         signatureResult(b, std::vector<std::vector<std::string>>{})});
-    ASSERT_EQ(cleanCalls().size(), 1u);
-    EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b}));
-    EXPECT_FALSE(fs::exists(a));
-    EXPECT_FALSE(fs::exists(b));
-    ASSERT_EQ(report.outcomes.size(), 2u);
-    ASSERT_EQ(report.outcomes[1].deletions.size(), 1u);
-    EXPECT_TRUE(report.outcomes[1].deletions[0].removed);
-
-    // Instructions that were all dropped when read were instructions still: the detected
-    // file is not deleted in their place.
-    std::string c = dir.write("root/found/c.bin", "c");
-    killer->killTorjanItemAndWait({signatureResult(c, {{{"d", "/Library"}, {}}})});
-    EXPECT_TRUE(fs::exists(c));
-}
-
+// Results without instructions (none, or an empty list) lose their own file, all in one
+// clean; special results are reported after it and left to the detectors.
 TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterTheClean) {
     std::string a = dir.write("root/found/a.bin", "a");
     std::string b = dir.write("root/found/b.bin", "b");
@@ -303,12 +273,11 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     std::string s = dir.write("root/found/special.plist", "s");
     auto ra = signatureResult(a, std::nullopt);
     auto rs = specialResult(s);
-    auto rb = signatureResult(b, std::nullopt);
+    auto rb = signatureResult(b, std::vector<std::vector<std::string>>{});
     auto rc = signatureResult(c, std::nullopt);
 
     auto killer = newKiller();
-    killer->killTorjanItem({ra, rs, rb, rc}, delegate);
-    finish(*killer);
+    VkKillReport report = killer->killTorjanItemAndWait({ra, rs, rb, rc}, delegate);
 
     auto calls = delegate->progress();
     ASSERT_EQ(calls.size(), 4u);
@@ -326,8 +295,20 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
 
     ASSERT_EQ(cleanCalls().size(), 1u);
     EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b, c}));
+    for (const auto& gone : {a, b, c})
+        EXPECT_FALSE(fs::exists(gone)) << gone;
     EXPECT_TRUE(fs::exists(s)) << "special files are left to the detectors";
+    ASSERT_EQ(report.outcomes.size(), 4u);
+    ASSERT_EQ(report.outcomes[2].deletions.size(), 1u);
+    EXPECT_TRUE(report.outcomes[2].deletions[0].removed);
+    EXPECT_TRUE(report.outcomes[1].special);
     EXPECT_EQ(delegate->ends(), 1);
+
+    // Instructions that were all dropped when read were instructions still: the detected
+    // file is not deleted in their place.
+    std::string kept = dir.write("root/found/kept.bin", "c");
+    killer->killTorjanItemAndWait({signatureResult(kept, {{{"d", "/Library"}, {}}})});
+    EXPECT_TRUE(fs::exists(kept));
 }
 
 TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
@@ -348,6 +329,14 @@ TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
     VkKillReport report = killer->killTorjanItemAndWait({signatureResult(file, std::nullopt)});
     EXPECT_FALSE(report.completed);
     EXPECT_TRUE(core->calls().empty());
+
+    // Without a delegate the request is dropped before the process table is even read.
+    processes->failListing = false;
+    killer->killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
+    finish(*killer);
+    EXPECT_EQ(processes->listingCount(), 2);
+    EXPECT_TRUE(core->calls().empty());
+    EXPECT_TRUE(fs::exists(file));
 }
 
 TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
@@ -463,6 +452,8 @@ class VkKillTorjansProcessTest : public VkKillTorjansTest {
     std::vector<pid_t> children_;
 };
 
+// Every process with exactly the entry's name ends, found by its 15-byte kernel name or, for
+// a longer name, by its executable's.
 TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     // Unique per test process, so that nothing else on the machine carries these names.
     std::string name = "vkT" + std::to_string(::getpid());
@@ -470,62 +461,48 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     pid_t second = spawnNamed(name);
     pid_t longer = spawnNamed(name + "Agent");
     pid_t shorter = spawnNamed(name.substr(0, name.size() - 1));
-    ASSERT_GT(first, 0);
-    ASSERT_GT(second, 0);
-    ASSERT_GT(longer, 0);
-    ASSERT_GT(shorter, 0);
+    for (pid_t pid : {first, second, longer, shorter})
+        ASSERT_GT(pid, 0);
+
+    std::string longName = "LongTrojanAgent" + std::to_string(::getpid() % 100000);
+    std::string program = dir / longName;
+    fs::copy_file("/bin/sleep", program);
+    fs::permissions(program, fs::perms::owner_all);
+    pid_t exe = ::fork();
+    if (exe == 0) {
+        ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ASSERT_GT(exe, 0);
+    children_.push_back(exe);
+    // Wait until the new image runs (its exe link names the copy).
+    for (int i = 0; i < 500; ++i) {
+        auto names = VkSystemProcessList().processNames(exe);
+        if (std::find(names.begin(), names.end(), longName) != names.end())
+            break;
+        ::usleep(10000);
+    }
     std::string own = dir.write("root/found/" + name, "x");
 
     auto killer = newKiller();
-    VkKillReport report =
-        killer->killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
+    VkKillReport report = killer->killTorjanItemAndWait(
+        {signatureResult(own, {{{"k", name}, {"k", longName}}})}, delegate);
 
-    auto kills = core->callsOf("killProcessByID");
     std::set<std::string> killed;
-    for (const auto& call : kills)
+    for (const auto& call : core->callsOf("killProcessByID"))
         killed.insert(call.args.at(0));
-    EXPECT_EQ(killed, (std::set<std::string>{std::to_string(first), std::to_string(second)}));
-    EXPECT_TRUE(ended(first));
-    EXPECT_TRUE(ended(second));
+    EXPECT_EQ(killed, (std::set<std::string>{std::to_string(first), std::to_string(second),
+                                             std::to_string(exe)}));
+    for (pid_t pid : {first, second, exe})
+        EXPECT_TRUE(ended(pid)) << pid;
     EXPECT_FALSE(ended(longer));
     EXPECT_FALSE(ended(shorter));
     EXPECT_TRUE(fs::exists(own));
     ASSERT_EQ(report.outcomes.size(), 1u);
-    ASSERT_EQ(report.outcomes[0].kills.size(), 2u);
-    EXPECT_TRUE(report.outcomes[0].kills[0].ended);
-    EXPECT_TRUE(report.outcomes[0].kills[1].ended);
+    ASSERT_EQ(report.outcomes[0].kills.size(), 3u);
+    for (const auto& kill : report.outcomes[0].kills)
+        EXPECT_TRUE(kill.ended) << kill.pid;
     EXPECT_EQ(delegate->ends(), 1);
-}
-
-// The kernel keeps 15 bytes of a name; the entry names the whole executable.
-TEST_F(VkKillTorjansProcessTest, KillEntryFindsAProcessByItsExecutablesLongName) {
-    std::string name = "LongTrojanAgent" + std::to_string(::getpid() % 100000);
-    ASSERT_GT(name.size(), 15u);
-    std::string program = dir / name;
-    fs::copy_file("/bin/sleep", program);
-    fs::permissions(program, fs::perms::owner_all);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ASSERT_GT(pid, 0);
-    children_.push_back(pid);
-    // Wait until the new image runs (its exe link names the copy).
-    for (int i = 0; i < 500; ++i) {
-        auto names = VkSystemProcessList().processNames(pid);
-        if (std::find(names.begin(), names.end(), name) != names.end())
-            break;
-        ::usleep(10000);
-    }
-    std::string own = dir.write("root/found/agent", "x");
-    auto killer = newKiller();
-    VkKillReport report =
-        killer->killTorjanItemAndWait({signatureResult(own, {{{"k", name}}})}, delegate);
-    ASSERT_EQ(report.outcomes.size(), 1u);
-    ASSERT_EQ(report.outcomes[0].kills.size(), 1u);
-    EXPECT_EQ(report.outcomes[0].kills[0].pid, pid);
-    EXPECT_TRUE(ended(pid));
 }
 
 }  // namespace

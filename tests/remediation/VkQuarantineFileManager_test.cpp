@@ -79,6 +79,14 @@ TEST_F(VkQuarantineTest, FolderIsPrivateAndNamesNeverCollide) {
     EXPECT_EQ(*items[4]->filePath(), folder + "/README " + t);
     EXPECT_EQ(*VkFile::readAll(folder + "/report " + t + " 1.pdf"), "three");
     EXPECT_FALSE(fs::exists(dir / "root/c/report.pdf"));
+
+    // Nor does a quarantined file ever take the list's own names.
+    ASSERT_TRUE(store.addItem(item(dir.write("root/x/info.list", "detected"))));
+    ASSERT_TRUE(store.addItem(item(dir.write("root/y/info.list.lock", "detected"))));
+    for (size_t i = 5; i < 7; ++i) {
+        EXPECT_NE(*items[i]->filePath(), store.infoListPath());
+        EXPECT_EQ(*VkFile::readAll(*items[i]->filePath()), "detected");
+    }
 }
 
 TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
@@ -100,23 +108,7 @@ TEST_F(VkQuarantineTest, ListSurvivesARestartEvenForNamelessRecords) {
                 first.getString("originalPath") && first.get("fileSize"));
 }
 
-TEST_F(VkQuarantineTest, FailedMovesChangeNothing) {
-    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
-    auto kept = item(dir.write("root/k/keep.bin", "k"));
-    ASSERT_TRUE(store.addItem(kept));
-    std::string listBefore = *VkFile::readAll(store.infoListPath());
-
-    core->failMoves(true);
-    std::string victim = dir.write("root/v/victim.bin", "v");
-    EXPECT_FALSE(store.addItem(item(victim)));
-    EXPECT_EQ(store.allQuarantineItems().size(), 1u);
-    EXPECT_TRUE(fs::exists(victim));
-    EXPECT_FALSE(store.recoverItem(kept));
-    EXPECT_EQ(store.allQuarantineItems().size(), 1u);
-    EXPECT_EQ(*VkFile::readAll(store.infoListPath()), listBefore);
-}
-
-TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
+TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAllAndFailedMovesChangeNothing) {
     VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     std::string original = dir.write("root/home/doc.txt", "bytes\x01\x02");
     auto a = item(original);
@@ -125,6 +117,17 @@ TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAll) {
     store.addItem(a);
     store.addItem(b);
     store.addItem(c);
+
+    // Failed moves change nothing.
+    std::string listBefore = *VkFile::readAll(store.infoListPath());
+    core->failMoves(true);
+    std::string victim = dir.write("root/v/victim.bin", "v");
+    EXPECT_FALSE(store.addItem(item(victim)));
+    EXPECT_TRUE(fs::exists(victim));
+    EXPECT_FALSE(store.recoverItem(a));
+    EXPECT_EQ(store.allQuarantineItems().size(), 3u);
+    EXPECT_EQ(*VkFile::readAll(store.infoListPath()), listBefore);
+    core->failMoves(false);
 
     EXPECT_TRUE(store.recoverItem(a));
     EXPECT_EQ(*VkFile::readAll(original), "bytes\x01\x02");
@@ -170,18 +173,6 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
     EXPECT_EQ(*VkFile::readAll(precious), "keep me");
     EXPECT_TRUE(core->callsOf("startClean").empty());
     EXPECT_TRUE(core->callsOf("moveFileItem").empty());
-}
-
-TEST_F(VkQuarantineTest, TheListsOwnNamesAreNeverGivenToAQuarantinedFile) {
-    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
-    ASSERT_TRUE(store.addItem(item(dir.write("root/x/info.list", "detected"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/y/info.list.lock", "detected"))));
-    VkQuarantineFileManager again(ctx->dataFolder, ctx->clock, ctx->coreFunction);
-    ASSERT_EQ(again.allQuarantineItems().size(), 2u);
-    for (const auto& record : again.allQuarantineItems()) {
-        EXPECT_NE(*record->filePath(), again.infoListPath());
-        EXPECT_EQ(*VkFile::readAll(*record->filePath()), "detected");
-    }
 }
 
 // Quarantines `count` files named prefix<i> from root/<prefix>/, in order.
