@@ -104,8 +104,8 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
     auto* cmd = app.add_subcommand(
         "update", "Fetch newer signature databases from the update server and install them");
     cmd->add_option("--server", *server,
-                    "Update server base URL (default: VK_UPDATE_SERVER, else the vendor's "
-                    "server)");
+                    "Update server base URL (default: VK_UPDATE_SERVER, else the setting "
+                    "\"UpdateServer\", else https://update.velkora.com)");
     cmd->add_flag("--allow-unsigned", *allowUnsigned,
                   "For this run, take a manifest the server does not sign (a bad signature is "
                   "still refused)");
