@@ -228,7 +228,7 @@ std::optional<VkAddTorjanItems::Manifest> VkAddTorjanItems::fetchManifest(VkUpda
         if (keys.keys().empty())
             return fail(VkUpdateReport::Failure::BadSignature, "no trusted update key (*.pub) in " +
                                                                    updateKeyFolders()[0] + " or " +
-                                                                   updateKeyFolders()[1]);
+                                                                   ctx_->updateKeysFolder);
         if (signature->size() != VkSignature::kSignatureBytes)
             return fail(VkUpdateReport::Failure::BadSignature,
                         signatureUrl + ": " + std::to_string(signature->size()) +
@@ -400,23 +400,17 @@ void VkAddTorjanItems::stageDownload(const std::string& url, const VkPlist& elem
         entry.detail = file.error();
         return;
     }
-    if (signedManifest) {
-        if (auto mismatch = mismatchOf(partial, *expected)) {
-            ::unlink(partial.c_str());
-            entry.action = VkUpdateReport::Action::ChecksumMismatch;
-            entry.detail = "not the signed file: " + *mismatch;
-            return;
-        }
-    } else if (const VkPlist* sha = element.get("sha256")) {
-        auto digest = VkHashValue::hashFile(partial, *file, 2);
-        const std::string* expected = sha->asString();
-        if (!digest || !expected || lowerCase(*expected) != *digest) {
-            ::unlink(partial.c_str());
-            entry.action = VkUpdateReport::Action::ChecksumMismatch;
-            entry.detail = "SHA-256 " + digest.value_or("?") + " instead of " +
-                           (expected ? *expected : std::string("(not a string)"));
-            return;
-        }
+    // A signed entry always has its hash and size; an unsigned one may give a hash alone, which
+    // is then checked against what arrived (a hash that is no string never matches).
+    if (!expected && element.get("sha256")) {
+        const std::string* sha = element.getString("sha256");
+        expected = VkUpdateChecksum{sha ? lowerCase(*sha) : "(not a string)", *file};
+    }
+    if (auto mismatch = expected ? mismatchOf(partial, *expected) : std::nullopt) {
+        ::unlink(partial.c_str());
+        entry.action = VkUpdateReport::Action::ChecksumMismatch;
+        entry.detail = (signedManifest ? "not the signed file: " : "") + *mismatch;
+        return;
     }
     std::string target = VkFile::join(folder, entry.webpath);
     if (std::rename(partial.c_str(), target.c_str()) != 0) {
