@@ -5,6 +5,8 @@
 #include <QIcon>
 #include <QPainter>
 
+#include "panel/VkCenterTextCell.h"
+
 namespace {
 constexpr int kIconSize = 16;
 constexpr int kGap = 5;
@@ -43,5 +45,6 @@ void VkImageTextCell::paint(QPainter* painter, const QStyleOptionViewItem& optio
 QSize VkImageTextCell::sizeHint(const QStyleOptionViewItem& option,
                                 const QModelIndex& index) const {
     QSize size = QStyledItemDelegate::sizeHint(option, index);
-    return QSize(size.width() + kIconSize + kGap, std::max(size.height(), kIconSize + 4));
+    return QSize(size.width() + kIconSize + kGap,
+                 std::max(size.height(), VkCenterTextCell::rowHeight(option.font)));
 }

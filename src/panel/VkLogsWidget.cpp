@@ -7,6 +7,7 @@
 #include "panel/VkCenterTextCell.h"
 #include "panel/VkImageTextCell.h"
 #include "panel/VkQtOutlineView.h"
+#include "panel/VkQtTexts.h"
 #include "ui/VkLogsController.h"
 #include "ui_VkLogsController.h"
 
@@ -34,6 +35,7 @@ std::optional<std::string> cellText(const std::optional<VkPlist>& value) {
 VkLogsWidget::VkLogsWidget(Logic logic, std::shared_ptr<VkQtScreens> screens, QWidget* parent)
     : QWidget(parent), ui_(std::make_unique<Ui::VkLogsController>()), logic_(std::move(logic)) {
     ui_->setupUi(this);
+    VkQtTexts::localize(this);
     setAutoFillBackground(true);
     screens->add("VkLogsController", this);
     panelView_ = std::make_unique<VkQtPanelView>(this, screens);

@@ -2,8 +2,12 @@
 
 #include <QComboBox>
 
+#include "panel/VkQtTexts.h"
+
 QList<QPair<QString, int>> VkProcessPopUpCell::entries() {
-    return {{tr("Remove"), 0}, {tr("Quarantine"), 1}, {tr("Trust"), 3}};
+    return {{VkQtTexts::text("Panel-Action-Remove"), 0},
+            {VkQtTexts::text("Panel-Action-Quarantine"), 1},
+            {VkQtTexts::text("Panel-Action-Trust"), 3}};
 }
 
 QWidget* VkProcessPopUpCell::createEditor(QWidget* parent, const QStyleOptionViewItem&,

@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QFileIconProvider>
 #include <QFileInfo>
+#include <QMimeDatabase>
 #include <QPainter>
 #include <QSvgRenderer>
 
@@ -37,15 +38,22 @@ QPixmap VkQtImages::resourcePixmap(const std::string& resourceFolder, const std:
 
 QIcon VkQtImages::fileIcon(const VkImage& image) {
     static QFileIconProvider provider;
-    if (!image.path.empty())
-        return provider.icon(QFileInfo(QString::fromStdString(image.path)));
-    if (image.type == "public.folder")
-        return provider.icon(QFileIconProvider::Folder);
-    if (!image.type.empty()) {
-        // A name that does not exist: the provider answers by the extension's file type.
-        return provider.icon(QFileInfo(QString::fromStdString("/nonexistent/file." + image.type)));
+    QIcon icon;
+    if (!image.path.empty()) {
+        icon = provider.icon(QFileInfo(QString::fromStdString(image.path)));
+    } else if (image.type == "public.folder") {
+        icon = provider.icon(QFileIconProvider::Folder);
+    } else if (!image.type.empty()) {
+        // The type's picture from the icon theme, by the type's name, then by its family.
+        QMimeType mime = QMimeDatabase().mimeTypeForFile(
+            QString::fromStdString("file." + image.type), QMimeDatabase::MatchExtension);
+        icon = QIcon::fromTheme(mime.iconName(), QIcon::fromTheme(mime.genericIconName()));
     }
-    return provider.icon(QFileIconProvider::File);
+    // A file that is gone, or a type the desktop draws nothing for: the generic file icon,
+    // never a blank.
+    if (icon.isNull() || icon.pixmap(QSize(16, 16)).isNull())
+        icon = provider.icon(QFileIconProvider::File);
+    return icon;
 }
 
 QPixmap VkQtImages::pixmap(const VkPanelImage& image, const std::string& resourceFolder,

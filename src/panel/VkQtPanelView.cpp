@@ -4,10 +4,12 @@
 #include <QApplication>
 #include <QFontMetricsF>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QProgressBar>
 #include <cmath>
 
+#include "panel/VkQtFill.h"
 #include "panel/VkQtImages.h"
 #include "panel/VkQtOutlineView.h"
 #include "panel/VkSwitchButton.h"
@@ -22,6 +24,16 @@ constexpr const char* kShelvedBy = "vkShelvedBy";
 
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
+}
+
+// Whether a layout of the view's parent places it (directly or in a nested layout).
+bool inLayout(const QLayout* layout, const QWidget* view) {
+    for (int i = 0; layout && i < layout->count(); ++i) {
+        QLayoutItem* item = layout->itemAt(i);
+        if (item->widget() == view || inLayout(item->layout(), view))
+            return true;
+    }
+    return false;
 }
 
 QString cssColor(const VkColor& color) {
@@ -201,6 +213,10 @@ void VkQtPanelView::setImage(const std::string& control, const VkPanelImage& ima
         return;
     std::string folder = screens_ ? screens_->resourceFolder() : std::string();
     if (auto* label = qobject_cast<QLabel*>(w)) {
+        // A small picture in a row of its screen gives its room to the text beside it while
+        // it shows nothing.
+        if (label->property("vkHideWhenEmpty").toBool())
+            label->setHidden(image.kind == VkPanelImage::Kind::none);
         if (image.kind == VkPanelImage::Kind::none) {
             label->clear();
             return;
@@ -267,6 +283,15 @@ void VkQtPanelView::applyFrame(QWidget* view, const VkRect& frame) {
         view->resize(w, h);
         return;
     }
+    // Screens follow the window's size and controls stay where their screen's layout puts
+    // them, so that every screen uses the room it is given; the logic's frames place only
+    // the views that neither does.
+    if (VkQtFill::fills(view)) {
+        VkQtFill::fit(view);
+        return;
+    }
+    if (inLayout(view->parentWidget()->layout(), view))
+        return;
     int parentHeight = view->parentWidget()->height();
     int x = static_cast<int>(std::lround(frame.origin.x));
     int y = static_cast<int>(std::lround(parentHeight - frame.origin.y - h));

@@ -45,7 +45,8 @@ QVariant VkQtRowModel::data(const QModelIndex& index, int role) const {
     if (!index.isValid())
         return {};
     std::string column = columnName(index.column());
-    if (role == Qt::DisplayRole && source_.value) {
+    // The whole text as tool tip: a cell too narrow for it shows it shortened.
+    if ((role == Qt::DisplayRole || role == Qt::ToolTipRole) && source_.value) {
         if (auto value = source_.value(column, index.row()))
             return QString::fromStdString(*value);
         return {};

@@ -9,6 +9,7 @@
 #include "panel/VkImageTextCell.h"
 #include "panel/VkQtListScreen.h"
 #include "panel/VkQtOutlineView.h"
+#include "panel/VkQtTexts.h"
 #include "ui/VkTrojanMainController.h"
 #include "ui_VkQuarantineFileController.h"
 
@@ -19,6 +20,7 @@ VkQuarantineFileWidget::VkQuarantineFileWidget(std::weak_ptr<VkTrojanMainControl
       ui_(std::make_unique<Ui::VkQuarantineFileController>()),
       owner_(std::move(owner)) {
     ui_->setupUi(this);
+    VkQtTexts::localize(this);
     setAutoFillBackground(true);
     screens->add("VkQuarantineFileController", this);
     VkQtOutlineView* list = ui_->quarantineOutlineView;
@@ -28,6 +30,11 @@ VkQuarantineFileWidget::VkQuarantineFileWidget(std::weak_ptr<VkTrojanMainControl
     vkWireListScreen<VkQuarantineFileController>(
         this, list, ui_->completeButton, screens, [this] { return logic(); }, 60,
         [this] { addRowButtons(); });
+    // Two files of one name are told apart by where they came from: the place is shortened
+    // in its middle, keeping the file name, and shown whole as the tool tip.
+    auto* place = new VkCenterTextCell(list);
+    place->setElideMode(Qt::ElideMiddle);
+    list->setItemDelegateForColumn(list->rowModel()->columnIndex("filePathColumn"), place);
 }
 
 VkQuarantineFileWidget::~VkQuarantineFileWidget() {
@@ -63,11 +70,11 @@ void VkQuarantineFileWidget::addRowButtons() {
         auto* restore = new QToolButton(cell);
         restore->setObjectName("disFileQuarantineButton");
         restore->setIcon(style()->standardIcon(QStyle::SP_ArrowBack));
-        restore->setToolTip(tr("Put the file back where it was"));
+        restore->setToolTip(VkQtTexts::text("Panel-Restore-Tip"));
         auto* remove = new QToolButton(cell);
         remove->setObjectName("removeItemButton");
         remove->setIcon(style()->standardIcon(QStyle::SP_TrashIcon));
-        remove->setToolTip(tr("Delete the file for good"));
+        remove->setToolTip(VkQtTexts::text("Panel-Delete-Tip"));
         layout->addWidget(restore);
         layout->addWidget(remove);
         layout->addStretch();

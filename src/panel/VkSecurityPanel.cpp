@@ -6,6 +6,8 @@
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
 #include "panel/VkLogsWidget.h"
+#include "panel/VkQtFill.h"
+#include "panel/VkQtTexts.h"
 #include "panel/VkSwitchButton.h"
 #include "panel/VkTrojanMainWidget.h"
 #include "platform/VkContext.h"
@@ -29,7 +31,12 @@ VkSecurityPanel::VkSecurityPanel(std::shared_ptr<VkContext> context,
       ui_(std::make_unique<Ui::VkSecuityViewController>()),
       context_(std::move(context)),
       screens_(std::make_shared<VkQtScreens>(context_->resourceFolder)) {
+    VkQtTexts::setLocalizer(context_->localizer);
     ui_->setupUi(this);
+    VkQtTexts::localize(this);
+    // The size the panel opens at; it grows with the window from there.
+    resize(640, 480);
+    VkQtFill::fit(ui_->contentView);
     // Views out of the window wait here; the panel owns them, wherever they are.
     auto* shelf = new QWidget(this);
     shelf->setObjectName("vkShelf");

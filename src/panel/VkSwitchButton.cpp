@@ -3,9 +3,15 @@
 #include <QPainter>
 #include <QPainterPath>
 
+#include "panel/VkQtTexts.h"
+
 VkSwitchButton::VkSwitchButton(QWidget* parent) : QAbstractButton(parent) {
     setCheckable(true);
     setCursor(Qt::PointingHandCursor);
+}
+
+QString VkSwitchButton::stateText() const {
+    return VkQtTexts::text(isOn() ? "Panel-Switch-On" : "Panel-Switch-Off");
 }
 
 void VkSwitchButton::nextCheckState() {
@@ -37,5 +43,5 @@ void VkSwitchButton::paintEvent(QPaintEvent*) {
         isOn() ? QRectF(track.left() + 4, track.top(), track.width() - knob - 8, track.height())
                : QRectF(track.left() + knob + 4, track.top(), track.width() - knob - 8,
                         track.height());
-    painter.drawText(label, Qt::AlignCenter, isOn() ? tr("ON") : tr("OFF"));
+    painter.drawText(label, Qt::AlignCenter, stateText());
 }

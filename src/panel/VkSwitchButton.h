@@ -17,6 +17,8 @@ class VkSwitchButton : public QAbstractButton {
         swithChange_ = std::move(swithChange);
     }
 
+    // The word drawn on the switch for its state, from the strings table.
+    QString stateText() const;
     QSize sizeHint() const override { return QSize(52, 26); }
 
   protected:

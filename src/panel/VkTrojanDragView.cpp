@@ -9,6 +9,7 @@
 #include <QPainterPath>
 
 #include "panel/VkQtImages.h"
+#include "panel/VkQtTexts.h"
 
 VkTrojanDragView::VkTrojanDragView(QWidget* parent)
     : QWidget(parent), anchorImageView_(new QLabel(this)), filePicker_(&openPanel) {
@@ -117,6 +118,10 @@ void VkTrojanDragView::mouseReleaseEvent(QMouseEvent* event) {
         trojanDragDelegate_({*path});
 }
 
+QString VkTrojanDragView::caption() {
+    return VkQtTexts::text("Panel-Drop-Caption");
+}
+
 std::optional<std::string> VkTrojanDragView::openPanel(QWidget* parent, const QString& prompt) {
     // Qt's own dialog: it lets one pick a file or a folder (the platform dialog picks one
     // kind only) and offers no folder creation.
@@ -142,7 +147,6 @@ void VkTrojanDragView::paintEvent(QPaintEvent*) {
     painter.setBrush(QColor(244, 248, 253));
     painter.drawRoundedRect(area, 10, 10);
     painter.setPen(QColor(110, 120, 135));
-    QRectF caption = area.adjusted(10, area.height() * 0.5 + 50, -10, -10);
-    painter.drawText(caption, Qt::AlignHCenter | Qt::AlignTop,
-                     tr("Drop files or folders here to scan them, or click to choose one"));
+    QRectF captionArea = area.adjusted(10, area.height() * 0.5 + 50, -10, -10);
+    painter.drawText(captionArea, Qt::AlignHCenter | Qt::AlignTop, VkTrojanDragView::caption());
 }

@@ -51,6 +51,8 @@ class VkTrojanDragView : public QWidget {
 
   private:
     void placeAnchor();
+    // The words drawn under the anchor, from the strings table.
+    static QString caption();
     static std::optional<std::string> openPanel(QWidget* parent, const QString& prompt);
 
     QLabel* anchorImageView_;

@@ -8,6 +8,7 @@
 #include "panel/VkImageTextCell.h"
 #include "panel/VkProcessPopUpCell.h"
 #include "panel/VkQtImages.h"
+#include "panel/VkQtTexts.h"
 #include "panel/VkQuarantineFileWidget.h"
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanOutlineView.h"
@@ -28,7 +29,10 @@ VkTrojanMainWidget::VkTrojanMainWidget(std::shared_ptr<VkContext> context,
       context_(std::move(context)),
       screens_(std::move(screens)),
       controller_(std::move(controller)) {
+    if (context_->localizer)
+        VkQtTexts::setLocalizer(context_->localizer);
     ui_->setupUi(this);
+    VkQtTexts::localize(this);
     screens_->add("VkTrojanMainController", this);
     panelView_ = std::make_unique<VkQtPanelView>(this, screens_);
 

@@ -7,6 +7,7 @@
 #include "panel/VkImageTextCell.h"
 #include "panel/VkQtListScreen.h"
 #include "panel/VkQtOutlineView.h"
+#include "panel/VkQtTexts.h"
 #include "ui/VkTrojanMainController.h"
 #include "ui_VkTrustFileController.h"
 
@@ -16,6 +17,7 @@ VkTrustFileWidget::VkTrustFileWidget(std::weak_ptr<VkTrojanMainController> owner
       ui_(std::make_unique<Ui::VkTrustFileController>()),
       owner_(std::move(owner)) {
     ui_->setupUi(this);
+    VkQtTexts::localize(this);
     setAutoFillBackground(true);
     screens->add("VkTrustFileController", this);
     VkQtOutlineView* list = ui_->trustOutlineView;
@@ -53,7 +55,7 @@ void VkTrustFileWidget::addRowButtons() {
     VkQtRowModel* model = list->rowModel();
     int check = model->columnIndex("checkColumn");
     for (int row = 0; row < model->rowCount(); ++row) {
-        auto* button = new QPushButton(tr("Untrust"));
+        auto* button = new QPushButton(VkQtTexts::text("Panel-Untrust"));
         button->setObjectName("disFileTrustButton");
         // The button's tag is its row, as the screen's actions expect.
         button->setProperty("tag", row);

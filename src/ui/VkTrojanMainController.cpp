@@ -230,6 +230,9 @@ void VkTrojanMainController::setStartScanState() {
             backButtonHasImage_ = false;
         }
     } else {
+        // The finish button stands alone: a clean that the scan started by itself (the
+        // shutdown box) showed the clean button, which has nothing left to clean.
+        view_->setHidden("cleanButton", true);
         view_->setOrigin("backButton", VkPoint{(bar.width - clean.width) / 2, y});
         view_->setImage("backButton", completeButtonImage_);
         view_->setText("backButton", "");

@@ -102,6 +102,11 @@ void VkTrojanMainController::killTorjansEnd() {
     view_->setEnabled("removeFileButon", true);
     view_->setEnabled("cancelButton", true);
     updateLastScanInfo();
+    if (resultItemArray_.empty()) {
+        // Nothing is left of what the scan found: its count above the list would be stale.
+        view_->setText("currentScanPathText", localized("Security-1-14"));
+        view_->setImage("scanDisplayImage", VkPanelImage::resource("security_good"));
+    }
     setStartScanState();
     if (userScan_)
         userOperManager_->userOperEnd(this);

@@ -344,12 +344,12 @@ TEST_F(VkPanelFlowTest, TrustedFileIsListedOnTheTrustListUntilDroppedFromIt) {
     EXPECT_EQ(trust->findChild<QLabel*>("trustFileText")->text().toStdString(),
               "0 file(s) on the trust list");
 
-    // Closed and opened again, it covers the main screen's place once more.
+    // Closed and opened again, it covers the trojan screens whole once more.
     QTest::mouseClick(trust->findChild<QAbstractButton*>("completeButton"), Qt::LeftButton);
     EXPECT_FALSE(shown(trust));
     QTest::mouseClick(find<QAbstractButton>("trustListButton"), Qt::LeftButton);
     EXPECT_TRUE(shown(trust));
-    EXPECT_EQ(trust->geometry(), find("mainView")->geometry());
+    EXPECT_EQ(trust->geometry(), trojan()->rect());
 }
 
 TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {

@@ -29,7 +29,7 @@ const std::map<std::string, std::string> kKeys = [] {
           "Security-1-9-1", "Security-1-5-2",       "Security-1-9-7",   "Security-1-4-3",
           "Security-50-12", "Security-1-5",         "Security-1-7",     "Security-1-9",
           "Security-50-4",  "Security-50-5",        "Security-50-6",    "Security-50-7",
-          "Security-50-8"})
+          "Security-50-8",  "Security-1-14"})
         keys[plain] = "";
     return keys;
 }();
