@@ -14,6 +14,8 @@
 class VkTrojanDragView : public QWidget {
     Q_OBJECT
   public:
+    // The words drawn under the anchor, from the strings table.
+    static QString caption();
     using DragDelegate = std::function<void(const std::vector<std::string>& paths)>;
     // Asks the user for one file or folder; nothing when cancelled.
     using FilePicker =
@@ -51,8 +53,6 @@ class VkTrojanDragView : public QWidget {
 
   private:
     void placeAnchor();
-    // The words drawn under the anchor, from the strings table.
-    static QString caption();
     static std::optional<std::string> openPanel(QWidget* parent, const QString& prompt);
 
     QLabel* anchorImageView_;

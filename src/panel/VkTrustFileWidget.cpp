@@ -64,5 +64,8 @@ void VkTrustFileWidget::addRowButtons() {
                 screen->disFileTrust(button->property("tag").toInt());
         });
         list->setIndexWidget(model->index(row, check), button);
+        // The column is as wide as its button's words in the panel's language.
+        if (list->header()->sectionSize(check) < button->sizeHint().width() + 4)
+            list->header()->resizeSection(check, button->sizeHint().width() + 4);
     }
 }
