@@ -1,7 +1,7 @@
 // vkpanelhost: a small host application for the security panel. It loads the panel's
 // library at run time, shows the panel in a window and plays the host's part: its menus
 // call the panel's entry points and post the host's notifications, and its log pane shows
-// what the panel reports to the host.
+// what the panel reports to the host and the notifications it posts.
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QFileInfo>
@@ -17,6 +17,14 @@ namespace {
 
 void hostLog(const char* line, void* user) {
     static_cast<VkPanelHostWindow*>(user)->appendLog(QString::fromUtf8(line));
+}
+
+// The panel's own notifications, one line each, so the host's part can be watched.
+void hostNotify(const char* name, const char* detail, void* user) {
+    QString line = QString("panel: %1").arg(QString::fromUtf8(name));
+    if (detail && *detail)
+        line += " " + QString::fromUtf8(detail);
+    static_cast<VkPanelHostWindow*>(user)->appendLog(line);
 }
 
 QString findLibrary(const QString& given) {
@@ -68,8 +76,11 @@ int main(int argc, char** argv) {
     // go to; the panel is put into it right after.
     auto* window = new VkPanelHostWindow;
     VkPanelHostOptions options{dataFolder.isEmpty() ? nullptr : dataFolder.constData(),
-                               systemRoot.isEmpty() ? nullptr : systemRoot.constData(), &hostLog,
-                               window, parser.value(keepDays).toInt()};
+                               systemRoot.isEmpty() ? nullptr : systemRoot.constData(),
+                               &hostLog,
+                               window,
+                               parser.value(keepDays).toInt(),
+                               &hostNotify};
     QWidget* panel = create(nullptr, &options);
     window->setPanel(panel);
     window->show();

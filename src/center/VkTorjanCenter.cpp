@@ -42,6 +42,14 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
     killTorjans_ =
         std::make_unique<VkKillTorjans>(context_->inspectedSystem(), context_->coreFunction,
                                         context_->processList, context_->mainQueue, antiTrojan);
+    // Read afresh at every run: a file trusted in the same clean is already on the list.
+    killTorjans_->setTrustedPaths([this] {
+        std::set<std::string> paths;
+        for (const VkPlist& entry : ecryptTrustFileArray())
+            if (const std::string* path = entry.getString("TrustFilePath"))
+                paths.insert(*path);
+        return paths;
+    });
 }
 
 VkTorjanCenter::~VkTorjanCenter() {

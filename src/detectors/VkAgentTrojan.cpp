@@ -119,15 +119,17 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
     return result;
 }
 
-std::vector<VkCleanOutcome> VkAgentTrojan::remove() {
-    if (serviceFiles_.empty() && binFiles_.empty())
-        return {};
-    // The Flashback remover issues this too; both keep it.
-    coreFunction_->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
+std::vector<VkCleanOutcome> VkAgentTrojan::remove(const std::set<std::string>& keep) {
     std::vector<std::string> paths;
     paths.reserve(serviceFiles_.size() + binFiles_.size());
     paths.insert(paths.end(), serviceFiles_.begin(), serviceFiles_.end());
     paths.insert(paths.end(), binFiles_.begin(), binFiles_.end());
+    // A finding the user trusted is theirs to keep, however often it was found.
+    std::erase_if(paths, [&keep](const std::string& path) { return keep.count(path) > 0; });
+    if (paths.empty())
+        return {};
+    // The Flashback remover issues this too; both keep it.
+    coreFunction_->systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     // The lists stay as they are: everything found over the process's life is removed
     // again by every later remove.
     // Only the files and links found are deleted, never a folder a launch item names.

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,9 @@ class VkAgentTrojan {
     VkSpecialResult scan(const VkDetectorProgress& progress);
     // Deletes everything recorded in all scans so far (property lists, then programs)
     // after unsetting the loader's insert variable; does nothing when nothing was found.
-    // What became of each path deleted (refusals with their reasons).
-    std::vector<VkCleanOutcome> remove();
+    // What became of each path deleted (refusals with their reasons). Paths in `keep` (the
+    // ones the user trusted) stay; with nothing else to delete nothing runs.
+    std::vector<VkCleanOutcome> remove(const std::set<std::string>& keep = {});
 
     // Program files found (no duplicates) and property lists found (one per hit).
     const std::vector<std::string>& binFiles() const { return binFiles_; }

@@ -65,9 +65,9 @@ VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool need
     return merged;
 }
 
-std::vector<VkCleanOutcome> VkAntiTrojan::remove() {
-    std::vector<VkCleanOutcome> outcomes = antiAgentTrojan_.remove();
-    std::vector<VkCleanOutcome> flashback = antiFlashback_.remove();
+std::vector<VkCleanOutcome> VkAntiTrojan::remove(const std::set<std::string>& keep) {
+    std::vector<VkCleanOutcome> outcomes = antiAgentTrojan_.remove(keep);
+    std::vector<VkCleanOutcome> flashback = antiFlashback_.remove(keep);
     outcomes.insert(outcomes.end(), flashback.begin(), flashback.end());
     return outcomes;
 }

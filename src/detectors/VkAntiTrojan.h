@@ -32,9 +32,9 @@ class VkAntiTrojan {
     // got was "stop", the Flashback detector (0.5, 1.0); pauses after each progress call
     // when needDelay. Returns both results merged.
     VkSpecialResult scan(const VkDetectorProgress& progress, bool needDelay);
-    // The launch-agent detector's remove, then the Flashback detector's.
-    // What became of each path deleted (refusals with their reasons).
-    std::vector<VkCleanOutcome> remove();
+    // The launch-agent detector's remove, then the Flashback detector's, both sparing the
+    // paths in `keep`. What became of each path deleted (refusals with their reasons).
+    std::vector<VkCleanOutcome> remove(const std::set<std::string>& keep = {});
 
     VkAgentTrojan& antiAgentTrojan() { return antiAgentTrojan_; }
     VkFlashBack& antiFlashback() { return antiFlashback_; }

@@ -225,20 +225,22 @@ std::vector<std::string> VkFlashBack::launchServicesDatabases() {
     return matches;
 }
 
-std::vector<VkCleanOutcome> VkFlashBack::remove() {
+std::vector<VkCleanOutcome> VkFlashBack::remove(const std::set<std::string>& keep) {
     if (plistFiles_.empty() && binFiles_.empty() && serviceFiles_.empty())
         return {};
+    auto kept = [&keep](const std::string& path) { return keep.count(path) > 0; };
     VkCoreFunction& core = *coreFunction_;
     std::vector<std::string> extra;
     extra.reserve(10);
     core.systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     // The path is one argument of its own: a launch item's name never reaches a shell.
     for (const std::string& service : serviceFiles_)
-        core.systemCommand({"launchctl", "unload", service});
+        if (!kept(service))
+            core.systemCommand({"launchctl", "unload", service});
     // What became of each property list cleaned in place, so a caller can say so.
     std::vector<VkCleanOutcome> edited;
     for (const std::string& plist : plistFiles_) {
-        if (!VkLaunchItem::readDictionary(plist))
+        if (kept(plist) || !VkLaunchItem::readDictionary(plist))
             continue;
         // A browser loses its whole launch environment, not just the one variable.
         bool isEnvironment = VkFile::lastPathComponent(plist) == "environment.plist";
@@ -253,6 +255,7 @@ std::vector<VkCleanOutcome> VkFlashBack::remove() {
     extra.insert(extra.end(), databases.begin(), databases.end());
     extra.insert(extra.end(), serviceFiles_.begin(), serviceFiles_.end());
     extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
+    std::erase_if(extra, kept);
     // The lists are kept: a later remove acts on all of it again. Only files and links are
     // deleted: a launch item naming a folder as its hidden program never takes the folder.
     std::vector<VkCleanOutcome> outcomes =

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,9 @@ class VkFlashBack {
     // Unsets the variable, unloads and deletes the launch items, strips the environment
     // from the property lists, deletes the injected files and the LaunchServices
     // databases under "/var/folders". Does nothing when nothing was ever found.
-    // What became of each path deleted (refusals with their reasons).
-    std::vector<VkCleanOutcome> remove();
+    // What became of each path deleted (refusals with their reasons). Paths in `keep` (the
+    // ones the user trusted) are neither unloaded, edited nor deleted.
+    std::vector<VkCleanOutcome> remove(const std::set<std::string>& keep = {});
 
     // Property lists to edit, files to delete, launch items to unload and delete.
     const std::vector<std::string>& plistFiles() const { return plistFiles_; }

@@ -12,6 +12,12 @@ class VkProcessPopUpCell : public QStyledItemDelegate {
     // The entries, in menu order: title and tag.
     static QList<QPair<QString, int>> entries();
 
+    // Draws the row's action as a pop-up, never the raw tag, for a row whose editor is not
+    // (yet) shown.
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override;
+    // Tall enough for the pop-up, so a row is as high with its editor as without.
+    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
     QWidget* createEditor(QWidget* parent, const QStyleOptionViewItem& option,
                           const QModelIndex& index) const override;
     void setEditorData(QWidget* editor, const QModelIndex& index) const override;

@@ -21,6 +21,13 @@ class VkQtListView : public VkListView {
     void close() override;
     std::optional<int64_t> clickedRow() const override;
     std::optional<int64_t> selectedRow() const override;
+    bool confirm(const std::string& message, const std::string& confirmTitle,
+                 const std::string& cancelTitle) override {
+        return panel_.confirm(message, confirmTitle, cancelTitle);
+    }
+    void showAlert(const std::string& message, const std::string& closeTitle) override {
+        panel_.showAlert(message, closeTitle);
+    }
 
     // The interface file's name of a column.
     static std::string columnName(VkListColumn column);

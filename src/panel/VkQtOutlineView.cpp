@@ -94,6 +94,15 @@ void VkQtOutlineView::runWithClickedRow(int64_t row, const std::function<void()>
     clickedRow_ = before;
 }
 
+void VkQtOutlineView::dataChanged(const QModelIndex& topLeft, const QModelIndex& bottomRight,
+                                  const QList<int>& roles) {
+    QTreeView::dataChanged(topLeft, bottomRight, roles);
+    // With uniform row heights the first row sets every row's height; the tree moves its rows
+    // when that changes but leaves persistent editors where they were, so a pop-up would drift
+    // onto its neighbour's row.
+    updateEditorGeometries();
+}
+
 void VkQtOutlineView::mousePressEvent(QMouseEvent* event) {
     clickedRow_ = indexAt(event->position().toPoint()).row();
     QTreeView::mousePressEvent(event);

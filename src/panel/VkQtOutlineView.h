@@ -40,6 +40,9 @@ class VkQtOutlineView : public QTreeView {
     void rowDoubleClicked();
 
   protected:
+    // A changed row can change the uniform row height; editors shown on the rows follow.
+    void dataChanged(const QModelIndex& topLeft, const QModelIndex& bottomRight,
+                     const QList<int>& roles = QList<int>()) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void mouseDoubleClickEvent(QMouseEvent* event) override;

@@ -21,6 +21,8 @@ constexpr const char* kShelfFrame = "vkShelfFrame";
 constexpr const char* kShelfHidden = "vkShelfHidden";
 // Which window put a view on the shelf: only that window finds it there by name.
 constexpr const char* kShelvedBy = "vkShelvedBy";
+// Set on the controls a sheet turned off, so closing it turns on only those again.
+constexpr const char* kSheetDisabled = "vkSheetDisabled";
 
 QString qs(const std::string& text) {
     return QString::fromStdString(text);
@@ -372,13 +374,29 @@ void VkQtPanelView::beginSheet(const std::string& sheet) {
     if (s->parentWidget() != root_)
         s->setParent(root_);
     s->move((root_->width() - s->width()) / 2, 0);
+    // Modal: while the sheet is up nothing else of the screen takes a click or a key.
+    for (QWidget* other : root_->findChildren<QWidget*>(Qt::FindDirectChildrenOnly)) {
+        if (other == s || !other->isEnabled())
+            continue;
+        other->setEnabled(false);
+        other->setProperty(kSheetDisabled, true);
+    }
     s->raise();
     s->show();
+    s->setFocus();
 }
 
 void VkQtPanelView::endSheet(const std::string& sheet) {
     if (QWidget* s = widget(sheet))
         s->hide();
+    if (!root_)
+        return;
+    for (QWidget* other : root_->findChildren<QWidget*>(Qt::FindDirectChildrenOnly)) {
+        if (!other->property(kSheetDisabled).toBool())
+            continue;
+        other->setProperty(kSheetDisabled, QVariant());
+        other->setEnabled(true);
+    }
 }
 
 // ---- lists ----
@@ -411,4 +429,13 @@ std::optional<int64_t> VkQtPanelView::selectedRow(const std::string& outline) co
 void VkQtPanelView::revealInFileViewer(const std::string& path) {
     if (screens_)
         screens_->revealInFileViewer(path);
+}
+
+bool VkQtPanelView::confirm(const std::string& message, const std::string& confirmTitle,
+                            const std::string& cancelTitle) {
+    return screens_->confirm(root_, qs(message), qs(confirmTitle), qs(cancelTitle));
+}
+
+void VkQtPanelView::showAlert(const std::string& message, const std::string& closeTitle) {
+    screens_->alert(root_, qs(message), qs(closeTitle));
 }

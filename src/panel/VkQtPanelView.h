@@ -44,6 +44,9 @@ class VkQtPanelView : public VkPanelView {
     std::optional<int64_t> clickedRow(const std::string& outline) const override;
     std::optional<int64_t> selectedRow(const std::string& outline) const override;
     void revealInFileViewer(const std::string& path) override;
+    bool confirm(const std::string& message, const std::string& confirmTitle,
+                 const std::string& cancelTitle) override;
+    void showAlert(const std::string& message, const std::string& closeTitle) override;
 
     // The named control (null when there is none).
     QWidget* widget(const std::string& name) const;

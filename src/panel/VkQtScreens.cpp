@@ -2,7 +2,9 @@
 
 #include <QDesktopServices>
 #include <QFileInfo>
+#include <QMessageBox>
 #include <QProcess>
+#include <QPushButton>
 #include <QUrl>
 
 void VkQtScreens::add(const std::string& name, QWidget* screen) {
@@ -35,4 +37,31 @@ void VkQtScreens::revealInFileViewer(const std::string& path) const {
     // desktop's file-manager service, which not every desktop has.
     QDesktopServices::openUrl(QUrl::fromLocalFile(file.absolutePath()));
 #endif
+}
+
+bool VkQtScreens::confirm(QWidget* parent, const QString& message, const QString& confirmTitle,
+                          const QString& cancelTitle) const {
+    if (confirmer_)
+        return confirmer_(parent, message, confirmTitle, cancelTitle);
+    QMessageBox box(QMessageBox::Warning, QString(), message, QMessageBox::NoButton,
+                    parent ? parent->window() : nullptr);
+    QPushButton* yes = box.addButton(confirmTitle, QMessageBox::DestructiveRole);
+    QPushButton* no = box.addButton(cancelTitle, QMessageBox::RejectRole);
+    // Going on must be a deliberate choice: Return and Escape both keep things as they are.
+    box.setDefaultButton(no);
+    box.setEscapeButton(no);
+    box.exec();
+    return box.clickedButton() == yes;
+}
+
+void VkQtScreens::alert(QWidget* parent, const QString& message, const QString& closeTitle) const {
+    if (alerter_) {
+        alerter_(parent, message, closeTitle);
+        return;
+    }
+    auto* box = new QMessageBox(QMessageBox::Warning, QString(), message, QMessageBox::NoButton,
+                                parent ? parent->window() : nullptr);
+    box->addButton(closeTitle, QMessageBox::AcceptRole);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
 }

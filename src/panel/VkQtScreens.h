@@ -33,10 +33,25 @@ class VkQtScreens {
         revealer_ = std::move(revealer);
     }
 
+    // Asks before what cannot be undone (a message box by default); true to go on.
+    using Confirmer = std::function<bool(QWidget* parent, const QString& message,
+                                         const QString& confirmTitle, const QString& cancelTitle)>;
+    bool confirm(QWidget* parent, const QString& message, const QString& confirmTitle,
+                 const QString& cancelTitle) const;
+    // Replaces the question (tests and unattended runs answer without a dialog).
+    void setConfirmer(Confirmer confirmer) { confirmer_ = std::move(confirmer); }
+    // Says that something failed (a message box that does not block, by default).
+    using Alerter =
+        std::function<void(QWidget* parent, const QString& message, const QString& closeTitle)>;
+    void alert(QWidget* parent, const QString& message, const QString& closeTitle) const;
+    void setAlerter(Alerter alerter) { alerter_ = std::move(alerter); }
+
   private:
     std::string resourceFolder_;
     QPointer<QWidget> shelf_;
     std::unique_ptr<QWidget> ownShelf_;
     QHash<QString, QPointer<QWidget>> screens_;
     std::function<void(const std::string&)> revealer_;
+    Confirmer confirmer_;
+    Alerter alerter_;
 };

@@ -17,6 +17,11 @@ struct VkPanelHostOptions {
     // Days of scan history to keep ("LogsKeepDay", which the host owns); 0 leaves the stored
     // value alone.
     int logsKeepDays;
+    // Receives, on the main thread, each notification the panel posts for its host:
+    // "TrojanScanNotify" (detail "1" at a scan's start, "0" at its end),
+    // "ReloadIntrodutNotify" (detail "DetectedFileCount=N" when the count came with it, else
+    // "") and "OnlineDownScanChangeNotify" (detail ""); may be null. Hears `user` too.
+    void (*hostNotify)(const char* name, const char* detail, void* user);
 };
 
 // The name the host resolves in the loaded library.

@@ -1,18 +1,20 @@
 #include "panel/VkTrojanDragView.h"
 
 #include <QDragEnterEvent>
-#include <QFileDialog>
-#include <QFileInfo>
 #include <QMimeData>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 
+#include "panel/VkOpenPanel.h"
 #include "panel/VkQtImages.h"
 #include "panel/VkQtTexts.h"
 
 VkTrojanDragView::VkTrojanDragView(QWidget* parent)
-    : QWidget(parent), anchorImageView_(new QLabel(this)), filePicker_(&openPanel) {
+    : QWidget(parent), anchorImageView_(new QLabel(this)) {
+    filePicker_ = [this](QWidget* parent, const QString& prompt) {
+        return openPanel(parent, prompt);
+    };
     anchorImageView_->setObjectName("anchorImageView");
     // The anchor must not take the drags meant for the view.
     anchorImageView_->setAttribute(Qt::WA_TransparentForMouseEvents);
@@ -122,20 +124,13 @@ QString VkTrojanDragView::caption() {
     return VkQtTexts::text("Panel-Drop-Caption");
 }
 
-std::optional<std::string> VkTrojanDragView::openPanel(QWidget* parent, const QString& prompt) {
-    // Qt's own dialog: it lets one pick a file or a folder (the platform dialog picks one
-    // kind only) and offers no folder creation.
-    QFileDialog dialog(parent->window());
+std::optional<std::string> VkTrojanDragView::openPanel(QWidget* parent,
+                                                       const QString& prompt) const {
+    VkOpenPanel dialog(parent->window(), prompt, missingPathText_);
     dialog.setWindowModality(Qt::WindowModal);
-    dialog.setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly);
-    dialog.setFileMode(QFileDialog::AnyFile);
-    dialog.setLabelText(QFileDialog::Accept, prompt);
-    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+    if (dialog.exec() != QDialog::Accepted || dialog.chosenPath().isEmpty())
         return std::nullopt;
-    QString chosen = dialog.selectedFiles().first();
-    if (!QFileInfo::exists(chosen))
-        return std::nullopt;
-    return chosen.toStdString();
+    return dialog.chosenPath().toStdString();
 }
 
 void VkTrojanDragView::paintEvent(QPaintEvent*) {

@@ -29,6 +29,8 @@ class VkTrojanDragView : public QWidget {
     void setTrojanDragDelegate(DragDelegate delegate) { trojanDragDelegate_ = std::move(delegate); }
     // Replaces the open-file dialog (tests answer without a dialog).
     void setFilePicker(FilePicker picker) { filePicker_ = std::move(picker); }
+    // What the open panel says when a typed path is not there.
+    void setMissingPathText(const QString& text) { missingPathText_ = text; }
 
     void startAnimationAnchor();
     void stopAnimationAnchor();
@@ -53,11 +55,12 @@ class VkTrojanDragView : public QWidget {
 
   private:
     void placeAnchor();
-    static std::optional<std::string> openPanel(QWidget* parent, const QString& prompt);
+    std::optional<std::string> openPanel(QWidget* parent, const QString& prompt) const;
 
     QLabel* anchorImageView_;
     QPointer<QPropertyAnimation> animation_;
     DragDelegate trojanDragDelegate_;
     FilePicker filePicker_;
     QString openPrompt_;
+    QString missingPathText_;
 };

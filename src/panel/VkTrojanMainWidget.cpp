@@ -59,6 +59,8 @@ VkTrojanMainWidget::VkTrojanMainWidget(std::shared_ptr<VkContext> context,
     ui_->userScanView->awakeFromNib(
         screens_->resourceFolder(),
         QString::fromStdString(context_->localizer->localizedString("Security-50-12")));
+    ui_->userScanView->setMissingPathText(
+        QString::fromStdString(context_->localizer->localizedString("Security-80-2")));
     std::weak_ptr<VkTrojanMainController> weak = controller_;
     ui_->userScanView->setTrojanDragDelegate([weak](const std::vector<std::string>& paths) {
         if (auto controller = weak.lock())

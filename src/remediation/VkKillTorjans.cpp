@@ -235,8 +235,15 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
 
     // On every run, whether or not it held special results.
     std::vector<VkCleanOutcome> detectorOutcomes;
-    if (antiTrojan_)
-        detectorOutcomes = antiTrojan_->remove();
+    if (antiTrojan_) {
+        // The detectors remember every finding of the process's life; what the user trusted
+        // (in this clean or before) is not theirs to delete, unless this run names it.
+        std::set<std::string> keep = trustedPaths_ ? trustedPaths_() : std::set<std::string>{};
+        for (const auto& item : items)
+            if (auto path = item ? item->path() : std::nullopt)
+                keep.erase(*path);
+        detectorOutcomes = antiTrojan_->remove(keep);
+    }
 
     if (report) {
         for (auto& outcome : report->outcomes) {

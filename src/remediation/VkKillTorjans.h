@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,6 +96,12 @@ class VkKillTorjans {
     // Waits until every run started so far has finished.
     void joinKillThreads();
 
+    // Answers, on a run's thread, the paths the user trusts: the detectors' own removal
+    // spares them unless the run itself lists them. Set before the first run.
+    void setTrustedPaths(std::function<std::set<std::string>()> trustedPaths) {
+        trustedPaths_ = std::move(trustedPaths);
+    }
+
   private:
     struct FinishedRun {
         std::thread thread;
@@ -113,6 +121,7 @@ class VkKillTorjans {
     std::shared_ptr<VkProcessList> processList_;
     std::shared_ptr<VkMainQueue> mainQueue_;
     std::shared_ptr<VkAntiTrojan> antiTrojan_;
+    std::function<std::set<std::string>()> trustedPaths_;
 
     mutable std::mutex mutex_;
     std::shared_ptr<VkKillTorjansDelegate> killTorjansDelegate_;

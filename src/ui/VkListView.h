@@ -26,4 +26,15 @@ class VkListView {
     virtual std::optional<int64_t> clickedRow() const = 0;
     // The selected row, if any.
     virtual std::optional<int64_t> selectedRow() const = 0;
+    // Asks the user before what cannot be undone; true to go on. A window that cannot ask
+    // (a recording one) goes on.
+    virtual bool confirm(const std::string& message, const std::string& confirmTitle,
+                         const std::string& cancelTitle) {
+        (void)message, (void)confirmTitle, (void)cancelTitle;
+        return true;
+    }
+    // Tells the user that something failed, without waiting for an answer.
+    virtual void showAlert(const std::string& message, const std::string& closeTitle) {
+        (void)message, (void)closeTitle;
+    }
 };

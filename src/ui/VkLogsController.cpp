@@ -106,6 +106,9 @@ void VkLogsController::awakeFromNib() {
 }
 
 void VkLogsController::displayView(int32_t mode) {
+    // A sheet left open when the page went away is over: it would show stale entries.
+    if (logsDisplay_ == kDetailMode)
+        closeScanDetailWnd();
     logsDisplay_ = mode;
     // The panel only ever opens the page on the records; the toggles are set for that.
     if (view_) {
@@ -131,6 +134,10 @@ void VkLogsController::serachFieldAction() {
 }
 
 void VkLogsController::clearLogsAction() {
+    // Every entry of the shown log goes: only once the user said so.
+    if (view_ && !view_->confirm(localized("Security-80-5"), localized("Security-80-6"),
+                                 localized("Security-80-9")))
+        return;
     if (logsDisplay_ != kFileMonMode) {
         if (scanLogsOper_)
             scanLogsOper_->removeAllLogs();
@@ -175,6 +182,9 @@ void VkLogsController::realInFinder() {
 }
 
 void VkLogsController::closeFileMonLogsView() {
+    // The sheet belongs to the page: it ends with it.
+    if (logsDisplay_ == kDetailMode)
+        closeScanDetailWnd();
     if (view_)
         view_->removeFromSuperview("view");
     if (delegate_)

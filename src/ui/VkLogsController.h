@@ -53,8 +53,8 @@ class VkLogsController : public VkScanLogsOperDelegate {
     void displayLogsChange(const std::string& button);
     // The search text changed.
     void serachFieldAction();
-    // Empties the log shown (the scan log in modes 1 and 2), reloads and posts
-    // "ReloadIntrodutNotify" with {"DetectedFileCount": 0}.
+    // Once the user confirmed: empties the log shown (the scan log in modes 1 and 2), reloads
+    // and posts "ReloadIntrodutNotify" with {"DetectedFileCount": 0}.
     void clearLogsAction();
     // Opens the detail sheet for the clicked scan row; a scan without entries opens nothing.
     void showScanDetailLogs();

@@ -20,6 +20,10 @@ VkQuarantineFileController::VkQuarantineFileController(
     std::shared_ptr<VkLocalizer> localizer)
     : quarantineManager_(std::move(quarantineManager)), localizer_(std::move(localizer)) {}
 
+std::string VkQuarantineFileController::localized(const std::string& key) const {
+    return localizer_ ? localizer_->localizedString(key) : key;
+}
+
 std::shared_ptr<VkQuarantineFileItem> VkQuarantineFileController::rowAt(int64_t row) const {
     const auto& items = quarantineManager_->allQuarantineItems();
     if (row < 0 || static_cast<uint64_t>(row) >= items.size())
@@ -31,14 +35,21 @@ void VkQuarantineFileController::disFileQuarantine(int64_t row) {
     Item item = rowAt(row);
     if (!item)
         return;
-    // A file that cannot be moved back stays listed; the reload shows it again.
-    quarantineManager_->recoverItem(item);
+    // A file that cannot be moved back stays listed; the reload shows it again, and the
+    // user is told why it did not go.
+    bool restored = quarantineManager_->recoverItem(item);
     reloadDataView();
+    if (!restored && view_)
+        view_->showAlert(localized("Security-80-10"), localized("Security-80-11"));
 }
 
 void VkQuarantineFileController::removeItem(int64_t row) {
     Item item = rowAt(row);
     if (!item)
+        return;
+    // Gone for good: only once the user said so.
+    if (view_ && !view_->confirm(localized("Security-80-3"), localized("Security-80-4"),
+                                 localized("Security-80-9")))
         return;
     quarantineManager_->removeItem(item);
     reloadDataView();

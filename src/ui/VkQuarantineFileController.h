@@ -21,9 +21,11 @@ class VkQuarantineFileController {
     // The window that draws this screen; not owned, must outlive its use here.
     void setView(VkListView* view) { view_ = view; }
 
-    // Moves the row's file back where it came from, then reloads; a missing row does nothing.
+    // Moves the row's file back where it came from, then reloads; a missing row does nothing,
+    // a file that could not be moved back is said.
     void disFileQuarantine(int64_t row);
-    // Deletes the row's file for good, then reloads; a missing row does nothing.
+    // Deletes the row's file for good once the user confirmed, then reloads; a missing row
+    // does nothing.
     void removeItem(int64_t row);
     // Reveals the clicked row's quarantined copy, else the selected row's, else nothing.
     void realInFinder();
@@ -48,6 +50,7 @@ class VkQuarantineFileController {
     void setCommonDelegate(VkTrojanCommonDelegate* delegate) { commonDelegate_ = delegate; }
 
   private:
+    std::string localized(const std::string& key) const;
     void sortRows();
 
     std::shared_ptr<VkQuarantineFileManager> quarantineManager_;

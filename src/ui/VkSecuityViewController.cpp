@@ -17,6 +17,8 @@ constexpr const char* kOnText = "fileMonOnText";
 constexpr const char* kDetailText = "fileMonDetailText";
 constexpr const char* kLogsLink = "viewFileMonLogs";
 constexpr double kTextSize = 12;
+// The head strip's text after the monitor refused to start.
+constexpr const char* kStartFailedKey = "Security-80-1";
 const VkColor kLinkColor = VkColor::rgb255(75, 137, 208);
 // Where the head strip sits in the trojan view, as the panel's layout has it.
 constexpr VkPoint kHeadOrigin{0, 431};
@@ -91,9 +93,8 @@ void VkSecuityViewController::awakeFromNib() {
     view_->setStyledText(kLogsLink, link);
     if (!context_->userDefaults->boolForKey(kFileMonStart)) {
         view_->setText(kOnText, localized("Security-1-3-2"));
-        // The switch widget draws its off position for setOn YES; both places that show the
-        // off state do it this way.
-        view_->setState(kSwitch, 1);
+        // Our switch draws its state as it is: off is 0, so picture, text and monitor agree.
+        view_->setState(kSwitch, 0);
     } else {
         startRunFileMon();
     }
@@ -105,6 +106,9 @@ void VkSecuityViewController::bringTrojanViewBack() {
     // Only a logs page that was ever made can be in the way.
     if (!logsController_ || !view_)
         return;
+    // The page goes, and its detail sheet with it.
+    if (logsController_->logsDisplay() == 2)
+        logsController_->closeScanDetailWnd();
     view_->removeFromSuperview(kLogsView);
     view_->setHidden(kTrojanView, false);
 }
@@ -166,8 +170,9 @@ void VkSecuityViewController::startRunFileMon() {
         return;
     }
     if (view_) {
-        view_->setState(kSwitch, 1);  // the switch's off picture, as in awakeFromNib
-        view_->setText(kOnText, localized("Security-1-3-2"));
+        // Off, and saying why: a switch left on would need two clicks to start it again.
+        view_->setState(kSwitch, 0);
+        view_->setText(kOnText, localized(kStartFailedKey));
     }
     context_->userDefaults->setBool(kFileMonStart, false);
 }

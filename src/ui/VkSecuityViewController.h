@@ -18,7 +18,8 @@ class VkTorjanCenter;
 // and switches between the trojan screens and the logs page. Every visible effect goes
 // through the VkPanelView under the names of the "VkSecuityViewController" interface file
 // ("view" is the panel itself, "VkTrojanMainController" and "VkLogsController" the views of
-// those screens); the switch "startFileMon" reads 1 when on. Main thread only.
+// those screens); the switch "startFileMon" reads 1 when on and always shows the monitor's
+// state as last switched. Main thread only.
 class VkSecuityViewController : public VkLogsControllerDelegate {
   public:
     static constexpr const char* kFileMonStart = "FileMonStart";
@@ -57,7 +58,8 @@ class VkSecuityViewController : public VkLogsControllerDelegate {
     // Shows the count sentence, moves the logs link after it and posts
     // "ReloadIntrodutNotify" with {"DetectedFileCount": count}.
     void refreshFileMonDetail();
-    // Asks the monitor to start; a failure shows the off text and stores "FileMonStart" NO.
+    // Asks the monitor to start; a failure turns the switch off, says so in the head strip and
+    // stores "FileMonStart" NO.
     void startRunFileMon();
     // The switch was flipped: switches the monitor, stores the switch's state and posts
     // "OnlineDownScanChangeNotify".

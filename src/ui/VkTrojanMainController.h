@@ -153,6 +153,8 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     void reloadDataView();
     void killTorjans(const ResultList& items);
     void killTorjanReloadData(const std::shared_ptr<VkTorjanResultItems>& item);
+    // "Security-80-12" with the rows the removal has still to go.
+    void showKillCount();
     void updateLastScanInfo();
     void shutDownMac();
     void setLinkTitle(const std::string& control, const std::string& title);
@@ -180,6 +182,12 @@ class VkTrojanMainController : public VkTorjanScanDelegate,
     std::shared_ptr<VkTimer> loopUpdateTime_;
     std::optional<std::string> curScanPath_;
     double progressValue_ = 0;
+    // The removal under way: rows handed to it, rows gone so far, and the file-count line
+    // it borrows for its running count (text and whether it was hidden).
+    uint64_t killTotal_ = 0;
+    uint64_t killDone_ = 0;
+    std::string countTextBeforeKill_;
+    bool countHiddenBeforeKill_ = true;
     bool backButtonHasImage_ = false;
     VkPanelImage completeButtonImage_;
     std::string currenSelectedView_;

@@ -3,6 +3,8 @@
 // The clean role of the trojan screens: sorting the results into remove, quarantine and
 // trust, the removal run's delegate and the screen while it runs.
 
+#include <algorithm>
+
 #include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
 #include "logs/VkScanLogsOper.h"
@@ -68,6 +70,14 @@ void VkTrojanMainController::killTorjansAction() {
 void VkTrojanMainController::killTorjans(const ResultList& items) {
     setKillState();
     view_->setEnabled("removeFileButon", false);
+    // A long removal shows how much is left; the delegate still hears each file's share.
+    if (killTotal_ == 0) {
+        countTextBeforeKill_ = view_->text("scanCountText");
+        countHiddenBeforeKill_ = view_->isHidden("scanCountText");
+    }
+    killTotal_ = items.size();
+    killDone_ = 0;
+    showKillCount();
     torjanCenter_->killTorjanItem(items, killDelegate());
 }
 
@@ -85,7 +95,13 @@ bool VkTrojanMainController::killTorjansProgress(const std::shared_ptr<VkTorjanR
             return;
         self->killTorjanReloadData(item);
         self->progressValue_ = progress;
-        self->view_->setProgress(kProgress, progress);
+        if (self->killTotal_ > 0) {
+            self->killDone_ = std::min(self->killDone_ + 1, self->killTotal_);
+            self->progressValue_ =
+                static_cast<double>(self->killDone_) / static_cast<double>(self->killTotal_);
+            self->showKillCount();
+        }
+        self->view_->setProgress(kProgress, self->progressValue_);
         self->scanLogs_->addScanLogsItem(item, 0);
     });
     return false;
@@ -97,7 +113,20 @@ void VkTrojanMainController::killTorjanReloadData(
     reloadDataView();
 }
 
+void VkTrojanMainController::showKillCount() {
+    view_->setHidden("scanCountText", false);
+    uint64_t left = killTotal_ - killDone_;
+    view_->setText("scanCountText", context_->localizer ? vkCountLineText(*context_->localizer,
+                                                                          "Security-80-12", left)
+                                                        : std::string("Security-80-12"));
+}
+
 void VkTrojanMainController::killTorjansEnd() {
+    if (killTotal_ > 0) {
+        view_->setText("scanCountText", countTextBeforeKill_);
+        view_->setHidden("scanCountText", countHiddenBeforeKill_);
+        killTotal_ = killDone_ = 0;
+    }
     context_->userDefaults->setObject(kLastSecurityScanTime, VkPlist(context_->clock->date()));
     view_->setEnabled("removeFileButon", true);
     view_->setEnabled("cancelButton", true);

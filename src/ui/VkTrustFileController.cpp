@@ -28,6 +28,10 @@ void VkTrustFileController::awakeFromNib() {
         view_->setSortIndicator(VkListColumn::fileName, std::string(kAscendingSortIndicator));
 }
 
+std::string VkTrustFileController::localized(const std::string& key) const {
+    return localizer_ ? localizer_->localizedString(key) : key;
+}
+
 const VkPlist* VkTrustFileController::rowAt(int64_t row) const {
     if (row < 0 || static_cast<uint64_t>(row) >= trustFilesArray_.size())
         return nullptr;
@@ -37,6 +41,10 @@ const VkPlist* VkTrustFileController::rowAt(int64_t row) const {
 void VkTrustFileController::disFileTrust(int64_t row) {
     const VkPlist* entry = rowAt(row);
     if (!entry)
+        return;
+    // The next scan reports the file again: only once the user said so.
+    if (view_ && !view_->confirm(localized("Security-80-7"), localized("Security-80-8"),
+                                 localized("Security-80-9")))
         return;
     const std::string* path = entry->getString("TrustFilePath");
     if (path)

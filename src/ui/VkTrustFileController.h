@@ -25,7 +25,8 @@ class VkTrustFileController {
     // First showing: the file-name column carries the ascending indicator.
     void awakeFromNib();
 
-    // Drops the row's path from the trust list and reloads; a missing row does nothing.
+    // Drops the row's path from the trust list once the user confirmed, and reloads; a
+    // missing row does nothing.
     void disFileTrust(int64_t row);
     // Reveals the clicked row's file, else the selected row's, else nothing.
     void realInFinder();
@@ -50,6 +51,7 @@ class VkTrustFileController {
     void setCommonDelegate(VkTrojanCommonDelegate* delegate) { commonDelegate_ = delegate; }
 
   private:
+    std::string localized(const std::string& key) const;
     void sortRows();
 
     std::shared_ptr<VkTorjanCenter> center_;

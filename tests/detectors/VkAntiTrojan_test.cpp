@@ -122,6 +122,18 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     EXPECT_EQ(recorded[3].op, "startClean");
     EXPECT_EQ(recorded[3].args, Paths{conf});
 
+    // Trusted paths are spared: the launch-agent detector is left with nothing to do, and
+    // Flashback deletes nothing it was told to keep.
+    core->clear();
+    anti.remove({agentPlist, conf});
+    size_t unsets = 0;
+    for (const auto& call : core->calls()) {
+        unsets += call.args.size() == 3 && call.args[1] == "unsetenv";
+        for (const auto& arg : call.args)
+            EXPECT_TRUE(arg != agentPlist && arg != conf) << call.op << " " << arg;
+    }
+    EXPECT_EQ(unsets, 1u);
+
     // Nothing found: neither detector does anything, not even the walk for databases.
     VkFile::removeTree(ctx->systemRoot);
     writeFile("/var/folders/ab/com.apple.LaunchServices-034501.csstore", "db");

@@ -23,6 +23,13 @@ class VkRecordingListView : public VkListView {
     void close() override { ++closes; }
     std::optional<int64_t> clickedRow() const override { return clicked; }
     std::optional<int64_t> selectedRow() const override { return selected; }
+    bool confirm(const std::string& message, const std::string&, const std::string&) override {
+        asked.push_back("confirm " + message);
+        return answer;
+    }
+    void showAlert(const std::string& message, const std::string&) override {
+        asked.push_back("alert " + message);
+    }
 
     // The indicator shown on a column ("" when none).
     std::string indicatorOn(VkListColumn column) const {
@@ -38,4 +45,7 @@ class VkRecordingListView : public VkListView {
     std::vector<std::string> revealed;
     std::optional<int64_t> clicked;
     std::optional<int64_t> selected;
+    // What the user is asked or told, in order, and the answer to every question.
+    std::vector<std::string> asked;
+    bool answer = true;
 };

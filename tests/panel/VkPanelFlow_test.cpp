@@ -36,6 +36,7 @@
 #include "panel/VkTrustFileWidget.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
+#include "ui/VkSecuityViewController.h"
 #include "ui/VkTrojanMainController.h"
 
 namespace {
@@ -103,6 +104,7 @@ class VkPanelFlowTest : public ::testing::Test {
         revealed = std::make_shared<Lines>();
         panel->screens()->setRevealer(
             [r = revealed](const std::string& path) { r->push_back(path); });
+        answerYes();
         panel->show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(panel.get()));
         // The signature check's answer arrives through the main queue.
@@ -175,6 +177,28 @@ class VkPanelFlowTest : public ::testing::Test {
         emit popUp->activated(entry);
     }
 
+    // Questions are answered yes and recorded with the alerts, never shown.
+    void answerYes() {
+        panel->screens()->setConfirmer(
+            [asked = asked](QWidget*, const QString& message, const QString&, const QString&) {
+                asked->push_back(message.toStdString());
+                return true;
+            });
+        panel->screens()->setAlerter(
+            [asked = asked](QWidget*, const QString& message, const QString&) {
+                asked->push_back("alert " + message.toStdString());
+            });
+    }
+
+    // The panel made again on the same engine and data, as after a restart.
+    void restart() {
+        panel.reset();
+        panel = std::make_unique<VkSecurityPanel>(ctx, center, scanLogs, fileMonLogs);
+        answerYes();
+        panel->show();
+        QCoreApplication::processEvents();
+    }
+
     void screenshot(const char* name) {
         QDir().mkpath(QString(VK_BINARY_DIR) + "/screenshots");
         QCoreApplication::processEvents();
@@ -191,6 +215,7 @@ class VkPanelFlowTest : public ::testing::Test {
     std::shared_ptr<VkRecordingNetClient> net;
     std::unique_ptr<VkSecurityPanel> panel;
     std::shared_ptr<Lines> revealed;
+    std::shared_ptr<Lines> asked = std::make_shared<Lines>();
     std::shared_ptr<int> scanEnds;
 };
 
@@ -408,6 +433,131 @@ TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndTheRowButtonRevealsItsFile)
     ASSERT_EQ(VkTrojanOutlineView::tag(results->moveButton()), 0);
     QTest::mouseClick(results->moveButton(), Qt::LeftButton);
     EXPECT_EQ(*revealed, Lines{dir / "root/Users/me/a-small.bin"});
+}
+
+// After a restart with the monitor switched off, or a start it refused, the switch shows off
+// and the head strip says which; one click then starts the monitor.
+TEST_F(VkPanelFlowTest, TheMonitorSwitchShowsTheMonitorAsItIsAndOneClickStartsIt) {
+    struct Case {
+        bool wish;
+        bool refuses;
+        std::string text;
+    };
+    for (const Case& c : {Case{false, false, "File monitoring is off"},
+                          Case{true, true, "File monitoring could not be started"}}) {
+        SCOPED_TRACE(c.text);
+        ctx->userDefaults->setBool("FileMonStart", c.wish);
+        net->statSucceeds = !c.refuses;
+        restart();
+        auto* toggle = panel->findChild<VkSwitchButton*>("startFileMon");
+        ASSERT_NE(toggle, nullptr);
+        EXPECT_FALSE(toggle->isOn());
+        EXPECT_EQ(panel->panelView().text("fileMonOnText"), c.text);
+        EXPECT_FALSE(ctx->userDefaults->boolForKey("FileMonStart"));
+        net->statSucceeds = true;
+        net->statCalls.clear();
+        QTest::mouseClick(toggle, Qt::LeftButton);
+        EXPECT_EQ(net->statCalls, std::vector<bool>{true});
+        EXPECT_TRUE(toggle->isOn());
+        EXPECT_EQ(panel->panelView().text("fileMonOnText"), "File monitoring is on");
+        EXPECT_TRUE(ctx->userDefaults->boolForKey("FileMonStart"));
+    }
+}
+
+// Once row 0's action changed, every row's pop-up still lies on its own row, and a pick in
+// the pop-up drawn on a row changes that row.
+TEST_F(VkPanelFlowTest, APickInAnActionPopUpChangesTheRowItIsDrawnOn) {
+    for (int i = 0; i < 12; ++i)
+        dir.write("root/Users/me/f" + std::to_string(10 + i) + ".bin", kSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+    VkTrojanOutlineView* results = trojan()->resultView();
+    VkQtRowModel* model = results->rowModel();
+    ASSERT_EQ(model->rowCount(), 12);
+    choose(0, 1);
+    QCoreApplication::processEvents();
+    int column = model->columnIndex("prcoessColumn");
+    int checked = 0;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        QRect cell = results->visualRect(model->index(row, column));
+        if (!results->viewport()->rect().contains(cell))
+            continue;
+        auto* popUp = qobject_cast<QComboBox*>(results->indexWidget(model->index(row, column)));
+        ASSERT_NE(popUp, nullptr) << row;
+        EXPECT_EQ(popUp->geometry(), cell.adjusted(2, 1, -2, -1)) << row;
+        QWidget* drawn = results->viewport()->childAt(cell.center());
+        while (drawn && !qobject_cast<QComboBox*>(drawn))
+            drawn = drawn->parentWidget();
+        ASSERT_NE(drawn, nullptr) << row;
+        auto* picked = static_cast<QComboBox*>(drawn);
+        int entry = picked->findData(3);
+        picked->setCurrentIndex(entry);
+        emit picked->activated(entry);
+        EXPECT_EQ(controller().itemAt(row)->trojanProcess(), 3) << row;
+        ++checked;
+    }
+    EXPECT_GE(checked, 5);
+}
+
+// The detail sheet is modal and ends with its page, whichever way the page goes.
+TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
+    dir.write("root/Users/me/setup.bin", kSample);
+    dropAndScan({QUrl::fromLocalFile(QString::fromStdString(dir / "root/Users/me"))});
+    for (bool byHost : {false, true}) {
+        SCOPED_TRACE(byHost ? "the host starts a scan" : "the page is closed");
+        QTest::mouseClick(panel->findChild<QAbstractButton*>("viewFileMonLogs"), Qt::LeftButton);
+        VkLogsWidget* logs = panel->logsWidget();
+        VkQtPanelView& page = logs->panelView();
+        QTest::mouseClick(logs->findChild<QAbstractButton*>("showScanButton"), Qt::LeftButton);
+        ASSERT_NE(logs->resultButton(0), nullptr);
+        QTest::mouseClick(logs->resultButton(0), Qt::LeftButton);
+        QWidget* sheet = page.widget("detailWind");
+        ASSERT_TRUE(sheet && sheet->isVisibleTo(logs));
+        // Nothing beside the sheet takes a click: the toggle and Clear leave the page alone.
+        for (const char* control : {"showScanButton", "clearLogsButton"})
+            QTest::mouseClick(logs->findChild<QAbstractButton*>(control), Qt::LeftButton);
+        EXPECT_EQ(panel->logic().logsController()->logsDisplay(), 2);
+        EXPECT_TRUE(asked->empty());
+        EXPECT_EQ(scanLogs->scanLogsArray().size(), 1u);
+        if (byHost) {
+            panel->startQuickScan();
+            panel->postHostNotification("StopScanNotify");
+        } else {
+            panel->logic().logsController()->closeFileMonLogsView();
+        }
+        EXPECT_FALSE(sheet->isVisibleTo(logs));
+        QTest::mouseClick(panel->findChild<QAbstractButton*>("viewFileMonLogs"), Qt::LeftButton);
+        EXPECT_FALSE(sheet->isVisibleTo(logs));
+        EXPECT_TRUE(logs->findChild<QAbstractButton*>("completeButton")->isEnabled());
+        QTest::mouseClick(logs->findChild<QAbstractButton*>("completeButton"), Qt::LeftButton);
+    }
+}
+
+// A launch agent the user trusts survives the clean that removes another one.
+TEST_F(VkPanelFlowTest, ATrustedLaunchAgentSurvivesTheDetectorsRemovalInTheSameClean) {
+    auto agent = [this](const char* plist, const char* program) {
+        VkPlist item = VkPlist::dictionary({{"Label", "item"}, {"Program", program}});
+        std::string path = dir / (std::string("root/Users/tester/Library/LaunchAgents/") + plist);
+        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
+        EXPECT_TRUE(item.writeXmlFile(path).ok());
+        return path;
+    };
+    std::string trusted =
+        agent("www.google.com.tstart.plist", "/Library/Application Support/google/startp");
+    std::string removed = agent("com.apple.PubSabAgent.plist",
+                                "/Users/tester/Library/Preferences/com.apple.PubSabAgent.pfile");
+    int before = *scanEnds;
+    QTest::mouseClick(find<QAbstractButton>("quickScanButton"), Qt::LeftButton);
+    ASSERT_TRUE(serveUntil([&] { return *scanEnds > before; }));
+    QCoreApplication::processEvents();
+    Lines names = column(trojan()->resultView(), "fileNameColumn");
+    ASSERT_EQ(names.size(), 2u);
+    for (int row = 0; row < 2; ++row)
+        choose(row, names[static_cast<size_t>(row)] == "www.google.com.tstart.plist" ? 3 : 0);
+    QTest::mouseClick(find<QAbstractButton>("cleanButton"), Qt::LeftButton);
+    ASSERT_TRUE(serveUntil([&] { return !fs::exists(removed); }));
+    EXPECT_TRUE(fs::exists(trusted));
+    ASSERT_TRUE(serveUntil([&] { return trojan()->resultView()->rowModel()->rowCount() == 0; }));
+    EXPECT_TRUE(fs::exists(trusted));
 }
 
 }  // namespace

@@ -13,8 +13,10 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/VkTempDir.h"
 #include "panel/VkBaseImageUtil.h"
 #include "panel/VkCenterTextCell.h"
+#include "panel/VkOpenPanel.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkQtPanelView.h"
 #include "panel/VkQtSortIndicator.h"
@@ -343,6 +345,32 @@ TEST(VkBaseImageUtilTest, ButtonFaceHasTheSizeAndCarriesItsTitle) {
     EXPECT_NE(VkBaseImageUtil::baseButtonImage(2, QSize(110, 30), "Done").toImage(),
               titled.toImage());
     EXPECT_TRUE(VkBaseImageUtil::baseButtonImage(1, QSize(), "Done").isNull());
+}
+
+// The accept button takes a folder as well as a file (Qt's dialog would walk into the
+// folder), nothing typed takes the folder shown, and a typed path that is not there is said.
+TEST(VkOpenPanelTest, AcceptTakesAFileOrAFolderAndSaysWhenThePathIsMissing) {
+    VkTempDir dir;
+    dir.write("sub/inner.txt", "x");
+    dir.write("file.txt", "x");
+    struct Case {
+        const char* typed;
+        std::string chosen;  // "" when the panel stays open
+    };
+    for (const Case& c : {Case{"sub", dir / "sub"}, Case{"file.txt", dir / "file.txt"},
+                          Case{"", dir.path()}, Case{"not-here", ""}}) {
+        SCOPED_TRACE(c.typed);
+        VkOpenPanel panel(nullptr, "Scan", "Not there");
+        panel.setDirectory(QString::fromStdString(dir.path()));
+        panel.selectFile(c.typed);
+        panel.show();
+        panel.accept();
+        EXPECT_EQ(panel.result() == QDialog::Accepted, !c.chosen.empty());
+        EXPECT_EQ(panel.isVisible(), c.chosen.empty());
+        EXPECT_EQ(panel.chosenPath().toStdString(), c.chosen);
+        EXPECT_EQ(panel.missingPathLabel()->isVisible(), c.chosen.empty());
+        EXPECT_EQ(panel.missingPathLabel()->text(), "Not there");
+    }
 }
 
 }  // namespace

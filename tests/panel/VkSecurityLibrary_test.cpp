@@ -18,6 +18,11 @@ void recordLine(const char* line, void* user) {
     static_cast<std::vector<std::string>*>(user)->push_back(line);
 }
 
+void recordNotice(const char* name, const char* detail, void* user) {
+    std::string line = std::string("notify ") + name + (*detail ? " " : "") + detail;
+    static_cast<std::vector<std::string>*>(user)->push_back(line);
+}
+
 // The plug-in as a host sees it: loaded by path, one C entry point, the host's entry points
 // reached by name.
 TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
@@ -34,7 +39,7 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
     ASSERT_NE(create, nullptr) << library.errorString().toStdString();
 
     std::vector<std::string> lines;
-    VkPanelHostOptions options{data.c_str(), root.c_str(), &recordLine, &lines, 30};
+    VkPanelHostOptions options{data.c_str(), root.c_str(), &recordLine, &lines, 30, &recordNotice};
     std::unique_ptr<QWidget> panel(create(nullptr, &options));
     ASSERT_NE(panel, nullptr);
     for (const char* slot : {"startQuickScan()", "startFullScan()", "setFileMonStat(bool)",
@@ -54,6 +59,9 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
     // The panel registers with the host at once; the host's "stop" notification, addressed
     // to the panel's controller, brings the home view back and is reported as such.
     ASSERT_TRUE(serveUntilHas("updateOperObjs"));
+    // The panel's first count reached the host before anything else.
+    EXPECT_EQ(lines.front(), "notify ReloadIntrodutNotify DetectedFileCount=0");
+    std::erase(lines, "notify ReloadIntrodutNotify DetectedFileCount=0");
     EXPECT_EQ(lines.front(), "updateOperObjs");
     ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "postHostNotification",
                                           Q_ARG(QString, "StopScanNotify")));
@@ -63,6 +71,16 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
                                           Q_ARG(QString, "AllScanEnd")));
     QCoreApplication::processEvents();
     EXPECT_EQ(lines, (std::vector<std::string>{"updateOperObjs", "resetHomeView"}));
+
+    // The host hears the panel's own notifications: the switch, a scan's start and end.
+    lines.clear();
+    ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "setFileMonStat", Q_ARG(bool, false)));
+    EXPECT_TRUE(has("notify OnlineDownScanChangeNotify"));
+    ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "startQuickScan"));
+    EXPECT_TRUE(has("notify TrojanScanNotify 1"));
+    ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "postHostNotification",
+                                          Q_ARG(QString, "StopScanNotify")));
+    EXPECT_TRUE(serveUntilHas("notify TrojanScanNotify 0"));
     panel.reset();
     qunsetenv("VK_DEFAULTS_FILE");
     qunsetenv("VK_UPDATE_SERVER");

@@ -31,6 +31,10 @@ const std::map<std::string, std::string> kKeys = [] {
           "Security-50-4",  "Security-50-5",        "Security-50-6",    "Security-50-7",
           "Security-50-8",  "Security-1-14"})
         keys[plain] = "";
+    // Feedback texts: failures, confirmations and the running removal count.
+    for (int i = 1; i <= 11; ++i)
+        keys["Security-80-" + std::to_string(i)] = "";
+    keys["Security-80-12"] = "%ld";
     return keys;
 }();
 

@@ -119,9 +119,10 @@ TEST_F(VkQuarantineFileControllerTest, RestoreDeleteAndRevealActOnTheirRowOnly) 
     controller->realInFinder();
     EXPECT_EQ(view.revealed, (Names{*store->allQuarantineItems()[2]->filePath()}));
 
-    // A restore that fails keeps the row and the count.
+    // A restore that fails keeps the row and the count, and says so.
     core->failMoves(true);
     controller->disFileQuarantine(0);
+    EXPECT_EQ(view.asked, (Names{"alert Security-80-10"}));
     EXPECT_EQ(controller->numberOfRows(), 3u);
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
     EXPECT_FALSE(fs::exists(dir / "root/a/agent.plist"));
@@ -130,8 +131,15 @@ TEST_F(VkQuarantineFileControllerTest, RestoreDeleteAndRevealActOnTheirRowOnly) 
     EXPECT_TRUE(fs::exists(dir / "root/a/agent.plist"));
     EXPECT_EQ(view.texts["QuarantineFileText"], "2 in quarantine");
 
+    // Deleting for good asks first; a no keeps the file.
     std::string copy = *store->allQuarantineItems()[1]->filePath();  // report.pdf
+    view.answer = false;
     controller->removeItem(1);
+    EXPECT_TRUE(fs::exists(copy));
+    view.answer = true;
+    controller->removeItem(1);
+    EXPECT_EQ(view.asked.back(), "confirm Security-80-3");
+    EXPECT_EQ(view.asked.size(), 3u);
     EXPECT_FALSE(fs::exists(copy));
     EXPECT_EQ(column(VkListColumn::fileName), (Names{"payload"}));
     EXPECT_EQ(view.texts["QuarantineFileText"], "1 in quarantine");

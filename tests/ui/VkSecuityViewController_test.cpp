@@ -138,8 +138,10 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     EXPECT_EQ(center->calls.back(), "startQuickScan");
 }
 
-// A start the monitor refuses is stored as NO; a monitor the user switched off is not asked.
-TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheOffText) {
+// A start the monitor refuses is stored as NO and said; a monitor the user switched off is
+// not asked. Either way the switch shows off (0), and a refused switch-on by the user too.
+TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheSwitchOffAndARefusalSaysSo) {
+    ctx->localizer->setString("Security-80-1", "Monitor failed");
     for (bool switchedOff : {false, true}) {
         SCOPED_TRACE(switchedOff ? "switched off" : "refused");
         client->statCalls.clear();
@@ -148,10 +150,16 @@ TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheOffText) {
             ctx->userDefaults->setBool("FileMonStart", false);
         show();
         EXPECT_EQ(client->statCalls, switchedOff ? std::vector<bool>{} : std::vector<bool>{true});
-        EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-        EXPECT_EQ(view.state("startFileMon"), 1);
+        EXPECT_EQ(view.text("fileMonOnText"), switchedOff ? "Monitor off" : "Monitor failed");
+        EXPECT_EQ(view.state("startFileMon"), 0);
         EXPECT_EQ(storedFileMonStart(), false);
     }
+    // The user's click turned it on; the monitor refuses: off again, stored NO, said.
+    view.setState("startFileMon", 1);
+    panel->swithChange();
+    EXPECT_EQ(view.state("startFileMon"), 0);
+    EXPECT_EQ(storedFileMonStart(), false);
+    EXPECT_EQ(view.text("fileMonOnText"), "Monitor failed");
 }
 
 TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueueWhileItLives) {

@@ -363,8 +363,11 @@ TEST_F(VkTrojanMainControllerTest, RemovalProgressDropsRowsAndTheEndStoresTheCle
     auto first = found("home/one.bin");
     auto second = found("home/two.bin");
     endScan();
+    ctx->localizer->setString("Security-80-12", "%ld left");
+    std::string countLine = view.text("scanCountText");
     controller->killTorjansAction();
     EXPECT_EQ(center->calls.back(), "killTorjanItem 2");
+    EXPECT_EQ(view.text("scanCountText"), "2 left");
     EXPECT_TRUE(view.isHidden("backButton"));
     EXPECT_TRUE(view.called("setEnabled cancelButton 0"));
     EXPECT_TRUE(view.called("setEnabled removeFileButon 0"));
@@ -377,10 +380,12 @@ TEST_F(VkTrojanMainControllerTest, RemovalProgressDropsRowsAndTheEndStoresTheCle
     queue->runPending();
     EXPECT_EQ(column("fileNameColumn"), Lines{"one.bin"});
     EXPECT_EQ(view.progress("scanProgressIndicator"), 0.5);
+    EXPECT_EQ(view.text("scanCountText"), "1 left");
     EXPECT_EQ(scanLogs->currentLogs()->scanLogsItems().back()->operType(), 0);
     EXPECT_EQ(host->count("postProgressInfo 0.50 two.bin"), 0u) << "the user's own clean";
 
     controller->killTorjansEnd();
+    EXPECT_EQ(view.text("scanCountText"), countLine);
     EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityScanTime"), ctx->clock->date());
     EXPECT_TRUE(view.called("setEnabled cancelButton 1"));
     EXPECT_EQ(host->lines().back(), "userOperEnd");
