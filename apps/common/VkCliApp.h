@@ -51,7 +51,8 @@ inline std::optional<int> parse(CLI::App& app, int argc, char** argv, int usageE
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() != 0) {
             if (auto unknown = unknownCommand(app)) {
-                std::fprintf(stderr, "%s: unknown command: %s\nRun with --help for more information.\n",
+                std::fprintf(stderr,
+                             "%s: unknown command: %s\nRun with --help for more information.\n",
                              name.c_str(), unknown->c_str());
                 return usageExit;
             }

@@ -1,12 +1,12 @@
 #include <algorithm>
-#include <cstdlib>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -288,8 +288,8 @@ static VkCliCommand registration(600, [](CLI::App& app, VkCli& cli) {
         ->check(CLI::Validator(
             [](std::string& text) {
                 double seconds = 0;
-                bool ok = CLI::detail::lexical_cast(text, seconds) && seconds > 0 &&
-                          seconds <= 3600;
+                bool ok =
+                    CLI::detail::lexical_cast(text, seconds) && seconds > 0 && seconds <= 3600;
                 return ok ? std::string()
                           : "the settle time must be more than 0 and at most 3600 seconds";
             },

@@ -138,8 +138,8 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
             failure = std::to_string(refused.size()) + " staged database(s) not installed" +
                       (cli.json ? "" : " (see above)");
         else if (problems > 0)
-            failure = std::to_string(problems) +
-                      " database(s) of the manifest could not be downloaded";
+            failure =
+                std::to_string(problems) + " database(s) of the manifest could not be downloaded";
 
         if (cli.json) {
             nlohmann::json entries = nlohmann::json::array();
