@@ -38,5 +38,11 @@ expect "scan options" "$(printf -- '--quarantine\n--quick')" "$(offers vksecurit
 expect "scan paths" "$work/sample.bin" "$(offers vksecurity --json scan "$work/sam")"
 expect "--data-dir folders" "$work" "$(offers vksecurity --data-dir "$work")"
 expect "vksig add --sample" "$work/sample.bin" "$(offers vksig add x.sql --sample "$work/s")"
+# The zsh functions at least parse, where zsh is installed.
+if command -v zsh >/dev/null; then
+  for file in "$dir"/_vksecurity "$dir"/_vksig; do
+    zsh -n "$file" || { echo "zsh cannot parse $file"; status=1; }
+  done
+fi
 [[ $status -eq 0 ]] && echo "bash completion offers the commands, options and files"
 exit $status
