@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <pwd.h>
+#include <unistd.h>
 #include <vector>
 
 #include "center/VkServices.h"
+#include "platform/VkFileUtil.h"
 #include "support/VkCliOutput.h"
 
 namespace {
@@ -47,12 +50,47 @@ VkCliCommand::VkCliCommand(int order, Setup setup) {
     registry().emplace_back(order, std::move(setup));
 }
 
+namespace {
+
+// `--json` works anywhere on the line; each command lists it in its own help too.
+void addJsonFlag(CLI::App& command, VkCli& cli) {
+    if (!command.get_option_no_throw("--json"))
+        command.add_flag("--json", cli.json, "Machine-readable output");
+    for (CLI::App* sub : command.get_subcommands([](CLI::App*) { return true; }))
+        addJsonFlag(*sub, cli);
+}
+
+bool systemHasUser(const std::string& name) {
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::string buf(size > 0 ? static_cast<size_t>(size) : 16384, '\0');
+    struct passwd pw {};
+    struct passwd* found = nullptr;
+    return ::getpwnam_r(name.c_str(), &pw, buf.data(), buf.size(), &found) == 0 && found;
+}
+
+}  // namespace
+
 void VkCliCommand::setupAll(CLI::App& app, VkCli& cli) {
     auto& commands = registry();
     std::stable_sort(commands.begin(), commands.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     for (auto& [order, setup] : commands)
         setup(app, cli);
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; }))
+        addJsonFlag(*command, cli);
+    // Before any command runs: a user the inspected system does not have would make every
+    // command look at a home that is not there and report it clean.
+    app.parse_complete_callback([&cli] {
+        if (cli.userName.empty())
+            return;
+        auto ctx = cli.context();
+        bool isDirectory = false;
+        bool home = VkFile::exists(ctx->resolve(ctx->homeDirectory), &isDirectory) && isDirectory;
+        if (!home && !(ctx->systemRoot == "/" && systemHasUser(cli.userName)))
+            throw CLI::ValidationError("--user", "the inspected system has no user \"" +
+                                                     cli.userName + "\" (no home folder " +
+                                                     ctx->homeDirectory + ")");
+    });
 }
 
 void vkCliFail(VkCli& cli, const std::string& message) {

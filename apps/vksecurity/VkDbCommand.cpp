@@ -68,6 +68,11 @@ static VkCliCommand registration(510, [](CLI::App& app, VkCli& cli) {
         "db", "List the installed, staged (downloaded, not yet installed) and packaged databases");
     cmd->callback([&cli] {
         auto ctx = cli.context();
+        // An unreadable folder would list as empty, as if nothing were installed.
+        bool isDirectory = false;
+        if (VkFile::exists(ctx->dataFolder, &isDirectory) &&
+            (!isDirectory || !VkFile::listDirectory(ctx->dataFolder)))
+            return vkCliFail(cli, "cannot read the signature database folder " + ctx->dataFolder);
         VkSqliteManager store(ctx);
         std::string packagedFolder = VkFile::join(ctx->resourceFolder, "trojanDB");
         auto installed = describe(store, store.dataBasePaths());

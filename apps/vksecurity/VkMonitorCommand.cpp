@@ -2,8 +2,11 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -24,6 +27,27 @@ namespace {
 
 // "Not running" for --status, as service managers report it.
 constexpr int kExitNotRunning = 3;
+// A foreground monitor that finds another one running: the user unit names this code in
+// RestartPreventExitStatus=, so systemd does not start it again and again.
+constexpr int kExitAlreadyRunning = 4;
+
+// systemd hands the journal over as stdout and says so in JOURNAL_STREAM ("dev:inode"); the
+// system log reaches the journal already, so the lines are not printed a second time.
+bool stdoutIsJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    unsigned long long dev = 0, ino = 0;
+    struct stat st {};
+    return stream && std::sscanf(stream, "%llu:%llu", &dev, &ino) == 2 &&
+           ::fstat(STDOUT_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
+
+void failAlreadyRunning(VkCli& cli, const std::string& dataFolder) {
+    std::optional<pid_t> pid = VkFileMonService::runningPid(dataFolder);
+    vkCliFail(cli, "the file monitor is already running for " + dataFolder +
+                       (pid && *pid > 0 ? " (pid " + std::to_string(*pid) + ")" : "") +
+                       " (see --status)");
+    cli.exitCode = kExitAlreadyRunning;
+}
 
 std::atomic<VkFileMonService*> runningService{nullptr};
 
@@ -57,11 +81,12 @@ int64_t numberOf(const VkPlist& dict, const char* key) {
     return value ? value->asInt64().value_or(0) : 0;
 }
 
-void printStatus(VkCli& cli, VkServiceNetClient& client, const std::string& dataFolder) {
+void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& config,
+                 const std::string& dataFolder) {
     auto status = client.status();
     if (!status) {
         auto records = client.currentRecords();
-        std::vector<std::string> saved = VkMonitorConfig(dataFolder).savedWatchFolders();
+        std::vector<std::string> saved = config.savedWatchFolders();
         if (cli.json) {
             nlohmann::json j = {{"running", false}, {"records", records ? records->size() : 0}};
             vkJsonSetPath(j, "dataFolder", dataFolder);
@@ -131,15 +156,22 @@ VkResult<std::string> folderArgument(const std::string& given, bool mustExist) {
 }
 
 void runMonitor(VkCli& cli, const MonitorOptions& options) {
+    // Started in the background, stderr is a pipe the starter closes once the service
+    // answers; a later message must not end the service.
+    std::signal(SIGPIPE, SIG_IGN);
     auto ctx = cli.context();
     VkServiceNetClient client(ctx->dataFolder, ctx->defaultsFile, nullptr);
-    VkMonitorConfig config(ctx->dataFolder);
+    VkMonitorConfig config(*ctx);
 
     if (options.status) {
-        printStatus(cli, client, ctx->dataFolder);
+        printStatus(cli, client, config, ctx->dataFolder);
         return;
     }
     if (options.stop) {
+        if (!client.isRunning() && !VkFileMonService::runningPid(ctx->dataFolder)) {
+            std::printf("the file monitor is not running\n");
+            return;
+        }
         auto stopped = client.stop();
         if (!stopped)
             return vkCliFail(cli, stopped.error());
@@ -148,11 +180,15 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
     }
 
     bool running = client.isRunning();
+    // Changes go to a running monitor at once; without one they are stored for its next
+    // start, and nothing is started unless --start asks for it.
+    bool changes = options.settle != 0 || !options.watch.empty() || !options.unwatch.empty();
+    const char* later = running ? "" : " (from the file monitor's next start; it is not running)";
     if (options.settle != 0) {
         if (auto set = config.setSettleSeconds(options.settle); !set)
             return vkCliFail(cli, set.error());
-        if (running)
-            std::printf("the new settle time applies from the monitor's next start\n");
+        std::printf("settle time %g s%s\n", options.settle,
+                    running ? " (from the file monitor's next start)" : later);
     }
     for (const std::string& given : options.unwatch) {
         auto folder = folderArgument(given, false);
@@ -160,9 +196,8 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
             running ? client.removeWatchFolder(*folder) : config.removeWatchFolder(*folder);
         if (!forgotten)
             return vkCliFail(cli, forgotten.error());
-        std::printf("no longer watching %s\n", vkCliText(*folder).c_str());
+        std::printf("no longer watching %s%s\n", vkCliText(*folder).c_str(), later);
     }
-    std::vector<std::string> added;
     for (const std::string& given : options.watch) {
         auto folder = folderArgument(given, true);
         if (!folder)
@@ -170,44 +205,42 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
         std::string data = VkMonitorConfig::normalizeFolder(ctx->dataFolder);
         if (*folder == data || folder->rfind(data + "/", 0) == 0)
             return vkCliFail(cli, "the data folder cannot be watched: " + *folder);
-        added.push_back(*folder);
+        // The service that runs takes the folder over; there is no second one.
+        auto watched = running ? client.addWatchFolder(*folder) : config.addWatchFolder(*folder);
+        if (!watched)
+            return vkCliFail(cli, watched.error());
+        std::printf("watching %s%s\n", vkCliText(*folder).c_str(), later);
     }
-    if (running) {
-        // The service that runs takes the folders over; there is no second one.
-        for (const std::string& folder : added) {
-            if (auto watched = client.addWatchFolder(folder); !watched)
-                return vkCliFail(cli, watched.error());
-            std::printf("watching %s\n", vkCliText(folder).c_str());
-        }
-        bool changedSomething = !added.empty() || !options.unwatch.empty() || options.settle != 0;
-        if (!options.start && !changedSomething)
-            return vkCliFail(cli, "the file monitor is already running (see --status)");
-        return;
-    }
-    for (const std::string& folder : added) {
-        if (auto saved = config.addWatchFolder(folder); !saved)
-            return vkCliFail(cli, saved.error());
-    }
-    if (!options.unwatch.empty() && added.empty() && !options.start && options.settle == 0)
-        return;  // only forgetting folders
     if (options.start) {
+        if (running) {
+            std::optional<pid_t> pid = VkFileMonService::runningPid(ctx->dataFolder);
+            std::printf("the file monitor is already running%s\n",
+                        pid && *pid > 0 ? (" (pid " + std::to_string(*pid) + ")").c_str() : "");
+            return;
+        }
         auto started = client.start();
         if (!started)
             return vkCliFail(cli, started.error());
         std::printf("file monitor running\n");
         return;
     }
+    if (changes)
+        return;
+    if (running)
+        return failAlreadyRunning(cli, ctx->dataFolder);
 
     VkFileMonServiceOptions serviceOptions;
     serviceOptions.watchFolders.push_back(VkMonitorConfig::downloadFolder());
     for (const std::string& folder : config.savedWatchFolders())
         serviceOptions.watchFolders.push_back(folder);
     serviceOptions.settleSeconds = config.settleSeconds();
-    serviceOptions.report = [](const std::string& line) {
-        // The lines name the files the monitor judged.
-        std::printf("%s\n", vkCliText(line).c_str());
-        std::fflush(stdout);
-    };
+    if (!stdoutIsJournal()) {
+        serviceOptions.report = [](const std::string& line) {
+            // The lines name the files the monitor judged.
+            std::printf("%s\n", vkCliText(line).c_str());
+            std::fflush(stdout);
+        };
+    }
     // As the scan center does: the packaged databases go in first, then staged updates.
     VkAddTorjanItems(ctx).copyToLocalPath();
     // A monitor without signatures would call every file clean; refusing makes the
@@ -218,8 +251,11 @@ void runMonitor(VkCli& cli, const MonitorOptions& options) {
                                   "`vksecurity update`, or check that the folder is writable)");
     }
     VkFileMonService service(ctx, serviceOptions);
-    if (auto started = service.start(); !started)
+    if (auto started = service.start(); !started) {
+        if (VkFileMonService::runningPid(ctx->dataFolder))
+            return failAlreadyRunning(cli, ctx->dataFolder);
         return vkCliFail(cli, started.error());
+    }
     runningService.store(&service);
     std::signal(SIGINT, stopOnSignal);
     std::signal(SIGTERM, stopOnSignal);
@@ -248,12 +284,29 @@ static VkCliCommand registration(600, [](CLI::App& app, VkCli& cli) {
     cmd->add_option("--settle", options->settle,
                     "Seconds a complete file must stay unchanged before it is judged "
                     "(remembered; default 1)")
-        ->type_name("SECONDS");
-    cmd->add_flag("--status", options->status,
-                  "Tell whether the monitor runs, what it watches and how many records it "
-                  "keeps (exit code 3 when it is not running)");
-    cmd->add_flag("--start", options->start,
-                  "Start the monitor in the background, as the panel's switch does");
-    cmd->add_flag("--stop", options->stop, "Stop the running monitor");
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                double seconds = 0;
+                bool ok =
+                    CLI::detail::lexical_cast(text, seconds) && seconds > 0 && seconds <= 3600;
+                return ok ? std::string()
+                          : "the settle time must be more than 0 and at most 3600 seconds";
+            },
+            "", ""));
+    auto* status = cmd->add_flag(
+        "--status", options->status,
+        "Tell whether the monitor runs, what it watches and how many records it keeps (exit "
+        "code 3 when it is not running)");
+    auto* start = cmd->add_flag("--start", options->start,
+                                "Start the monitor in the background, as the panel's switch does "
+                                "(says so when it already runs)");
+    auto* stop = cmd->add_flag("--stop", options->stop, "Stop the running monitor");
+    start->excludes(stop);
+    status->excludes(start)->excludes(stop);
+    cmd->footer(
+        "Without --start, --stop or --status the monitor runs in the foreground, unless "
+        "--watch, --unwatch or --settle only change a setting. Exit codes: 0 done, 2 an error, "
+        "3 not running (--status), 4 another monitor already runs for this data folder.");
     cmd->callback([&cli, options] { runMonitor(cli, *options); });
 });

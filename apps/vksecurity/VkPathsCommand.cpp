@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VkCli.h"
+#include "monitor/VkMonitorConfig.h"
 #include "support/VkCliOutput.h"
 
 // `vksecurity paths`: shows the folders and settings this program would use.
@@ -18,6 +19,8 @@ static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
             vkJsonSetPath(j, "defaultsFile", ctx->defaultsFile);
             vkJsonSetPath(j, "resourceFolder", ctx->resourceFolder);
             vkJsonSetPath(j, "updateKeysFolder", ctx->updateKeysFolder);
+            vkJsonSetPath(j, "monitorSettings", VkMonitorConfig(*ctx).path());
+            vkJsonSetPath(j, "monitorSocket", VkMonitorConfig::socketPath(ctx->dataFolder));
             std::printf("%s\n", vkJsonText(j, 2).c_str());
             return;
         }
@@ -26,6 +29,9 @@ static VkCliCommand registration(900, [](CLI::App& app, VkCli& cli) {
                     vkCliText(ctx->homeDirectory).c_str());
         std::printf("data folder:      %s\n", vkCliText(ctx->dataFolder).c_str());
         std::printf("defaults file:    %s\n", vkCliText(ctx->defaultsFile).c_str());
+        std::printf("monitor settings: %s\n", vkCliText(VkMonitorConfig(*ctx).path()).c_str());
+        std::printf("monitor socket:   %s\n",
+                    vkCliText(VkMonitorConfig::socketPath(ctx->dataFolder)).c_str());
         std::printf("resources:        %s\n", vkCliText(ctx->resourceFolder).c_str());
         std::printf("update server:    %s\n", vkCliText(ctx->updateServer).c_str());
         std::printf("update keys:      %s/updatekeys, %s\n", vkCliText(ctx->resourceFolder).c_str(),

@@ -130,6 +130,17 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
         for (const auto& e : report.entries)
             problems += isProblem(e.action);
 
+        // What failed, if anything: the exit code and JSON's "success" say the same.
+        std::string failure;
+        if (!report.success)
+            failure = std::string(failureText(report.failure)) + ": " + report.error;
+        else if (!refused.empty())
+            failure = std::to_string(refused.size()) + " staged database(s) not installed" +
+                      (cli.json ? "" : " (see above)");
+        else if (problems > 0)
+            failure =
+                std::to_string(problems) + " database(s) of the manifest could not be downloaded";
+
         if (cli.json) {
             nlohmann::json entries = nlohmann::json::array();
             for (const auto& e : report.entries) {
@@ -153,8 +164,8 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
             nlohmann::json out = {
                 {"server", ctx->updateServer},
                 {"manifest", report.manifestUrl},
-                {"success", report.success},
-                {"error", report.success ? nlohmann::json(nullptr) : nlohmann::json(report.error)},
+                {"success", failure.empty()},
+                {"error", failure.empty() ? nlohmann::json(nullptr) : nlohmann::json(failure)},
                 {"updateDate", report.manifestDate ? nlohmann::json(dateText(report.manifestDate))
                                                    : nlohmann::json(nullptr)},
                 {"signer",
@@ -198,15 +209,7 @@ static VkCliCommand registration(500, [](CLI::App& app, VkCli& cli) {
                 std::printf("the signature databases are up to date\n");
         }
 
-        if (!report.success) {
-            return vkCliFail(cli, std::string(failureText(report.failure)) + ": " + report.error);
-        }
-        if (!refused.empty())
-            return vkCliFail(cli, std::to_string(refused.size()) +
-                                      " staged database(s) not installed (see above)");
-        if (problems > 0)
-            vkCliFail(cli, std::to_string(problems) +
-                               " database(s) of the manifest could not be "
-                               "downloaded");
+        if (!failure.empty())
+            vkCliFail(cli, failure);
     });
 });

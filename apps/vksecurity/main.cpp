@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include "VkCli.h"
+#include "VkCliApp.h"
 #include "database/VkSqliteManager.h"
 #include "support/VkCliOutput.h"
 
@@ -21,7 +22,7 @@ int main(int argc, char** argv) {
     VkSqliteManager::setErrorSink([](const std::string& message) {
         std::fprintf(stderr, "vksecurity: errorMsg %s\n", vkCliText(message).c_str());
     });
-    CLI::App app{"vksecurity: finds, removes and quarantines known Mac trojans"};
+    CLI::App app{"vksecurity: finds, removes and quarantines known Mac trojans", "vksecurity"};
     app.set_version_flag("--version", std::string("vksecurity ") + VK_VERSION);
     app.require_subcommand(0, 1);
     app.fallthrough();
@@ -39,14 +40,12 @@ int main(int argc, char** argv) {
 
     VkCliCommand::setupAll(app, cli);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        int code = app.exit(e);
-        return code == 0 ? kExitClean : kExitError;
-    }
+    if (auto exitCode = vkcli::parse(app, argc, argv, kExitError))
+        return *exitCode;
     if (app.get_subcommands().empty()) {
-        std::fputs(app.help().c_str(), stdout);
+        // Options alone (`vksecurity --json`) name no command.
+        std::fputs(app.help().c_str(), stderr);
+        return kExitError;
     }
     return cli.exitCode;
 }

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "VkCliApp.h"
 #include "VkSig.h"
 
 #ifndef VK_VERSION
@@ -11,18 +12,14 @@
 
 int main(int argc, char** argv) {
     std::setlocale(LC_ALL, "");
-    CLI::App app{"vksig: builds and inspects signature databases"};
+    CLI::App app{"vksig: builds and inspects signature databases", "vksig"};
     app.set_version_flag("--version", std::string("vksig ") + VK_VERSION);
     app.require_subcommand(1, 1);
 
     VkSigCli cli;
     VkSigCommand::setupAll(app, cli);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        int code = app.exit(e);
-        return code == 0 ? kSigExitOk : kSigExitError;
-    }
+    if (auto exitCode = vkcli::parse(app, argc, argv, kSigExitError))
+        return *exitCode;
     return cli.exitCode;
 }

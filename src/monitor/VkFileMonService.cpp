@@ -93,7 +93,7 @@ struct VkFileMonService::Client {
 VkFileMonService::VkFileMonService(std::shared_ptr<VkContext> ctx, VkFileMonServiceOptions options)
     : ctx_(std::move(ctx)),
       options_(std::move(options)),
-      config_(ctx_->dataFolder),
+      config_(*ctx_),
       store_(ctx_->dataFolder, options_.maxRecords),
       settler_(options_.settleSeconds, options_.maxWaiting),
       socketPath_(VkMonitorConfig::socketPath(ctx_->dataFolder)),

@@ -25,7 +25,7 @@ VkResult<void> makeLogsFolder(const std::string& dataFolder) {
         VkFile::removeTree(logs);
     if (!VkFile::exists(dataFolder) && !VkFile::createDirectory(dataFolder, true, 0700))
         return VkError{"cannot create the data folder " + dataFolder};
-    if (!VkFile::createDirectory(logs, false))
+    if (!VkFile::createDirectory(logs, false, 0700))
         return VkError{"cannot create the folder " + logs};
     return {};
 }

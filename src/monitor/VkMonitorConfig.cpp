@@ -1,11 +1,14 @@
 #include "monitor/VkMonitorConfig.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <pwd.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkPlist.h"
 
@@ -32,25 +35,44 @@ VkPlist readConfig(const std::string& path) {
     return *config;
 }
 
-VkResult<void> writeConfig(const std::string& dataFolder, const VkPlist& config) {
-    if (!VkFile::exists(dataFolder) && !VkFile::createDirectory(dataFolder, true, 0700))
-        return VkError{"cannot create the data folder " + dataFolder};
-    std::string xml = config.toXml();
-    return VkFile::writeAtomically(VkMonitorConfig::configPath(dataFolder), xml, 0600);
+// $XDG_RUNTIME_DIR/vksecurity when it is (or can be made) a folder of ours that nobody else
+// may enter, else "".
+std::string runtimeFolder() {
+    std::string runtime = VkContext::xdgFolder("XDG_RUNTIME_DIR");
+    if (runtime.empty())
+        return {};
+    std::string folder = VkFile::join(runtime, "vksecurity");
+    ::mkdir(folder.c_str(), 0700);
+    struct stat st {};
+    if (::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() ||
+        (st.st_mode & 077) != 0)
+        return {};
+    return folder;
 }
 
 }  // namespace
 
 std::string VkMonitorConfig::socketPath(const std::string& dataFolder) {
-    return VkFile::join(dataFolder, kSocketFile);
+    std::string runtime = runtimeFolder();
+    if (runtime.empty())
+        return VkFile::join(dataFolder, kSocketFile);
+    // FNV-1a: only tells data folders apart inside a folder that is ours alone.
+    uint64_t hash = 1469598103934665603ull;
+    for (unsigned char c : normalizeFolder(dataFolder)) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    char name[40];
+    std::snprintf(name, sizeof name, "monitor-%016llx.sock", static_cast<unsigned long long>(hash));
+    return VkFile::join(runtime, name);
 }
 
 std::string VkMonitorConfig::lockPath(const std::string& dataFolder) {
     return VkFile::join(dataFolder, kLockFile);
 }
 
-std::string VkMonitorConfig::configPath(const std::string& dataFolder) {
-    return VkFile::join(dataFolder, kConfigFile);
+std::string VkMonitorConfig::configPath(const std::string& defaultsFile) {
+    return VkFile::join(VkFile::deletingLastPathComponent(defaultsFile), kConfigFile);
 }
 
 std::optional<std::string> VkMonitorConfig::downloadFolderFromUserDirs(const std::string& text,
@@ -85,7 +107,7 @@ std::string VkMonitorConfig::downloadFolder() {
         return normalizeFolder(dir);
     std::string home = homeFolder();
 #ifndef __APPLE__
-    std::string configHome = env("XDG_CONFIG_HOME");
+    std::string configHome = VkContext::xdgFolder("XDG_CONFIG_HOME");
     if (configHome.empty())
         configHome = VkFile::join(home, ".config");
     if (auto text = VkFile::readAll(VkFile::join(configHome, "user-dirs.dirs"), 1 << 20)) {
@@ -107,11 +129,32 @@ std::string VkMonitorConfig::normalizeFolder(const std::string& folder) {
     return clean;
 }
 
-VkMonitorConfig::VkMonitorConfig(std::string dataFolder) : dataFolder_(std::move(dataFolder)) {}
+VkMonitorConfig::VkMonitorConfig(const VkContext& ctx)
+    : VkMonitorConfig(configPath(ctx.defaultsFile), VkFile::join(ctx.dataFolder, kConfigFile)) {}
+
+VkMonitorConfig::VkMonitorConfig(std::string configFile, std::string legacyFile)
+    : configFile_(std::move(configFile)), legacyFile_(std::move(legacyFile)) {}
+
+VkPlist VkMonitorConfig::read() const {
+    if (!legacyFile_.empty() && !VkFile::existsNoFollow(configFile_))
+        return readConfig(legacyFile_);
+    return readConfig(configFile_);
+}
+
+VkResult<void> VkMonitorConfig::write(const VkPlist& config) const {
+    std::string folder = VkFile::deletingLastPathComponent(configFile_);
+    if (!VkFile::exists(folder) && !VkFile::createDirectory(folder, true, 0700))
+        return VkError{"cannot create the settings folder " + folder};
+    auto written = VkFile::writeAtomically(configFile_, config.toXml(), 0600);
+    // Moved: the old place is not read again once the new file exists.
+    if (written && !legacyFile_.empty())
+        ::unlink(legacyFile_.c_str());
+    return written;
+}
 
 std::vector<std::string> VkMonitorConfig::savedWatchFolders() const {
     std::vector<std::string> folders;
-    VkPlist config = readConfig(configPath(dataFolder_));
+    VkPlist config = read();
     if (const VkPlist* list = config.get(kWatchFoldersKey); list && list->asArray()) {
         for (const VkPlist& entry : *list->asArray()) {
             if (const std::string* folder = entry.asString(); folder && !folder->empty())
@@ -122,7 +165,7 @@ std::vector<std::string> VkMonitorConfig::savedWatchFolders() const {
 }
 
 VkResult<void> VkMonitorConfig::addWatchFolder(const std::string& folder) {
-    VkPlist config = readConfig(configPath(dataFolder_));
+    VkPlist config = read();
     VkPlist::Array list;
     if (const VkPlist* saved = config.get(kWatchFoldersKey); saved && saved->asArray())
         list = *saved->asArray();
@@ -132,11 +175,11 @@ VkResult<void> VkMonitorConfig::addWatchFolder(const std::string& folder) {
     }
     list.emplace_back(folder);
     config.set(kWatchFoldersKey, VkPlist(std::move(list)));
-    return writeConfig(dataFolder_, config);
+    return write(config);
 }
 
 VkResult<void> VkMonitorConfig::removeWatchFolder(const std::string& folder) {
-    VkPlist config = readConfig(configPath(dataFolder_));
+    VkPlist config = read();
     VkPlist::Array list;
     if (const VkPlist* saved = config.get(kWatchFoldersKey); saved && saved->asArray())
         list = *saved->asArray();
@@ -148,11 +191,11 @@ VkResult<void> VkMonitorConfig::removeWatchFolder(const std::string& folder) {
     if (list.size() == before)
         return VkError{folder + " is not among the watched folders"};
     config.set(kWatchFoldersKey, VkPlist(std::move(list)));
-    return writeConfig(dataFolder_, config);
+    return write(config);
 }
 
 double VkMonitorConfig::settleSeconds() const {
-    VkPlist config = readConfig(configPath(dataFolder_));
+    VkPlist config = read();
     const VkPlist* value = config.get(kSettleSecondsKey);
     std::optional<double> seconds = value ? value->asDouble() : std::nullopt;
     if (!seconds || !(*seconds > 0))
@@ -163,7 +206,7 @@ double VkMonitorConfig::settleSeconds() const {
 VkResult<void> VkMonitorConfig::setSettleSeconds(double seconds) {
     if (!(seconds > 0) || seconds > 3600)
         return VkError{"the settle time must be more than 0 and at most 3600 seconds"};
-    VkPlist config = readConfig(configPath(dataFolder_));
+    VkPlist config = read();
     config.set(kSettleSecondsKey, VkPlist::real(seconds));
-    return writeConfig(dataFolder_, config);
+    return write(config);
 }

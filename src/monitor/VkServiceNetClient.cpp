@@ -283,7 +283,7 @@ VkResult<std::string> VkServiceNetClient::monitorProgram() const {
                    kProgramVariable + ")"};
 }
 
-VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program) {
+VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program, VkFd& errors) {
     // Everything the child needs is made before fork: between fork and exec only
     // async-signal-safe calls are allowed (other threads may hold locks).
     std::vector<std::string> environment;
@@ -315,6 +315,13 @@ VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program) {
     ::fcntl(report[1], F_SETFD, FD_CLOEXEC);
     VkFd reportRead(report[0]);
     VkFd reportWrite(report[1]);
+    int stderrPipe[2];
+    if (::pipe(stderrPipe) != 0)
+        return VkError{std::string("cannot start the file monitor: ") + std::strerror(errno)};
+    ::fcntl(stderrPipe[0], F_SETFD, FD_CLOEXEC);
+    ::fcntl(stderrPipe[1], F_SETFD, FD_CLOEXEC);
+    VkFd errorsRead(stderrPipe[0]);
+    VkFd errorsWrite(stderrPipe[1]);
 
     pid_t child = ::fork();
     if (child < 0)
@@ -334,6 +341,7 @@ VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program) {
             if (null > 2)
                 ::close(null);
         }
+        ::dup2(stderrPipe[1], 2);  // the copy on 2 stays open across exec
 #if defined(__linux__) && defined(SYS_close_range)
         // Nothing of ours but the report pipe (close-on-exec) goes with the service.
         for (int fd = 3; fd < report[1]; ++fd)
@@ -346,6 +354,7 @@ VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program) {
         ::_exit(127);
     }
     reportWrite.reset();
+    errorsWrite.reset();
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
@@ -358,6 +367,8 @@ VkResult<void> VkServiceNetClient::spawnDetached(const std::string& program) {
         return VkError{"cannot run " + program + ": " + std::strerror(error)};
     if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
         return VkError{"cannot start the file monitor (fork failed)"};
+    VkMonitorSocket::setNonBlocking(errorsRead.get());
+    errors = std::move(errorsRead);
     return {};
 }
 
@@ -367,18 +378,37 @@ VkResult<void> VkServiceNetClient::start() {
     auto program = monitorProgram();
     if (!program)
         return VkError{program.error()};
-    if (auto spawned = spawnDetached(*program); !spawned)
+    VkFd errors;
+    if (auto spawned = spawnDetached(*program, errors); !spawned)
         return spawned;
     double deadline = monotonicNow() + options_.startSeconds;
     std::string lastError;
+    std::string said;  // what the service wrote to stderr, kept short
+    bool ended = false;
     while (monotonicNow() < deadline) {
         auto body =
             okBody(VkMonitorSocket::request(socketPath_, P::kHello, {}, options_.requestSeconds));
         if (body)
             return {};
         lastError = body.error();
-        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        if (ended)
+            break;
+        // The pipe closes when the service ends: a failed start says why at once.
+        pollfd p{errors.get(), POLLIN, 0};
+        ::poll(&p, 1, 25);
+        char buffer[512];
+        ssize_t n;
+        while ((n = ::read(errors.get(), buffer, sizeof buffer)) > 0) {
+            if (said.size() < 2048)
+                said.append(buffer, static_cast<size_t>(n));
+        }
+        ended = n == 0;
     }
+    while (!said.empty() && (said.back() == '\n' || said.back() == '\r'))
+        said.pop_back();
+    if (ended)
+        return VkError{"the file monitor ended at its start" +
+                       (said.empty() ? std::string() : ": " + said)};
     return VkError{"the file monitor did not answer after starting (" + lastError + ")"};
 }
 

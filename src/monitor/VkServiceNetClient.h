@@ -80,7 +80,9 @@ class VkServiceNetClient : public VkNetClient {
     void subscriptionLoop();
     void deliver(const std::vector<uint8_t>& archive, bool onlyIfNew);
     bool pause(double seconds);
-    VkResult<void> spawnDetached(const std::string& program);
+    // `errors` receives the read end of the service's stderr, so that a start that fails
+    // reports the service's own words.
+    VkResult<void> spawnDetached(const std::string& program, VkFd& errors);
 
     std::string dataFolder_;
     std::string defaultsFile_;

@@ -107,7 +107,7 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
 #ifdef __APPLE__
         dataFolder = "/Users/" + user.login + "/Library/Application Support/Velkora";
 #else
-        std::string xdg = env("XDG_DATA_HOME");
+        std::string xdg = xdgFolder("XDG_DATA_HOME");
         dataFolder =
             VkFile::join(xdg.empty() ? VkFile::join(user.home, ".local/share") : xdg, "Velkora");
 #endif
@@ -127,7 +127,7 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
 #ifdef __APPLE__
         defaults = VkFile::join(user.home, "Library/Preferences/com.velkora.VkSecurity.plist");
 #else
-        std::string xdg = env("XDG_CONFIG_HOME");
+        std::string xdg = xdgFolder("XDG_CONFIG_HOME");
         defaults = VkFile::join(xdg.empty() ? VkFile::join(user.home, ".config") : xdg,
                                 "Velkora/VkSecurity.plist");
 #endif
@@ -181,6 +181,11 @@ std::shared_ptr<VkContext> VkContext::forTesting(const std::string& folder) {
     ctx->localizer = std::make_shared<VkLocalizer>();
     ctx->pacing = std::make_shared<VkPacing>();
     return ctx;
+}
+
+std::string VkContext::xdgFolder(const char* variable) {
+    std::string value = env(variable);
+    return !value.empty() && value[0] == '/' ? value : std::string();
 }
 
 std::shared_ptr<VkContext> VkContext::defaultContext() {

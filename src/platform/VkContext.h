@@ -70,6 +70,11 @@ struct VkContext {
     // and a run-loop main queue on it, a captured log and real file operations.
     static std::shared_ptr<VkContext> forTesting(const std::string& folder);
 
+    // An XDG base folder from the environment (XDG_CONFIG_HOME, XDG_RUNTIME_DIR, ...): the
+    // value when it is an absolute path, else "" (the XDG rules say a relative one is to be
+    // ignored, as if unset).
+    static std::string xdgFolder(const char* variable);
+
     // The process-wide context (built from the environment on first use).
     static std::shared_ptr<VkContext> defaultContext();
     // Replaces the process-wide context; call before any shared instance is made.

@@ -311,13 +311,13 @@ TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {
     auto watched = ask(P::kWatch, other + "/");
     ASSERT_TRUE(watched);
     EXPECT_EQ(watched->opcode, P::kOk) << watched->body;
-    EXPECT_EQ(VkMonitorConfig(ctx->dataFolder).savedWatchFolders(),
+    EXPECT_EQ(VkMonitorConfig(*ctx).savedWatchFolders(),
               std::vector<std::string>{other});
     vkmon::dropFile(other + "/in-other.txt", "w");
     ASSERT_TRUE(waitUntil([&] { return wasJudged(other + "/in-other.txt"); }));
 
     EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kOk);
-    EXPECT_TRUE(VkMonitorConfig(ctx->dataFolder).savedWatchFolders().empty());
+    EXPECT_TRUE(VkMonitorConfig(*ctx).savedWatchFolders().empty());
     EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kError);
     vkmon::dropFile(other + "/ignored.txt", "v");
     vkmon::dropFile(watchFolder + "/marker.txt", "m");

@@ -104,22 +104,29 @@ TEST_F(VkFileMonStoreTest, TheOldestRecordsGiveWayBeyondTheLimit) {
 
 TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {
     VkTempDir dir;
-    VkMonitorConfig config(dir / "data");
-    EXPECT_TRUE(config.savedWatchFolders().empty());
+    // Settings an older version kept in the data folder are read until a change moves them.
+    VkPlist old = VkPlist::dictionary();
+    old.set(VkMonitorConfig::kWatchFoldersKey, VkPlist(VkPlist::Array{VkPlist("/srv/old")}));
+    std::string legacy = dir.write("data/monitor.plist", old.toXml());
+    std::string file = dir / "config/monitor.plist";
+    VkMonitorConfig config(file, legacy);
+    EXPECT_EQ(config.savedWatchFolders(), std::vector<std::string>{"/srv/old"});
     ASSERT_TRUE(config.addWatchFolder("/srv/in"));
     ASSERT_TRUE(config.addWatchFolder("/srv/other"));
     ASSERT_TRUE(config.addWatchFolder("/srv/in"));
-    EXPECT_EQ(config.savedWatchFolders(), (std::vector<std::string>{"/srv/in", "/srv/other"}));
-    EXPECT_EQ(vkmon::permissionsOf(VkMonitorConfig::configPath(dir / "data")), 0600);
+    EXPECT_EQ(config.savedWatchFolders(),
+              (std::vector<std::string>{"/srv/old", "/srv/in", "/srv/other"}));
+    EXPECT_EQ(vkmon::permissionsOf(file), 0600);
+    EXPECT_FALSE(VkFile::existsNoFollow(legacy));
     ASSERT_TRUE(config.removeWatchFolder("/srv/in"));
     EXPECT_FALSE(config.removeWatchFolder("/srv/in"));
-    EXPECT_EQ(config.savedWatchFolders(), std::vector<std::string>{"/srv/other"});
+    EXPECT_EQ(config.savedWatchFolders(), (std::vector<std::string>{"/srv/old", "/srv/other"}));
 
     EXPECT_EQ(config.settleSeconds(), VkMonitorConfig::kDefaultSettleSeconds);
     EXPECT_FALSE(config.setSettleSeconds(0));
     EXPECT_FALSE(config.setSettleSeconds(-1));
     ASSERT_TRUE(config.setSettleSeconds(0.25));
-    EXPECT_EQ(VkMonitorConfig(dir / "data").settleSeconds(), 0.25);
+    EXPECT_EQ(VkMonitorConfig(file, legacy).settleSeconds(), 0.25);
 }
 
 TEST(VkMonitorConfigTest, FindsTheDownloadFolderInUserDirs) {

@@ -54,7 +54,7 @@ class VkServiceNetClientTest : public ::testing::Test {
     void SetUp() override {
         // The monitor that the client starts watches this folder as the user's downloads.
         ::setenv("XDG_DOWNLOAD_DIR", watchFolder.c_str(), 1);
-        ASSERT_TRUE(VkMonitorConfig(ctx->dataFolder).setSettleSeconds(0.05));
+        ASSERT_TRUE(VkMonitorConfig(*ctx).setSettleSeconds(0.05));
         vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
         client = makeClient();
         ctx->netClient = client;

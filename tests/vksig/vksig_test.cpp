@@ -296,7 +296,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
         {{"add", db, "--name", "X"}, "give --sample"},
         {{"add", db, "--sample", sample}, "--name"},
         {{"list", db, "--bogus"}, "bogus"},
-        {{}, "subcommand"},
+        {{}, "Usage: vksig [OPTIONS] SUBCOMMAND"},
     };
     for (const auto& c : cases) {
         SigRun run = vksig(c.args);
