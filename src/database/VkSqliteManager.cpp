@@ -1,8 +1,8 @@
 #include "database/VkSqliteManager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -193,9 +193,9 @@ VkStoredRecord storedFromRow(sqlite3_stmt* stmt) {
     blob(kColCode, record.TorjanCode);
     if (hasColumn(stmt, kColKill)) {
         if (const void* bytes = sqlite3_column_blob(stmt, kColKill))
-            record.killArchive = std::string_view(
-                static_cast<const char*>(bytes),
-                static_cast<size_t>(sqlite3_column_bytes(stmt, kColKill)));
+            record.killArchive =
+                std::string_view(static_cast<const char*>(bytes),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt, kColKill)));
     }
     return record;
 }
@@ -333,7 +333,8 @@ std::optional<size_t> VkSqliteManager::readStoredItems(VkTorjanRecordList::Items
         VkSqliteStatement count;
         if (prepareRead(ppDb_.get(), "select count(*) from test", count) &&
             sqlite3_step(count.get()) == SQLITE_ROW) {
-            auto rows = static_cast<size_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(count.get(), 0)));
+            auto rows = static_cast<size_t>(
+                std::max<sqlite3_int64>(0, sqlite3_column_int64(count.get(), 0)));
             into.reserve(into.size() + std::min<size_t>(rows, size_t{1} << 28));
         }
     }

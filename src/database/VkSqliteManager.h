@@ -37,8 +37,8 @@ class VkSqliteManager {
     static std::vector<std::string> contentFilesOfPath(const std::string& folder);
     // All records of every signature database of the data folder, in folder-listing order,
     // read afresh: what a scan judges with. Their hashes are deciphered here, their names,
-    // versions and details when a record is first read (a match, a listing). `perFile`, when given, receives
-    // each database file that opened with the number of records it gave.
+    // versions and details when a record is first read (a match, a listing). `perFile`, when given,
+    // receives each database file that opened with the number of records it gave.
     static VkTorjanRecordList::Items loadAllRecords(
         std::shared_ptr<VkContext> context,
         std::vector<std::pair<std::string, size_t>>* perFile = nullptr);

@@ -106,12 +106,6 @@ std::optional<std::optional<std::string>> getText(const char*& p) {
     return std::optional<std::string>(std::move(text));
 }
 
-std::optional<std::string> storedText(const VkStoredText& text) {
-    if (text.state != VkStoredText::State::text)
-        return std::nullopt;
-    return std::string(text.text);
-}
-
 template <class T>
 const T* findRow(const std::vector<std::pair<uint32_t, T>>& table, size_t row) {
     auto it = std::lower_bound(table.begin(), table.end(), row,
@@ -260,8 +254,7 @@ void VkTorjanRecords::appendStored(const VkStoredRecord& record) {
     row.where = storeBlock(block);
     if (batch_.whole.empty())
         batch_.first = static_cast<uint32_t>(rows_.size());
-    batch_.whole.push_back(storedText(record.TorjanCode));
-    batch_.head.push_back(storedText(record.headeCode));
+    batch_.add(record.TorjanCode, record.headeCode);
     rows_.push_back(row);
     if (batch_.whole.size() >= kBatchRows)
         launchBatch();
@@ -275,6 +268,25 @@ void VkTorjanRecords::appendAgain(size_t first, size_t count) {
         aliasOf_.emplace_back(static_cast<uint32_t>(rows_.size()), static_cast<uint32_t>(original));
         rows_.push_back(row);
     }
+}
+
+void VkTorjanRecords::Batch::add(const VkStoredText& wholeText, const VkStoredText& headText) {
+    auto put = [this](const VkStoredText& text) -> std::pair<uint32_t, uint32_t> {
+        if (text.state != VkStoredText::State::text)
+            return {0, kNil};
+        auto offset = static_cast<uint32_t>(bytes.size());
+        bytes.append(text.text);
+        return {offset, static_cast<uint32_t>(text.text.size())};
+    };
+    whole.push_back(put(wholeText));
+    head.push_back(put(headText));
+}
+
+std::optional<std::string> VkTorjanRecords::Batch::at(
+    const std::pair<uint32_t, uint32_t>& where) const {
+    if (where.second == kNil)
+        return std::nullopt;
+    return bytes.substr(where.first, where.second);
 }
 
 VkTorjanRecords::Deciphered VkTorjanRecords::decipher(Batch batch) {
@@ -299,8 +311,8 @@ VkTorjanRecords::Deciphered VkTorjanRecords::decipher(Batch batch) {
     };
     for (size_t k = 0; k < n; ++k) {
         auto row = static_cast<uint32_t>(batch.first + k);
-        one(batch.whole[k], out.wholeState[k], out.whole[k], out.wholeText, row);
-        one(batch.head[k], out.headState[k], out.head[k], out.headText, row);
+        one(batch.at(batch.whole[k]), out.wholeState[k], out.whole[k], out.wholeText, row);
+        one(batch.at(batch.head[k]), out.headState[k], out.head[k], out.headText, row);
     }
     return out;
 }
@@ -312,8 +324,8 @@ void VkTorjanRecords::launchBatch() {
     // work, deciphering the rest); beyond one batch per core it waits, so the enciphered
     // hashes in memory stay bounded.
     waitForBatches(decipherThreads());
-    running_.push_back(std::async(std::launch::async, &VkTorjanRecords::decipher,
-                                  std::exchange(batch_, Batch{})));
+    running_.push_back(
+        std::async(std::launch::async, &VkTorjanRecords::decipher, std::exchange(batch_, Batch{})));
 }
 
 void VkTorjanRecords::collect(Deciphered done) {

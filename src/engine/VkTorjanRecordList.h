@@ -132,9 +132,15 @@ class VkTorjanRecords {
         std::vector<Digest> whole, head;
         std::vector<std::pair<uint32_t, std::string>> wholeText, headText;
     };
+    // The enciphered hashes of a batch of rows in one buffer (offset, length; nil: no
+    // length), so that the reading thread allocates nothing per row for them.
     struct Batch {
+        static constexpr uint32_t kNil = UINT32_MAX;
         uint32_t first = 0;
-        std::vector<std::optional<std::string>> whole, head;
+        std::string bytes;
+        std::vector<std::pair<uint32_t, uint32_t>> whole, head;
+        void add(const VkStoredText& wholeText, const VkStoredText& headText);
+        std::optional<std::string> at(const std::pair<uint32_t, uint32_t>& where) const;
     };
 
     static Deciphered decipher(Batch batch);

@@ -69,8 +69,7 @@ bool VkFileMonJudge::reloadIfChanged() {
     return true;
 }
 
-std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path,
-                                                         bool* unchanged) {
+std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path, bool* unchanged) {
     if (unchanged)
         *unchanged = false;
     // New records may find what the old ones did not.

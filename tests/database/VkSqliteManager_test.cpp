@@ -431,9 +431,9 @@ TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
         const char* name;
         std::string source;  // a database file to copy, or rows to insert into a new one
     };
-    for (const Case& c : {Case{"packaged", std::string(VK_BINARY_DIR) +
-                                               "/resources/trojanDB/VkTrojanDB.sql"},
-                          Case{"hostile", hostile}}) {
+    for (const Case& c :
+         {Case{"packaged", std::string(VK_BINARY_DIR) + "/resources/trojanDB/VkTrojanDB.sql"},
+          Case{"hostile", hostile}}) {
         SCOPED_TRACE(c.name);
         VkTempDir scratch;
         auto context = VkContext::forTesting(scratch.path());

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <mutex>
-#include <set>
 #include <poll.h>
+#include <set>
 #include <sys/socket.h>
 #include <thread>
 
