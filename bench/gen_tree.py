@@ -11,6 +11,12 @@ which both `vksig import-hdb` and ClamAV's .hdb loader read.
 Every file's content is unique (it starts with its own index), so a random record never
 matches by accident and the planted files are the only findings.
 
+With --big-list, records for files larger than 1 MiB go to a second list, one per line as
+MD5:size:name:HEAD-MD5 (the head hash covers the first 1,048,576 bytes), which the .hdb format
+cannot carry: --planted-big of the tree's large files are planted matches, and about half of
+the others get a random record of their exact size, so that their heads must be hashed.
+--planted-list writes the paths of every planted file, one per line.
+
 With --tiny the files are empty (a walk benchmark: nothing is ever hashed). Without --out
 only the list is written (a load benchmark).
 
@@ -63,6 +69,9 @@ def main():
     ap.add_argument("--list", required=True, help="signature list to write (MD5:size:name)")
     ap.add_argument("--tiny", action="store_true", help="empty files only (walk benchmark)")
     ap.add_argument("--seed", type=int, default=20261122)
+    ap.add_argument("--big-list", help="records of files over 1 MiB (MD5:size:name:HEAD-MD5)")
+    ap.add_argument("--planted-big", type=int, default=2)
+    ap.add_argument("--planted-list", help="paths of the planted files to write")
     args = ap.parse_args()
 
     rng = random.Random(args.seed)
@@ -70,6 +79,8 @@ def main():
     planted_at = set(rng.sample(range(files), min(args.planted, files))) if not args.tiny else set()
     records = []
     sizes = []
+    planted_paths = []
+    big_files = []  # (path, size, MD5, head MD5) of the files over 1 MiB
     total_bytes = 0
     if args.out:
         os.makedirs(args.out, exist_ok=True)
@@ -92,7 +103,11 @@ def main():
             f.write(data)
         sizes.append(size)
         total_bytes += size
+        if size > MAX_RECORD_SIZE:
+            big_files.append((path, size, hashlib.md5(data).hexdigest(),
+                              hashlib.md5(data[:MIB]).hexdigest()))
         if i in planted_at:
+            planted_paths.append(path)
             records.append((hashlib.md5(data).hexdigest(), size, "Bench.Planted.%d" % len(records)))
     planted = len(records)
     while len(records) < args.records:
@@ -104,7 +119,30 @@ def main():
         for h, size, name in records:
             f.write("%s:%d:%s\n" % (h, size, name))
 
-    record_sizes = {size for _, size, _ in records}
+    big_records = []
+    if args.big_list:
+        # A stream of its own, so that the tree and the small records stay as without it.
+        big_rng = random.Random(args.seed + 1)
+        chosen = set(big_rng.sample(range(len(big_files)), min(args.planted_big, len(big_files))))
+        for k, (path, size, whole, head) in enumerate(big_files):
+            if k in chosen:
+                big_records.append((whole, size, "Bench.PlantedBig.%d" % len(big_records), head))
+                planted_paths.append(path)
+            elif big_rng.random() < 0.5:
+                big_records.append(("%032x" % big_rng.getrandbits(128), size,
+                                    "Bench.RandomBig.%d" % len(big_records),
+                                    "%032x" % big_rng.getrandbits(128)))
+        with open(args.big_list, "w") as f:
+            for h, size, name, head in big_records:
+                f.write("%s:%d:%s:%s\n" % (h, size, name, head))
+        print("gen_tree: %d records over 1 MiB (%d planted) in %s" %
+              (len(big_records), len(chosen), args.big_list))
+    if args.planted_list:
+        with open(args.planted_list, "w") as f:
+            for path in sorted(planted_paths):
+                f.write(path + "\n")
+
+    record_sizes = {size for _, size, _ in records} | {r[1] for r in big_records}
     same_size = sum(1 for s in sizes if s in record_sizes)
     same_size_bytes = sum(s for s in sizes if s in record_sizes)
     print("gen_tree: %d files (%.1f MiB)%s, %d records (%d planted) in %s" %

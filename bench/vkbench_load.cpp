@@ -1,13 +1,14 @@
-// vkbench_load: how long loading and deciphering a signature database takes.
+// vkbench_load: how long loading a signature database takes.
 //
 //   vkbench_load DATA_DIR [--repeat N]
 //
-// Loads every database of DATA_DIR the way a file walk does before it judges the first file
-// (VkTorjanScan::getCurrentTorjanItems, then the size index of VkTorjanRecordList), N times,
-// and prints the first run (the heap still growing, as in a scan), the fastest and the
-// median. A second, separate pass splits the same work into its parts: reading the rows from
-// SQLite, deciphering them, building the index. Peak RSS is the whole process's (one load's
-// records are alive at a time).
+// Loads every database of DATA_DIR the way a scan does before it judges the first file (the
+// scan center's record loader, VkSqliteManager::loadAllRecords, then the size index of
+// VkTorjanRecordList), N times, and prints the first run (the heap still growing, as in a
+// scan), the fastest and the median. A last, separate pass splits the same work into its
+// parts (reading the rows and deciphering their hashes; building the index) and then reads
+// every record's name, as a listing does, which deciphers the names. Peak RSS is the whole
+// process's, taken before that listing (one load's records are alive at a time).
 //
 // A benchmark, not a test: bench/run.sh builds and runs it.
 #include <algorithm>
@@ -20,9 +21,8 @@
 #include <vector>
 
 #include "database/VkSqliteManager.h"
-#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanRecordList.h"
-#include "engine/VkTorjanScan.h"
+#include "platform/VkContext.h"
 
 namespace {
 
@@ -45,33 +45,33 @@ double median(std::vector<double> v) {
 }
 
 struct Parts {
-    double read = 0;
-    double decipher = 0;
+    double load = 0;
     double index = 0;
+    double list = 0;
     size_t records = 0;
+    size_t bytes = 0;
+    long rssBeforeList = 0;
 };
 
-// The steps of getCurrentTorjanItems and of the walk's index, timed one by one.
 Parts loadInParts(const std::shared_ptr<VkContext>& ctx) {
     Parts parts;
     auto start = Clock::now();
-    VkTorjanRecordList::Items items;
-    VkSqliteManager manager(ctx);
-    for (const std::string& path : manager.dataBasePaths()) {
-        manager.openDataBase(path);
-        const auto& rows = manager.TorjanItemArray();
-        items.insert(items.end(), rows.begin(), rows.end());
-        manager.closeDataBase();
-    }
-    parts.read = msSince(start);
-    start = Clock::now();
-    for (const auto& item : items)
-        item->deCodeTrojanInfo();
-    parts.decipher = msSince(start);
+    VkTorjanRecordList::Items items = VkSqliteManager::loadAllRecords(ctx);
+    parts.load = msSince(start);
     start = Clock::now();
     auto list = VkTorjanRecordList::make(std::move(items));
     parts.index = msSince(start);
     parts.records = list->size();
+    parts.bytes = list->items().memoryBytes();
+    parts.rssBeforeList = peakRssKiB();
+    start = Clock::now();
+    size_t named = 0;
+    for (const auto& item : list->items())
+        named += item && item->name() ? 1 : 0;
+    parts.list = msSince(start);
+    if (named != parts.records)
+        std::fprintf(stderr, "vkbench_load: %zu of %zu records have a name\n", named,
+                     parts.records);
     return parts;
 }
 
@@ -90,13 +90,12 @@ int main(int argc, char** argv) {
     VkContextOptions options;
     options.dataFolder = argv[1];
     auto ctx = VkContext::create(options);
-    VkTorjanScan scan(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing);
 
     std::vector<double> totals;
     size_t records = 0;
     for (int i = 0; i < repeat; ++i) {
         auto start = Clock::now();
-        auto list = VkTorjanRecordList::make(scan.getCurrentTorjanItems());
+        auto list = VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx));
         totals.push_back(msSince(start));
         records = list->size();
     }
@@ -106,9 +105,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf(
-        "records=%zu runs=%d first_ms=%.1f best_ms=%.1f median_ms=%.1f read_ms=%.1f "
-        "decipher_ms=%.1f index_ms=%.1f peak_rss_kib=%ld\n",
+        "records=%zu runs=%d first_ms=%.1f best_ms=%.1f median_ms=%.1f load_ms=%.1f "
+        "index_ms=%.1f list_ms=%.1f held_mib=%.1f peak_rss_kib=%ld\n",
         records, repeat, totals.front(), *std::min_element(totals.begin(), totals.end()),
-        median(totals), parts.read, parts.decipher, parts.index, peakRssKiB());
+        median(totals), parts.load, parts.index, parts.list, parts.bytes / 1048576.0,
+        parts.rssBeforeList);
     return 0;
 }

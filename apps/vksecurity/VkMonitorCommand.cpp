@@ -120,7 +120,9 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
                             {"judged", numberOf(s, "Judged")},
                             {"infected", numberOf(s, "Infected")},
                             {"waiting", numberOf(s, "Waiting")},
-                            {"queued", numberOf(s, "Queued")}};
+                            {"queued", numberOf(s, "Queued")},
+                            {"backlog", numberOf(s, "Backlog")},
+                            {"unchanged", numberOf(s, "Unchanged")}};
         vkJsonSetPath(j, "dataFolder", dataFolder);
         vkJsonSetPaths(j, "watchFolders", wanted);
         vkJsonSetPaths(j, "watching", watching);

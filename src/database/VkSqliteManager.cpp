@@ -1,8 +1,10 @@
 #include "database/VkSqliteManager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "platform/VkFileUtil.h"
@@ -35,7 +37,7 @@ enum TestColumn {
     kColKill,
 };
 
-bool isUtf8(const std::string& s) {
+bool isUtf8(std::string_view s) {
     size_t i = 0;
     const size_t n = s.size();
     while (i < n) {
@@ -81,6 +83,14 @@ std::optional<std::string> stringFromUtf8(const char* bytes, size_t maxLength) {
     if (!isUtf8(text))
         return std::nullopt;
     return text;
+}
+
+// The same, without a copy: a view of the bytes before the first zero byte, or nil.
+VkStoredText storedFromUtf8(const char* bytes, size_t maxLength) {
+    std::string_view text(bytes, ::strnlen(bytes, maxLength));
+    if (!isUtf8(text))
+        return {VkStoredText::State::nil, {}};
+    return {VkStoredText::State::text, text};
 }
 
 bool hasColumn(sqlite3_stmt* stmt, int column) {
@@ -154,6 +164,40 @@ std::shared_ptr<VkTorjanItem> itemFromRow(sqlite3_stmt* stmt, std::string& killP
         }
     }
     return item;
+}
+
+// A row as the compact store keeps it, read by the same rules as itemFromRow: a NULL column
+// gives no value, text that is not UTF-8 gives nil, text ends at its first zero byte.
+VkStoredRecord storedFromRow(sqlite3_stmt* stmt) {
+    VkStoredRecord record;
+    auto text = [&](int column, VkStoredText& out) {
+        if (!hasColumn(stmt, column))
+            return;
+        if (const unsigned char* bytes = sqlite3_column_text(stmt, column))
+            out = storedFromUtf8(reinterpret_cast<const char*>(bytes),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt, column)));
+    };
+    auto blob = [&](int column, VkStoredText& out) {
+        if (!hasColumn(stmt, column))
+            return;
+        if (const void* bytes = sqlite3_column_blob(stmt, column))
+            out = storedFromUtf8(static_cast<const char*>(bytes),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt, column)));
+    };
+    text(kColName, record.name);
+    text(kColDetail, record.detail);
+    record.level = sqlite3_column_int(stmt, kColLevel);
+    text(kColVersion, record.version);
+    record.fileSize = static_cast<uint64_t>(sqlite3_column_int64(stmt, kColFileSize));
+    blob(kColHeadeCode, record.headeCode);
+    blob(kColCode, record.TorjanCode);
+    if (hasColumn(stmt, kColKill)) {
+        if (const void* bytes = sqlite3_column_blob(stmt, kColKill))
+            record.killArchive =
+                std::string_view(static_cast<const char*>(bytes),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt, kColKill)));
+    }
+    return record;
 }
 
 std::shared_ptr<VkDataBaseInfo> infoFromRow(sqlite3_stmt* stmt) {
@@ -237,30 +281,69 @@ void VkSqliteManager::setErrorSink(ErrorSink sink) {
 VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(
     std::shared_ptr<VkContext> context, std::vector<std::pair<std::string, size_t>>* perFile) {
     VkTorjanRecordList::Items result;
-    result.reserve(10);
     VkSqliteManager manager(std::move(context));
     std::shared_ptr<VkDataBaseInfo> previous;
+    // The records the manager holds: those of the last file whose table it could read. A
+    // file that gives nothing of its own lists them again, as the store always has
+    // (harmless: the first listing wins).
+    size_t heldFirst = 0;
+    size_t heldCount = 0;
     for (const std::string& path : manager.dataBasePaths()) {
-        manager.openDataBase(path);
-        const auto& rows = manager.TorjanItemArray();
-        // A file that could not be read keeps the previous file's description and records:
-        // it gave nothing of its own.
+        manager.closeDataBase();
+        manager.ppDb_ = openConnection(path);
+        if (!manager.ppDb_) {
+            result.appendAgain(heldFirst, heldCount);
+            continue;
+        }
+        manager.readDescription();
+        size_t before = result.size();
+        if (std::optional<size_t> read = manager.readStoredItems(result)) {
+            heldFirst = before;
+            heldCount = *read;
+        } else {
+            result.appendAgain(heldFirst, heldCount);
+        }
         auto info = manager.currentDataBaseInfo();
-        if (perFile && manager.isOpen() && info && info != previous)
-            perFile->emplace_back(path, rows.size());
+        if (perFile && info && info != previous)
+            perFile->emplace_back(path, heldCount);
         previous = info;
-        result.insert(result.end(), rows.begin(), rows.end());
         manager.closeDataBase();
     }
-    // A file that fails to open leaves the previous file's records in the manager, so the
-    // same record objects can be listed twice (harmless: the first one wins). Each object is
-    // deciphered once, or its text would be deciphered a second time.
-    std::set<const VkTorjanItem*> deciphered;
-    for (const auto& item : result) {
-        if (deciphered.insert(item.get()).second)
-            item->deCodeTrojanInfo();
+    result.finishStored();
+    if (result.oversizedTexts() > 0 && manager.ctx_->systemLog) {
+        manager.ctx_->systemLog->log("[VkSqlite] " + std::to_string(result.oversizedTexts()) +
+                                     " record(s) with texts too long to keep: read as nil");
     }
     return result;
+}
+
+std::optional<size_t> VkSqliteManager::readStoredItems(VkTorjanRecordList::Items& into) {
+    VkSqliteStatement stmt;
+    if (!prepareRead(ppDb_.get(), kSelectTest, stmt)) {
+        stmt.finalize();
+        bool created = false;
+        createTable(kCreateTest, &created);
+        // Not even creatable: the previous file's records stay (see readItems).
+        if (!created)
+            return std::nullopt;
+        return 0;
+    }
+    {
+        // Sized once, so that a million rows are not copied while the array grows.
+        VkSqliteStatement count;
+        if (prepareRead(ppDb_.get(), "select count(*) from test", count) &&
+            sqlite3_step(count.get()) == SQLITE_ROW) {
+            auto rows = static_cast<size_t>(
+                std::max<sqlite3_int64>(0, sqlite3_column_int64(count.get(), 0)));
+            into.reserve(into.size() + std::min<size_t>(rows, size_t{1} << 28));
+        }
+    }
+    size_t read = 0;
+    while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+        into.appendStored(storedFromRow(stmt.get()));
+        ++read;
+    }
+    return read;
 }
 
 std::vector<std::string> VkSqliteManager::dataBasePaths() const {

@@ -36,8 +36,9 @@ class VkSqliteManager {
     // in listing order, not recursive; empty when the folder cannot be listed.
     static std::vector<std::string> contentFilesOfPath(const std::string& folder);
     // All records of every signature database of the data folder, in folder-listing order,
-    // deciphered, read afresh: what a scan judges with. `perFile`, when given, receives
-    // each database file that opened with the number of records it gave.
+    // read afresh: what a scan judges with. Their hashes are deciphered here, their names,
+    // versions and details when a record is first read (a match, a listing). `perFile`, when given,
+    // receives each database file that opened with the number of records it gave.
     static VkTorjanRecordList::Items loadAllRecords(
         std::shared_ptr<VkContext> context,
         std::vector<std::pair<std::string, size_t>>* perFile = nullptr);
@@ -105,6 +106,9 @@ class VkSqliteManager {
     // Reads every record; a kill list that cannot be read, and malformed entries of one that
     // can, are logged and left out.
     void readItems(const std::string& path);
+    // Appends every record of the open file to `into`, kept compact; the number read, or
+    // nullopt when the table could not even be created (the previous file's records stay).
+    std::optional<size_t> readStoredItems(VkTorjanRecordList::Items& into);
     void createTable(const char* statement, bool* created);
 
     std::shared_ptr<VkContext> ctx_;

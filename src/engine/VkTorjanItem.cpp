@@ -12,6 +12,7 @@ VkTorjanItem& VkTorjanItem::operator=(const VkTorjanItem& other) {
     if (this == &other)
         return *this;
     std::scoped_lock lock(mutex_, other.mutex_);
+    pending_ = other.pending_;
     name_ = other.name_;
     detail_ = other.detail_;
     level_ = other.level_;
@@ -26,31 +27,37 @@ VkTorjanItem& VkTorjanItem::operator=(const VkTorjanItem& other) {
 
 std::optional<std::string> VkTorjanItem::name() const {
     std::lock_guard lock(mutex_);
+    settle(kPendingName, name_);
     return name_;
 }
 
 void VkTorjanItem::setName(std::optional<std::string> value) {
     std::lock_guard lock(mutex_);
+    pending_ &= ~kPendingName;
     name_ = std::move(value);
 }
 
 std::optional<std::string> VkTorjanItem::detail() const {
     std::lock_guard lock(mutex_);
+    settle(kPendingDetail, detail_);
     return detail_;
 }
 
 void VkTorjanItem::setDetail(std::optional<std::string> value) {
     std::lock_guard lock(mutex_);
+    pending_ &= ~kPendingDetail;
     detail_ = std::move(value);
 }
 
 std::optional<std::string> VkTorjanItem::version() const {
     std::lock_guard lock(mutex_);
+    settle(kPendingVersion, version_);
     return version_;
 }
 
 void VkTorjanItem::setVersion(std::optional<std::string> value) {
     std::lock_guard lock(mutex_);
+    pending_ &= ~kPendingVersion;
     version_ = std::move(value);
 }
 
@@ -113,8 +120,23 @@ std::optional<std::string> VkTorjanItem::enCodeString(const std::optional<std::s
     return text;
 }
 
+void VkTorjanItem::settle(Pending field, std::optional<std::string>& value) const {
+    if (!(pending_ & field))
+        return;
+    value = deCodeString(value);
+    pending_ &= ~field;
+}
+
+void VkTorjanItem::deferDecoding() {
+    std::lock_guard lock(mutex_);
+    pending_ = kPendingName | kPendingVersion | kPendingDetail;
+}
+
 void VkTorjanItem::deCodeTrojanInfo() {
     std::lock_guard lock(mutex_);
+    settle(kPendingName, name_);
+    settle(kPendingVersion, version_);
+    settle(kPendingDetail, detail_);
     TorjanCode_ = deCodeString(TorjanCode_);
     name_ = deCodeString(name_);
     version_ = deCodeString(version_);
@@ -124,6 +146,9 @@ void VkTorjanItem::deCodeTrojanInfo() {
 
 void VkTorjanItem::enCodeTrojanInfo() {
     std::lock_guard lock(mutex_);
+    settle(kPendingName, name_);
+    settle(kPendingVersion, version_);
+    settle(kPendingDetail, detail_);
     TorjanCode_ = enCodeString(TorjanCode_);
     name_ = enCodeString(name_);
     version_ = enCodeString(version_);

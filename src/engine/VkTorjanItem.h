@@ -13,7 +13,10 @@
 // than 1 MiB must match headeCode, the hash of their first 1,048,576 bytes, first).
 //
 // The five text fields are kept enciphered in the database; deCodeTrojanInfo() turns a loaded
-// record into plain text. The text and array fields are read and written under a lock (the
+// record into plain text. A record the scan loads has its hashes deciphered at once and its
+// name, version and detail when they are first read (deferDecoding): most records are never
+// shown, and deciphering them all was most of a load. The text and array fields are read and
+// written under a lock (the
 // platform's atomic accessors): a record may be read by a scan thread while the panel shows
 // it. `Torjan` and `headeCode` are the system's own spellings and stay as they are.
 class VkTorjanItem {
@@ -60,13 +63,21 @@ class VkTorjanItem {
     void deCodeTrojanInfo();
     // Enciphers the same five fields in the same order (for writing records).
     void enCodeTrojanInfo();
+    // Name, version and detail as they stand are enciphered: each is deciphered (deCodeString)
+    // the first time it is read. Setting a field first replaces it as given.
+    void deferDecoding();
 
   private:
+    enum Pending : uint8_t { kPendingName = 1, kPendingVersion = 2, kPendingDetail = 4 };
+    // Deciphers a field still marked pending (the lock held).
+    void settle(Pending field, std::optional<std::string>& value) const;
+
     mutable std::mutex mutex_;
-    std::optional<std::string> name_;
-    std::optional<std::string> detail_;
+    mutable uint8_t pending_ = 0;
+    mutable std::optional<std::string> name_;
+    mutable std::optional<std::string> detail_;
     int32_t level_ = 0;
-    std::optional<std::string> version_ = "1.0";
+    mutable std::optional<std::string> version_ = "1.0";
     uint64_t fileSize_ = 0;
     std::optional<std::string> headeCode_;
     std::optional<std::string> TorjanCode_;

@@ -69,9 +69,41 @@ bool VkFileMonJudge::reloadIfChanged() {
     return true;
 }
 
-std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path) {
-    reloadIfChanged();
+std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path, bool* unchanged) {
+    if (unchanged)
+        *unchanged = false;
+    // New records may find what the old ones did not.
+    if (reloadIfChanged())
+        judged_.clear();
+    struct stat before {};
+    bool known = ::lstat(path.c_str(), &before) == 0 && S_ISREG(before.st_mode);
+#ifdef __APPLE__
+    Seen seen{before.st_dev, before.st_ino, before.st_size, before.st_mtimespec,
+              before.st_ctimespec};
+#else
+    Seen seen{before.st_dev, before.st_ino, before.st_size, before.st_mtim, before.st_ctim};
+#endif
+    auto same = [](const timespec& a, const timespec& b) {
+        return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+    };
+    if (known) {
+        auto it = judged_.find(path);
+        if (it != judged_.end() && it->second.dev == seen.dev && it->second.ino == seen.ino &&
+            it->second.size == seen.size && same(it->second.mtime, seen.mtime) &&
+            same(it->second.ctime, seen.ctime)) {
+            if (unchanged)
+                *unchanged = true;
+            return nullptr;
+        }
+    }
     std::shared_ptr<VkTorjanResultItems> hit = scan_.checkTorjan(path, records_);
+    // Taken before judging: a change made while it was judged moves the times, and the file
+    // is judged again when it is next seen.
+    if (known) {
+        if (judged_.size() >= kMaxRemembered && !judged_.count(path))
+            judged_.clear();
+        judged_[path] = seen;
+    }
     if (!hit)
         return nullptr;
     auto item = std::make_shared<VkFileMonLogsItem>();

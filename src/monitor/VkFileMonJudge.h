@@ -4,6 +4,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
+#include <unordered_map>
 
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanScan.h"
@@ -19,8 +21,10 @@ class VkFileMonJudge {
 
     // A new record for an infected file: its path, the matching signature's name, the file's
     // modification time as download time, now as log time, and the downloading process when
-    // the platform can tell. nullptr for a clean, trusted, vanished or unreadable file.
-    std::shared_ptr<VkFileMonLogsItem> judge(const std::string& path);
+    // the platform can tell. nullptr for a clean, trusted, vanished or unreadable file, and
+    // for a file judged before with these records that is unchanged since (same device,
+    // inode, size, modification and status-change times); *unchanged then says so.
+    std::shared_ptr<VkFileMonLogsItem> judge(const std::string& path, bool* unchanged = nullptr);
     // Loads the records again when the data folder's databases differ from the last load.
     // True when it loaded.
     bool reloadIfChanged();
@@ -38,4 +42,16 @@ class VkFileMonJudge {
     VkTorjanScan scan_;
     std::shared_ptr<const VkTorjanRecordList> records_;
     std::optional<std::string> stamp_;
+    // What each file judged with the loaded records looked like just before it was judged.
+    // A change of contents moves the status-change time (only a clock change can set it
+    // back), so an equal entry means the same verdict. Bounded: when full it starts afresh.
+    struct Seen {
+        dev_t dev = 0;
+        ino_t ino = 0;
+        off_t size = 0;
+        timespec mtime{};
+        timespec ctime{};
+    };
+    static constexpr size_t kMaxRemembered = 65536;
+    std::unordered_map<std::string, Seen> judged_;
 };

@@ -95,7 +95,8 @@ VkFileMonService::VkFileMonService(std::shared_ptr<VkContext> ctx, VkFileMonServ
       options_(std::move(options)),
       config_(*ctx_),
       store_(ctx_->dataFolder, options_.maxRecords),
-      settler_(options_.settleSeconds, options_.maxWaiting),
+      settler_(options_.settleSeconds, options_.maxWaiting, &VkFileSettler::observeFile,
+               options_.maxBacklog),
       socketPath_(VkMonitorConfig::socketPath(ctx_->dataFolder)),
       dataFolder_(VkMonitorConfig::normalizeFolder(ctx_->dataFolder)) {
     if (options_.maxQueued == 0)
@@ -165,7 +166,7 @@ VkResult<void> VkFileMonService::start() {
         say("[VkFileMon] " + loaded.error());
     pushedGeneration_ = store_.generation();
 
-    auto watcher = VkFileWatcher::create();
+    auto watcher = options_.makeWatcher ? options_.makeWatcher() : VkFileWatcher::create();
     if (!watcher)
         return VkError{watcher.error()};
     watcher_ = std::move(*watcher);
@@ -259,13 +260,13 @@ void VkFileMonService::run() {
         return;
     while (!stop_.load()) {
         double now = monotonicNow();
-        while (!settler_.full()) {
+        while (!settler_.backlogFull()) {
             std::optional<VkFileEvent> event = watcher_->nextEvent();
             if (!event)
                 break;
             handleEvent(*event, now);
         }
-        for (int i = 0; i < kRescanBatch && !settler_.full(); ++i) {
+        for (int i = 0; i < kRescanBatch && settler_.hasRoom(); ++i) {
             if (!rescanStep(now))
                 break;
         }
@@ -281,7 +282,7 @@ void VkFileMonService::run() {
         std::vector<pollfd> polls;
         polls.push_back({wakeRead_.get(), POLLIN, 0});
         polls.push_back({listen_.get(), POLLIN, 0});
-        bool readWatcher = !settler_.full();
+        bool readWatcher = !settler_.backlogFull();
         polls.push_back({readWatcher ? watcher_->fd() : -1, POLLIN, 0});
         for (Client& client : clients_) {
             short events = client.closing ? 0 : POLLIN;
@@ -300,7 +301,7 @@ void VkFileMonService::run() {
             if (auto due = settler_.secondsUntilDue(now))
                 timeout = std::min(timeout, *due);
         }
-        if ((rescan_ || !rescanRoots_.empty()) && !settler_.full())
+        if ((rescan_ || !rescanRoots_.empty()) && settler_.hasRoom())
             timeout = 0;
         if (readWatcher && watcher_->hasBuffered())
             timeout = 0;
@@ -384,8 +385,8 @@ void VkFileMonService::queueRescan(const std::string& folder) {
 }
 
 void VkFileMonService::rescanEverything() {
-    // Judging a file again costs little (most sizes match no record) and adds no second
-    // record for the same file, so looking at everything again is the safe answer.
+    // Looking at everything again is the safe answer: a file judged before and unchanged
+    // since is not judged again, and none adds a second record for the same file.
     startupRootsLeft_ = 0;
     rescan_.reset();
     rescanRoots_.clear();
@@ -475,8 +476,16 @@ void VkFileMonService::judgeLoop() {
             queue_.pop_front();
         }
         uint64_t before = store_.generation();
-        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path);
+        bool unchanged = false;
+        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path, &unchanged);
         signatureCount_.store(judge.recordCount());
+        if (unchanged) {
+            // Judged before and unchanged since (a folder looked at again after lost events).
+            unchangedCount_.fetch_add(1);
+            if (wasFull)
+                wake();
+            continue;
+        }
         judgedCount_.fetch_add(1);
         if (record) {
             infectedCount_.fetch_add(1);
@@ -741,7 +750,10 @@ VkPlist VkFileMonService::status() const {
     status.set("WaitingHighWater", VkPlist::unsignedInteger(settler_.highWater()));
     status.set("Queued", VkPlist::unsignedInteger(queued));
     status.set("QueuedHighWater", VkPlist::unsignedInteger(queueHighWater));
+    status.set("Backlog", VkPlist::unsignedInteger(settler_.backlogSize()));
+    status.set("BacklogHighWater", VkPlist::unsignedInteger(settler_.backlogHighWater()));
     status.set("Judged", VkPlist::unsignedInteger(judgedCount_.load()));
+    status.set("Unchanged", VkPlist::unsignedInteger(unchangedCount_.load()));
     status.set("Infected", VkPlist::unsignedInteger(infectedCount_.load()));
     status.set("SettleSeconds", VkPlist::real(options_.settleSeconds));
     status.set("StartTime", VkDate{startTime_});

@@ -29,9 +29,12 @@ struct VkFileMonServiceOptions {
     // Folders watched from the start (and retried while they cannot be watched).
     std::vector<std::string> watchFolders;
     double settleSeconds = VkMonitorConfig::kDefaultSettleSeconds;
-    // Files waiting to settle; while this many wait, no more events are read (the kernel
-    // holds them, and a lost batch is made up by looking at the folders again).
+    // Files waiting to settle. Beyond them, up to maxBacklog complete files queue (their
+    // paths only), so that events are still read during a burst; only while that is full
+    // too, no more events are read (the kernel holds them, and a lost batch is made up by
+    // looking at the folders again, which skips files judged before and unchanged since).
     size_t maxWaiting = 4096;
+    size_t maxBacklog = 65536;
     // Settled files waiting for the judging thread.
     size_t maxQueued = 256;
     size_t maxRecords = VkFileMonStore::kDefaultMaxRecords;
@@ -42,6 +45,8 @@ struct VkFileMonServiceOptions {
     std::function<void(const std::string& path, bool infected)> judged;
     // Lines for a user watching in the foreground (the system log gets them as well).
     std::function<void(const std::string& line)> report;
+    // Makes the watcher (none: the platform's).
+    std::function<VkResult<std::unique_ptr<VkFileWatcher>>()> makeWatcher;
 };
 
 // The file monitor: watches folders for complete files, waits until each has settled, judges
@@ -141,6 +146,7 @@ class VkFileMonService {
     size_t queueHighWater_ = 0;
     bool judgeStop_ = false;
     std::atomic<uint64_t> judgedCount_{0};
+    std::atomic<uint64_t> unchangedCount_{0};
     std::atomic<uint64_t> infectedCount_{0};
     std::atomic<uint64_t> signatureCount_{0};
 };

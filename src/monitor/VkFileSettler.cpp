@@ -1,5 +1,6 @@
 #include "monitor/VkFileSettler.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 #include <utility>
 
@@ -19,14 +20,27 @@ std::optional<VkFileSettler::Observation> VkFileSettler::observeFile(const std::
     return seen;
 }
 
-VkFileSettler::VkFileSettler(double settleSeconds, size_t capacity, Observe observe)
+VkFileSettler::VkFileSettler(double settleSeconds, size_t capacity, Observe observe,
+                             size_t backlogCapacity)
     : settle_(settleSeconds),
       capacity_(capacity == 0 ? 1 : capacity),
-      observe_(std::move(observe)) {}
+      observe_(std::move(observe)),
+      backlogCapacity_(backlogCapacity) {}
 
 bool VkFileSettler::complete(const std::string& path, double now) {
-    std::optional<Observation> seen = observe_(path);
     auto it = index_.find(path);
+    if (it == index_.end() && (full() || !backlog_.empty())) {
+        // Not looked at now: a burst is taken in at the cost of a path each.
+        if (inBacklog_.count(path))
+            return true;
+        if (backlog_.size() >= backlogCapacity_)
+            return false;
+        backlog_.push_back(path);
+        inBacklog_.insert(path);
+        backlogHighWater_ = std::max(backlogHighWater_, backlog_.size());
+        return true;
+    }
+    std::optional<Observation> seen = observe_(path);
     if (!seen) {
         if (it != index_.end()) {
             order_.erase(it->second);
@@ -49,7 +63,21 @@ bool VkFileSettler::complete(const std::string& path, double now) {
     return true;
 }
 
+void VkFileSettler::promote(double now) {
+    while (!full() && !backlog_.empty()) {
+        std::string path = std::move(backlog_.front());
+        backlog_.pop_front();
+        inBacklog_.erase(path);
+        if (std::optional<Observation> seen = observe_(path)) {
+            order_.push_back({path, now + settle_, *seen});
+            index_.emplace(std::move(path), std::prev(order_.end()));
+            highWater_ = std::max(highWater_, order_.size());
+        }
+    }
+}
+
 std::optional<std::string> VkFileSettler::nextSettled(double now) {
+    promote(now);
     while (!order_.empty() && order_.front().due <= now) {
         auto first = order_.begin();
         std::optional<Observation> seen = observe_(first->path);
@@ -67,6 +95,7 @@ std::optional<std::string> VkFileSettler::nextSettled(double now) {
         std::string path = std::move(first->path);
         index_.erase(path);
         order_.pop_front();
+        promote(now);
         return path;
     }
     return std::nullopt;
@@ -74,7 +103,7 @@ std::optional<std::string> VkFileSettler::nextSettled(double now) {
 
 std::optional<double> VkFileSettler::secondsUntilDue(double now) const {
     if (order_.empty())
-        return std::nullopt;
+        return backlog_.empty() ? std::nullopt : std::optional<double>(0.0);
     double left = order_.front().due - now;
     return left > 0 ? left : 0.0;
 }

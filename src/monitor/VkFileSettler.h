@@ -3,11 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <list>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 // Waits until complete files stop changing. A path reported complete (closed after writing,
 // or moved in) becomes due after the settle time; if by then its size or modification time
@@ -28,23 +30,31 @@ class VkFileSettler {
     // Observes with lstat: links, folders and other special files are not waited for.
     static std::optional<Observation> observeFile(const std::string& path);
 
-    VkFileSettler(double settleSeconds, size_t capacity, Observe observe = &observeFile);
+    VkFileSettler(double settleSeconds, size_t capacity, Observe observe = &observeFile,
+                  size_t backlogCapacity = 0);
 
     // Reports a path as complete at time now. A path already waiting waits again from now.
-    // False (the path is dropped) when it is not waiting and the settler is full, or it
-    // cannot be observed.
+    // A new path goes to the backlog while the waiting list is full or the backlog holds
+    // others (their order is kept). False (the path is dropped) when it is not waiting and
+    // there is no room, or it cannot be observed.
     bool complete(const std::string& path, double now);
     // The next settled path, or nullopt when none is due at now. A due path that has changed
     // since it was last seen goes to the back to wait again; one that is gone is dropped.
+    // Backlog paths move up to wait, from now, as room frees.
     std::optional<std::string> nextSettled(double now);
     // Seconds from now until the earliest path is due (0 when overdue), nullopt when empty.
     std::optional<double> secondsUntilDue(double now) const;
 
     size_t size() const { return order_.size(); }
     bool full() const { return order_.size() >= capacity_; }
+    // A new path would wait at once (the waiting list has room and no backlog is ahead).
+    bool hasRoom() const { return !full() && backlog_.empty(); }
+    bool backlogFull() const { return full() && backlog_.size() >= backlogCapacity_; }
     size_t capacity() const { return capacity_; }
     // The largest number of paths that waited at once.
     size_t highWater() const { return highWater_; }
+    size_t backlogSize() const { return backlog_.size(); }
+    size_t backlogHighWater() const { return backlogHighWater_; }
 
   private:
     struct Waiting {
@@ -62,4 +72,10 @@ class VkFileSettler {
     Order order_;
     std::unordered_map<std::string, Order::iterator> index_;
     size_t highWater_ = 0;
+    void promote(double now);
+
+    size_t backlogCapacity_;
+    std::deque<std::string> backlog_;
+    std::unordered_set<std::string> inBacklog_;
+    size_t backlogHighWater_ = 0;
 };

@@ -8,6 +8,7 @@
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkKeyedArchiver.h"
+#include "support/VkCrypt.h"
 
 namespace {
 
@@ -403,3 +404,58 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
 }
 
 }  // namespace
+
+namespace {
+
+std::string cipher(const std::string& text) {
+    return "X'" + hexOf(std::vector<uint8_t>(text.begin(), text.end())) + "'";
+}
+
+}  // namespace
+
+// A scan's load deciphers names only when a record is read; what it reads must be what the
+// eager reader gives, for the packaged database and for hostile rows alike.
+TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
+    std::string md5 = "0123456789abcdef0123456789abcdef";
+    std::string withNul = *vkEncryptString("Evil.A") + std::string(1, '\0') + "tail";
+    std::string hostile =
+        "insert into test values(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL);"
+        "insert into test values(X'FF', 'd', 7.9, X'C3', -1, 'texthead', 'textcode', 'no');"
+        "insert into test values('QUJD', 'not cipher', 1, '1.0', 5, X'', " +
+        cipher(*vkEncryptString(md5 + "0")) + ", X'00FF');" +  // 33 digits: kept as text
+        "insert into test values(" + cipher(withNul) + ", " + cipher(*vkEncryptString("d")) +
+        ", 2, " + cipher(*vkEncryptString("2.0")) + ", 7, " +
+        cipher(*vkEncryptString("ABCDEF" + md5.substr(6))) + ", " +  // upper case: as text
+        cipher(*vkEncryptString(md5)) + ", NULL);";
+    struct Case {
+        const char* name;
+        std::string source;  // a database file to copy, or rows to insert into a new one
+    };
+    for (const Case& c :
+         {Case{"packaged", std::string(VK_BINARY_DIR) + "/resources/trojanDB/VkTrojanDB.sql"},
+          Case{"hostile", hostile}}) {
+        SCOPED_TRACE(c.name);
+        VkTempDir scratch;
+        auto context = VkContext::forTesting(scratch.path());
+        VkFile::createDirectory(context->dataFolder, true);
+        std::string db = VkFile::join(context->dataFolder, "a.sql");
+        if (c.source.starts_with("/")) {
+            ASSERT_TRUE(VkFile::copyFile(c.source, db));
+        } else {
+            VkSqliteManager(context).openDataBase(db);
+            RawDb(db).exec(c.source);
+        }
+        VkSqliteManager eager(context);
+        eager.openDataBase(db);
+        Strings expected;
+        for (const auto& item : eager.TorjanItemArray()) {
+            item->deCodeTrojanInfo();
+            expected.push_back(describe(*item));
+        }
+        ASSERT_FALSE(expected.empty());
+        Strings loaded;
+        for (const auto& item : VkSqliteManager::loadAllRecords(context))
+            loaded.push_back(describe(*item));
+        EXPECT_EQ(loaded, expected);
+    }
+}

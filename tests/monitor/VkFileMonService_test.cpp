@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
+#include <set>
 #include <sys/socket.h>
 #include <thread>
 
@@ -291,6 +292,72 @@ TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
     EXPECT_LE(statusNumber("WaitingHighWater"), 32u);
     EXPECT_LE(statusNumber("QueuedHighWater"), 8u);
     EXPECT_EQ(statusNumber("Judged"), static_cast<uint64_t>(kFiles));
+}
+
+// The platform's watcher, which loses events once (as a kernel queue that overflows does)
+// after handing out `after` complete files.
+class OverflowingWatcher : public VkFileWatcher {
+  public:
+    OverflowingWatcher(std::unique_ptr<VkFileWatcher> real, size_t after)
+        : real_(std::move(real)), after_(after) {}
+    VkResult<void> addFolder(const std::string& folder) override {
+        return real_->addFolder(folder);
+    }
+    void removeFolder(const std::string& folder) override { real_->removeFolder(folder); }
+    std::vector<std::string> folders() const override { return real_->folders(); }
+    int fd() const override { return real_->fd(); }
+    bool hasBuffered() const override { return real_->hasBuffered() || overflowDue(); }
+    std::optional<VkFileEvent> nextEvent() override {
+        if (overflowDue()) {
+            overflowed_ = true;
+            return VkFileEvent{VkFileEvent::Kind::Overflow, {}};
+        }
+        auto event = real_->nextEvent();
+        if (event && event->kind == VkFileEvent::Kind::Complete)
+            ++completed_;
+        return event;
+    }
+
+  private:
+    bool overflowDue() const { return !overflowed_ && completed_ >= after_; }
+    std::unique_ptr<VkFileWatcher> real_;
+    size_t after_;
+    size_t completed_ = 0;
+    bool overflowed_ = false;
+};
+
+TEST_F(VkFileMonServiceTest, ABurstWithLostEventsIsTakenInAndEachFileJudgedOnce) {
+    options.maxWaiting = 16;
+    options.maxQueued = 4;
+    options.settleSeconds = 0.01;
+    options.makeWatcher = []() -> VkResult<std::unique_ptr<VkFileWatcher>> {
+        auto real = VkFileWatcher::create();
+        if (!real)
+            return VkError{real.error()};
+        return std::unique_ptr<VkFileWatcher>(
+            std::make_unique<OverflowingWatcher>(std::move(*real), 150));
+    };
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    std::string staging = dir.mkdir("staging");
+    constexpr int kFiles = 300;
+    std::set<std::string> expected;
+    for (int i = 0; i < kFiles; ++i) {
+        std::string name = "/f" + std::to_string(i) + ".bin";
+        // Whole before it arrives, so that no file is seen half written.
+        dir.write("staging" + name, i == 123 ? evil : name);
+        ASSERT_EQ(std::rename((staging + name).c_str(), (watchFolder + name).c_str()), 0);
+        expected.insert(watchFolder + name);
+    }
+    ASSERT_TRUE(waitUntil([&] { return judgedCount() >= kFiles; }, 60)) << judgedCount();
+    // Whatever the look at every folder brings up is known by then; give it time to show.
+    EXPECT_TRUE(waitUntil([&] { return statusNumber("Unchanged") > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_GT(statusNumber("BacklogHighWater"), 0u) << "events were read while the list was full";
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(judged.size(), static_cast<size_t>(kFiles));
+    EXPECT_EQ(std::set<std::string>(judged.begin(), judged.end()), expected);
+    EXPECT_EQ(infected_, std::vector<std::string>{watchFolder + "/f123.bin"});
 }
 
 TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {

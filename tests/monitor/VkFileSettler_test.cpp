@@ -120,3 +120,25 @@ TEST(VkFileSettlerTest, RealFilesAreObservedWithoutFollowingLinks) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(VkFileSettlerTest, ABacklogTakesABurstInOrderWhileTheWaitingListIsFull) {
+    FakeFiles files;
+    VkFileSettler settler(1.0, 2, files.observe(), 3);
+    for (const char* name : {"/a", "/b", "/c", "/d", "/e", "/f"})
+        files.touch(name, 1);
+    for (const char* name : {"/a", "/b", "/c", "/d", "/c", "/e"})
+        EXPECT_TRUE(settler.complete(name, 0)) << name;
+    EXPECT_TRUE(settler.backlogFull());
+    EXPECT_FALSE(settler.complete("/f", 0));
+    EXPECT_EQ(settler.backlogSize(), 3u);  // "/c" once
+    int looks = files.looks;
+    EXPECT_EQ(drain(settler, 1.0), (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(files.looks, looks + 2 + 2);  // the two due, then the two moved up
+    EXPECT_EQ(drain(settler, 2.0), (std::vector<std::string>{"/c", "/d"}));
+    EXPECT_EQ(drain(settler, 3.0), std::vector<std::string>{"/e"});
+    EXPECT_FALSE(settler.secondsUntilDue(3.0));
+}
+
+}  // namespace
