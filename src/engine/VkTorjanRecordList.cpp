@@ -20,3 +20,7 @@ std::span<const std::shared_ptr<VkTorjanItem>> VkTorjanRecordList::recordsOfSize
         return {};
     return it->second;
 }
+
+bool VkTorjanRecordList::hasSize(uint64_t size) const {
+    return bySize_.count(size) != 0;
+}

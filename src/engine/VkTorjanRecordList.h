@@ -27,6 +27,8 @@ class VkTorjanRecordList {
     bool empty() const { return items_.empty(); }
     // The records whose fileSize is size, in list order; empty when there are none.
     std::span<const std::shared_ptr<VkTorjanItem>> recordsOfSize(uint64_t size) const;
+    // Whether some record has this fileSize: the walk settles every other file by its size.
+    bool hasSize(uint64_t size) const;
 
   private:
     Items items_;
