@@ -210,6 +210,12 @@ VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
     Hashes found;
     if (!openLocked())
         return found;
+    // Lookups share one read transaction per batch: each one on its own would take and
+    // drop the file's locks, two system calls per file.
+    if (!inTransaction_ && exec(db_.get(), "BEGIN"))
+        inTransaction_ = true;
+    if (inTransaction_ && ++pending_ >= kBatch)
+        commitLocked();
     sqlite3_stmt* stmt = find_.get();
     sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
     sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(stamp.inode));
@@ -240,10 +246,13 @@ void VkHashCache::remember(const VkFileStamp& stamp, int32_t type, const Hashes&
     std::lock_guard lock(mutex_);
     if (!openLocked())
         return;
+    if (inTransaction_ && !writing_)
+        commitLocked();  // a read transaction cannot always become a write one
     if (!inTransaction_) {
         if (!exec(db_.get(), "BEGIN IMMEDIATE"))
             return;  // busy: another scan is writing; this entry waits for a later scan
         inTransaction_ = true;
+        writing_ = true;
     }
     sqlite3_stmt* stmt = store_.get();
     sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
@@ -279,6 +288,7 @@ void VkHashCache::commitLocked() {
     if (!exec(db_.get(), "COMMIT"))
         exec(db_.get(), "ROLLBACK");
     inTransaction_ = false;
+    writing_ = false;
     pending_ = 0;
 }
 

@@ -86,6 +86,7 @@ class VkHashCache {
     VkSqliteStatement find_;
     VkSqliteStatement store_;
     bool inTransaction_ = false;
+    bool writing_ = false;
     size_t pending_ = 0;
     bool broken_ = false;  // a corruption was met: the file is replaced at the next open
     std::chrono::steady_clock::time_point nextOpen_{};

@@ -1,12 +1,16 @@
 #include "engine/VkScanPipeline.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
 namespace {
 
-// Waits are timed only so that a stop is noticed; the work itself wakes its waiter.
+// Waits are timed so that a stop is noticed, and so that the reporter and the judges need
+// not be woken for every file: a wake-up costs a thread switch, more than judging most files.
 constexpr std::chrono::milliseconds kStopPoll{5};
+// Judges waiting for work are woken once this many files wait for them.
+constexpr size_t kWakeJudges = 8;
 
 }  // namespace
 
@@ -44,7 +48,8 @@ void VkScanPipeline::appendLocked(std::vector<Report>& settled) {
 }
 
 void VkScanPipeline::wakeReporterLocked() {
-    if (reporterWaiting_ && ((!slots_.empty() && slots_.front()) || walkDone_))
+    // Otherwise the reporter's next poll finds what is ready: progress needs no more.
+    if (reporterWaiting_ && (slots_.size() >= window_ / 2 || walkDone_))
         reporterCv_.notify_one();
 }
 
@@ -65,7 +70,7 @@ bool VkScanPipeline::submit(std::vector<Report>& settled, Candidate candidate) {
     candidate.seq = base_ + slots_.size();
     slots_.emplace_back(std::nullopt);
     candidates_.push_back(std::move(candidate));
-    if (judgesWaiting_ > 0)
+    if (judgesWaiting_ > 0 && candidates_.size() >= std::min(kWakeJudges, candidateRoom_))
         judgeCv_.notify_one();
     wakeReporterLocked();
     return true;
