@@ -38,6 +38,8 @@ struct ScanOptions {
     bool remove = false;
     bool quarantine = false;
     bool trust = false;
+    unsigned jobs = 0;  // 0: one judging thread per core, at most four
+    bool noCache = false;
 };
 
 // Scan kinds as the scan history numbers them.
@@ -381,6 +383,9 @@ void runScan(VkCli& cli, const ScanOptions& options) {
 
     VkTorjanScan& scanner = center->trjanScan();
     scanner.setPaceScans(options.pace);
+    scanner.setJobs(options.jobs);
+    if (options.noCache)
+        scanner.setHashCache(nullptr);  // every file read afresh, nothing kept
 
     struct sigaction sa {};
     sa.sa_handler = onInterrupt;
@@ -506,6 +511,11 @@ static VkCliCommand registration(10, [](CLI::App& app, VkCli& cli) {
                   "Remove what was found (carry out each signature's removal instructions)");
     cmd->add_flag("--quarantine", options->quarantine, "Move what was found into the quarantine");
     cmd->add_flag("--trust", options->trust, "Add what was found to the trust list");
+    cmd->add_option("--jobs", options->jobs,
+                    "Threads that judge files (default: one per core, at most 4; --pace uses 1)")
+        ->check(CLI::Range(1, 64));
+    cmd->add_flag("--no-cache", options->noCache,
+                  "Read every file afresh: use no kept hashes and keep none (forensic scans)");
     cmd->footer(
         "Exit codes: 0 nothing found, 1 something found, 2 an error: a path that could not be "
         "examined, no signatures, or a file that could not be removed, quarantined or "

@@ -3,6 +3,7 @@
 #include "database/VkAddTorjanItems.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
+#include "engine/VkHashCache.h"
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanResultItems.h"
 #include "engine/VkTorjanScan.h"
@@ -30,6 +31,9 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
     trjanScan_ =
         std::make_unique<VkTorjanScan>(context_->systemRoot, context_->dataFolder,
                                        context_->userDefaults, context_->pacing, antiTrojan);
+    // Files judged before are not read again while they stand unchanged.
+    trjanScan_->setHashCache(
+        std::make_shared<VkHashCache>(context_->dataPath(VkHashCache::kFileName)));
     // The signature store hands the scanner its records, read afresh at every scan.
     trjanScan_->setRecordLoader([this] {
         std::vector<std::pair<std::string, size_t>> loaded;

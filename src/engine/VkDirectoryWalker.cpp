@@ -87,6 +87,14 @@ bool VkDirectoryWalker::walk(const std::string& root,
                              const std::function<bool(const std::string&)>& visit,
                              const std::vector<FolderId>& skip,
                              const std::function<void(const std::string&, int)>& failed) {
+    return walkEntries(
+        root, [&](const Entry& entry) { return visit(entry.path); }, skip, failed);
+}
+
+bool VkDirectoryWalker::walkEntries(const std::string& root,
+                                    const std::function<bool(const Entry&)>& visit,
+                                    const std::vector<FolderId>& skip,
+                                    const std::function<void(const std::string&, int)>& failed) {
     auto fail = [&](const std::string& path) {
         if (failed)
             failed(path, errno != 0 ? errno : EIO);
@@ -152,7 +160,7 @@ bool VkDirectoryWalker::walk(const std::string& root,
             ++f.next;
         }
         std::string full = f.path + "/" + name;
-        if (!visit(full))
+        if (!visit(Entry{full, f.dir ? ::dirfd(f.dir) : -1, name.c_str(), type}))
             return true;
         if (!isFolder(f.dir, full, name.c_str(), type))
             continue;

@@ -29,6 +29,19 @@ class VkDirectoryWalker {
     static bool walk(const std::string& root, const std::function<bool(const std::string&)>& visit,
                      const std::vector<FolderId>& skip = {},
                      const std::function<void(const std::string&, int)>& failed = {});
+
+    // One listed entry, valid during the visit only.
+    struct Entry {
+        const std::string& path;  // root + "/" + the relative path
+        int folderFd;             // the open folder holding it; -1 once read ahead and closed
+        const char* name;         // its name inside that folder
+        unsigned char type;       // the listing's d_type (DT_UNKNOWN when it could not say)
+    };
+    // walk(), handing each entry with the open folder it was listed from, so that callers
+    // can look at it relative to that folder without resolving the path again.
+    static bool walkEntries(const std::string& root, const std::function<bool(const Entry&)>& visit,
+                            const std::vector<FolderId>& skip = {},
+                            const std::function<void(const std::string&, int)>& failed = {});
     // Opens a folder without following a link in its place, one component at a time when
     // the path is too long for the system to take whole (links met on the way refused).
     static VkFd openFolder(const std::string& path);

@@ -8,17 +8,20 @@
 #include <fcntl.h>
 #include <map>
 #include <set>
+#include <thread>
 #include <utility>
 
+#include "engine/VkHashCache.h"
 #include "platform/VkContainedFs.h"
+#include "platform/VkHandle.h"
 #include "platform/VkHashValue.h"
 #include "support/VkCrypt.h"
 
 namespace {
 
-// Hashes of one file computed during one judgment, by hash type. Records of one size share
-// the file, so a hash is read once per judgment instead of once per record; nothing is kept
-// once the judgment ends, so a file changed between two scans is always read afresh.
+// Hashes of one file during one judgment, by hash type. Records of one size share the file,
+// so a hash is asked for once per judgment instead of once per record; between judgments
+// only the hash cache keeps them, bound to the file's identity and times.
 class JudgmentHashes {
   public:
     using Hasher = std::function<std::optional<std::string>(int32_t type, uint64_t head)>;
@@ -91,19 +94,10 @@ bool VkTorjanScan::attributesOfItem(const std::string& path, struct stat& attrib
     return ::lstat(path.c_str(), &attributes) == 0;
 }
 
-bool VkTorjanScan::attributesAt(const FileRef& file, struct stat& attributes) {
-    if (file.folderFd == AT_FDCWD)
-        return attributesOfItem(file.name, attributes);
-    return ::fstatat(file.folderFd, file.name.c_str(), &attributes, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-std::optional<std::string> VkTorjanScan::hashAt(const FileRef& file, int32_t type, uint64_t size) {
-    if (file.folderFd == AT_FDCWD)
-        return hashCodeWithPath(file.name, type, size);
+std::optional<std::string> VkTorjanScan::hashOpenFile(int fd, int32_t type, uint64_t size) {
     if (size == 0)
-        return VkHashValue::hashWholeFileAt(file.folderFd, file.name, type);
-    return VkHashValue::hashFileHeadAt(file.folderFd, file.name, static_cast<uint32_t>(kHeadLength),
-                                       type);
+        return VkHashValue::hashWholeOpenFile(fd, type);
+    return VkHashValue::hashOpenFileHead(fd, static_cast<uint32_t>(kHeadLength), type);
 }
 
 std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& path) {
@@ -123,13 +117,6 @@ std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& pa
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
-    return judgeFile({AT_FDCWD, path, path}, nullptr, std::move(trojanArray));
-}
-
-std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
-    const FileRef& file, const struct stat* knownAttributes,
-    std::shared_ptr<const VkTorjanRecordList> trojanArray, int* failure) {
-    const std::string& path = file.path;
     // Device nodes are never opened: reading one can block or have side effects.
     if (path.rfind("/dev/", 0) == 0)
         return nullptr;
@@ -142,70 +129,102 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
     }
 
     struct stat attributes {};
-    if (knownAttributes) {
-        attributes = *knownAttributes;
-    } else if (!attributesAt(file, attributes)) {
-        if (failure)
-            *failure = errno != 0 ? errno : EIO;
+    if (!attributesOfItem(path, attributes) || S_ISLNK(attributes.st_mode) ||
+        !S_ISREG(attributes.st_mode) || attributes.st_size == 0)
         return nullptr;
-    }
-    if (S_ISLNK(attributes.st_mode))
-        return nullptr;
-    auto size = static_cast<uint64_t>(attributes.st_size);
-    if (!S_ISREG(attributes.st_mode) || size == 0)
-        return nullptr;
-
     std::shared_ptr<const VkTorjanRecordList> records =
         trojanArray ? std::move(trojanArray) : torjanItems();
+    // A file whose size no record has is judged clean by its size alone, so its contents
+    // never need to be readable.
+    if (!records->hasSize(static_cast<uint64_t>(attributes.st_size)))
+        return nullptr;
+    // Opened once, never through a link; what is read must be what was looked at.
+    VkFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    struct stat opened {};
+    if (!fd.valid() || ::fstat(fd.get(), &opened) != 0 || opened.st_dev != attributes.st_dev ||
+        opened.st_ino != attributes.st_ino)
+        return nullptr;
+    return judgeOpenFile(fd.get(), opened, path, records, hashCache(), nullptr);
+}
+
+std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
+    int fd, const struct stat& st, const std::string& path,
+    const std::shared_ptr<const VkTorjanRecordList>& records,
+    const std::shared_ptr<VkHashCache>& cache, int* failure) {
+    if (failure)
+        *failure = 0;
+    auto size = static_cast<uint64_t>(st.st_size);
+    if (!S_ISREG(st.st_mode) || size == 0)
+        return nullptr;
+    const VkFileStamp stamp = VkFileStamp::of(st);
+    // Hashes by type: what the cache knew of this file as it stands, completed by reading it.
+    std::map<int32_t, VkHashCache::Hashes> known;
+    std::set<int32_t> read;
+    auto hasher = [&](int32_t type, uint64_t head) -> std::optional<std::string> {
+        auto it = known.find(type);
+        if (it == known.end())
+            it =
+                known.emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{}).first;
+        std::optional<std::string>& slot = head != 0 ? it->second.head : it->second.whole;
+        if (!slot) {
+            errno = 0;
+            slot = hashOpenFile(fd, type, head);
+            if (slot)
+                read.insert(type);
+        }
+        return slot;
+    };
+    JudgmentHashes hashes(hasher,
+                          [&](const std::string& hash) { return checkTrustFile(path, hash); });
 
     // Only records of this size can match; the index keeps them in list order, so the first
     // record in the list still wins.
-    // Only a file whose size some record has is read: one that no record's size fits is
-    // judged clean by its size alone, so its contents never need to be readable.
-    errno = 0;
-    JudgmentHashes hashes([&](int32_t type, uint64_t head) { return hashAt(file, type, head); },
-                          [&](const std::string& hash) { return checkTrustFile(path, hash); });
-    struct FailureOut {
-        JudgmentHashes& hashes;
-        int* out;
-        ~FailureOut() {
-            if (out)
-                *out = hashes.failure;
-        }
-    } failureOut{hashes, failure};
-    // Hash types whose whole-file hash has reached the trust test so far, in order.
-    std::vector<int32_t> reachedTrust;
-    for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
-        int32_t type = record->hashValueType();
-        const std::optional<std::string>* whole = nullptr;
-        if (size < kHeadLength + 1) {
-            whole = &hashes.whole(type);
-        } else {
-            if (!sameHash(hashes.head(type), record->headeCode()))
+    auto match = [&]() -> std::shared_ptr<VkTorjanResultItems> {
+        // Hash types whose whole-file hash has reached the trust test so far, in order.
+        std::vector<int32_t> reachedTrust;
+        for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
+            int32_t type = record->hashValueType();
+            const std::optional<std::string>* whole = nullptr;
+            if (size < kHeadLength + 1) {
+                whole = &hashes.whole(type);
+            } else {
+                if (!sameHash(hashes.head(type), record->headeCode()))
+                    continue;
+                whole = &hashes.whole(type);
+            }
+            // A missing hash is never on the trust list.
+            if (*whole &&
+                std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
+                reachedTrust.push_back(type);
+            if (!sameHash(*whole, record->TorjanCode()))
                 continue;
-            whole = &hashes.whole(type);
+            // The trust test comes before the comparison on purpose: a trusted path and
+            // contents end the search even where this record would not have matched. Without
+            // any match the answer is nothing whether trusted or not, so the trust list is
+            // read only once a record matches, and then asked for every hash that reached the
+            // test up to here, which gives the answer the record-by-record order gives.
+            for (int32_t reached : reachedTrust) {
+                if (hashes.trusted(reached, *hashes.whole(reached)))
+                    return nullptr;
+            }
+            auto result = std::make_shared<VkTorjanResultItems>();
+            result->setPath(path);
+            result->setTorjanItem(record);
+            return result;
         }
-        // A missing hash is never on the trust list.
-        if (*whole &&
-            std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
-            reachedTrust.push_back(type);
-        if (!sameHash(*whole, record->TorjanCode()))
-            continue;
-        // The trust test comes before the comparison on purpose: a trusted path and
-        // contents end the search even where this record would not have matched. Without
-        // any match the answer is nothing whether trusted or not, so the trust list is read
-        // only once a record matches, and then asked for every hash that reached the test up
-        // to here, which gives the answer the record-by-record order gives.
-        for (int32_t reached : reachedTrust) {
-            if (hashes.trusted(reached, *hashes.whole(reached)))
-                return nullptr;
-        }
-        auto result = std::make_shared<VkTorjanResultItems>();
-        result->setPath(path);
-        result->setTorjanItem(record);
-        return result;
+        return nullptr;
+    };
+    std::shared_ptr<VkTorjanResultItems> result = match();
+    if (failure)
+        *failure = hashes.failure;
+    // Kept only when the file stood still while it was read: a write during the reading
+    // changes its times, and the hashes would describe no version of it.
+    struct stat after {};
+    if (cache && !read.empty() && ::fstat(fd, &after) == 0 && VkFileStamp::of(after) == stamp) {
+        for (int32_t type : read)
+            cache->remember(stamp, type, known[type], path);
     }
-    return nullptr;
+    return result;
 }
 
 bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
@@ -220,6 +239,25 @@ bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& co
             return true;
     }
     return false;
+}
+
+unsigned VkTorjanScan::judgingJobs() const {
+    if (needDelay())
+        return 1;
+    unsigned jobs = jobs_.load();
+    if (jobs == 0)
+        jobs = std::max(1u, std::min(kMaxJobs, std::thread::hardware_concurrency()));
+    return jobs;
+}
+
+void VkTorjanScan::setHashCache(std::shared_ptr<VkHashCache> cache) {
+    std::lock_guard lock(hashCacheMutex_);
+    hashCache_ = std::move(cache);
+}
+
+std::shared_ptr<VkHashCache> VkTorjanScan::hashCache() const {
+    std::lock_guard lock(hashCacheMutex_);
+    return hashCache_;
 }
 
 std::shared_ptr<const VkTorjanRecordList> VkTorjanScan::torjanItems() const {
@@ -256,6 +294,8 @@ std::string VkNotExamined::reasonText() const {
             return "a symbolic link (not followed)";
         case Reason::device:
             return "below /dev (never opened)";
+        case Reason::changed:
+            return "replaced while being examined";
         case Reason::vanished:
         case Reason::unreadable:
             break;

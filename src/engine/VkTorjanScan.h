@@ -19,6 +19,7 @@
 #include "platform/VkUserDefaults.h"
 
 class VkAntiTrojan;
+class VkHashCache;
 
 // A path that a scan could not look at, and why. A host shows these so that nothing it
 // did not examine is taken for clean.
@@ -29,6 +30,7 @@ struct VkNotExamined {
         notRegularFile,  // a path handed to the scan that is no file or folder (a FIFO, ...)
         symbolicLink,    // a path handed to the scan that is a link to no folder
         device,          // below /dev: never opened
+        changed,         // replaced (by a link, another file) between its listing and its reading
     };
     std::string path;
     Reason reason = Reason::unreadable;
@@ -135,6 +137,15 @@ class VkTorjanScan {
     // True when no walk was ever started or the last one has finished (quick scans aside).
     bool isStopScan() const;
 
+    // Threads that judge the files of a walk: 0 (the default) means one per core, at most
+    // kMaxJobs. A paced walk always judges with one.
+    static constexpr unsigned kMaxJobs = 4;
+    void setJobs(unsigned jobs) { jobs_.store(jobs); }
+    unsigned judgingJobs() const;
+    // Where hashes of files judged before are kept (none: every file is read).
+    void setHashCache(std::shared_ptr<VkHashCache> cache);
+    std::shared_ptr<VkHashCache> hashCache() const;
+
     // Pacing of full, custom and quick scans (on by default, as the panel scans). A
     // foreground command-line scan turns it off.
     void setPaceScans(bool on) { paceScans_.store(on); }
@@ -165,6 +176,9 @@ class VkTorjanScan {
   protected:
     // Attributes of the item itself, a final link not followed (lstat). False on failure.
     virtual bool attributesOfItem(const std::string& path, struct stat& attributes);
+    // Hash of an open regular file, as hashCodeWithPath: whole when size is 0, else the
+    // head. Called from the judging threads.
+    virtual std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t size);
 
     std::atomic<bool> isSearchStop_{false};
     std::atomic<bool> isQuickScan_{false};
@@ -173,23 +187,12 @@ class VkTorjanScan {
     std::atomic<uint64_t> searchIndex_{0};
 
   private:
-    // Where judging finds a file: `name` inside the open folder `folderFd`, or with
-    // AT_FDCWD the path itself. `path` is what results and reports name.
-    struct FileRef {
-        int folderFd;
-        const std::string& name;
-        const std::string& path;
-    };
-    // checkTorjan with the item's attributes (lstat) already read by the caller; nullptr
-    // reads them after the pause, as checkTorjan does. *failure gets the errno of a file
-    // that had to be read and could not be (0 otherwise).
-    std::shared_ptr<VkTorjanResultItems> judgeFile(
-        const FileRef& file, const struct stat* knownAttributes,
-        std::shared_ptr<const VkTorjanRecordList> trojanArray, int* failure = nullptr);
-    std::optional<std::string> hashAt(const FileRef& file, int32_t type, uint64_t size);
-    bool attributesAt(const FileRef& file, struct stat& attributes);
-    // Judges one dequeued path of a walk; reports what could not be examined.
-    void judgeWalkedPath(const std::string& path, VkTorjanScanDelegate* scanDelegate);
+    // Judges an open regular file whose attributes `st` were read from the descriptor.
+    // *failure gets the errno of a hash that could not be read (0 otherwise).
+    std::shared_ptr<VkTorjanResultItems> judgeOpenFile(
+        int fd, const struct stat& st, const std::string& path,
+        const std::shared_ptr<const VkTorjanRecordList>& records,
+        const std::shared_ptr<VkHashCache>& cache, int* failure);
     void reportNotExamined(VkNotExamined skipped);
     // Whole-file hash of a detector's hit, read through a final link that stays inside the
     // system root.
@@ -212,6 +215,9 @@ class VkTorjanScan {
     std::vector<std::string> defaultScanPaths_;
     std::vector<std::string> scopeDirectories_;
     std::atomic<bool> paceScans_{true};
+    std::atomic<unsigned> jobs_{0};
+    mutable std::mutex hashCacheMutex_;
+    std::shared_ptr<VkHashCache> hashCache_;
     std::atomic<uint64_t> filesJudged_{0};
     std::atomic<uint64_t> notExamined_{0};
 

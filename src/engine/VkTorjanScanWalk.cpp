@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <dirent.h>
 #include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
@@ -10,7 +11,8 @@
 
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkDirectoryWalker.h"
-#include "engine/VkQueue.h"
+#include "engine/VkHashCache.h"
+#include "engine/VkScanPipeline.h"
 #include "engine/VkTorjanScan.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHandle.h"
@@ -123,155 +125,298 @@ void VkTorjanScan::scanByQuery(bool withQuickStage) {
     scanBaseItem();
 }
 
-void VkTorjanScan::judgeWalkedPath(const std::string& path, VkTorjanScanDelegate* scanDelegate) {
-    using Reason = VkNotExamined::Reason;
-    // A path too long for the system is judged by its name inside its own folder, opened
-    // one component at a time, so depth never hides a file.
-    VkFd folder;
-    std::string name = path;
-    int folderFd = AT_FDCWD;
-    if (path.size() >= PATH_MAX) {
-        size_t slash = path.rfind('/');
-        folder = VkDirectoryWalker::openFolder(path.substr(0, slash));
-        if (!folder.valid()) {
-            reportNotExamined({path, Reason::unreadable, errno != 0 ? errno : ENAMETOOLONG});
-            return;
-        }
-        folderFd = folder.get();
-        name = path.substr(slash + 1);
-    }
-    FileRef file{folderFd, name, path};
-    // Judged when it exists and is no folder, a link followed. One lstat answers that for
-    // everything but a link, and unpaced its answer is also the one judging needs, so a
-    // plain file costs a single attribute read. Paced, judging reads the attributes again
-    // after the pause, as it always has.
-    struct stat attributes {};
-    errno = 0;
-    if (!attributesAt(file, attributes)) {
-        int error = errno != 0 ? errno : EIO;
-        reportNotExamined({path, error == ENOENT ? Reason::vanished : Reason::unreadable, error});
-        return;
-    }
-    bool known = !S_ISLNK(attributes.st_mode);
-    bool judge = false;
-    if (known) {
-        judge = !S_ISDIR(attributes.st_mode);
-    } else {
-        // A link is judged (and refused) only when it leads to something that is no folder.
-        struct stat target {};
-        judge = ::fstatat(folderFd, name.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode);
-    }
-    if (!judge)
-        return;
-    filesJudged_.fetch_add(1);
-    if (path.rfind("/dev/", 0) == 0 && S_ISREG(attributes.st_mode)) {
-        reportNotExamined({path, Reason::device, 0});
-        return;
-    }
-    bool reuse = known && !needDelay();
-    int failure = 0;
-    auto result = judgeFile(file, reuse ? &attributes : nullptr, nullptr, &failure);
-    if (result) {
-        if (scanDelegate)
-            scanDelegate->addTorjanPath(result);
-    } else if (failure != 0) {
-        reportNotExamined(
-            {path, failure == ENOENT ? Reason::vanished : Reason::unreadable, failure});
-    }
+namespace {
+
+using Reason = VkNotExamined::Reason;
+using Report = VkScanPipeline::Report;
+
+Reason reasonOf(int error) {
+    return error == ENOENT ? Reason::vanished : Reason::unreadable;
 }
 
+// What a root of the walk is.
+enum class RootKind { missing, unreadable, folder, file, linkToNoFolder, other };
+
+RootKind kindOfRoot(const std::string& root, int& error) {
+    struct stat st {};
+    if (::lstat(root.c_str(), &st) != 0) {
+        error = errno;
+        // A root that does not exist is skipped, as it always was; one that cannot be looked
+        // at is said.
+        return errno == ENOENT ? RootKind::missing : RootKind::unreadable;
+    }
+    if (S_ISLNK(st.st_mode)) {
+        struct stat target {};
+        return ::stat(root.c_str(), &target) == 0 && S_ISDIR(target.st_mode)
+                   ? RootKind::folder
+                   : RootKind::linkToNoFolder;
+    }
+    if (S_ISDIR(st.st_mode))
+        return RootKind::folder;
+    return S_ISREG(st.st_mode) ? RootKind::file : RootKind::other;
+}
+
+}  // namespace
+
 void VkTorjanScan::scanBaseItem() {
-    using Reason = VkNotExamined::Reason;
-    setTorjanItems(VkTorjanRecordList::make(getCurrentTorjanItems()));
-    VkQueue queue;
-    std::atomic<uint64_t> total{0};
-    std::atomic<bool> producerDone{false};
     const std::vector<std::string> roots = scopeDirectories_;
     const bool fullScan = isFullScan_.load();
     const std::string volumes = resolve("/Volumes");
+    auto outOfScope = [&](const std::string& path) {
+        return fullScan && path.rfind(volumes, 0) == 0;
+    };
     // This program's own folder (databases, quarantine, logs) is never walked: a scan that
     // quarantines must not take the quarantine itself.
     std::vector<VkDirectoryWalker::FolderId> ownFolders;
     if (struct stat data{}; ::stat(dataFolder_.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
     const std::string dataPrefix = dataFolder_ + "/";
+    auto ours = [&](const std::string& root) {
+        return !dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0;
+    };
 
-    std::thread producer([&] {
+    // The count: the same entries listed again, names and d_type only, beside the walk that
+    // judges. Progress climbs as soon as it ends, long before the judging walk does, while
+    // the judging walk keeps its bounded memory. It starts before the records load.
+    std::atomic<uint64_t> total{0};
+    std::atomic<bool> counted{false};
+    std::atomic<bool> walkEnded{false};
+    std::thread counter([&] {
+        uint64_t entries = 0;
+        auto ended = [&] { return isSearchStop_.load() || walkEnded.load(); };
         for (const auto& root : roots) {
-            struct stat st {};
-            if (::lstat(root.c_str(), &st) != 0) {
-                // A root that does not exist is skipped, as it always was; one that cannot
-                // be looked at is said.
-                if (errno != ENOENT)
-                    reportNotExamined({root, Reason::unreadable, errno});
-            } else {
-                bool isDir = S_ISDIR(st.st_mode);
-                if (S_ISLNK(st.st_mode)) {
-                    struct stat target {};
-                    isDir = ::stat(root.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
-                    if (!isDir)
-                        reportNotExamined({root, Reason::symbolicLink, 0});
-                } else if (!isDir && !S_ISREG(st.st_mode)) {
-                    reportNotExamined({root, Reason::notRegularFile, 0});
-                } else if (!isDir) {
-                    bool ours = !dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0;
-                    if (!ours && queue.enqueue(root, isSearchStop_))
-                        total.fetch_add(1);
+            int error = 0;
+            RootKind kind = kindOfRoot(root, error);
+            if (kind == RootKind::file && !ours(root)) {
+                ++entries;
+            } else if (kind == RootKind::folder) {
+                VkDirectoryWalker::walkEntries(
+                    root,
+                    [&](const VkDirectoryWalker::Entry& entry) {
+                        if (!outOfScope(entry.path))
+                            ++entries;
+                        return !ended();
+                    },
+                    ownFolders);
+            }
+            if (ended())
+                return;
+        }
+        total.store(entries);
+        counted.store(true);
+    });
+
+    setTorjanItems(VkTorjanRecordList::make(getCurrentTorjanItems()));
+    const std::shared_ptr<const VkTorjanRecordList> records = torjanItems();
+    const std::shared_ptr<VkHashCache> cache = hashCache();
+    const bool paced = needDelay();
+    VkScanPipeline pipeline(isSearchStop_);
+
+    std::vector<std::thread> judges;
+    for (unsigned i = 0, n = judgingJobs(); i < n; ++i) {
+        judges.emplace_back([&] {
+            VkScanPipeline::Candidate candidate;
+            while (pipeline.take(candidate)) {
+                Report report(candidate.path);
+                struct stat opened {};
+                int failure = 0;
+                // The descriptor must still be the file the walk looked at: one swapped
+                // meanwhile (for a link, a FIFO, another file) is not examined, never clean.
+                if (::fstat(candidate.fd.get(), &opened) != 0 ||
+                    opened.st_dev != candidate.walked.st_dev ||
+                    opened.st_ino != candidate.walked.st_ino || !S_ISREG(opened.st_mode)) {
+                    report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
+                } else {
+                    report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
+                                                  records, cache, &failure);
+                    if (!report.result && failure != 0)
+                        report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
                 }
-                if (isDir) {
-                    VkDirectoryWalker::walk(
+                candidate.fd.reset();
+                pipeline.complete(candidate.seq, std::move(report));
+            }
+        });
+    }
+
+    // The judging walk: settles every entry it can by its attributes, read relative to the
+    // open folder, and opens the rest (the files some record's size fits) for the judges.
+    std::thread walker([&] {
+        std::vector<Report> settled;
+        // Reports are handed over in batches: one lock per entry would cost more than the
+        // entry.
+        constexpr size_t kBatch = 128;
+        auto settle = [&](Report report) {
+            settled.push_back(std::move(report));
+            return settled.size() < kBatch || pipeline.post(settled);
+        };
+        auto pause = [&] {
+            // Throttles background scans: 1 to 1,500 microseconds before each file.
+            int r = pacing_->random();
+            pacing_->sleepMicroseconds(static_cast<long long>(((r % 1000) + 1) * 1.5));
+        };
+        auto visit = [&](int folderFd, const char* name, const std::string& path,
+                         unsigned char type) -> bool {
+            Report report(path);
+            if (type == DT_DIR)
+                return settle(std::move(report));
+            // A name too long for the system is looked at inside its own folder, opened one
+            // component at a time, so depth never hides a file.
+            VkFd folder;
+            std::string at = name;
+            if (folderFd < 0) {
+                folderFd = AT_FDCWD;
+                at = path;
+                if (path.size() >= PATH_MAX) {
+                    size_t slash = path.rfind('/');
+                    folder = VkDirectoryWalker::openFolder(path.substr(0, slash));
+                    if (!folder.valid()) {
+                        int error = errno != 0 ? errno : ENAMETOOLONG;
+                        report.skipped = VkNotExamined{path, Reason::unreadable, error};
+                        return settle(std::move(report));
+                    }
+                    folderFd = folder.get();
+                    at = path.substr(slash + 1);
+                }
+            }
+            struct stat st {};
+            auto look = [&] {
+                if (::fstatat(folderFd, at.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
+                    return true;
+                int error = errno != 0 ? errno : EIO;
+                report.skipped = VkNotExamined{path, reasonOf(error), error};
+                return false;
+            };
+            if (!look() || S_ISDIR(st.st_mode))
+                return settle(std::move(report));
+            if (S_ISLNK(st.st_mode)) {
+                // A link counts as judged (and is refused) when it leads to something that is
+                // no folder.
+                struct stat target {};
+                if (::fstatat(folderFd, at.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode)) {
+                    filesJudged_.fetch_add(1);
+                    if (paced && path.rfind("/dev/", 0) != 0)
+                        pause();
+                }
+                return settle(std::move(report));
+            }
+            filesJudged_.fetch_add(1);
+            // Device nodes are never opened: reading one can block or have side effects.
+            if (path.rfind("/dev/", 0) == 0) {
+                if (S_ISREG(st.st_mode))
+                    report.skipped = VkNotExamined{path, Reason::device, 0};
+                return settle(std::move(report));
+            }
+            if (paced) {
+                // The attributes are read again after the pause, as judging always has.
+                pause();
+                if (!look())
+                    return settle(std::move(report));
+            }
+            auto size = static_cast<uint64_t>(st.st_size);
+            if (!S_ISREG(st.st_mode) || size == 0 || !records->hasSize(size))
+                return settle(std::move(report));
+            VkScanPipeline::Candidate candidate;
+            candidate.fd.reset(::openat(folderFd, at.c_str(),
+                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+            if (!candidate.fd.valid()) {
+                int error = errno != 0 ? errno : EIO;
+                // A link in its place now was swapped in after it was looked at.
+                report.skipped =
+                    VkNotExamined{path, error == ELOOP ? Reason::changed : reasonOf(error), error};
+                return settle(std::move(report));
+            }
+            candidate.path = path;
+            candidate.walked = st;
+            return pipeline.submit(settled, std::move(candidate));
+        };
+
+        for (const auto& root : roots) {
+            int error = 0;
+            switch (kindOfRoot(root, error)) {
+                case RootKind::missing:
+                    break;
+                case RootKind::unreadable:
+                    settle(Report::unlisted({root, Reason::unreadable, error}));
+                    break;
+                case RootKind::linkToNoFolder:
+                    settle(Report::unlisted({root, Reason::symbolicLink, 0}));
+                    break;
+                case RootKind::other:
+                    settle(Report::unlisted({root, Reason::notRegularFile, 0}));
+                    break;
+                case RootKind::file:
+                    if (!ours(root))
+                        visit(-1, root.c_str(), root, DT_UNKNOWN);
+                    break;
+                case RootKind::folder:
+                    VkDirectoryWalker::walkEntries(
                         root,
-                        [&](const std::string& path) {
-                            if (!(fullScan && path.rfind(volumes, 0) == 0)) {
-                                if (!queue.enqueue(path, isSearchStop_))
-                                    return false;
-                                total.fetch_add(1);
-                            }
-                            return !isSearchStop_.load();
+                        [&](const VkDirectoryWalker::Entry& entry) {
+                            if (outOfScope(entry.path))
+                                return !isSearchStop_.load();
+                            return visit(entry.folderFd, entry.name, entry.path, entry.type) &&
+                                   !isSearchStop_.load();
                         },
                         ownFolders,
-                        [&](const std::string& path, int error) {
-                            if (!(fullScan && path.rfind(volumes, 0) == 0))
-                                reportNotExamined(
-                                    {path, error == ENOENT ? Reason::vanished : Reason::unreadable,
-                                     error});
+                        [&](const std::string& path, int failed) {
+                            if (!outOfScope(path))
+                                settle(Report::unlisted({path, reasonOf(failed), failed}));
                         });
-                }
+                    break;
             }
             if (isSearchStop_.load())
                 break;
         }
-        producerDone.store(true);
+        pipeline.post(settled);
+        pipeline.finishWalk();
     });
 
+    // Every report reaches the delegate from this thread, in the order of the walk, however
+    // many judges there are.
     uint64_t processed = 0;
-    for (;;) {
-        if (producerDone.load() && queue.count() == 0)
-            break;
-        if (queue.count() > 0) {
-            std::string path = queue.dequeue();
+    std::vector<Report> ready;
+    bool stopped = false;
+    while (!stopped && pipeline.drain(ready)) {
+        for (Report& report : ready) {
             // Read afresh: a scan started meanwhile puts its delegate in place, and the last
             // reports of this walk go to it.
             auto scanDelegate = delegate();
-            judgeWalkedPath(path, scanDelegate.get());
-            // Progress stays at 0.01 while the tree is still being listed, then climbs
-            // with the share already processed: judging starts at once, without counting.
-            float progress = 0.01f;
-            if (producerDone.load()) {
-                progress =
-                    static_cast<float>(static_cast<double>(processed) /
-                                       static_cast<double>(std::max<uint64_t>(total.load(), 1)));
+            if (report.result && scanDelegate)
+                scanDelegate->addTorjanPath(report.result);
+            if (report.skipped)
+                reportNotExamined(std::move(*report.skipped));
+            if (report.progress) {
+                // 0.01 until the count is known, then the share already processed.
+                float progress = 0.01f;
+                if (counted.load()) {
+                    double share = static_cast<double>(processed) /
+                                   static_cast<double>(std::max<uint64_t>(total.load(), 1));
+                    // A tree that grew after it was counted stays short of the end.
+                    progress = static_cast<float>(std::min(share, 0.999));
+                }
+                if (scanDelegate)
+                    scanDelegate->scanTorjanProcess(progress, report.path);
+                ++processed;
             }
-            if (scanDelegate)
-                scanDelegate->scanTorjanProcess(progress, path);
-            ++processed;
-        } else {
-            sleepMicroseconds(100);
+            if (isSearchStop_.load()) {
+                stopped = true;
+                break;
+            }
         }
-        if (isSearchStop_.load())
-            break;
+        ready.clear();
     }
-    producer.join();
+    walkEnded.store(true);
+    walker.join();
+    for (auto& judge : judges)
+        judge.join();
+    counter.join();
+    if (cache) {
+        // Vanished files are looked for only after a walk that ran to its end.
+        if (stopped)
+            cache->flush();
+        else
+            cache->prune();
+    }
     if (auto scanDelegate = delegate())
         scanDelegate->scanTorjanProcess(1.0f, std::nullopt);
 }

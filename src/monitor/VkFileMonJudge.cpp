@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "database/VkSqliteManager.h"
+#include "engine/VkHashCache.h"
 
 #ifdef __APPLE__
 #include <sys/xattr.h>
@@ -36,7 +37,11 @@ Origin originOf([[maybe_unused]] const std::string& path) {
 VkFileMonJudge::VkFileMonJudge(std::shared_ptr<VkContext> ctx)
     : ctx_(std::move(ctx)),
       scan_(ctx_->systemRoot, ctx_->dataFolder, ctx_->userDefaults, ctx_->pacing),
-      records_(std::make_shared<const VkTorjanRecordList>()) {}
+      records_(std::make_shared<const VkTorjanRecordList>()) {
+    // Shared with the scans: a file the monitor judged is not read again by a scan, nor the
+    // other way round, while it stands unchanged.
+    scan_.setHashCache(std::make_shared<VkHashCache>(ctx_->dataPath(VkHashCache::kFileName)));
+}
 
 std::string VkFileMonJudge::databaseStamp() const {
     std::string stamp;
@@ -63,6 +68,8 @@ bool VkFileMonJudge::reloadIfChanged() {
     if (stamp_ && *stamp_ == stamp)
         return false;
     records_ = VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx_));
+    if (auto cache = scan_.hashCache())
+        cache->prune();
     // A database written while it was being read changes its stamp again, and is read again
     // before the next file.
     stamp_ = std::move(stamp);
@@ -97,6 +104,9 @@ std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path
         }
     }
     std::shared_ptr<VkTorjanResultItems> hit = scan_.checkTorjan(path, records_);
+    // Written at once: the monitor may run for days between two quiet moments.
+    if (auto cache = scan_.hashCache())
+        cache->flush();
     // Taken before judging: a change made while it was judged moves the times, and the file
     // is judged again when it is next seen.
     if (known) {

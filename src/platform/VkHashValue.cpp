@@ -81,9 +81,10 @@ VkFd openRegular(const std::string& path) {
     return openRegular(AT_FDCWD, path);
 }
 
-ssize_t readSome(int fd, void* buf, size_t n) {
+// Reads at an offset, so one descriptor can serve a head hash and then a whole hash.
+ssize_t readSome(int fd, void* buf, size_t n, uint64_t offset) {
     for (;;) {
-        ssize_t r = ::read(fd, buf, n);
+        ssize_t r = ::pread(fd, buf, n, static_cast<off_t>(offset));
         if (r >= 0 || errno != EINTR)
             return r;
     }
@@ -99,15 +100,17 @@ std::optional<std::string> hashOpenFile(int fd, uint64_t length, const EVP_MD* m
     std::vector<unsigned char> buf(
         static_cast<size_t>(std::min<uint64_t>(kChunk, std::max<uint64_t>(length, 1))));
     uint64_t left = length;
+    uint64_t offset = 0;
     while (left > 0) {
-        ssize_t n =
-            readSome(fd, buf.data(), static_cast<size_t>(std::min<uint64_t>(left, buf.size())));
+        ssize_t n = readSome(fd, buf.data(),
+                             static_cast<size_t>(std::min<uint64_t>(left, buf.size())), offset);
         if (n < 0)
             return std::nullopt;
         if (n == 0)
             break;
         digest.update(buf.data(), static_cast<size_t>(n));
         left -= static_cast<uint64_t>(n);
+        offset += static_cast<uint64_t>(n);
     }
     return digest.finish();
 }
@@ -150,12 +153,19 @@ std::optional<std::string> VkHashValue::hashWholeFileAt(int folderFd, const std:
     if (!md)
         return std::nullopt;
     VkFd fd = openRegular(folderFd, name);
+    if (!fd.valid())
+        return std::nullopt;
+    return hashWholeOpenFile(fd.get(), hashType);
+}
+
+std::optional<std::string> VkHashValue::hashWholeOpenFile(int fd, int32_t hashType) {
+    const EVP_MD* md = digestFor(hashType);
     struct stat st {};
-    if (!fd.valid() || ::fstat(fd.get(), &st) != 0)
+    if (!md || ::fstat(fd, &st) != 0)
         return std::nullopt;
     // The system passes the byte count as 32 bits; keep that so stored hashes match.
     uint64_t length = static_cast<uint32_t>(static_cast<uint64_t>(st.st_size));
-    return hashOpenFile(fd.get(), length, md);
+    return hashOpenFile(fd, length, md);
 }
 
 std::optional<std::string> VkHashValue::hashFileHeadAt(int folderFd, const std::string& name,
@@ -166,10 +176,18 @@ std::optional<std::string> VkHashValue::hashFileHeadAt(int folderFd, const std::
     VkFd fd = openRegular(folderFd, name);
     if (!fd.valid())
         return std::nullopt;
+    return hashOpenFileHead(fd.get(), bufferLength, hashType);
+}
+
+std::optional<std::string> VkHashValue::hashOpenFileHead(int fd, uint32_t bufferLength,
+                                                         int32_t hashType) {
+    const EVP_MD* md = digestFor(hashType);
+    if (!md || bufferLength == 0)
+        return std::nullopt;
     std::vector<unsigned char> buf(bufferLength, 0);
     // One read with the buffer's length, as the system does; the whole buffer is hashed
     // whatever the read returned.
-    ssize_t n = readSome(fd.get(), buf.data(), buf.size());
+    ssize_t n = readSome(fd, buf.data(), buf.size(), 0);
     if (n <= 0) {
         if (n == 0)
             errno = ENODATA;

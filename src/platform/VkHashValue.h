@@ -30,4 +30,9 @@ class VkHashValue {
                                                       int32_t hashType);
     static std::optional<std::string> hashFileHeadAt(int folderFd, const std::string& name,
                                                      uint32_t bufferLength, int32_t hashType);
+    // The same for a file already open (a regular file the caller checked), read from its
+    // start whatever the descriptor's offset, so that one descriptor serves both hashes.
+    static std::optional<std::string> hashWholeOpenFile(int fd, int32_t hashType);
+    static std::optional<std::string> hashOpenFileHead(int fd, uint32_t bufferLength,
+                                                       int32_t hashType);
 };

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "engine/VkQueue.h"
+#include "engine/VkScanPipeline.h"
 #include "fakes/VkTempDir.h"
 
 namespace {
@@ -73,30 +73,67 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
     EXPECT_FALSE(VkDirectoryWalker::walk(dir / "missing", [](const std::string&) { return true; }));
 }
 
-TEST(VkQueueTest, BoundedQueueKeepsOrderAndReleasesAStoppedProducer) {
-    VkQueue queue(4);
+// Judges finish out of order; the reporter still gets every entry in walk order, and the
+// walk never runs more than the window ahead. A stop releases a walk waiting for room.
+TEST(VkScanPipelineTest, ReportsInWalkOrderBoundedAndReleasesAStoppedWalk) {
     std::atomic<bool> stop{false};
-    std::thread producer([&] {
-        for (int i = 0; i < 100; ++i)
-            ASSERT_TRUE(queue.enqueue(std::to_string(i), stop));
-    });
-    int expected = 0;
-    while (expected < 100) {
-        if (queue.count() == 0) {
-            std::this_thread::yield();
-            continue;
+    VkScanPipeline pipeline(stop, 8, 2);
+    std::atomic<size_t> maxAhead{0};
+    std::atomic<size_t> reported{0};
+    std::thread walk([&] {
+        std::vector<VkScanPipeline::Report> settled;
+        for (int i = 0; i < 200; ++i) {
+            size_t ahead = static_cast<size_t>(i) - reported.load();
+            maxAhead = std::max(maxAhead.load(), ahead);
+            if (i % 3 == 0) {
+                VkScanPipeline::Candidate c;
+                c.path = std::to_string(i);
+                ASSERT_TRUE(pipeline.submit(settled, std::move(c)));
+            } else {
+                settled.emplace_back(std::to_string(i));
+                ASSERT_TRUE(pipeline.post(settled));
+            }
         }
-        EXPECT_LE(queue.count(), 4u);
-        EXPECT_EQ(queue.dequeue(), std::to_string(expected++));
+        pipeline.finishWalk();
+    });
+    std::vector<std::thread> judges;
+    for (int j = 0; j < 3; ++j) {
+        judges.emplace_back([&, j] {
+            VkScanPipeline::Candidate c;
+            while (pipeline.take(c)) {
+                std::this_thread::sleep_for(std::chrono::microseconds(50 * (j + 1)));
+                pipeline.complete(c.seq, VkScanPipeline::Report(c.path));
+            }
+        });
     }
-    producer.join();
+    std::vector<VkScanPipeline::Report> ready;
+    std::vector<std::string> order;
+    while (pipeline.drain(ready)) {
+        for (auto& r : ready)
+            order.push_back(r.path);
+        reported = order.size();
+        ready.clear();
+    }
+    walk.join();
+    for (auto& j : judges)
+        j.join();
+    ASSERT_EQ(order.size(), 200u);
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(order[i], std::to_string(i));
+    // The walk waits at a full window; what the reporter took but has not counted yet adds
+    // at most another window.
+    EXPECT_LE(maxAhead.load(), 2 * 8u + 1u);
 
-    for (int i = 0; i < 4; ++i)
-        ASSERT_TRUE(queue.enqueue("x", stop));
-    std::thread blocked([&] { EXPECT_FALSE(queue.enqueue("overflow", stop)); });
+    VkScanPipeline full(stop, 2, 1);
+    std::vector<VkScanPipeline::Report> two(2);
+    ASSERT_TRUE(full.post(two));
+    std::thread blocked([&] {
+        std::vector<VkScanPipeline::Report> more(1);
+        EXPECT_FALSE(full.post(more));
+    });
     stop = true;
     blocked.join();
-    EXPECT_EQ(queue.count(), 4u);
+    EXPECT_FALSE(full.drain(ready));
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <climits>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
@@ -11,6 +15,8 @@
 #include "center/VkServices.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAntiTrojan.h"
+#include "engine/VkDirectoryWalker.h"
+#include "engine/VkHashCache.h"
 #include "engine/VkTorjanScan.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingCoreFunction.h"
@@ -41,6 +47,47 @@ class BlockingDelegate : public VkRecordingScanDelegate {
     }
 };
 
+// Names every file whose contents are read; may slow each read, or hold the reads until
+// released.
+class HashSpyScan : public VkTorjanScan {
+  public:
+    using VkTorjanScan::VkTorjanScan;
+    std::atomic<bool> jitter{false};
+    std::atomic<bool> hold{false};
+    std::atomic<bool> holding{false};
+    std::atomic<bool> release{false};
+
+    std::multiset<std::string> hashed() const {
+        std::lock_guard lock(mutex_);
+        return hashed_;
+    }
+
+  protected:
+    std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t size) override {
+        char target[PATH_MAX];
+        ssize_t n =
+            ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
+        std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
+        {
+            std::lock_guard lock(mutex_);
+            hashed_.insert(path);
+        }
+        if (hold) {
+            holding = true;
+            while (!release)
+                std::this_thread::yield();
+        }
+        if (jitter)
+            std::this_thread::sleep_for(
+                std::chrono::microseconds(std::hash<std::string>{}(path) % 400));
+        return VkTorjanScan::hashOpenFile(fd, type, size);
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::multiset<std::string> hashed_;
+};
+
 class VkScanWalkTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -55,9 +102,10 @@ class VkScanWalkTest : public ::testing::Test {
         root = ctx->systemRoot;
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
-    std::unique_ptr<VkTorjanScan> scanner() {
-        auto s = std::make_unique<VkTorjanScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
-                                                ctx->pacing, anti);
+    template <class Scan = VkTorjanScan>
+    std::unique_ptr<Scan> scanner() {
+        auto s = std::make_unique<Scan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
+                                        ctx->pacing, anti);
         s->setPaceScans(false);
         s->setRecordLoader([ctx = ctx] { return VkSqliteManager::loadAllRecords(ctx); });
         return s;
@@ -187,6 +235,144 @@ TEST_F(VkScanWalkTest, StopAndRestartAlwaysEndWithTheFinalReport) {
     ASSERT_TRUE(b->waitForEnd(20.0, 2));
     EXPECT_EQ(b->resultPaths(), std::vector<std::string>{file});
     EXPECT_EQ(a->endCount(), 0u);
+}
+
+// Judges finish in any order (their reads take random times); findings and progress still
+// come in the order of the walk, the same with one judge and with four.
+TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
+    const std::string sameSize(sizeof kPayload - 1, 'c');
+    std::set<std::string> planted;
+    for (int i = 0; i < 120; ++i) {
+        std::string rel = "tree/d" + std::to_string(i % 7) + "/f" + std::to_string(i);
+        if (i % 5 == 0)
+            planted.insert(plant(rel));
+        else
+            dir.write("root/" + rel, i % 2 ? sameSize : "small");
+    }
+    std::vector<std::string> walkOrder;
+    std::vector<std::string> hits;
+    VkDirectoryWalker::walk(root + "/tree", [&](const std::string& p) {
+        walkOrder.push_back(p);
+        if (planted.count(p))
+            hits.push_back(p);
+        return true;
+    });
+    for (unsigned jobs : {1u, 4u}) {
+        auto s = scanner<HashSpyScan>();
+        s->jitter = true;
+        s->setJobs(jobs);
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        s->startScan(std::vector<std::string>{root + "/tree"}, d);
+        ASSERT_TRUE(d->waitForEnd()) << jobs;
+        EXPECT_EQ(d->resultPaths(), hits) << jobs;
+        std::vector<std::string> items;
+        for (const auto& p : d->progress()) {
+            if (p.item)
+                items.push_back(*p.item);
+        }
+        EXPECT_EQ(items, walkOrder) << jobs;
+        EXPECT_EQ(d->endCount(), 1u);
+        // Only files of a record's size are read, each once: 24 planted, 48 of the same size.
+        EXPECT_EQ(s->hashed().size(), 72u) << jobs;
+    }
+}
+
+// The first read is held: with one judge the walk is still listing (its room for open files
+// is full), with four the others judge on. A stop then ends the scan with one final report.
+TEST_F(VkScanWalkTest, StopWhileListingAndJudgingEndsWithOneFinalReport) {
+    for (int i = 0; i < 200; ++i)
+        plant("many/f" + std::to_string(i));
+    for (unsigned jobs : {1u, 4u}) {
+        auto s = scanner<HashSpyScan>();
+        s->hold = true;
+        s->setJobs(jobs);
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        s->startScan(std::vector<std::string>{root + "/many"}, d);
+        while (!s->holding)
+            std::this_thread::yield();
+        std::thread stopping([&] { s->stopCurrentScan(); });
+        while (!s->isSearchStop())
+            std::this_thread::yield();
+        s->release = true;
+        stopping.join();
+        EXPECT_TRUE(s->isStopScan());
+        EXPECT_EQ(d->endCount(), 1u) << jobs;
+        auto progress = d->progress();
+        ASSERT_FALSE(progress.empty());
+        EXPECT_FALSE(progress.back().item.has_value());
+        EXPECT_LE(progress.size(), 2u) << "the held file came first in the walk";
+        EXPECT_LT(s->hashed().size(), 200u) << jobs;
+    }
+}
+
+// A kept hash spares the read only while the file's identity and times stand: contents
+// rewritten in place with the old modification time restored, or a new file renamed over
+// the old, are read again. A cache file that is corrupt or missing is rebuilt unnoticed.
+TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
+    const std::string clean(sizeof kPayload - 1, 'c');
+    const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
+    std::string kept = plant("c/kept.bin");
+    std::string inPlace = dir.write("root/c/inplace.bin", clean);
+    std::string swapped = dir.write("root/c/swapped.bin", clean);
+    std::string gone = dir.write("root/c/gone.bin", clean);
+    auto scanOnce = [&](std::set<std::string>& hashed) {
+        auto s = scanner<HashSpyScan>();
+        s->setHashCache(std::make_shared<VkHashCache>(cachePath, 100, std::chrono::seconds(0)));
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        s->startScan(std::vector<std::string>{root + "/c"}, d);
+        EXPECT_TRUE(d->waitForEnd());
+        auto all = s->hashed();
+        hashed = std::set<std::string>(all.begin(), all.end());
+        auto found = d->resultPaths();
+        return std::set<std::string>(found.begin(), found.end());
+    };
+    std::set<std::string> hashed;
+    EXPECT_EQ(scanOnce(hashed), std::set<std::string>{kept});
+    EXPECT_EQ(hashed, (std::set<std::string>{kept, inPlace, swapped, gone}));
+    struct stat cacheStat {};
+    ASSERT_EQ(::stat(cachePath.c_str(), &cacheStat), 0);
+    EXPECT_EQ(cacheStat.st_mode & 0777, 0600u);
+
+    auto rewriteKeepingMtime = [&](const std::string& path, const std::string& bytes,
+                                   bool newInode) {
+        struct stat old {};
+        struct stat now {};
+        ASSERT_EQ(::lstat(path.c_str(), &old), 0);
+        do {  // until the status-change time has moved on (the clock ticks coarsely)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (newInode)
+                fs::rename(dir.write("root/c/.new", bytes), path);
+            else
+                dir.write("root/c/" + fs::path(path).filename().string(), bytes);
+            timespec times[2] = {old.st_atim, old.st_mtim};
+            ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+            ASSERT_EQ(::lstat(path.c_str(), &now), 0);
+        } while (now.st_ctim.tv_sec == old.st_ctim.tv_sec &&
+                 now.st_ctim.tv_nsec == old.st_ctim.tv_nsec);
+        EXPECT_EQ(now.st_size, old.st_size);
+        EXPECT_EQ(now.st_mtim.tv_nsec, old.st_mtim.tv_nsec);
+        EXPECT_EQ(newInode, now.st_ino != old.st_ino);
+    };
+    rewriteKeepingMtime(inPlace, kPayload, false);  // now infected, size and mtime unchanged
+    rewriteKeepingMtime(swapped, clean, true);
+    ASSERT_EQ(::unlink(gone.c_str()), 0);
+    EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
+    EXPECT_EQ(hashed, (std::set<std::string>{inPlace, swapped}));
+    EXPECT_EQ(VkHashCache(cachePath).entryCount(), 3u) << "the vanished file is forgotten";
+
+    for (bool corrupt : {true, false}) {
+        SCOPED_TRACE(corrupt ? "corrupt" : "missing");
+        if (corrupt) {
+            dir.write("cache/" + std::string(VkHashCache::kFileName), std::string(8192, 'Z'));
+        } else {
+            for (const char* suffix : {"", "-wal", "-shm"})
+                ::unlink((cachePath + suffix).c_str());
+        }
+        EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
+        EXPECT_EQ(hashed.size(), 3u);
+        EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
+        EXPECT_TRUE(hashed.empty()) << "rebuilt and used again";
+    }
 }
 
 // DevilRobber's program matches by prefix; here it is a folder, which is not reported. A

@@ -25,15 +25,13 @@ class CountingScan : public VkTorjanScan {
     using VkTorjanScan::VkTorjanScan;
 
     struct HashCall {
-        std::string path;
         int32_t type;
         uint64_t size;
     };
 
-    std::optional<std::string> hashCodeWithPath(const std::string& path, int32_t item,
-                                                uint64_t size) override {
-        hashCalls.push_back({path, item, size});
-        return VkTorjanScan::hashCodeWithPath(path, item, size);
+    std::optional<std::string> hashOpenFile(int fd, int32_t item, uint64_t size) override {
+        hashCalls.push_back({item, size});
+        return VkTorjanScan::hashOpenFile(fd, item, size);
     }
     size_t wholeHashes() const {
         return std::count_if(hashCalls.begin(), hashCalls.end(),

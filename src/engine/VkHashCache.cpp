@@ -1,0 +1,409 @@
+#include "engine/VkHashCache.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <set>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Compared word for word with what an opened file holds: anything else (another program's
+// table, a trigger, a view) makes the file a foreign one, replaced rather than trusted.
+const char* const kHashesTable =
+    "CREATE TABLE hashes(device INTEGER NOT NULL, inode INTEGER NOT NULL, type INTEGER NOT "
+    "NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL, ctime INTEGER NOT NULL, head TEXT, "
+    "whole TEXT, path BLOB NOT NULL, PRIMARY KEY(device, inode, type))";
+const char* const kSweepTable =
+    "CREATE TABLE sweep(id INTEGER PRIMARY KEY CHECK(id = 0), next INTEGER NOT NULL)";
+const std::set<std::string> kSchemaNames = {"hashes", "sqlite_autoindex_hashes_1", "sweep"};
+
+// A slice of the entries is checked for vanished files at each prune; a full scan's own
+// work dwarfs this many attribute reads.
+constexpr int kSweepSlice = 1024;
+// Writes are committed in batches; each commit of a WAL file costs no sync.
+constexpr size_t kBatch = 512;
+// A busy file (another scan is writing) is waited for this long, then left alone.
+constexpr int kBusyMilliseconds = 50;
+// A file that could not be opened is tried again after this long.
+constexpr std::chrono::seconds kRetryOpen{60};
+
+int64_t nanoseconds(const timespec& t) {
+    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+bool isCorruption(int rc) {
+    rc &= 0xFF;
+    return rc == SQLITE_CORRUPT || rc == SQLITE_NOTADB;
+}
+
+// Hash text as the hash facility writes it: lower-case hex of a known digest length.
+bool plausibleHash(const unsigned char* text, int length) {
+    if (!text || (length != 32 && length != 40 && length != 64))
+        return false;
+    for (int i = 0; i < length; ++i) {
+        unsigned char c = text[i];
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')))
+            return false;
+    }
+    return true;
+}
+
+std::optional<std::string> hashColumn(sqlite3_stmt* stmt, int column) {
+    if (sqlite3_column_type(stmt, column) != SQLITE_TEXT)
+        return std::nullopt;
+    const unsigned char* text = sqlite3_column_text(stmt, column);
+    int length = sqlite3_column_bytes(stmt, column);
+    if (!plausibleHash(text, length))
+        return std::nullopt;
+    return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(length));
+}
+
+bool exec(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+}  // namespace
+
+VkFileStamp VkFileStamp::of(const struct stat& st) {
+    VkFileStamp stamp;
+    stamp.device = static_cast<uint64_t>(st.st_dev);
+    stamp.inode = static_cast<uint64_t>(st.st_ino);
+    stamp.size = static_cast<uint64_t>(st.st_size);
+#ifdef __APPLE__
+    stamp.mtime = nanoseconds(st.st_mtimespec);
+    stamp.ctime = nanoseconds(st.st_ctimespec);
+#else
+    stamp.mtime = nanoseconds(st.st_mtim);
+    stamp.ctime = nanoseconds(st.st_ctim);
+#endif
+    return stamp;
+}
+
+VkHashCache::VkHashCache(std::string path, size_t maxEntries, std::chrono::nanoseconds settle)
+    : path_(std::move(path)), maxEntries_(maxEntries == 0 ? 1 : maxEntries), settle_(settle) {}
+
+VkHashCache::~VkHashCache() {
+    std::lock_guard lock(mutex_);
+    closeLocked();
+}
+
+void VkHashCache::closeLocked() {
+    commitLocked();
+    find_.finalize();
+    store_.finalize();
+    db_.reset();
+    if (broken_) {
+        // Rebuilt from nothing at the next open.
+        for (const char* suffix : {"", "-wal", "-shm"})
+            ::unlink((path_ + suffix).c_str());
+        broken_ = false;
+    }
+}
+
+void VkHashCache::noteErrorLocked(int rc) {
+    if (isCorruption(rc))
+        broken_ = true;
+}
+
+bool VkHashCache::openLocked() {
+    if (db_ && !broken_)
+        return true;
+    if (broken_)
+        closeLocked();
+    auto now = std::chrono::steady_clock::now();
+    if (now < nextOpen_)
+        return false;
+    // A file that is no cache of ours is replaced once; a second failure (a read-only
+    // folder, a busy file) waits for the next attempt.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (tryOpenLocked())
+            return true;
+        if (!broken_)
+            break;
+        closeLocked();
+    }
+    closeLocked();
+    nextOpen_ = now + kRetryOpen;
+    return false;
+}
+
+bool VkHashCache::tryOpenLocked() {
+    // Created owner-only before SQLite sees it (its journal files copy this mode); a link
+    // in its place is refused, not followed.
+    VkFd made(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    struct stat st {};
+    if (!made.valid() || ::fstat(made.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    if ((st.st_mode & 0777) != 0600 && ::fchmod(made.get(), 0600) != 0)
+        return false;
+    made.reset();
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path_.c_str(), &raw,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             nullptr);
+    db_.reset(raw);
+    if (rc != SQLITE_OK)
+        return false;
+    sqlite3* db = db_.get();
+    // What a hostile file could carry is not run.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    sqlite3_busy_timeout(db, kBusyMilliseconds);
+
+    // An empty file becomes a cache; anything else must be one already.
+    VkSqliteStatement schema;
+    rc = sqlite3_prepare_v2(db, "SELECT name, sql FROM sqlite_schema", -1, schema.out(), nullptr);
+    bool foreign = false;
+    bool haveHashes = false;
+    bool haveSweep = false;
+    if (rc == SQLITE_OK)
+        rc = SQLITE_ROW;
+    while (rc == SQLITE_ROW && (rc = sqlite3_step(schema.get())) == SQLITE_ROW) {
+        auto text = [&](int column) {
+            const unsigned char* p = sqlite3_column_text(schema.get(), column);
+            return p ? std::string(reinterpret_cast<const char*>(p)) : std::string();
+        };
+        std::string name = text(0);
+        std::string sql = text(1);
+        haveHashes = haveHashes || (name == "hashes" && sql == kHashesTable);
+        haveSweep = haveSweep || (name == "sweep" && sql == kSweepTable);
+        foreign = foreign || !kSchemaNames.count(name) ||
+                  (name == "hashes" && sql != kHashesTable) ||
+                  (name == "sweep" && sql != kSweepTable);
+    }
+    schema.finalize();
+    if (rc != SQLITE_DONE || foreign || haveHashes != haveSweep) {
+        // Not ours or unreadable: replaced, unless someone else merely holds it.
+        if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED)
+            broken_ = true;
+        return false;
+    }
+    if (!exec(db, "PRAGMA journal_mode=WAL") || !exec(db, "PRAGMA synchronous=NORMAL"))
+        return false;
+    if (!haveHashes) {
+        std::string create = std::string(kHashesTable) + ";" + kSweepTable + ";";
+        if (!exec(db, create.c_str()))
+            return false;
+    }
+    rc = sqlite3_prepare_v2(db,
+                            "SELECT size, mtime, ctime, head, whole FROM hashes WHERE device = ? "
+                            "AND inode = ? AND type = ?",
+                            -1, find_.out(), nullptr);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_prepare_v2(db,
+                                "INSERT OR REPLACE INTO hashes(device, inode, type, size, mtime, "
+                                "ctime, head, whole, path) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                                -1, store_.out(), nullptr);
+    if (rc != SQLITE_OK) {
+        noteErrorLocked(rc);
+        return false;
+    }
+    return true;
+}
+
+VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
+    std::lock_guard lock(mutex_);
+    Hashes found;
+    if (!openLocked())
+        return found;
+    // Lookups share one read transaction per batch: each one on its own would take and
+    // drop the file's locks, two system calls per file.
+    if (!inTransaction_ && exec(db_.get(), "BEGIN"))
+        inTransaction_ = true;
+    if (inTransaction_ && ++pending_ >= kBatch)
+        commitLocked();
+    sqlite3_stmt* stmt = find_.get();
+    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
+    sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(stamp.inode));
+    sqlite3_bind_int(stmt, 3, type);
+    int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW && static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)) == stamp.size &&
+        sqlite3_column_int64(stmt, 1) == stamp.mtime &&
+        sqlite3_column_int64(stmt, 2) == stamp.ctime) {
+        found.head = hashColumn(stmt, 3);
+        found.whole = hashColumn(stmt, 4);
+    } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        noteErrorLocked(rc);
+    }
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    return found;
+}
+
+void VkHashCache::remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+                           const std::string& path) {
+    if (!hashes.head && !hashes.whole)
+        return;
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    int64_t settled = nanoseconds(now) - settle_.count();
+    if (stamp.mtime > settled || stamp.ctime > settled)
+        return;
+    std::lock_guard lock(mutex_);
+    if (!openLocked())
+        return;
+    if (inTransaction_ && !writing_)
+        commitLocked();  // a read transaction cannot always become a write one
+    if (!inTransaction_) {
+        if (!exec(db_.get(), "BEGIN IMMEDIATE"))
+            return;  // busy: another scan is writing; this entry waits for a later scan
+        inTransaction_ = true;
+        writing_ = true;
+    }
+    sqlite3_stmt* stmt = store_.get();
+    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
+    sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(stamp.inode));
+    sqlite3_bind_int(stmt, 3, type);
+    sqlite3_bind_int64(stmt, 4, static_cast<sqlite3_int64>(stamp.size));
+    sqlite3_bind_int64(stmt, 5, stamp.mtime);
+    sqlite3_bind_int64(stmt, 6, stamp.ctime);
+    auto bindHash = [&](int index, const std::optional<std::string>& hash) {
+        if (hash)
+            sqlite3_bind_text(stmt, index, hash->data(), static_cast<int>(hash->size()),
+                              SQLITE_TRANSIENT);
+        else
+            sqlite3_bind_null(stmt, index);
+    };
+    bindHash(7, hashes.head);
+    bindHash(8, hashes.whole);
+    sqlite3_bind_blob(stmt, 9, path.data(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
+    int rc = sqlite3_step(stmt);
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    if (rc != SQLITE_DONE) {
+        noteErrorLocked(rc);
+        return;
+    }
+    if (++pending_ >= kBatch)
+        commitLocked();
+}
+
+void VkHashCache::commitLocked() {
+    if (!inTransaction_ || !db_)
+        return;
+    if (!exec(db_.get(), "COMMIT"))
+        exec(db_.get(), "ROLLBACK");
+    inTransaction_ = false;
+    writing_ = false;
+    pending_ = 0;
+}
+
+void VkHashCache::flush() {
+    std::lock_guard lock(mutex_);
+    commitLocked();
+    if (broken_)
+        closeLocked();
+}
+
+void VkHashCache::prune() {
+    std::lock_guard lock(mutex_);
+    commitLocked();
+    if (openLocked())
+        pruneLocked();
+    if (broken_)
+        closeLocked();
+}
+
+void VkHashCache::pruneLocked() {
+    sqlite3* db = db_.get();
+    if (!exec(db, "BEGIN IMMEDIATE"))
+        return;
+    // Vanished files: a slice of the entries after where the last prune stopped.
+    sqlite3_int64 next = 0;
+    {
+        VkSqliteStatement cursor;
+        if (sqlite3_prepare_v2(db, "SELECT next FROM sweep WHERE id = 0", -1, cursor.out(),
+                               nullptr) == SQLITE_OK &&
+            sqlite3_step(cursor.get()) == SQLITE_ROW)
+            next = sqlite3_column_int64(cursor.get(), 0);
+    }
+    std::vector<sqlite3_int64> gone;
+    sqlite3_int64 last = 0;
+    int seen = 0;
+    VkSqliteStatement slice;
+    int rc = sqlite3_prepare_v2(db,
+                                "SELECT rowid, device, inode, path FROM hashes WHERE rowid > ? "
+                                "ORDER BY rowid LIMIT ?",
+                                -1, slice.out(), nullptr);
+    if (rc == SQLITE_OK) {
+        sqlite3_bind_int64(slice.get(), 1, next);
+        sqlite3_bind_int(slice.get(), 2, kSweepSlice);
+        while ((rc = sqlite3_step(slice.get())) == SQLITE_ROW) {
+            ++seen;
+            last = sqlite3_column_int64(slice.get(), 0);
+            const void* bytes = sqlite3_column_blob(slice.get(), 3);
+            std::string path(static_cast<const char*>(bytes),
+                             static_cast<size_t>(sqlite3_column_bytes(slice.get(), 3)));
+            // Only looked at, never opened or followed.
+            struct stat st {};
+            bool present = !path.empty() && path.find('\0') == std::string::npos &&
+                           ::lstat(path.c_str(), &st) == 0 &&
+                           static_cast<uint64_t>(st.st_dev) ==
+                               static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 1)) &&
+                           static_cast<uint64_t>(st.st_ino) ==
+                               static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 2));
+            if (!present)
+                gone.push_back(last);
+        }
+    }
+    noteErrorLocked(rc);
+    slice.finalize();
+    VkSqliteStatement drop;
+    if (!gone.empty() && sqlite3_prepare_v2(db, "DELETE FROM hashes WHERE rowid = ?", -1,
+                                            drop.out(), nullptr) == SQLITE_OK) {
+        for (sqlite3_int64 rowid : gone) {
+            sqlite3_bind_int64(drop.get(), 1, rowid);
+            sqlite3_step(drop.get());
+            sqlite3_reset(drop.get());
+        }
+    }
+    drop.finalize();
+    // The next prune goes on after this slice, or from the start once it reached the end.
+    VkSqliteStatement save;
+    if (sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO sweep(id, next) VALUES(0, ?)", -1,
+                           save.out(), nullptr) == SQLITE_OK) {
+        sqlite3_bind_int64(save.get(), 1, seen < kSweepSlice ? 0 : last);
+        sqlite3_step(save.get());
+    }
+    save.finalize();
+    // Beyond the bound the oldest entries go (a replaced entry is stored anew, so row order
+    // is storing order), down to nine tenths so that pruning is not needed at every scan.
+    VkSqliteStatement count;
+    sqlite3_int64 entries = 0;
+    if (sqlite3_prepare_v2(db, "SELECT count(*) FROM hashes", -1, count.out(), nullptr) ==
+            SQLITE_OK &&
+        sqlite3_step(count.get()) == SQLITE_ROW)
+        entries = sqlite3_column_int64(count.get(), 0);
+    count.finalize();
+    if (static_cast<uint64_t>(entries) > maxEntries_) {
+        VkSqliteStatement trim;
+        if (sqlite3_prepare_v2(db,
+                               "DELETE FROM hashes WHERE rowid IN (SELECT rowid FROM hashes "
+                               "ORDER BY rowid LIMIT ?)",
+                               -1, trim.out(), nullptr) == SQLITE_OK) {
+            sqlite3_bind_int64(
+                trim.get(), 1,
+                entries - static_cast<sqlite3_int64>(maxEntries_ - maxEntries_ / 10));
+            noteErrorLocked(sqlite3_step(trim.get()));
+        }
+    }
+    if (!exec(db, "COMMIT"))
+        exec(db, "ROLLBACK");
+}
+
+size_t VkHashCache::entryCount() {
+    std::lock_guard lock(mutex_);
+    commitLocked();
+    if (!openLocked())
+        return 0;
+    VkSqliteStatement count;
+    if (sqlite3_prepare_v2(db_.get(), "SELECT count(*) FROM hashes", -1, count.out(), nullptr) !=
+            SQLITE_OK ||
+        sqlite3_step(count.get()) != SQLITE_ROW)
+        return 0;
+    return static_cast<size_t>(sqlite3_column_int64(count.get(), 0));
+}

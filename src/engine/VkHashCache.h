@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+
+#include "platform/VkSqliteHandle.h"
+
+// Who a file is and how it stood when it was hashed: device, inode, size, and the
+// modification and status-change times in nanoseconds.
+struct VkFileStamp {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    uint64_t size = 0;
+    int64_t mtime = 0;
+    int64_t ctime = 0;
+
+    static VkFileStamp of(const struct stat& st);
+    bool operator==(const VkFileStamp&) const = default;
+};
+
+// The head and whole-file hashes of files judged before, kept in an owner-only SQLite file
+// of the data folder, so that a file scanned again unchanged is not read again.
+//
+// What it trusts: an entry is used only while the file's device, inode, size, modification
+// and status-change times are all exactly those it was hashed with. Anyone may set a
+// modification time, but the status-change time is set by the kernel at every change
+// (contents, times, owner, links) and only a change of the system clock can forge it.
+// Verdicts are never cached, only hashes, so a new signature database needs no invalidation.
+// The file is written by this user's processes only; one of them that writes it could as
+// well edit the signature databases and the trust list beside it, so it grants nothing new:
+// the worst an entry can do is spare the read of a file whose identity and times it names.
+//
+// Best effort throughout: an unreadable, foreign or corrupt file is replaced silently, a
+// busy one is left alone and the scan goes without. Safe to use from several threads.
+class VkHashCache {
+  public:
+    static constexpr const char* kFileName = "HashCache.db";
+    static constexpr size_t kDefaultMaxEntries = 500000;
+    // Files changed this recently are not kept: a write within the same clock tick as the
+    // hashing would leave the times unchanged and the stored hash stale.
+    static constexpr std::chrono::seconds kDefaultSettle{2};
+
+    struct Hashes {
+        std::optional<std::string> head;
+        std::optional<std::string> whole;
+    };
+
+    explicit VkHashCache(std::string path, size_t maxEntries = kDefaultMaxEntries,
+                         std::chrono::nanoseconds settle = kDefaultSettle);
+    ~VkHashCache();
+    VkHashCache(const VkHashCache&) = delete;
+    VkHashCache& operator=(const VkHashCache&) = delete;
+
+    // The hashes of type `type` kept for a file standing exactly as `stamp` says; empty
+    // when there are none.
+    Hashes find(const VkFileStamp& stamp, int32_t type);
+    // Keeps the hashes of a file that stood as `stamp` says before and after they were
+    // computed; `path` is kept only to find vanished files later.
+    void remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+                  const std::string& path);
+    // Writes what is pending.
+    void flush();
+    // Writes what is pending, forgets files that vanished (a slice of the entries each time)
+    // and the oldest entries beyond the bound.
+    void prune();
+    // Entries now in the file (0 when it cannot be opened).
+    size_t entryCount();
+
+  private:
+    bool openLocked();
+    bool tryOpenLocked();
+    void closeLocked();
+    void commitLocked();
+    void noteErrorLocked(int rc);
+    void pruneLocked();
+
+    const std::string path_;
+    const size_t maxEntries_;
+    const std::chrono::nanoseconds settle_;
+    std::mutex mutex_;
+    VkSqliteDb db_;
+    VkSqliteStatement find_;
+    VkSqliteStatement store_;
+    bool inTransaction_ = false;
+    bool writing_ = false;
+    size_t pending_ = 0;
+    bool broken_ = false;  // a corruption was met: the file is replaced at the next open
+    std::chrono::steady_clock::time_point nextOpen_{};
+};
