@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/VkContainedFs.h"
+#include "platform/VkHandle.h"
 #include "platform/VkHashValue.h"
 #include "support/VkCrypt.h"
 
@@ -69,6 +70,43 @@ bool sameHash(const std::optional<std::string>& a, const std::optional<std::stri
     return a && b && *a == *b;
 }
 
+// The first record in list order that contents of this size match, hashes read through
+// hashes: the rule files on disk and members of archives are judged by. nullptr for no
+// match, or when a hash that reached the trust test is trusted.
+std::shared_ptr<VkTorjanItem> matchRecords(const VkTorjanRecordList& records, uint64_t size,
+                                           JudgmentHashes& hashes) {
+    // Hash types whose whole-file hash has reached the trust test so far, in order.
+    std::vector<int32_t> reachedTrust;
+    for (const std::shared_ptr<VkTorjanItem>& record : records.recordsOfSize(size)) {
+        int32_t type = record->hashValueType();
+        const std::optional<std::string>* whole = nullptr;
+        if (size < VkTorjanScan::kHeadLength + 1) {
+            whole = &hashes.whole(type);
+        } else {
+            if (!sameHash(hashes.head(type), record->headeCode()))
+                continue;
+            whole = &hashes.whole(type);
+        }
+        // A missing hash is never on the trust list.
+        if (*whole &&
+            std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
+            reachedTrust.push_back(type);
+        if (!sameHash(*whole, record->TorjanCode()))
+            continue;
+        // The trust test comes before the comparison on purpose: a trusted path and
+        // contents end the search even where this record would not have matched. Without
+        // any match the answer is nothing whether trusted or not, so the trust list is read
+        // only once a record matches, and then asked for every hash that reached the test up
+        // to here, which gives the answer the record-by-record order gives.
+        for (int32_t reached : reachedTrust) {
+            if (hashes.trusted(reached, *hashes.whole(reached)))
+                return nullptr;
+        }
+        return record;
+    }
+    return nullptr;
+}
+
 std::optional<std::string> decipheredField(const VkPlist& entry, const char* key) {
     const std::string* text = entry.getString(key);
     if (!text)
@@ -123,7 +161,90 @@ std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& pa
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
-    return judgeFile({AT_FDCWD, path, path}, nullptr, std::move(trojanArray));
+    std::shared_ptr<const VkTorjanRecordList> records = trojanArray ? trojanArray : torjanItems();
+    FileRef file{AT_FDCWD, path, path};
+    auto result = judgeFile(file, nullptr, records);
+    if (result || !wantsArchive(file))
+        return result;
+    // One answer only here: the first member found.
+    ArchiveOutcome outcome = judgeArchive(file, *records);
+    return outcome.findings.empty() ? nullptr : outcome.findings.front();
+}
+
+bool VkTorjanScan::judgeArchives() const {
+    if (!judgeArchives_.load())
+        return false;
+    std::optional<VkPlist> setting =
+        userDefaults_ ? userDefaults_->objectForKey(kScanArchivesKey) : std::nullopt;
+    return !setting || setting->asBool().value_or(true);
+}
+
+void VkTorjanScan::setArchiveLimits(const VkArchiveLimits& limits) {
+    std::lock_guard lock(archiveLimitsMutex_);
+    archiveLimits_ = limits;
+}
+
+void VkTorjanScan::setPathFilter(PathFilter skip) {
+    std::lock_guard lock(archiveLimitsMutex_);
+    pathFilter_ = std::move(skip);
+}
+
+bool VkTorjanScan::wantsArchive(const FileRef& file) const {
+    return file.path.rfind("/dev/", 0) != 0 && VkArchiveJudge::looksLikeArchive(file.name) &&
+           judgeArchives();
+}
+
+VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(const FileRef& file,
+                                                        const VkTorjanRecordList& records) {
+    ArchiveOutcome outcome;
+    VkFd fd(
+        ::openat(file.folderFd, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) {
+        int error = errno != 0 ? errno : EIO;
+        outcome.notExamined.push_back(
+            {file.path,
+             error == ENOENT ? VkNotExamined::Reason::vanished : VkNotExamined::Reason::unreadable,
+             error});
+        return outcome;
+    }
+    if (!S_ISREG(st.st_mode))
+        return outcome;
+    VkArchiveLimits limits;
+    {
+        std::lock_guard lock(archiveLimitsMutex_);
+        limits = archiveLimits_;
+    }
+    VkArchiveJudge::Records lookups{
+        [&records](uint64_t size) { return !records.recordsOfSize(size).empty(); },
+        [&records](uint64_t size, const VkArchiveJudge::Hasher& hasher) {
+            // Trust binds the archive as a whole, asked below; members are never trusted.
+            JudgmentHashes hashes(hasher, [](const std::string&) { return false; });
+            return matchRecords(records, size, hashes);
+        }};
+    VkArchiveReport report =
+        VkArchiveJudge(lookups, limits).judge(fd.get(), file.name, &isSearchStop_);
+    archiveMembers_.fetch_add(report.members);
+    archiveMembersDecompressed_.fetch_add(report.membersDecompressed);
+    for (const VkArchiveSkip& skip : report.notExamined) {
+        outcome.notExamined.emplace_back(file.path, VkNotExamined::Reason::archive, 0, skip.member,
+                                         skip.reasonText());
+    }
+    if (report.findings.empty())
+        return outcome;
+    // What the user trusts, removes or quarantines is the file: its path and whole hash.
+    std::optional<std::string> archiveHash = hashAt(file, 0, 0);
+    if (archiveHash && checkTrustFile(file.path, *archiveHash))
+        return {};
+    for (const VkArchiveFinding& finding : report.findings) {
+        auto result = std::make_shared<VkTorjanResultItems>();
+        result->setPath(file.path);
+        result->setTorjanItem(finding.record);
+        result->setMember(finding.member);
+        result->setHashCode(archiveHash);
+        outcome.findings.push_back(std::move(result));
+    }
+    return outcome;
 }
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
@@ -173,39 +294,13 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeFile(
                 *out = hashes.failure;
         }
     } failureOut{hashes, failure};
-    // Hash types whose whole-file hash has reached the trust test so far, in order.
-    std::vector<int32_t> reachedTrust;
-    for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
-        int32_t type = record->hashValueType();
-        const std::optional<std::string>* whole = nullptr;
-        if (size < kHeadLength + 1) {
-            whole = &hashes.whole(type);
-        } else {
-            if (!sameHash(hashes.head(type), record->headeCode()))
-                continue;
-            whole = &hashes.whole(type);
-        }
-        // A missing hash is never on the trust list.
-        if (*whole &&
-            std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
-            reachedTrust.push_back(type);
-        if (!sameHash(*whole, record->TorjanCode()))
-            continue;
-        // The trust test comes before the comparison on purpose: a trusted path and
-        // contents end the search even where this record would not have matched. Without
-        // any match the answer is nothing whether trusted or not, so the trust list is read
-        // only once a record matches, and then asked for every hash that reached the test up
-        // to here, which gives the answer the record-by-record order gives.
-        for (int32_t reached : reachedTrust) {
-            if (hashes.trusted(reached, *hashes.whole(reached)))
-                return nullptr;
-        }
-        auto result = std::make_shared<VkTorjanResultItems>();
-        result->setPath(path);
-        result->setTorjanItem(record);
-        return result;
-    }
-    return nullptr;
+    std::shared_ptr<VkTorjanItem> record = matchRecords(*records, size, hashes);
+    if (!record)
+        return nullptr;
+    auto result = std::make_shared<VkTorjanResultItems>();
+    result->setPath(path);
+    result->setTorjanItem(record);
+    return result;
 }
 
 bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
@@ -256,6 +351,8 @@ std::string VkNotExamined::reasonText() const {
             return "a symbolic link (not followed)";
         case Reason::device:
             return "below /dev (never opened)";
+        case Reason::archive:
+            return detail;
         case Reason::vanished:
         case Reason::unreadable:
             break;

@@ -10,8 +10,10 @@
 #include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "engine/VkArchiveJudge.h"
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanResultItems.h"
@@ -29,10 +31,22 @@ struct VkNotExamined {
         notRegularFile,  // a path handed to the scan that is no file or folder (a FIFO, ...)
         symbolicLink,    // a path handed to the scan that is a link to no folder
         device,          // below /dev: never opened
+        archive,         // an archive, or a member of it, that was not (fully) examined
     };
+    VkNotExamined() = default;
+    VkNotExamined(std::string path_, Reason reason_, int error_ = 0, std::string member_ = {},
+                  std::string detail_ = {})
+        : path(std::move(path_)),
+          reason(reason_),
+          error(error_),
+          member(std::move(member_)),
+          detail(std::move(detail_)) {}
     std::string path;
     Reason reason = Reason::unreadable;
     int error = 0;  // errno of the failure, 0 when there is none
+    // For an archive: the member inside path (empty: the archive itself) and why.
+    std::string member;
+    std::string detail;
 
     // "Permission denied", "No such file or directory", "not a regular file", ...
     std::string reasonText() const;
@@ -147,6 +161,23 @@ class VkTorjanScan {
     // Paths of the running or last walk reported through scanNotExamined.
     uint64_t notExaminedCount() const { return notExamined_.load(); }
 
+    // ---- Archives ----
+
+    // The user-defaults key that turns the judging of archive members off (false); absent
+    // means on.
+    static constexpr const char* kScanArchivesKey = "ScanArchives";
+    // Members of archives are judged when this is on (the default) and the setting allows.
+    void setJudgeArchives(bool on) { judgeArchives_.store(on); }
+    bool judgeArchives() const;
+    void setArchiveLimits(const VkArchiveLimits& limits);
+    // Paths of a walk for which skip answers true are neither judged nor counted (the
+    // user's exclusions); none by default.
+    using PathFilter = std::function<bool(const std::string& path)>;
+    void setPathFilter(PathFilter skip);
+    // Members seen in archives, and of them decompressed, by the running or last walk.
+    uint64_t archiveMembers() const { return archiveMembers_.load(); }
+    uint64_t archiveMembersDecompressed() const { return archiveMembersDecompressed_.load(); }
+
     // The worker body, the file walk and the quick stage.
     void scanByQuery(bool withQuickStage);
     void scanBaseItem();
@@ -187,6 +218,15 @@ class VkTorjanScan {
         const FileRef& file, const struct stat* knownAttributes,
         std::shared_ptr<const VkTorjanRecordList> trojanArray, int* failure = nullptr);
     std::optional<std::string> hashAt(const FileRef& file, int32_t type, uint64_t size);
+    // The members of the archive file: a result for each member found (path the file,
+    // member beside it) and what could not be examined. Trust binds the file's path and
+    // whole hash.
+    struct ArchiveOutcome {
+        std::vector<std::shared_ptr<VkTorjanResultItems>> findings;
+        std::vector<VkNotExamined> notExamined;
+    };
+    ArchiveOutcome judgeArchive(const FileRef& file, const VkTorjanRecordList& records);
+    bool wantsArchive(const FileRef& file) const;
     bool attributesAt(const FileRef& file, struct stat& attributes);
     // Judges one dequeued path of a walk; reports what could not be examined.
     void judgeWalkedPath(const std::string& path, VkTorjanScanDelegate* scanDelegate);
@@ -214,6 +254,12 @@ class VkTorjanScan {
     std::atomic<bool> paceScans_{true};
     std::atomic<uint64_t> filesJudged_{0};
     std::atomic<uint64_t> notExamined_{0};
+    std::atomic<bool> judgeArchives_{true};
+    std::atomic<uint64_t> archiveMembers_{0};
+    std::atomic<uint64_t> archiveMembersDecompressed_{0};
+    PathFilter pathFilter_;
+    mutable std::mutex archiveLimitsMutex_;
+    VkArchiveLimits archiveLimits_;
 
     mutable std::mutex delegateMutex_;
     std::shared_ptr<VkTorjanScanDelegate> scanDeleaget_;

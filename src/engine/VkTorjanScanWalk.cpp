@@ -109,6 +109,8 @@ void VkTorjanScan::startScan(const std::optional<std::vector<std::string>>& path
     searchIndex_.store(0);
     filesJudged_.store(0);
     notExamined_.store(0);
+    archiveMembers_.store(0);
+    archiveMembersDecompressed_.store(0);
     scanRunning_.store(true);
     bool withQuickStage = !paths.has_value();
     scanThread_ = std::thread([this, withQuickStage] {
@@ -170,13 +172,23 @@ void VkTorjanScan::judgeWalkedPath(const std::string& path, VkTorjanScanDelegate
     }
     bool reuse = known && !needDelay();
     int failure = 0;
-    auto result = judgeFile(file, reuse ? &attributes : nullptr, nullptr, &failure);
+    auto records = torjanItems();
+    auto result = judgeFile(file, reuse ? &attributes : nullptr, records, &failure);
     if (result) {
         if (scanDelegate)
             scanDelegate->addTorjanPath(result);
     } else if (failure != 0) {
         reportNotExamined(
             {path, failure == ENOENT ? Reason::vanished : Reason::unreadable, failure});
+    } else if (S_ISREG(attributes.st_mode) && wantsArchive(file)) {
+        // An archive is opened whatever its own size: its members are judged one by one.
+        ArchiveOutcome outcome = judgeArchive(file, *records);
+        for (const auto& found : outcome.findings) {
+            if (scanDelegate)
+                scanDelegate->addTorjanPath(found);
+        }
+        for (auto& skipped : outcome.notExamined)
+            reportNotExamined(std::move(skipped));
     }
 }
 
@@ -195,6 +207,11 @@ void VkTorjanScan::scanBaseItem() {
     if (struct stat data{}; ::stat(dataFolder_.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
     const std::string dataPrefix = dataFolder_ + "/";
+    PathFilter skip;
+    {
+        std::lock_guard lock(archiveLimitsMutex_);
+        skip = pathFilter_;
+    }
 
     std::thread producer([&] {
         for (const auto& root : roots) {
@@ -215,14 +232,15 @@ void VkTorjanScan::scanBaseItem() {
                     reportNotExamined({root, Reason::notRegularFile, 0});
                 } else if (!isDir) {
                     bool ours = !dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0;
-                    if (!ours && queue.enqueue(root, isSearchStop_))
+                    if (!ours && !(skip && skip(root)) && queue.enqueue(root, isSearchStop_))
                         total.fetch_add(1);
                 }
                 if (isDir) {
                     VkDirectoryWalker::walk(
                         root,
                         [&](const std::string& path) {
-                            if (!(fullScan && path.rfind(volumes, 0) == 0)) {
+                            if (!(fullScan && path.rfind(volumes, 0) == 0) &&
+                                !(skip && skip(path))) {
                                 if (!queue.enqueue(path, isSearchStop_))
                                     return false;
                                 total.fetch_add(1);
