@@ -25,6 +25,10 @@ constexpr size_t kBlock = 64 * 1024;
 constexpr int32_t kHashTypes = 3;
 // Non-examinations reported one by one per archive; the rest are counted in one entry.
 constexpr size_t kMaxReports = 32;
+// A 7z can only be read with seeking: one inside another archive is held in memory up to
+// this size (once per nesting level), larger ones are reported unexamined.
+constexpr uint64_t kMaxHeldNested = 16u << 20;
+constexpr uint8_t k7zMagic[4] = {'7', 'z', 0xBC, 0xAF};
 
 const char* const kArchiveSuffixes[] = {".zip",  ".jar", ".pkg", ".mpkg",       ".xar",  ".xip",
                                         ".tar",  ".tgz", ".tbz", ".tbz2",       ".txz",  ".tlz",
@@ -107,16 +111,24 @@ std::string errorOf(archive* a) {
     return text ? text : "";
 }
 
-// The file on disk, read with pread so the descriptor's offset is never relied on;
-// seekable, so a zip is read through its central directory.
+// The file on disk, read with pread so the descriptor's offset is never relied on, or a
+// member held in memory; seekable, so a zip is read through its central directory and a
+// 7z can be read at all.
 struct FileClient {
     int fd;
     int64_t size;
+    const uint8_t* memory = nullptr;
     int64_t offset = 0;
     std::vector<uint8_t> block = std::vector<uint8_t>(kBlock);
 
     static la_ssize_t read(archive*, void* client, const void** buffer) {
         auto* c = static_cast<FileClient*>(client);
+        if (c->memory) {
+            int64_t n = std::clamp<int64_t>(c->size - c->offset, 0, kBlock);
+            *buffer = c->memory + std::min(c->offset, c->size);
+            c->offset += n;
+            return n;
+        }
         *buffer = c->block.data();
         for (;;) {
             ssize_t r = ::pread(c->fd, c->block.data(), c->block.size(), c->offset);
@@ -403,8 +415,32 @@ void Walk::walkNested(MemberData& data, const std::string& name, int depth) {
         skip(VkArchiveSkip::Reason::unsupported, name, "no archive reader");
         return;
     }
-    archive_read_set_read_callback(reader.get(), &NestedClient::read);
-    archive_read_set_callback_data(reader.get(), &client);
+    std::vector<uint8_t> held;
+    FileClient heldClient{-1, 0};
+    if (got == sizeof k7zMagic && std::memcmp(client.prefix.data(), k7zMagic, got) == 0) {
+        held = client.prefix;
+        std::vector<uint8_t> block(kBlock);
+        for (ssize_t r; (r = data.read(block.data(), block.size())) > 0;) {
+            if (held.size() + static_cast<size_t>(r) > kMaxHeldNested) {
+                skip(VkArchiveSkip::Reason::unsupported, name,
+                     "a 7z inside an archive larger than " + std::to_string(kMaxHeldNested >> 20) +
+                         " MiB");
+                return;
+            }
+            held.insert(held.end(), block.begin(), block.begin() + r);
+        }
+        if (data.state() != MemberData::State::ok)
+            return;
+        heldClient.memory = held.data();
+        heldClient.size = static_cast<int64_t>(held.size());
+        archive_read_set_read_callback(reader.get(), &FileClient::read);
+        archive_read_set_skip_callback(reader.get(), &FileClient::skip);
+        archive_read_set_seek_callback(reader.get(), &FileClient::seek);
+        archive_read_set_callback_data(reader.get(), &heldClient);
+    } else {
+        archive_read_set_read_callback(reader.get(), &NestedClient::read);
+        archive_read_set_callback_data(reader.get(), &client);
+    }
     if (archive_read_open1(reader.get()) != ARCHIVE_OK) {
         if (!ended_)
             skip(VkArchiveSkip::Reason::corrupt, name, errorOf(reader.get()));
