@@ -167,7 +167,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     if (result || !wantsArchive(file))
         return result;
     // One answer only here: the first member found.
-    ArchiveOutcome outcome = judgeArchive(file, *records);
+    ArchiveOutcome outcome = judgeArchive(file, *records, nullptr);
     return outcome.findings.empty() ? nullptr : outcome.findings.front();
 }
 
@@ -195,7 +195,8 @@ bool VkTorjanScan::wantsArchive(const FileRef& file) const {
 }
 
 VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(const FileRef& file,
-                                                        const VkTorjanRecordList& records) {
+                                                        const VkTorjanRecordList& records,
+                                                        const std::atomic<bool>* stop) {
     ArchiveOutcome outcome;
     VkFd fd(
         ::openat(file.folderFd, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -222,8 +223,7 @@ VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(const FileRef& file,
             JudgmentHashes hashes(hasher, [](const std::string&) { return false; });
             return matchRecords(records, size, hashes);
         }};
-    VkArchiveReport report =
-        VkArchiveJudge(lookups, limits).judge(fd.get(), file.name, &isSearchStop_);
+    VkArchiveReport report = VkArchiveJudge(lookups, limits).judge(fd.get(), file.name, stop);
     archiveMembers_.fetch_add(report.members);
     archiveMembersDecompressed_.fetch_add(report.membersDecompressed);
     for (const VkArchiveSkip& skip : report.notExamined) {

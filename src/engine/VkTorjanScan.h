@@ -225,7 +225,9 @@ class VkTorjanScan {
         std::vector<std::shared_ptr<VkTorjanResultItems>> findings;
         std::vector<VkNotExamined> notExamined;
     };
-    ArchiveOutcome judgeArchive(const FileRef& file, const VkTorjanRecordList& records);
+    // stop ends the walk inside early (a walk's stop flag; nullptr for a single file).
+    ArchiveOutcome judgeArchive(const FileRef& file, const VkTorjanRecordList& records,
+                                const std::atomic<bool>* stop);
     bool wantsArchive(const FileRef& file) const;
     bool attributesAt(const FileRef& file, struct stat& attributes);
     // Judges one dequeued path of a walk; reports what could not be examined.

@@ -182,7 +182,7 @@ void VkTorjanScan::judgeWalkedPath(const std::string& path, VkTorjanScanDelegate
             {path, failure == ENOENT ? Reason::vanished : Reason::unreadable, failure});
     } else if (S_ISREG(attributes.st_mode) && wantsArchive(file)) {
         // An archive is opened whatever its own size: its members are judged one by one.
-        ArchiveOutcome outcome = judgeArchive(file, *records);
+        ArchiveOutcome outcome = judgeArchive(file, *records, &isSearchStop_);
         for (const auto& found : outcome.findings) {
             if (scanDelegate)
                 scanDelegate->addTorjanPath(found);

@@ -112,6 +112,13 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
     EXPECT_EQ(run({"scan", "--file-list", list}).exitCode, 1);
     EXPECT_EQ(run({"scan", "--no-archives", zip}).exitCode, 0);
     EXPECT_EQ(run({"scan", "--exclude", "*.zip", dir / "root/arch"}).exitCode, 0);
+    // The history names the member; trust binds the archive, and a changed one is found again.
+    EXPECT_NE(run({"--json", "logs"}).out.find(zip + "!in/alpha"), std::string::npos);
+    EXPECT_EQ(run({"scan", "--trust", zip}).exitCode, 1);
+    EXPECT_EQ(run({"scan", zip}).exitCode, 0);
+    dir.write("root/arch/a.zip",
+              vkMakeArchive("zip", "", {{"in/alpha", "alpha-synthetic-sample"}, {"more", "x"}}));
+    EXPECT_EQ(run({"scan", zip}).exitCode, 1);
     // A broken archive is never called clean.
     std::string cut = dir.write("root/cut.zip", archive.substr(0, 40));
     auto broken = run({"scan", cut});
