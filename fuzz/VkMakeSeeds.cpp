@@ -10,6 +10,7 @@
 #include "database/VkDataBaseInfo.h"
 #include "database/VkManifestCipher.h"
 #include "database/VkSqliteManager.h"
+#include "fakes/VkTestArchives.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "monitor/VkMonitorProtocol.h"
 #include "platform/VkHashValue.h"
@@ -191,6 +192,26 @@ void hdbSeeds() {
          "d41d8cd98f00b204e9800998ecf8427e:*:Wild\n");
 }
 
+// A first byte picking the name (as the target reads it), then a small archive.
+void archiveJudgeSeeds() {
+    const std::string planted = "synthetic member contents";
+    std::string cpio = vkMakeArchive("cpio", "", {{"./x", planted}});
+    const std::pair<char, std::string> archives[] = {
+        {0, vkMakeArchive(
+                "zip", "",
+                {{"d/x", planted}, {"in.tar", vkMakeArchive("ustar", "", {{"y", planted}})}})},
+        {1, vkMakeArchive("ustar", "gzip", {{"x", planted}})},
+        {2, vkMakeArchive("xar", "", {{"Payload", vkGzip(cpio)}})},
+        {2, vkMakeArchive("xar", "", {{"Payload", vkPbzx(cpio, 64)}})},
+        {3, vkMakeArchive("7zip", "", {{"x", planted}})},
+        {4, vkGzip(planted)},
+        {7, vkMakeArchive("ustar", "xz", {{"x", planted}})},
+    };
+    int n = 0;
+    for (const auto& [name, bytes] : archives)
+        seed("archive_judge", "archive-" + std::to_string(n++), std::string(1, name) + bytes);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -207,6 +228,7 @@ int main(int argc, char** argv) {
     protocolSeeds();
     databaseSeeds();
     hdbSeeds();
+    archiveJudgeSeeds();
     VkFile::removeTree(VkFile::deletingLastPathComponent(vkFuzzContext()->dataFolder));
     std::printf("vk_make_seeds: %d seeds in %s\n", gWritten, gFolder.c_str());
     return 0;

@@ -9,6 +9,7 @@ packages=(
   libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-base-dev qt6-svg-dev libgl-dev
+  libarchive-dev liblzma-dev
   clang libclang-rt-14-dev
   systemd
 )

@@ -1,8 +1,11 @@
 // `vksecurity scan`: custom, full and quick scans from the command line.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <fstream>
+#include <iostream>
 #include <mutex>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -21,6 +24,7 @@
 #include "remediation/VkKillTorjans.h"
 #include "support/VkCliOutput.h"
 #include "support/VkCrypt.h"
+#include <fnmatch.h>
 
 namespace {
 
@@ -40,7 +44,55 @@ struct ScanOptions {
     bool trust = false;
     unsigned jobs = 0;  // 0: one judging thread per core, at most four
     bool noCache = false;
+    bool noArchives = false;
+    std::vector<std::string> excludes;
+    std::vector<std::string> excludeDirs;
+    std::string fileList;
 };
+
+// The user's exclusions: a file whose name or path matches an --exclude glob, or that lies
+// in a folder whose name or path matches an --exclude-dir glob, is left out of the walk.
+VkTorjanScan::PathFilter exclusionFilter(const ScanOptions& options) {
+    if (options.excludes.empty() && options.excludeDirs.empty())
+        return {};
+    auto matches = [](const std::vector<std::string>& globs, const std::string& path) {
+        std::string name = VkFile::lastPathComponent(path);
+        return std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
+            return ::fnmatch(glob.c_str(), name.c_str(), 0) == 0 ||
+                   ::fnmatch(glob.c_str(), path.c_str(), 0) == 0;
+        });
+    };
+    return
+        [files = options.excludes, dirs = options.excludeDirs, matches](const std::string& path) {
+            if (matches(files, path))
+                return true;
+            for (size_t slash = path.find('/', 1); slash != std::string::npos;
+                 slash = path.find('/', slash + 1)) {
+                if (matches(dirs, path.substr(0, slash)))
+                    return true;
+            }
+            return false;
+        };
+}
+
+// One path per line from the file, or from standard input for "-"; false when it cannot
+// be read.
+bool readFileList(const std::string& from, std::vector<std::string>& paths) {
+    std::ifstream file;
+    if (from != "-") {
+        file.open(from);
+        if (!file)
+            return false;
+    }
+    std::istream& in = from == "-" ? std::cin : file;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (!line.empty())
+            paths.push_back(line);
+    }
+    return !in.bad();
+}
 
 // Scan kinds as the scan history numbers them.
 constexpr int32_t kQuickScan = VkScanSession::kQuickScan;
@@ -75,17 +127,22 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         clearLineLocked();
         std::string path = item->path().value_or("");
         std::string name = item->displayName().value_or("unknown");
+        std::optional<std::string> member = item->member();
         if (json_) {
             nlohmann::json j = {{"type", "finding"},
                                 {"name", name},
                                 {"special", item->spec()},
                                 {"size", item->fileSize()}};
             vkJsonSetPath(j, "path", path);
+            if (member)
+                vkJsonSetPath(j, "member", *member);
             if (auto hash = item->hashCode())
                 j["hash"] = *hash;
             std::printf("%s\n", vkJsonText(j).c_str());
         } else {
-            std::printf("%s: %s FOUND\n", vkCliText(path).c_str(), vkCliText(name).c_str());
+            // A member of an archive is shown as ARCHIVE!MEMBER.
+            std::printf("%s: %s FOUND\n", vkCliText(item->shownPath()).c_str(),
+                        vkCliText(name).c_str());
         }
         std::fflush(stdout);
         findings_.push_back(item);
@@ -99,10 +156,14 @@ class CliScanDelegate : public VkTorjanScanDelegate {
         if (json_) {
             nlohmann::json j = {{"type", "notExamined"}, {"reason", skipped.reasonText()}};
             vkJsonSetPath(j, "path", skipped.path);
+            if (!skipped.member.empty())
+                vkJsonSetPath(j, "member", skipped.member);
             std::printf("%s\n", vkJsonText(j).c_str());
             std::fflush(stdout);
         } else {
-            std::fprintf(stderr, "%s: %s ERROR\n", vkCliText(skipped.path).c_str(),
+            std::string shown =
+                skipped.member.empty() ? skipped.path : skipped.path + "!" + skipped.member;
+            std::fprintf(stderr, "%s: %s ERROR\n", vkCliText(shown).c_str(),
                          vkCliText(skipped.reasonText()).c_str());
         }
         ++notExamined_;
@@ -342,7 +403,16 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         vkCliFail(cli, "choose one of --remove, --quarantine, --trust");
         return;
     }
-    int modes = (options.full ? 1 : 0) + (options.quick ? 1 : 0) + (options.paths.empty() ? 0 : 1);
+    std::vector<std::string> listed = options.paths;
+    if (!options.fileList.empty() && !readFileList(options.fileList, listed)) {
+        vkCliFail(cli, "cannot read the file list " + options.fileList);
+        return;
+    }
+    if (!options.fileList.empty() && listed.empty()) {
+        vkCliFail(cli, "the file list names no path: " + options.fileList);
+        return;
+    }
+    int modes = (options.full ? 1 : 0) + (options.quick ? 1 : 0) + (listed.empty() ? 0 : 1);
     if (modes != 1) {
         vkCliFail(cli, "scan needs exactly one of: PATH..., --full, --quick");
         return;
@@ -353,7 +423,7 @@ void runScan(VkCli& cli, const ScanOptions& options) {
         return;
     }
     std::vector<std::string> paths;
-    for (const auto& p : options.paths) {
+    for (const auto& p : listed) {
         // Absolute and lexically normal, so that results, logs and the trust list name the
         // files as a full scan reaches them.
         std::string path = vkCliAbsolutePath(p);
@@ -386,6 +456,8 @@ void runScan(VkCli& cli, const ScanOptions& options) {
     scanner.setJobs(options.jobs);
     if (options.noCache)
         scanner.setHashCache(nullptr);  // every file read afresh, nothing kept
+    scanner.setJudgeArchives(!options.noArchives);
+    scanner.setPathFilter(exclusionFilter(options));
 
     struct sigaction sa {};
     sa.sa_handler = onInterrupt;
@@ -455,6 +527,8 @@ void runScan(VkCli& cli, const ScanOptions& options) {
                             {"entries", delegate->entries()},
                             {"findings", found},
                             {"notExamined", notExamined},
+                            {"archiveMembers", scanner.archiveMembers()},
+                            {"archiveMembersDecompressed", scanner.archiveMembersDecompressed()},
                             {"seconds", seconds},
                             {"interrupted", interrupted}};
         if (!options.quick) {
@@ -516,6 +590,16 @@ static VkCliCommand registration(10, [](CLI::App& app, VkCli& cli) {
         ->check(CLI::Range(1, 64));
     cmd->add_flag("--no-cache", options->noCache,
                   "Read every file afresh: use no kept hashes and keep none (forensic scans)");
+    cmd->add_flag("--no-archives", options->noArchives,
+                  "Do not look inside archives and installer packages");
+    cmd->add_option("--exclude", options->excludes,
+                    "Leave out files whose name or path matches GLOB (repeatable)")
+        ->allow_extra_args(false);
+    cmd->add_option("--exclude-dir", options->excludeDirs,
+                    "Leave out folders whose name or path matches GLOB (repeatable)")
+        ->allow_extra_args(false);
+    cmd->add_option("--file-list", options->fileList,
+                    "Scan the paths listed in FILE, one a line (- reads standard input)");
     cmd->footer(
         "Exit codes: 0 nothing found, 1 something found, 2 an error: a path that could not be "
         "examined, no signatures, or a file that could not be removed, quarantined or "

@@ -43,6 +43,9 @@ class VkScanPipeline {
         std::string path;
         std::shared_ptr<VkTorjanResultItems> result;
         std::optional<VkNotExamined> skipped;
+        // An archive's members: what was found in it and what could not be examined.
+        std::vector<std::shared_ptr<VkTorjanResultItems>> members;
+        std::vector<VkNotExamined> memberSkips;
         bool progress = true;  // false: a folder that could not be read, no progress line
     };
     // A file the walk could not settle by its attributes: opened once, with the attributes

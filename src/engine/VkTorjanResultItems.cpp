@@ -45,7 +45,30 @@ void VkTorjanResultItems::setPath(const std::string& path) {
     iconImage_ = std::move(icon);
 }
 
+std::optional<std::string> VkTorjanResultItems::member() const {
+    std::lock_guard lock(mutex_);
+    return member_;
+}
+
+void VkTorjanResultItems::setMember(std::optional<std::string> member) {
+    std::lock_guard lock(mutex_);
+    member_ = std::move(member);
+}
+
+std::string VkTorjanResultItems::shownPath() const {
+    std::lock_guard lock(mutex_);
+    std::string shown = path_.value_or("");
+    if (member_)
+        shown += "!" + *member_;
+    return shown;
+}
+
 std::optional<std::string> VkTorjanResultItems::hashCode() const {
+    {
+        std::lock_guard lock(mutex_);
+        if (member_)
+            return hashCode_;
+    }
     std::shared_ptr<VkTorjanItem> item = torjanItem();
     if (item) {
         std::optional<std::string> code = item->TorjanCode();

@@ -35,9 +35,17 @@ class VkTorjanResultItems {
     // workspace icon of the path at 16 x 16.
     void setPath(const std::string& path);
 
-    // The hash text identifying the detected contents: the record's TorjanCode when there is a
-    // record and that code is neither nil nor empty; else the record's headeCode (even nil);
-    // else the hash stored with setHashCode.
+    // For a finding inside an archive (path is the archive): the member, nested archives
+    // joined by '!'. nullopt for a file found as it is.
+    std::optional<std::string> member() const;
+    void setMember(std::optional<std::string> member);
+    // What a person is shown: the path, or "path!member" for a member of an archive.
+    std::string shownPath() const;
+
+    // The hash text identifying the detected contents: for a member of an archive the
+    // stored hash (the archive's, so that trust binds the file acted on); else the record's
+    // TorjanCode when there is a record and that code is neither nil nor empty; else the
+    // record's headeCode (even nil); else the hash stored with setHashCode.
     std::optional<std::string> hashCode() const;
     void setHashCode(std::optional<std::string> code);
 
@@ -62,6 +70,7 @@ class VkTorjanResultItems {
     std::optional<std::string> torjanName_;
     std::optional<std::string> path_;
     std::optional<std::string> hashCode_;
+    std::optional<std::string> member_;
     bool check_ = false;
     bool spec_ = false;
     uint64_t fileSize_ = 0;

@@ -72,6 +72,43 @@ bool sameHash(const std::optional<std::string>& a, const std::optional<std::stri
     return a && b && *a == *b;
 }
 
+// The first record in list order that contents of this size match, hashes read through
+// hashes: the rule files on disk and members of archives are judged by. nullptr for no
+// match, or when a hash that reached the trust test is trusted.
+std::shared_ptr<VkTorjanItem> matchRecords(const VkTorjanRecordList& records, uint64_t size,
+                                           JudgmentHashes& hashes) {
+    // Hash types whose whole-file hash has reached the trust test so far, in order.
+    std::vector<int32_t> reachedTrust;
+    for (const std::shared_ptr<VkTorjanItem>& record : records.recordsOfSize(size)) {
+        int32_t type = record->hashValueType();
+        const std::optional<std::string>* whole = nullptr;
+        if (size < VkTorjanScan::kHeadLength + 1) {
+            whole = &hashes.whole(type);
+        } else {
+            if (!sameHash(hashes.head(type), record->headeCode()))
+                continue;
+            whole = &hashes.whole(type);
+        }
+        // A missing hash is never on the trust list.
+        if (*whole &&
+            std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
+            reachedTrust.push_back(type);
+        if (!sameHash(*whole, record->TorjanCode()))
+            continue;
+        // The trust test comes before the comparison on purpose: a trusted path and
+        // contents end the search even where this record would not have matched. Without
+        // any match the answer is nothing whether trusted or not, so the trust list is read
+        // only once a record matches, and then asked for every hash that reached the test up
+        // to here, which gives the answer the record-by-record order gives.
+        for (int32_t reached : reachedTrust) {
+            if (hashes.trusted(reached, *hashes.whole(reached)))
+                return nullptr;
+        }
+        return record;
+    }
+    return nullptr;
+}
+
 std::optional<std::string> decipheredField(const VkPlist& entry, const char* key) {
     const std::string* text = entry.getString(key);
     if (!text)
@@ -135,8 +172,9 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     std::shared_ptr<const VkTorjanRecordList> records =
         trojanArray ? std::move(trojanArray) : torjanItems();
     // A file whose size no record has is judged clean by its size alone, so its contents
-    // never need to be readable.
-    if (!records->hasSize(static_cast<uint64_t>(attributes.st_size)))
+    // never need to be readable; an archive is opened whatever its own size.
+    bool archive = wantsArchive(path);
+    if (!archive && !records->hasSize(static_cast<uint64_t>(attributes.st_size)))
         return nullptr;
     // Opened once, never through a link; what is read must be what was looked at.
     VkFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
@@ -144,8 +182,80 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     if (!fd.valid() || ::fstat(fd.get(), &opened) != 0 || opened.st_dev != attributes.st_dev ||
         opened.st_ino != attributes.st_ino)
         return nullptr;
-    return judgeOpenFile(fd.get(), opened, path, records, hashCache(), nullptr);
+    auto result = judgeOpenFile(fd.get(), opened, path, records, hashCache(), nullptr);
+    if (result || !archive)
+        return result;
+    // One answer only here: the first member found.
+    ArchiveOutcome outcome = judgeArchive(fd.get(), opened, path, *records, nullptr);
+    return outcome.findings.empty() ? nullptr : outcome.findings.front();
 }
+
+bool VkTorjanScan::judgeArchives() const {
+    if (!judgeArchives_.load())
+        return false;
+    std::optional<VkPlist> setting =
+        userDefaults_ ? userDefaults_->objectForKey(kScanArchivesKey) : std::nullopt;
+    return !setting || setting->asBool().value_or(true);
+}
+
+void VkTorjanScan::setArchiveLimits(const VkArchiveLimits& limits) {
+    std::lock_guard lock(archiveLimitsMutex_);
+    archiveLimits_ = limits;
+}
+
+void VkTorjanScan::setPathFilter(PathFilter skip) {
+    std::lock_guard lock(archiveLimitsMutex_);
+    pathFilter_ = std::move(skip);
+}
+
+bool VkTorjanScan::wantsArchive(const std::string& path) const {
+    return path.rfind("/dev/", 0) != 0 && VkArchiveJudge::looksLikeArchive(path) &&
+           judgeArchives();
+}
+
+VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct stat& st,
+                                                        const std::string& path,
+                                                        const VkTorjanRecordList& records,
+                                                        const std::atomic<bool>* stop) {
+    ArchiveOutcome outcome;
+    if (!S_ISREG(st.st_mode))
+        return outcome;
+    VkArchiveLimits limits;
+    {
+        std::lock_guard lock(archiveLimitsMutex_);
+        limits = archiveLimits_;
+    }
+    VkArchiveJudge::Records lookups{
+        [&records](uint64_t size) { return records.hasSize(size); },
+        [&records](uint64_t size, const VkArchiveJudge::Hasher& hasher) {
+            // Trust binds the archive as a whole, asked below; members are never trusted.
+            JudgmentHashes hashes(hasher, [](const std::string&) { return false; });
+            return matchRecords(records, size, hashes);
+        }};
+    VkArchiveReport report = VkArchiveJudge(lookups, limits).judge(fd, path, stop);
+    archiveMembers_.fetch_add(report.members);
+    archiveMembersDecompressed_.fetch_add(report.membersDecompressed);
+    for (const VkArchiveSkip& skip : report.notExamined) {
+        outcome.notExamined.emplace_back(path, VkNotExamined::Reason::archive, 0, skip.member,
+                                         skip.reasonText());
+    }
+    if (report.findings.empty())
+        return outcome;
+    // What the user trusts, removes or quarantines is the file: its path and whole hash.
+    std::optional<std::string> archiveHash = hashOpenFile(fd, 0, 0);
+    if (archiveHash && checkTrustFile(path, *archiveHash))
+        return {};
+    for (const VkArchiveFinding& finding : report.findings) {
+        auto result = std::make_shared<VkTorjanResultItems>();
+        result->setPath(path);
+        result->setTorjanItem(finding.record);
+        result->setMember(finding.member);
+        result->setHashCode(archiveHash);
+        outcome.findings.push_back(std::move(result));
+    }
+    return outcome;
+}
+
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     int fd, const struct stat& st, const std::string& path,
@@ -179,42 +289,12 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
 
     // Only records of this size can match; the index keeps them in list order, so the first
     // record in the list still wins.
-    auto match = [&]() -> std::shared_ptr<VkTorjanResultItems> {
-        // Hash types whose whole-file hash has reached the trust test so far, in order.
-        std::vector<int32_t> reachedTrust;
-        for (const std::shared_ptr<VkTorjanItem>& record : records->recordsOfSize(size)) {
-            int32_t type = record->hashValueType();
-            const std::optional<std::string>* whole = nullptr;
-            if (size < kHeadLength + 1) {
-                whole = &hashes.whole(type);
-            } else {
-                if (!sameHash(hashes.head(type), record->headeCode()))
-                    continue;
-                whole = &hashes.whole(type);
-            }
-            // A missing hash is never on the trust list.
-            if (*whole &&
-                std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
-                reachedTrust.push_back(type);
-            if (!sameHash(*whole, record->TorjanCode()))
-                continue;
-            // The trust test comes before the comparison on purpose: a trusted path and
-            // contents end the search even where this record would not have matched. Without
-            // any match the answer is nothing whether trusted or not, so the trust list is
-            // read only once a record matches, and then asked for every hash that reached the
-            // test up to here, which gives the answer the record-by-record order gives.
-            for (int32_t reached : reachedTrust) {
-                if (hashes.trusted(reached, *hashes.whole(reached)))
-                    return nullptr;
-            }
-            auto result = std::make_shared<VkTorjanResultItems>();
-            result->setPath(path);
-            result->setTorjanItem(record);
-            return result;
-        }
-        return nullptr;
-    };
-    std::shared_ptr<VkTorjanResultItems> result = match();
+    std::shared_ptr<VkTorjanResultItems> result;
+    if (std::shared_ptr<VkTorjanItem> record = matchRecords(*records, size, hashes)) {
+        result = std::make_shared<VkTorjanResultItems>();
+        result->setPath(path);
+        result->setTorjanItem(record);
+    }
     if (failure)
         *failure = hashes.failure;
     // Kept only when the file stood still while it was read: a write during the reading
@@ -296,6 +376,8 @@ std::string VkNotExamined::reasonText() const {
             return "below /dev (never opened)";
         case Reason::changed:
             return "replaced while being examined";
+        case Reason::archive:
+            return detail;
         case Reason::vanished:
         case Reason::unreadable:
             break;

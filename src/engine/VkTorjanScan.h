@@ -10,8 +10,10 @@
 #include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "engine/VkArchiveJudge.h"
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanResultItems.h"
@@ -31,10 +33,22 @@ struct VkNotExamined {
         symbolicLink,    // a path handed to the scan that is a link to no folder
         device,          // below /dev: never opened
         changed,         // replaced (by a link, another file) between its listing and its reading
+        archive,         // an archive, or a member of it, that was not (fully) examined
     };
+    VkNotExamined() = default;
+    VkNotExamined(std::string path_, Reason reason_, int error_ = 0, std::string member_ = {},
+                  std::string detail_ = {})
+        : path(std::move(path_)),
+          reason(reason_),
+          error(error_),
+          member(std::move(member_)),
+          detail(std::move(detail_)) {}
     std::string path;
     Reason reason = Reason::unreadable;
     int error = 0;  // errno of the failure, 0 when there is none
+    // For an archive: the member inside path (empty: the archive itself) and why.
+    std::string member;
+    std::string detail;
 
     // "Permission denied", "No such file or directory", "not a regular file", ...
     std::string reasonText() const;
@@ -158,6 +172,23 @@ class VkTorjanScan {
     // Paths of the running or last walk reported through scanNotExamined.
     uint64_t notExaminedCount() const { return notExamined_.load(); }
 
+    // ---- Archives ----
+
+    // The user-defaults key that turns the judging of archive members off (false); absent
+    // means on.
+    static constexpr const char* kScanArchivesKey = "ScanArchives";
+    // Members of archives are judged when this is on (the default) and the setting allows.
+    void setJudgeArchives(bool on) { judgeArchives_.store(on); }
+    bool judgeArchives() const;
+    void setArchiveLimits(const VkArchiveLimits& limits);
+    // Paths of a walk for which skip answers true are neither judged nor counted (the
+    // user's exclusions); none by default.
+    using PathFilter = std::function<bool(const std::string& path)>;
+    void setPathFilter(PathFilter skip);
+    // Members seen in archives, and of them decompressed, by the running or last walk.
+    uint64_t archiveMembers() const { return archiveMembers_.load(); }
+    uint64_t archiveMembersDecompressed() const { return archiveMembersDecompressed_.load(); }
+
     // The worker body, the file walk and the quick stage.
     void scanByQuery(bool withQuickStage);
     void scanBaseItem();
@@ -193,6 +224,18 @@ class VkTorjanScan {
         int fd, const struct stat& st, const std::string& path,
         const std::shared_ptr<const VkTorjanRecordList>& records,
         const std::shared_ptr<VkHashCache>& cache, int* failure);
+    // The members of the archive open at fd (attributes st): a result for each member found
+    // (path the file, member beside it) and what could not be examined. Trust binds the
+    // file's path and whole hash.
+    struct ArchiveOutcome {
+        std::vector<std::shared_ptr<VkTorjanResultItems>> findings;
+        std::vector<VkNotExamined> notExamined;
+    };
+    // stop ends the walk inside early (a walk's stop flag; nullptr for a single file).
+    ArchiveOutcome judgeArchive(int fd, const struct stat& st, const std::string& path,
+                                const VkTorjanRecordList& records, const std::atomic<bool>* stop);
+    // Whether the regular file at path is opened as an archive, whatever its own size.
+    bool wantsArchive(const std::string& path) const;
     void reportNotExamined(VkNotExamined skipped);
     // Whole-file hash of a detector's hit, read through a final link that stays inside the
     // system root.
@@ -220,6 +263,12 @@ class VkTorjanScan {
     std::shared_ptr<VkHashCache> hashCache_;
     std::atomic<uint64_t> filesJudged_{0};
     std::atomic<uint64_t> notExamined_{0};
+    std::atomic<bool> judgeArchives_{true};
+    std::atomic<uint64_t> archiveMembers_{0};
+    std::atomic<uint64_t> archiveMembersDecompressed_{0};
+    PathFilter pathFilter_;
+    mutable std::mutex archiveLimitsMutex_;
+    VkArchiveLimits archiveLimits_;
 
     mutable std::mutex delegateMutex_;
     std::shared_ptr<VkTorjanScanDelegate> scanDeleaget_;

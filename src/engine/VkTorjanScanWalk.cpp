@@ -111,6 +111,8 @@ void VkTorjanScan::startScan(const std::optional<std::vector<std::string>>& path
     searchIndex_.store(0);
     filesJudged_.store(0);
     notExamined_.store(0);
+    archiveMembers_.store(0);
+    archiveMembersDecompressed_.store(0);
     scanRunning_.store(true);
     bool withQuickStage = !paths.has_value();
     scanThread_ = std::thread([this, withQuickStage] {
@@ -162,8 +164,13 @@ void VkTorjanScan::scanBaseItem() {
     const std::vector<std::string> roots = scopeDirectories_;
     const bool fullScan = isFullScan_.load();
     const std::string volumes = resolve("/Volumes");
+    PathFilter skip;
+    {
+        std::lock_guard lock(archiveLimitsMutex_);
+        skip = pathFilter_;
+    }
     auto outOfScope = [&](const std::string& path) {
-        return fullScan && path.rfind(volumes, 0) == 0;
+        return (fullScan && path.rfind(volumes, 0) == 0) || (skip && skip(path));
     };
     // This program's own folder (databases, quarantine, logs) is never walked: a scan that
     // quarantines must not take the quarantine itself.
@@ -171,8 +178,9 @@ void VkTorjanScan::scanBaseItem() {
     if (struct stat data{}; ::stat(dataFolder_.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
     const std::string dataPrefix = dataFolder_ + "/";
+    // A root excluded by the caller's filter is skipped as the data folder is.
     auto ours = [&](const std::string& root) {
-        return !dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0;
+        return (!dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0) || (skip && skip(root));
     };
 
     // The count: the same entries listed again, names and d_type only, beside the walk that
@@ -229,8 +237,17 @@ void VkTorjanScan::scanBaseItem() {
                 } else {
                     report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
                                                   records, cache, &failure);
-                    if (!report.result && failure != 0)
+                    if (!report.result && failure != 0) {
                         report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
+                    } else if (!report.result && wantsArchive(candidate.path)) {
+                        // An archive is opened whatever its own size: its members are judged
+                        // one by one.
+                        ArchiveOutcome outcome = judgeArchive(candidate.fd.get(), opened,
+                                                              candidate.path, *records,
+                                                              &isSearchStop_);
+                        report.members = std::move(outcome.findings);
+                        report.memberSkips = std::move(outcome.notExamined);
+                    }
                 }
                 candidate.fd.reset();
                 pipeline.complete(candidate.seq, std::move(report));
@@ -313,7 +330,8 @@ void VkTorjanScan::scanBaseItem() {
                     return settle(std::move(report));
             }
             auto size = static_cast<uint64_t>(st.st_size);
-            if (!S_ISREG(st.st_mode) || size == 0 || !records->hasSize(size))
+            if (!S_ISREG(st.st_mode) || size == 0 ||
+                (!records->hasSize(size) && !wantsArchive(path)))
                 return settle(std::move(report));
             VkScanPipeline::Candidate candidate;
             candidate.fd.reset(::openat(folderFd, at.c_str(),
@@ -385,6 +403,12 @@ void VkTorjanScan::scanBaseItem() {
                 scanDelegate->addTorjanPath(report.result);
             if (report.skipped)
                 reportNotExamined(std::move(*report.skipped));
+            for (const auto& found : report.members) {
+                if (scanDelegate)
+                    scanDelegate->addTorjanPath(found);
+            }
+            for (VkNotExamined& skipped : report.memberSkips)
+                reportNotExamined(std::move(skipped));
             if (report.progress) {
                 // 0.01 until the count is known, then the share already processed.
                 float progress = 0.01f;

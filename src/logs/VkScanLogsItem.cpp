@@ -15,7 +15,7 @@ VkScanLogsItem::VkScanLogsItem(const VkPlist& dict) {
 }
 
 VkScanLogsItem::VkScanLogsItem(const VkTorjanResultItems& result, int32_t operType)
-    : filePath_(result.path().value_or("")), fileSize_(result.fileSize()), operType_(operType) {
+    : filePath_(result.shownPath()), fileSize_(result.fileSize()), operType_(operType) {
     // The record's name only: a special detector's finding has no record and is logged
     // without a name.
     if (auto item = result.torjanItem())

@@ -70,7 +70,7 @@ void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>&
                                      int32_t operType) {
     if (currentLogs_ && result) {
         for (const auto& item : currentLogs_->scanLogsItems()) {
-            if (item->filePath() == result->path().value_or("")) {
+            if (item->filePath() == result->shownPath()) {
                 // Kept as the log has always done it: the change waits for the next write.
                 item->setOperType(operType);
                 return;

@@ -117,7 +117,8 @@ std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path
     if (!hit)
         return nullptr;
     auto item = std::make_shared<VkFileMonLogsItem>();
-    item->setFilePath(path);
+    // A member of a downloaded archive is logged as ARCHIVE!MEMBER.
+    item->setFilePath(hit->shownPath());
     item->setTrojanName(hit->displayName());
     struct stat st {};
     if (::lstat(path.c_str(), &st) == 0) {

@@ -197,3 +197,28 @@ std::optional<std::string> VkHashValue::hashOpenFileHead(int fd, uint32_t buffer
     digest.update(buf.data(), buf.size());
     return digest.finish();
 }
+
+struct VkHashStream::State {
+    explicit State(const EVP_MD* md) : digest(md) {}
+    Digest digest;
+};
+
+VkHashStream::VkHashStream(int32_t hashType) {
+    if (const EVP_MD* md = digestFor(hashType))
+        state_ = std::make_unique<State>(md);
+}
+
+VkHashStream::~VkHashStream() = default;
+
+void VkHashStream::update(const void* bytes, size_t length) {
+    if (state_)
+        state_->digest.update(bytes, length);
+}
+
+std::optional<std::string> VkHashStream::finish() {
+    if (!state_)
+        return std::nullopt;
+    std::optional<std::string> text = state_->digest.finish();
+    state_.reset();
+    return text;
+}

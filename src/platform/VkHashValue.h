@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -35,4 +37,22 @@ class VkHashValue {
     static std::optional<std::string> hashWholeOpenFile(int fd, int32_t hashType);
     static std::optional<std::string> hashOpenFileHead(int fd, uint32_t bufferLength,
                                                        int32_t hashType);
+};
+
+// A hash fed piece by piece, for contents that are read once as a stream (an archive's
+// member). The same text as VkHashValue::hashWithData of all the pieces together.
+class VkHashStream {
+  public:
+    // No hash (finish gives nullopt) for a type VkHashValue does not know.
+    explicit VkHashStream(int32_t hashType);
+    ~VkHashStream();
+    VkHashStream(const VkHashStream&) = delete;
+    VkHashStream& operator=(const VkHashStream&) = delete;
+    void update(const void* bytes, size_t length);
+    // The hash text; the stream is spent afterwards.
+    std::optional<std::string> finish();
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
 };

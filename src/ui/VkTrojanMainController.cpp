@@ -284,8 +284,13 @@ std::optional<std::string> VkTrojanMainController::objectValue(const std::string
             return record->name();
         return item->torjanName();
     }
-    if (column == "fileNameColumn")
-        return vkLastPathComponent(pathOf(*item));
+    if (column == "fileNameColumn") {
+        // A member of an archive is shown beside the archive's name.
+        std::string shown = vkLastPathComponent(pathOf(*item));
+        if (auto member = item->member())
+            shown += "!" + *member;
+        return shown;
+    }
     if (column == "fileSizeColumn")
         return stringFromFileSize(item->fileSize());
     if (column == "prcoessColumn")

@@ -10,6 +10,7 @@
 
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
+#include "fakes/VkTestArchives.h"
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "platform/VkFileUtil.h"
@@ -90,6 +91,39 @@ TEST_F(VkScanCommandTest, JsonGivesOneObjectPerFindingAndASummary) {
     EXPECT_EQ(objects[2]["findings"], 2);
     EXPECT_EQ(objects[2]["filesJudged"], 4);
     EXPECT_EQ(objects[2]["interrupted"], false);
+}
+
+TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsHold) {
+    std::string archive = vkMakeArchive("zip", "", {{"in/alpha", "alpha-synthetic-sample"}});
+    std::string zip = dir.write("root/arch/a.zip", archive);
+    dir.write("root/arch/skip/b.zip", archive);
+    auto text = run({"scan", "--exclude-dir", "skip", dir / "root/arch"});
+    EXPECT_EQ(text.exitCode, 1) << text.err;
+    EXPECT_EQ(text.out.find(zip + "!in/alpha: Test.Alpha FOUND\n"), 0u) << text.out;
+    EXPECT_EQ(text.out.find("skip/b.zip"), std::string::npos);
+
+    auto json = run({"--json", "scan", zip});
+    auto finding = nlohmann::json::parse(json.out.substr(0, json.out.find('\n')));
+    EXPECT_EQ(finding["path"], zip);
+    EXPECT_EQ(finding["member"], "in/alpha");
+
+    std::string list =
+        dir.write("list.txt", zip + "\n" + std::string(dir / "root/tree/docs/clean.txt") + "\n");
+    EXPECT_EQ(run({"scan", "--file-list", list}).exitCode, 1);
+    EXPECT_EQ(run({"scan", "--no-archives", zip}).exitCode, 0);
+    EXPECT_EQ(run({"scan", "--exclude", "*.zip", dir / "root/arch"}).exitCode, 0);
+    // The history names the member; trust binds the archive, and a changed one is found again.
+    EXPECT_NE(run({"--json", "logs"}).out.find(zip + "!in/alpha"), std::string::npos);
+    EXPECT_EQ(run({"scan", "--trust", zip}).exitCode, 1);
+    EXPECT_EQ(run({"scan", zip}).exitCode, 0);
+    dir.write("root/arch/a.zip",
+              vkMakeArchive("zip", "", {{"in/alpha", "alpha-synthetic-sample"}, {"more", "x"}}));
+    EXPECT_EQ(run({"scan", zip}).exitCode, 1);
+    // A broken archive is never called clean.
+    std::string cut = dir.write("root/cut.zip", archive.substr(0, 40));
+    auto broken = run({"scan", cut});
+    EXPECT_EQ(broken.exitCode, 2);
+    EXPECT_NE(broken.err.find("not examined"), std::string::npos) << broken.err;
 }
 
 TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "fakes/VkTempDir.h"
+#include "fakes/VkTestArchives.h"
 #include "monitor/VkMonitorSocket.h"
 #include "monitor/VkMonitorTestSupport.h"
 #include "platform/VkHashValue.h"
@@ -177,6 +178,17 @@ TEST_F(VkFileMonServiceTest, RecordsAnInfectedDownloadAndNotACleanOne) {
     EXPECT_EQ((**stored)[0]->filePath(), bad);
     EXPECT_EQ(statusNumber("Records"), 1u);
     EXPECT_EQ(statusNumber("Signatures"), 1u);
+}
+
+TEST_F(VkFileMonServiceTest, AMemberOfADownloadedArchiveIsRecordedWithItsName) {
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    auto runner = startService();
+    std::string zip = watchFolder + "/download.zip";
+    vkmon::dropFile(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(zip); }));
+    auto items = records();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0]->filePath(), zip + "!App/evil");
 }
 
 // A start judges what arrived while the monitor was down; after a restart, only what

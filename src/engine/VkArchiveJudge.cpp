@@ -1,0 +1,620 @@
+#include "engine/VkArchiveJudge.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "engine/VkPbzx.h"
+#include "platform/VkHandle.h"
+#include "platform/VkHashValue.h"
+#include <archive.h>
+#include <archive_entry.h>
+
+namespace {
+
+// Contents longer than this are known by the hash of a buffer of exactly this many first
+// bytes before their whole hash is compared, as files on disk are.
+constexpr uint64_t kHeadLength = 1048576;
+constexpr size_t kBlock = 64 * 1024;
+// Hash types a record can name (VkHashValue's); every one is computed in one pass over a
+// large member, since its data can be read only once.
+constexpr int32_t kHashTypes = 3;
+// Non-examinations reported one by one per archive; the rest are counted in one entry.
+constexpr size_t kMaxReports = 32;
+// A 7z can only be read with seeking: one inside another archive is held in memory up to
+// this size (once per nesting level), larger ones are reported unexamined.
+constexpr uint64_t kMaxHeldNested = 16u << 20;
+constexpr uint8_t k7zMagic[4] = {'7', 'z', 0xBC, 0xAF};
+
+const char* const kArchiveSuffixes[] = {".zip",  ".jar", ".pkg", ".mpkg",       ".xar",  ".xip",
+                                        ".tar",  ".tgz", ".tbz", ".tbz2",       ".txz",  ".tlz",
+                                        ".taz",  ".gz",  ".bz2", ".xz",         ".lzma", ".z",
+                                        ".cpio", ".7z",  ".dmg", ".sparseimage"};
+const char* const kDiskImageSuffixes[] = {".dmg", ".sparseimage"};
+// Suffixes a single compressed stream drops to name what it holds ("a.txt.gz" holds "a.txt").
+const char* const kStreamSuffixes[] = {".gz", ".bz2", ".xz", ".lzma", ".z"};
+// The members of an installer package that are archives themselves without saying so.
+const char* const kPackageStreams[] = {"Payload", "Scripts"};
+
+using ArchiveHandle = VkHandle<archive, archive_read_free>;
+
+std::string lower(std::string s) {
+    for (char& c : s)
+        c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
+    return s;
+}
+
+std::string baseName(const std::string& path) {
+    size_t end = path.find_last_not_of('/');
+    if (end == std::string::npos)
+        return path;
+    size_t slash = path.rfind('/', end);
+    return path.substr(slash == std::string::npos ? 0 : slash + 1,
+                       end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+}
+
+template <size_t N>
+const char* suffixOf(const std::string& name, const char* const (&suffixes)[N]) {
+    std::string low = lower(baseName(name));
+    for (const char* suffix : suffixes) {
+        size_t n = std::strlen(suffix);
+        if (low.size() > n && low.compare(low.size() - n, n, suffix) == 0)
+            return suffix;
+    }
+    return nullptr;
+}
+
+bool isDiskImage(const std::string& name) {
+    return suffixOf(name, kDiskImageSuffixes) != nullptr;
+}
+
+bool isPackageStream(const std::string& name) {
+    std::string base = baseName(name);
+    return std::any_of(std::begin(kPackageStreams), std::end(kPackageStreams),
+                       [&](const char* s) { return base == s; });
+}
+
+// The name a single compressed stream gives what it holds.
+std::string streamName(const std::string& name) {
+    std::string base = baseName(name);
+    if (const char* suffix = suffixOf(base, kStreamSuffixes))
+        base.resize(base.size() - std::strlen(suffix));
+    return base.empty() ? "data" : base;
+}
+
+// A reader with only the decompressors built into the library: the catch-all set would
+// run external programs on the data.
+ArchiveHandle newReader() {
+    ArchiveHandle a(archive_read_new());
+    if (!a)
+        return a;
+    int (*const setups[])(archive*) = {
+        archive_read_support_filter_gzip,     archive_read_support_filter_bzip2,
+        archive_read_support_filter_xz,       archive_read_support_filter_lzma,
+        archive_read_support_filter_compress, archive_read_support_format_zip,
+        archive_read_support_format_tar,      archive_read_support_format_cpio,
+        archive_read_support_format_xar,      archive_read_support_format_7zip,
+        archive_read_support_format_raw};
+    for (auto setup : setups) {
+        if (setup(a.get()) != ARCHIVE_OK)
+            return ArchiveHandle();
+    }
+    return a;
+}
+
+std::string errorOf(archive* a) {
+    const char* text = archive_error_string(a);
+    return text ? text : "";
+}
+
+// The file on disk, read with pread so the descriptor's offset is never relied on, or a
+// member held in memory; seekable, so a zip is read through its central directory and a
+// 7z can be read at all.
+struct FileClient {
+    int fd;
+    int64_t size;
+    const uint8_t* memory = nullptr;
+    int64_t offset = 0;
+    std::vector<uint8_t> block = std::vector<uint8_t>(kBlock);
+
+    static la_ssize_t read(archive*, void* client, const void** buffer) {
+        auto* c = static_cast<FileClient*>(client);
+        if (c->memory) {
+            int64_t n = std::clamp<int64_t>(c->size - c->offset, 0, kBlock);
+            *buffer = c->memory + std::min(c->offset, c->size);
+            c->offset += n;
+            return n;
+        }
+        *buffer = c->block.data();
+        for (;;) {
+            ssize_t r = ::pread(c->fd, c->block.data(), c->block.size(), c->offset);
+            if (r < 0 && errno == EINTR)
+                continue;
+            if (r < 0)
+                return ARCHIVE_FATAL;
+            c->offset += r;
+            return r;
+        }
+    }
+    static la_int64_t skip(archive*, void* client, la_int64_t request) {
+        auto* c = static_cast<FileClient*>(client);
+        la_int64_t n =
+            std::clamp<la_int64_t>(request, 0, std::max<int64_t>(c->size - c->offset, 0));
+        c->offset += n;
+        return n;
+    }
+    static la_int64_t seek(archive*, void* client, la_int64_t offset, int whence) {
+        auto* c = static_cast<FileClient*>(client);
+        la_int64_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? c->offset : c->size;
+        if (offset > INT64_MAX - base || base + offset < 0)
+            return ARCHIVE_FATAL;
+        c->offset = base + offset;
+        return c->offset;
+    }
+};
+
+class Walk;
+
+// One member's data, read once through its archive: counted against the limits, and, for a
+// member that may match a record, kept as its head and its whole hashes.
+class MemberData {
+  public:
+    enum class State { ok, corrupt, overLimit };
+
+    MemberData(archive* a, Walk& walk, std::optional<uint64_t> declared, bool keep)
+        : a_(a), walk_(walk), declared_(declared), keep_(keep) {}
+
+    // Up to n bytes: the count, 0 at the end, negative once anything failed.
+    ssize_t read(void* bytes, size_t n);
+    // Reads until the head buffer is full or the data ends; false on failure.
+    bool readHead();
+    // Reads to the end; false on failure.
+    bool drain();
+    State state() const { return state_; }
+    const std::string& error() const { return error_; }
+    uint64_t total() const { return total_; }
+
+    // The hasher of a member's contents, by the rules files on disk are hashed with.
+    std::optional<std::string> hash(int32_t type, uint64_t head);
+
+  private:
+    void keepBytes(const uint8_t* p, size_t n);
+
+    archive* a_;
+    Walk& walk_;
+    std::optional<uint64_t> declared_;
+    bool keep_;
+    bool atEnd_ = false;
+    State state_ = State::ok;
+    std::string error_;
+    uint64_t total_ = 0;
+    std::vector<uint8_t> head_;
+    std::array<std::unique_ptr<VkHashStream>, kHashTypes> streams_;
+    std::array<std::optional<std::string>, kHashTypes> whole_;
+    bool finished_ = false;
+};
+
+class Walk {
+  public:
+    Walk(const VkArchiveJudge::Records& records, const VkArchiveLimits& limits, uint64_t fileSize,
+         const std::atomic<bool>* stop, VkArchiveReport& report)
+        : records_(records), limits_(limits), fileSize_(fileSize), stop_(stop), report_(report) {}
+
+    // Walks the archive open in a. self names it inside the file ("" for the file itself),
+    // stream is the name a single compressed stream's contents go by. False when the whole
+    // walk has to end (a limit was reached, or the scan is stopping).
+    bool walkArchive(archive* a, const std::string& self, int depth, const std::string& stream);
+    // Counts n decompressed bytes; false (reported once) past a limit.
+    bool charge(uint64_t n, bool produced);
+    void skip(VkArchiveSkip::Reason reason, const std::string& member, std::string detail = {});
+    void finish();
+
+  private:
+    bool judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth);
+    void walkNested(MemberData& data, const std::string& name, int depth);
+    void overLimit(const std::string& what);
+
+    const VkArchiveJudge::Records& records_;
+    const VkArchiveLimits& limits_;
+    const uint64_t fileSize_;
+    const std::atomic<bool>* stop_;
+    VkArchiveReport& report_;
+    uint64_t spent_ = 0;  // produced by us plus what skipping inside a compressed stream cost
+    uint64_t entries_ = 0;
+    size_t unreported_ = 0;
+    bool ended_ = false;
+};
+
+void MemberData::keepBytes(const uint8_t* p, size_t n) {
+    size_t toHead =
+        std::min<size_t>(n, kHeadLength - std::min<uint64_t>(head_.size(), kHeadLength));
+    head_.insert(head_.end(), p, p + toHead);
+    if (total_ <= kHeadLength)
+        return;
+    if (!streams_[0]) {
+        // Past the head: from here on the whole hashes are streamed, starting with the head.
+        for (int32_t t = 0; t < kHashTypes; ++t) {
+            streams_[t] = std::make_unique<VkHashStream>(t);
+            streams_[t]->update(head_.data(), head_.size());
+        }
+    }
+    if (toHead < n) {
+        for (auto& s : streams_)
+            s->update(p + toHead, n - toHead);
+    }
+}
+
+ssize_t MemberData::read(void* bytes, size_t n) {
+    if (state_ != State::ok)
+        return -1;
+    if (atEnd_)
+        return 0;
+    la_ssize_t r = archive_read_data(a_, bytes, n);
+    if (r < 0) {
+        state_ = State::corrupt;
+        error_ = errorOf(a_);
+        return -1;
+    }
+    if (r == 0) {
+        atEnd_ = true;
+        if (declared_ && total_ != *declared_) {
+            state_ = State::corrupt;
+            error_ = "shorter than its header says";
+            return -1;
+        }
+        return 0;
+    }
+    if (!walk_.charge(static_cast<uint64_t>(r), true)) {
+        state_ = State::overLimit;
+        return -1;
+    }
+    total_ += static_cast<uint64_t>(r);
+    if (declared_ && total_ > *declared_) {
+        state_ = State::corrupt;
+        error_ = "longer than its header says";
+        return -1;
+    }
+    if (keep_)
+        keepBytes(static_cast<const uint8_t*>(bytes), static_cast<size_t>(r));
+    return r;
+}
+
+bool MemberData::readHead() {
+    std::vector<uint8_t> block(kBlock);
+    while (head_.size() < kHeadLength) {
+        ssize_t r = read(block.data(), block.size());
+        if (r < 0)
+            return false;
+        if (r == 0)
+            break;
+    }
+    return true;
+}
+
+bool MemberData::drain() {
+    std::vector<uint8_t> block(kBlock);
+    for (;;) {
+        ssize_t r = read(block.data(), block.size());
+        if (r < 0)
+            return false;
+        if (r == 0)
+            return true;
+    }
+}
+
+std::optional<std::string> MemberData::hash(int32_t type, uint64_t head) {
+    if (type < 0 || type >= kHashTypes)
+        return std::nullopt;
+    if (head != 0) {
+        if (head_.empty())
+            return std::nullopt;
+        // Always a buffer of exactly the head length, zero past the data, as on disk.
+        std::vector<uint8_t> buffer(head_);
+        buffer.resize(kHeadLength, 0);
+        return VkHashValue::hashWithData(buffer.data(), static_cast<uint32_t>(kHeadLength), type);
+    }
+    if (!drain())
+        return std::nullopt;
+    if (total_ <= kHeadLength)
+        return VkHashValue::hashWithData(head_.data(), static_cast<uint32_t>(head_.size()), type);
+    if (!finished_) {
+        for (int32_t t = 0; t < kHashTypes; ++t)
+            whole_[t] = streams_[t] ? streams_[t]->finish() : std::nullopt;
+        finished_ = true;
+    }
+    return whole_[type];
+}
+
+// Feeds a nested archive reader from a member's data, through the pbzx unwrapper when the
+// data starts with its magic.
+struct NestedClient {
+    MemberData& data;
+    Walk& walk;
+    std::vector<uint8_t> prefix;
+    size_t prefixPos = 0;
+    std::unique_ptr<VkPbzx> pbzx;
+    std::vector<uint8_t> block = std::vector<uint8_t>(kBlock);
+
+    ssize_t raw(void* bytes, size_t n) {
+        if (prefixPos < prefix.size()) {
+            size_t take = std::min(n, prefix.size() - prefixPos);
+            std::memcpy(bytes, prefix.data() + prefixPos, take);
+            prefixPos += take;
+            return static_cast<ssize_t>(take);
+        }
+        return data.read(bytes, n);
+    }
+    static la_ssize_t read(archive*, void* client, const void** buffer) {
+        auto* c = static_cast<NestedClient*>(client);
+        *buffer = c->block.data();
+        ssize_t r = c->pbzx ? c->pbzx->read(c->block.data(), c->block.size())
+                            : c->raw(c->block.data(), c->block.size());
+        if (r > 0 && c->pbzx && !c->walk.charge(static_cast<uint64_t>(r), false))
+            return ARCHIVE_FATAL;
+        return r < 0 ? ARCHIVE_FATAL : r;
+    }
+};
+
+bool Walk::charge(uint64_t n, bool produced) {
+    if (produced)
+        report_.bytesDecompressed += n;
+    spent_ += n;
+    if (ended_)
+        return false;
+    if (spent_ > limits_.maxTotalBytes) {
+        overLimit("more than " + std::to_string(limits_.maxTotalBytes >> 20) + " MiB decompressed");
+    } else if (spent_ > VkArchiveLimits::kRatioFloor &&
+               spent_ / std::max<uint64_t>(fileSize_, 1) >= limits_.maxRatio) {
+        overLimit("expands more than " + std::to_string(limits_.maxRatio) + " times");
+    }
+    return !ended_;
+}
+
+void Walk::overLimit(const std::string& what) {
+    skip(VkArchiveSkip::Reason::overLimit, "", what);
+    ended_ = true;
+}
+
+void Walk::skip(VkArchiveSkip::Reason reason, const std::string& member, std::string detail) {
+    if (report_.notExamined.size() >= kMaxReports) {
+        ++unreported_;
+        return;
+    }
+    report_.notExamined.push_back({member, reason, std::move(detail)});
+}
+
+void Walk::finish() {
+    if (unreported_ > 0)
+        report_.notExamined.push_back({"", VkArchiveSkip::Reason::corrupt,
+                                       std::to_string(unreported_) + " more not examined"});
+}
+
+void Walk::walkNested(MemberData& data, const std::string& name, int depth) {
+    NestedClient client{data, *this, {}, 0, nullptr};
+    client.prefix.resize(4);
+    size_t got = 0;
+    while (got < client.prefix.size()) {
+        ssize_t r = data.read(client.prefix.data() + got, client.prefix.size() - got);
+        if (r <= 0)
+            break;
+        got += static_cast<size_t>(r);
+    }
+    client.prefix.resize(got);
+    if (data.state() != MemberData::State::ok)
+        return;
+    if (VkPbzx::hasMagic(client.prefix.data(), client.prefix.size())) {
+        client.pbzx = std::make_unique<VkPbzx>(
+            [&client](void* bytes, size_t n) { return client.raw(bytes, n); });
+    }
+    ArchiveHandle reader = newReader();
+    if (!reader) {
+        skip(VkArchiveSkip::Reason::unsupported, name, "no archive reader");
+        return;
+    }
+    std::vector<uint8_t> held;
+    FileClient heldClient{-1, 0};
+    if (got == sizeof k7zMagic && std::memcmp(client.prefix.data(), k7zMagic, got) == 0) {
+        held = client.prefix;
+        std::vector<uint8_t> block(kBlock);
+        for (ssize_t r; (r = data.read(block.data(), block.size())) > 0;) {
+            if (held.size() + static_cast<size_t>(r) > kMaxHeldNested) {
+                skip(VkArchiveSkip::Reason::unsupported, name,
+                     "a 7z inside an archive larger than " + std::to_string(kMaxHeldNested >> 20) +
+                         " MiB");
+                return;
+            }
+            held.insert(held.end(), block.begin(), block.begin() + r);
+        }
+        if (data.state() != MemberData::State::ok)
+            return;
+        heldClient.memory = held.data();
+        heldClient.size = static_cast<int64_t>(held.size());
+        archive_read_set_read_callback(reader.get(), &FileClient::read);
+        archive_read_set_skip_callback(reader.get(), &FileClient::skip);
+        archive_read_set_seek_callback(reader.get(), &FileClient::seek);
+        archive_read_set_callback_data(reader.get(), &heldClient);
+    } else {
+        archive_read_set_read_callback(reader.get(), &NestedClient::read);
+        archive_read_set_callback_data(reader.get(), &client);
+    }
+    if (archive_read_open1(reader.get()) != ARCHIVE_OK) {
+        if (!ended_)
+            skip(VkArchiveSkip::Reason::corrupt, name, errorOf(reader.get()));
+        return;
+    }
+    walkArchive(reader.get(), name, depth, streamName(name));
+}
+
+bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth) {
+    ++report_.members;
+    if (archive_entry_is_encrypted(entry)) {
+        skip(VkArchiveSkip::Reason::encrypted, name);
+        return true;
+    }
+    bool sizeKnown = archive_entry_size_is_set(entry) && archive_entry_size(entry) >= 0;
+    uint64_t size = sizeKnown ? static_cast<uint64_t>(archive_entry_size(entry)) : 0;
+    bool candidate = sizeKnown && size > 0 && records_.hasSize(size);
+    bool nested =
+        !isDiskImage(name) && (VkArchiveJudge::looksLikeArchive(name) ||
+                               (archive_format(a) == ARCHIVE_FORMAT_XAR && isPackageStream(name)));
+    if (isDiskImage(name))
+        skip(VkArchiveSkip::Reason::diskImage, name);
+    if (nested && depth >= limits_.maxDepth) {
+        skip(VkArchiveSkip::Reason::tooDeep, name,
+             "nested deeper than " + std::to_string(limits_.maxDepth));
+        nested = false;
+    }
+    if (!candidate && !nested && sizeKnown) {
+        // Skipping inside a compressed stream (or a 7z block) still decompresses; it counts.
+        bool costly = archive_filter_count(a) > 1 || archive_format(a) == ARCHIVE_FORMAT_7ZIP;
+        if (costly && !charge(size, false))
+            return false;
+        if (archive_read_data_skip(a) != ARCHIVE_OK) {
+            skip(VkArchiveSkip::Reason::corrupt, name, errorOf(a));
+            return false;
+        }
+        return true;
+    }
+    ++report_.membersDecompressed;
+    MemberData data(a, *this, sizeKnown ? std::optional(size) : std::nullopt,
+                    candidate || !sizeKnown);
+    if (nested) {
+        walkNested(data, name, depth + 1);
+        if (ended_)
+            return false;
+    }
+    if (candidate || !sizeKnown) {
+        if (!sizeKnown || size <= kHeadLength || nested)
+            data.drain();
+        else
+            data.readHead();
+        uint64_t contentSize = sizeKnown ? size : data.total();
+        std::shared_ptr<VkTorjanItem> record;
+        if (data.state() == MemberData::State::ok && contentSize > 0 &&
+            (candidate || records_.hasSize(contentSize))) {
+            record = records_.match(contentSize, [&data](int32_t type, uint64_t head) {
+                return data.hash(type, head);
+            });
+        }
+        if (data.state() == MemberData::State::ok && record)
+            report_.findings.push_back({name, record});
+    }
+    if (data.state() == MemberData::State::overLimit || ended_)
+        return false;
+    if (data.state() == MemberData::State::corrupt)
+        skip(VkArchiveSkip::Reason::corrupt, name, data.error());
+    return true;
+}
+
+bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std::string& stream) {
+    const std::string prefix = self.empty() ? "" : self + "!";
+    for (;;) {
+        if (stop_ && stop_->load()) {
+            ended_ = true;
+            return false;
+        }
+        archive_entry* entry = nullptr;
+        int r = archive_read_next_header(a, &entry);
+        if (r == ARCHIVE_EOF)
+            return true;
+        if (r < ARCHIVE_WARN) {
+            if (!ended_)
+                skip(VkArchiveSkip::Reason::corrupt, self, errorOf(a));
+            return !ended_;
+        }
+        if (archive_format(a) == ARCHIVE_FORMAT_RAW && archive_filter_count(a) <= 1) {
+            // The reader's last resort took the bytes as they are: no archive at all.
+            skip(VkArchiveSkip::Reason::corrupt, self, "not a readable archive");
+            return true;
+        }
+        if (++entries_ > limits_.maxMembers) {
+            overLimit("more than " + std::to_string(limits_.maxMembers) + " members");
+            return false;
+        }
+        if (archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry))
+            continue;
+        std::string name;
+        if (archive_format(a) == ARCHIVE_FORMAT_RAW) {
+            name = stream;
+        } else if (const char* path = archive_entry_pathname(entry)) {
+            name = path;
+        } else if (const char* utf8 = archive_entry_pathname_utf8(entry)) {
+            name = utf8;
+        } else {
+            name = "(unnamed)";
+        }
+        if (!judgeMember(a, entry, prefix + name, depth))
+            return false;
+    }
+}
+
+}  // namespace
+
+std::string VkArchiveSkip::reasonText() const {
+    std::string text;
+    switch (reason) {
+        case Reason::encrypted:
+            text = "encrypted member";
+            break;
+        case Reason::corrupt:
+            text = "truncated or corrupt archive";
+            break;
+        case Reason::overLimit:
+            text = "archive over a limit, not fully examined";
+            break;
+        case Reason::tooDeep:
+            text = "archive nested too deep";
+            break;
+        case Reason::diskImage:
+            text = "disk image";
+            break;
+        case Reason::unsupported:
+            text = "unsupported archive";
+            break;
+    }
+    return detail.empty() ? "not examined: " + text : "not examined: " + text + " (" + detail + ")";
+}
+
+VkArchiveJudge::VkArchiveJudge(Records records, VkArchiveLimits limits)
+    : records_(std::move(records)), limits_(limits) {}
+
+bool VkArchiveJudge::looksLikeArchive(const std::string& name) {
+    return suffixOf(name, kArchiveSuffixes) != nullptr;
+}
+
+VkArchiveReport VkArchiveJudge::judge(int fd, const std::string& name,
+                                      const std::atomic<bool>* stop) const {
+    VkArchiveReport report;
+    struct stat st {};
+    bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    Walk fileWalk(records_, limits_, regular ? static_cast<uint64_t>(st.st_size) : 0, stop, report);
+    if (!regular) {
+        fileWalk.skip(VkArchiveSkip::Reason::corrupt, "", "not a readable regular file");
+        return report;
+    }
+    if (isDiskImage(name)) {
+        fileWalk.skip(VkArchiveSkip::Reason::diskImage, "");
+        return report;
+    }
+    ArchiveHandle reader = newReader();
+    if (!reader) {
+        fileWalk.skip(VkArchiveSkip::Reason::unsupported, "", "no archive reader");
+        return report;
+    }
+    FileClient client{fd, static_cast<int64_t>(st.st_size)};
+    archive_read_set_read_callback(reader.get(), &FileClient::read);
+    archive_read_set_skip_callback(reader.get(), &FileClient::skip);
+    archive_read_set_seek_callback(reader.get(), &FileClient::seek);
+    archive_read_set_callback_data(reader.get(), &client);
+    if (archive_read_open1(reader.get()) != ARCHIVE_OK) {
+        fileWalk.skip(VkArchiveSkip::Reason::corrupt, "", errorOf(reader.get()));
+        return report;
+    }
+    fileWalk.walkArchive(reader.get(), "", 1, streamName(name));
+    fileWalk.finish();
+    return report;
+}

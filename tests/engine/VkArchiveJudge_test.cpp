@@ -1,0 +1,190 @@
+#include "engine/VkArchiveJudge.h"
+
+#include <fcntl.h>
+#include <functional>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "engine/VkTorjanScan.h"
+#include "fakes/VkQuietPacing.h"
+#include "fakes/VkTempDir.h"
+#include "fakes/VkTestArchives.h"
+#include "platform/VkContext.h"
+#include "platform/VkHandle.h"
+#include "platform/VkHashValue.h"
+
+namespace {
+
+constexpr size_t kMiB = 1048576;
+
+std::string md5(const std::string& s) {
+    return *VkHashValue::hashWithData(s.data(), static_cast<uint32_t>(s.size()), 0);
+}
+
+// Synthetic bytes standing for a trojan; seed gives other contents of one length.
+std::string bytesOf(size_t length, unsigned seed) {
+    std::string s(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 9)) & 0xFF);
+    return s;
+}
+
+std::shared_ptr<VkTorjanItem> recordFor(const std::string& contents, bool rightHead = true) {
+    auto item = std::make_shared<VkTorjanItem>();
+    item->setName("Test.Archived");
+    item->setFileSize(contents.size());
+    item->setTorjanCode(md5(contents));
+    if (contents.size() > kMiB)
+        item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : bytesOf(kMiB, 9)));
+    return item;
+}
+
+const std::string kPlanted = bytesOf(3000, 1);
+const std::string kBig = bytesOf(kMiB + 4321, 2);
+
+class VkArchiveJudgeTest : public ::testing::Test {
+  protected:
+    VkArchiveJudgeTest() {
+        ctx->pacing = std::make_shared<VkQuietPacing>();
+        scan = std::make_unique<VkTorjanScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
+                                              ctx->pacing);
+    }
+    // The first member found by the scanner's judging of one file.
+    std::shared_ptr<VkTorjanResultItems> check(const std::string& path,
+                                               std::shared_ptr<VkTorjanItem> record) {
+        return scan->checkTorjan(path, VkTorjanRecordList::make({std::move(record)}));
+    }
+    // The judge alone, with a record list of one record, for what it did not examine.
+    VkArchiveReport judge(const std::string& path, const std::string& contents,
+                          VkArchiveLimits limits = {}) {
+        auto records = VkTorjanRecordList::make({recordFor(contents)});
+        VkArchiveJudge judge(
+            {[records](uint64_t size) { return !records->recordsOfSize(size).empty(); },
+             [records](uint64_t size, const VkArchiveJudge::Hasher& hasher) {
+                 auto r = records->recordsOfSize(size);
+                 return !r.empty() && hasher(0, 0) == r[0]->TorjanCode() ? r[0] : nullptr;
+             }},
+            limits);
+        VkFd fd(::open(path.c_str(), O_RDONLY));
+        return judge.judge(fd.get(), path);
+    }
+    std::set<VkArchiveSkip::Reason> reasons(const VkArchiveReport& report) {
+        std::set<VkArchiveSkip::Reason> out;
+        for (const auto& s : report.notExamined)
+            out.insert(s.reason);
+        return out;
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::unique_ptr<VkTorjanScan> scan;
+};
+
+TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMember) {
+    std::string inner = vkMakeArchive("zip", "", {{"x.bin", kPlanted}});
+    std::string cpio = vkMakeArchive("cpio", "", {{"./usr/bin/x", kPlanted}});
+    struct Case {
+        const char* file;
+        std::string contents;
+        std::string member;
+        std::string planted = kPlanted;
+        bool rightHead = true;
+    } cases[] = {
+        {"a.zip", vkMakeArchive("zip", "", {{"dir/x.bin", kPlanted}}), "dir/x.bin"},
+        {"a.tar.gz", vkMakeArchive("ustar", "gzip", {{"c.txt", "clean"}, {"x", kPlanted}}), "x"},
+        {"a.tar.xz", vkMakeArchive("ustar", "xz", {{"x", kPlanted}}), "x"},
+        {"a.7z", vkMakeArchive("7zip", "", {{"x", kPlanted}}), "x"},
+        {"n.tar", vkMakeArchive("ustar", "", {{"in/inner.zip", inner}}), "in/inner.zip!x.bin"},
+        {"x.bin.gz", vkGzip(kPlanted), "x.bin"},
+        {"n7.tar",
+         vkMakeArchive("ustar", "", {{"in.7z", vkMakeArchive("7zip", "", {{"x", kPlanted}})}}),
+         "in.7z!x"},
+        {"a.pkg", vkMakeArchive("xar", "", {{"Payload", vkGzip(cpio)}}), "Payload!./usr/bin/x"},
+        {"b.pkg", vkMakeArchive("xar", "", {{"Payload", vkPbzx(cpio, 1024)}}),
+         "Payload!./usr/bin/x"},
+        {"big.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "big", kBig},
+        // Over 1 MiB the head code must match first, as for a file on disk.
+        {"head.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "", kBig, false},
+    };
+    // A stopped walk leaves its stop flag set; single-file checks must not heed it.
+    scan->stopCurrentScan();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        ASSERT_FALSE(c.contents.empty());
+        std::string path = dir.write(c.file, c.contents);
+        auto result = check(path, recordFor(c.planted, c.rightHead));
+        if (c.member.empty()) {
+            EXPECT_EQ(result, nullptr);
+            continue;
+        }
+        ASSERT_NE(result, nullptr);
+        EXPECT_EQ(result->path(), path);
+        EXPECT_EQ(result->member(), c.member);
+        EXPECT_EQ(result->shownPath(), path + "!" + c.member);
+        // Trust binds the file acted on: the archive's own hash.
+        EXPECT_EQ(result->hashCode(), md5(c.contents));
+    }
+}
+
+TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
+    std::string stored = vkMakeArchive("zip", "", {{"x", kPlanted}}, "zip:compression=store");
+    std::string badCrc = stored;
+    badCrc[badCrc.find(kPlanted.substr(0, 64)) + 10] ^= 1;
+    std::string nest = vkMakeArchive("zip", "", {{"x", kPlanted}});
+    for (int i = 0; i < 3; ++i)
+        nest = vkMakeArchive("zip", "", {{"n" + std::to_string(i) + ".zip", nest}});
+    const std::string bombData(64 * kMiB, '\0');
+    VkArchiveLimits small;
+    small.maxTotalBytes = 4 * kMiB;
+    struct Case {
+        const char* file;
+        std::string contents;
+        VkArchiveSkip::Reason reason;
+        std::string planted = kPlanted;
+        VkArchiveLimits limits = {};
+    } cases[] = {
+        {"cut.zip", nest.substr(0, nest.size() / 2), VkArchiveSkip::Reason::corrupt},
+        {"crc.zip", badCrc, VkArchiveSkip::Reason::corrupt},
+        {"enc.zip", vkMakeArchive("zip", "", {{"x", kPlanted}}, "zip:encryption=zipcrypt", "pw"),
+         VkArchiveSkip::Reason::encrypted},
+        {"deep.zip", nest, VkArchiveSkip::Reason::tooDeep},
+        {"bomb.zip", vkMakeArchive("zip", "", {{"zeros", bombData}}),
+         VkArchiveSkip::Reason::overLimit, bombData, small},
+        {"disk.dmg", kPlanted, VkArchiveSkip::Reason::diskImage},
+        {"fake.zip", "not an archive at all", VkArchiveSkip::Reason::corrupt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        ASSERT_FALSE(c.contents.empty());
+        std::string path = dir.write(c.file, c.contents);
+        VkArchiveReport report = judge(path, c.planted, c.limits);
+        EXPECT_TRUE(report.findings.empty());
+        EXPECT_TRUE(reasons(report).count(c.reason)) << report.notExamined.size();
+        EXPECT_LE(report.bytesDecompressed, std::max<uint64_t>(c.limits.maxTotalBytes, 1) + kMiB);
+    }
+}
+
+TEST_F(VkArchiveJudgeTest, OnlyCandidateSizesAreDecompressedAndNamesAreNeverPaths) {
+    std::vector<VkTestMember> members;
+    for (int i = 0; i < 20; ++i)
+        members.push_back({"m" + std::to_string(i), bytesOf(5000 + i, 3)});
+    std::string path = dir.write("many.zip", vkMakeArchive("zip", "", members));
+    VkArchiveReport clean = judge(path, kPlanted);
+    EXPECT_EQ(clean.members, 20u);
+    EXPECT_EQ(clean.membersDecompressed, 0u);
+    EXPECT_EQ(clean.bytesDecompressed, 0u);
+    EXPECT_TRUE(clean.notExamined.empty());
+
+    // Names that climb out or are absolute are text to report, nothing is written.
+    std::string hostile = dir.write(
+        "h.tar", vkMakeArchive("ustar", "", {{"../../escape", kPlanted}, {"/abs/x", kPlanted}}));
+    auto before = dir.snapshot();
+    VkArchiveReport found = judge(hostile, kPlanted);
+    ASSERT_EQ(found.findings.size(), 2u);
+    EXPECT_EQ(found.findings[0].member, "../../escape");
+    EXPECT_EQ(found.findings[1].member, "/abs/x");
+    EXPECT_EQ(dir.snapshot(), before);
+}
+
+}  // namespace
