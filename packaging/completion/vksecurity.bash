@@ -11,7 +11,11 @@ _vksecurity() {
         --user)
             mapfile -t COMPREPLY < <(compgen -u -- "$cur")
             return ;;
-        --settle | --keep-days | --server)
+        --file-list)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            return ;;
+        --settle | --keep-days | --server | --jobs | --exclude | --exclude-dir)
             COMPREPLY=()
             return ;;
     esac
@@ -20,7 +24,8 @@ _vksecurity() {
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         case $word in
-            --root | --data-dir | --user | --home | --watch | --unwatch | --settle | --keep-days | --server)
+            --root | --data-dir | --user | --home | --watch | --unwatch | --settle | --keep-days | --server | \
+            --jobs | --exclude | --exclude-dir | --file-list)
                 ((i++)) ;;
             -*) ;;
             *)
@@ -34,7 +39,8 @@ _vksecurity() {
     local words="" files=""
     case $cmd in
         "") words="scan trust logs quarantine update db monitor paths $globals" ;;
-        scan) words="--full --quick --pace --remove --quarantine --trust --json --help"
+        scan) words="--full --quick --pace --remove --quarantine --trust --jobs --no-cache
+                     --no-archives --exclude --exclude-dir --file-list --json --help"
             files=yes ;;
         trust)
             case $action in
