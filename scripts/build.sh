@@ -16,7 +16,11 @@ esac
 # One build at a time on this machine: parallel work trees share two cores.
 exec 9>"${TMPDIR:-/tmp}/vksecurity-build.lock"
 flock 9
-if [[ ! -f $dir/build.ninja ]]; then
-  cmake -S . -B "$dir" -G Ninja "${flags[@]}" >/dev/null
+# Warnings are errors in the project's own builds (a packager's build leaves them warnings).
+# Configured every time, so a tree made before an option was added gets it too.
+if [[ -f $dir/build.ninja ]]; then
+  cmake "$dir" -DVK_WERROR=ON "${flags[@]}" >/dev/null
+else
+  cmake -S . -B "$dir" -G Ninja -DVK_WERROR=ON "${flags[@]}" >/dev/null
 fi
 cmake --build "$dir" --parallel "${VK_JOBS:-$(nproc)}"

@@ -11,6 +11,8 @@ packages=(
   qt6-base-dev qt6-svg-dev libgl-dev
   clang libclang-rt-14-dev
   systemd
+  # The Debian package (packaging/build-deb.sh) and its checks in scripts/test.sh.
+  dpkg-dev lintian desktop-file-utils
 )
 # Extra groups, asked for by the scripts that need them.
 if [[ " $* " == *" --coverage "* ]]; then
