@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds the normal and the sanitizer trees, runs every test in both,
-# then runs every fuzz target for 30 seconds (scripts/fuzz.sh): any crash fails the run.
+# builds the Debian package and checks it unpacked (packaging/check-deb.sh), then runs every
+# fuzz target for 30 seconds (scripts/fuzz.sh): any crash fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -10,6 +11,12 @@ for flavor in release asan; do
   echo "== tests ($flavor) =="
   (cd "build/$flavor" && ctest --output-on-failure --parallel "$(nproc)" --timeout 600) || status=1
 done
+echo "== Debian package =="
+if deb=$(VK_WERROR=ON packaging/build-deb.sh); then
+  packaging/check-deb.sh "$deb" || status=1
+else
+  status=1
+fi
 echo "== fuzz targets (30 s each) =="
 scripts/fuzz.sh 30 || status=1
 exit $status
