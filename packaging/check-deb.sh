@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Checks a built package the way an administrator meets it:
 #
-#   packaging/check-deb.sh build/deb/vksecurity_<version>_<arch>.deb
+#   packaging/check-deb.sh build/deb/vksecurity_<version>_<arch>.deb [BUILD_DIR]
 #
 # Unpacks it into a throwaway root (dpkg -x, nothing is installed on the machine), runs the
 # unpacked programs from there (packaging/check-installed.sh), checks that the units and the
-# desktop entry are in it and that its dependencies were found, validates the desktop entry,
-# and runs lintian, which must report no error.
+# desktop entry are in it and that its dependencies were found (and, given BUILD_DIR, that no
+# file names it), validates the desktop entry, and runs lintian, which must report no error.
 set -euo pipefail
 deb=$(realpath "$1")
 here=$(cd "$(dirname "$0")" && pwd)
@@ -31,7 +31,7 @@ shopt -s nullglob
 for entry in "$root"/usr/share/applications/*.desktop; do
   desktop-file-validate "$entry" || fail "desktop-file-validate ${entry##*/}"
 done
-"$here/check-installed.sh" "$root/usr"
+"$here/check-installed.sh" "$root/usr" "${2:+$(realpath "$2")}"
 # Errors fail the check; warnings are printed (README.md lists the accepted ones).
 lintian --fail-on error --tag-display-limit 0 "$deb" || fail "lintian found errors"
 echo "check-deb: $(basename "$deb") passed"

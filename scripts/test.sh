@@ -13,7 +13,7 @@ for flavor in release nopanel asan; do
 done
 echo "== Debian package =="
 if deb=$(VK_WERROR=ON packaging/build-deb.sh); then
-  packaging/check-deb.sh "$deb" || status=1
+  packaging/check-deb.sh "$deb" "$(dirname "$deb")" || status=1
 else
   status=1
 fi
