@@ -19,9 +19,10 @@ esac
 exec 9>"${TMPDIR:-/tmp}/vksecurity-build.lock"
 flock 9
 # Warnings are errors in the project's own builds (a packager's build leaves them warnings).
-# Configured every time, so a tree made before an option was added gets it too.
+# Set on an existing tree too, so one made before the option existed gets it; the flavor's
+# other flags (the compiler among them) are given only when the tree is made.
 if [[ -f $dir/build.ninja ]]; then
-  cmake "$dir" -DVK_WERROR=ON "${flags[@]}" >/dev/null
+  cmake "$dir" -DVK_WERROR=ON >/dev/null
 else
   cmake -S . -B "$dir" -G Ninja -DVK_WERROR=ON "${flags[@]}" >/dev/null
 fi
