@@ -44,9 +44,11 @@ output=$("$prefix/bin/vksecurity" scan "$work/files" 2>&1) || status=$?
 echo "check-installed: vksecurity from $prefix found the test file"
 
 if [[ -x $prefix/bin/vkpanelhost ]]; then
-  # --version needs no display.
+  # --version and --help need no display.
   env -u DISPLAY -u WAYLAND_DISPLAY "$prefix/bin/vkpanelhost" --version |
     grep -q '^vkpanelhost [0-9]' || fail "vkpanelhost --version"
+  env -u DISPLAY -u WAYLAND_DISPLAY "$prefix/bin/vkpanelhost" --help |
+    grep -q '^Usage: vkpanelhost ' || fail "vkpanelhost --help does not name the program"
   export QT_QPA_PLATFORM=offscreen
   # A plug-in that cannot be loaded is an error on stderr, never a dialog nobody can close.
   status=0

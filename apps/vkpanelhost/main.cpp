@@ -53,8 +53,10 @@ int main(int argc, char** argv) {
     for (int i = 0; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);
     if (parser.parse(arguments) && (parser.isSet(help) || parser.isSet(version))) {
-        QString text = parser.isSet(help) ? parser.helpText()
-                                          : QString("vkpanelhost %1\n").arg(VK_VERSION);
+        // Without an application object Qt names no program in the usage line.
+        QString text = parser.isSet(help)
+                           ? parser.helpText().replace("<executable_name>", "vkpanelhost")
+                           : QString("vkpanelhost %1\n").arg(VK_VERSION);
         std::fputs(qPrintable(text), stdout);
         return 0;
     }
