@@ -12,6 +12,8 @@ packages=(
   libarchive-dev liblzma-dev
   clang libclang-rt-14-dev
   systemd
+  # The Debian package (packaging/build-deb.sh) and its checks in scripts/test.sh.
+  dpkg-dev lintian desktop-file-utils
 )
 # Extra groups, asked for by the scripts that need them.
 if [[ " $* " == *" --coverage "* ]]; then

@@ -4,7 +4,6 @@
 // what the panel reports to the host and the notifications it posts.
 #include <QApplication>
 #include <QCommandLineParser>
-#include <QFileInfo>
 #include <QLibrary>
 #include <QMessageBox>
 #include <QTimer>
@@ -12,6 +11,7 @@
 
 #include "VkPanelHostWindow.h"
 #include "panel/VkSecurityEntry.h"
+#include "platform/VkInstallLayout.h"
 
 namespace {
 
@@ -27,26 +27,23 @@ void hostNotify(const char* name, const char* detail, void* user) {
     static_cast<VkPanelHostWindow*>(user)->appendLog(line);
 }
 
+// The plug-in installed beside the host's own tree first, the build tree's only when the host
+// runs from one (see VkInstallLayout).
 QString findLibrary(const QString& given) {
     if (!given.isEmpty())
         return given;
-    QString beside = QCoreApplication::applicationDirPath() + "/../lib/" +
-                     QFileInfo(VK_INSTALL_PANEL_LIBRARY).fileName();
-    for (const QString& candidate :
-         {QString(VK_BUILD_PANEL_LIBRARY), beside, QString(VK_INSTALL_PANEL_LIBRARY)})
-        if (QFileInfo::exists(candidate))
-            return candidate;
-    return QString(VK_BUILD_PANEL_LIBRARY);
+    return QString::fromStdString(VkInstallLayout::current().panelLibrary());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    QApplication app(argc, argv);
     QApplication::setApplicationName("vkpanelhost");
+    QApplication::setApplicationVersion(VK_VERSION);
     QCommandLineParser parser;
     parser.setApplicationDescription("Shows the VkSecurity panel in a window of its own.");
-    parser.addHelpOption();
+    QCommandLineOption help = parser.addHelpOption();
+    QCommandLineOption version = parser.addVersionOption();
     QCommandLineOption dataDir("data-dir", "Data folder (signature databases, logs, quarantine).",
                                "folder");
     QCommandLineOption root("root", "Root of the inspected system (default /).", "folder");
@@ -56,6 +53,23 @@ int main(int argc, char** argv) {
     QCommandLineOption screenshot(
         "screenshot", "Save a picture of the window to the file after a moment and quit.", "file");
     parser.addOptions({dataDir, root, library, keepDays, screenshot});
+
+    // --help and --version answer before the window system is reached, so they work without a
+    // display. Anything the pre-check does not understand (Qt's own -platform, a mistake) is
+    // left to the full parse below.
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    if (parser.parse(arguments) && (parser.isSet(help) || parser.isSet(version))) {
+        // Without an application object Qt names no program in the usage line.
+        QString text = parser.isSet(help)
+                           ? parser.helpText().replace("<executable_name>", "vkpanelhost")
+                           : QString("vkpanelhost %1\n").arg(VK_VERSION);
+        std::fputs(qPrintable(text), stdout);
+        return 0;
+    }
+
+    QApplication app(argc, argv);
     parser.process(app);
 
     QString path = findLibrary(parser.value(library));
@@ -66,7 +80,9 @@ int main(int argc, char** argv) {
         QString message =
             QString("Cannot load the panel from %1: %2").arg(path, panelLibrary.errorString());
         std::fprintf(stderr, "vkpanelhost: %s\n", qPrintable(message));
-        QMessageBox::critical(nullptr, "vkpanelhost", message);
+        // A screenshot run has nobody to click a dialog away (it may be offscreen).
+        if (!parser.isSet(screenshot))
+            QMessageBox::critical(nullptr, "vkpanelhost", message);
         return 2;
     }
 
@@ -87,8 +103,11 @@ int main(int argc, char** argv) {
     if (parser.isSet(screenshot)) {
         QString file = parser.value(screenshot);
         QTimer::singleShot(1500, window, [window, file] {
-            if (!window->grab().save(file))
+            if (!window->grab().save(file)) {
                 std::fprintf(stderr, "vkpanelhost: cannot write %s\n", qPrintable(file));
+                QCoreApplication::exit(1);
+                return;
+            }
             QCoreApplication::quit();
         });
     }

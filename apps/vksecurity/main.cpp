@@ -8,10 +8,6 @@
 #include "database/VkSqliteManager.h"
 #include "support/VkCliOutput.h"
 
-#ifndef VK_VERSION
-#define VK_VERSION "0.1.0"
-#endif
-
 int main(int argc, char** argv) {
     std::setlocale(LC_ALL, "");
     // Names and messages follow the user's locale; numbers are always written with a

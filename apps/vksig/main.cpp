@@ -6,10 +6,6 @@
 #include "VkCliApp.h"
 #include "VkSig.h"
 
-#ifndef VK_VERSION
-#define VK_VERSION "0.1.0"
-#endif
-
 int main(int argc, char** argv) {
     std::setlocale(LC_ALL, "");
     CLI::App app{"vksig: builds and inspects signature databases", "vksig"};

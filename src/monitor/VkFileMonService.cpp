@@ -18,10 +18,6 @@
 #include "platform/VkSystemLog.h"
 #include <time.h>
 
-#ifndef VK_VERSION
-#define VK_VERSION "0.1.0"
-#endif
-
 namespace {
 
 constexpr double kHousekeepingSeconds = 1.0;

@@ -18,10 +18,7 @@
 #include "monitor/VkMonitorConfig.h"
 #include "monitor/VkMonitorSocket.h"
 #include "platform/VkFileUtil.h"
-
-#ifdef __APPLE__
-#include <mach-o/dyld.h>
-#endif
+#include "platform/VkInstallLayout.h"
 
 extern char** environ;
 
@@ -43,20 +40,6 @@ bool isExecutableFile(const std::string& path) {
     struct stat st {};
     return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
            ::access(path.c_str(), X_OK) == 0;
-}
-
-std::string runningProgram() {
-#ifdef __APPLE__
-    char buffer[4096];
-    uint32_t size = sizeof buffer;
-    if (_NSGetExecutablePath(buffer, &size) == 0)
-        return buffer;
-    return {};
-#else
-    char buffer[4096];
-    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
-#endif
 }
 
 // A kError reply as an error, anything but kOk as a protocol error.
@@ -257,14 +240,8 @@ VkResult<std::string> VkServiceNetClient::monitorProgram() const {
                    ? VkResult<std::string>(fromEnv)
                    : VkResult<std::string>(
                          VkError{"cannot run " + fromEnv + " (" + kProgramVariable + ")"});
-    if (std::string self = runningProgram(); !self.empty())
-        candidates.push_back(VkFile::join(VkFile::deletingLastPathComponent(self), "vksecurity"));
-#ifdef VK_BUILD_MONITOR_PROGRAM
-    candidates.push_back(VK_BUILD_MONITOR_PROGRAM);
-#endif
-#ifdef VK_INSTALL_MONITOR_PROGRAM
-    candidates.push_back(VK_INSTALL_MONITOR_PROGRAM);
-#endif
+    // Beside this program, in the build tree it runs from, in the install prefix.
+    candidates = VkInstallLayout::current().programCandidates("vksecurity");
     std::string path = env("PATH");
     for (size_t start = 0; start <= path.size();) {
         size_t end = path.find(':', start);

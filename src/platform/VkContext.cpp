@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "platform/VkFileUtil.h"
+#include "platform/VkInstallLayout.h"
 
 namespace {
 
@@ -37,36 +38,10 @@ UserInfo effectiveUser() {
     return info;
 }
 
-std::string executableFolder() {
-    std::error_code ec;
-    auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string() : exe.parent_path().string();
-}
-
 std::string findResourceFolder() {
     if (std::string v = env("VK_RESOURCE_DIR"); !v.empty())
         return v;
-    std::string exeDir = executableFolder();
-    for (const char* rel :
-         {"../resources", "../../resources", "../share/VkSecurity", "../../share/VkSecurity"}) {
-        if (exeDir.empty())
-            break;
-        std::string candidate = VkFile::join(exeDir, rel);
-        if (VkFile::exists(candidate)) {
-            std::error_code ec;
-            auto canonical = std::filesystem::weakly_canonical(candidate, ec);
-            return ec ? candidate : canonical.string();
-        }
-    }
-#ifdef VK_BUILD_RESOURCE_DIR
-    if (VkFile::exists(VK_BUILD_RESOURCE_DIR))
-        return VK_BUILD_RESOURCE_DIR;
-#endif
-#ifdef VK_INSTALL_RESOURCE_DIR
-    return VK_INSTALL_RESOURCE_DIR;
-#else
-    return "/usr/local/share/VkSecurity";
-#endif
+    return VkInstallLayout::current().resourceFolder();
 }
 
 std::mutex& defaultMutex() {

@@ -107,7 +107,7 @@ VkResult<void> VkCurlHttpClient::perform(const std::string& url, Transfer& trans
     curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(transfer.limit));
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
-    curl_easy_setopt(c, CURLOPT_USERAGENT, "VkSecurity/1.0");
+    curl_easy_setopt(c, CURLOPT_USERAGENT, "VkSecurity/" VK_VERSION);
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &Transfer::write);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &transfer);
     curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);

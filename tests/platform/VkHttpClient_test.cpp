@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -23,7 +24,9 @@ constexpr size_t kTrickleBytes = 3000;
 class VkHttpClientTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        server.Get("/ok", [](const httplib::Request&, httplib::Response& res) {
+        server.Get("/ok", [this](const httplib::Request& req, httplib::Response& res) {
+            std::lock_guard lock(mutex);
+            userAgent = req.get_header_value("User-Agent");
             res.set_content(std::string("\x00\x01payload", 9), "application/octet-stream");
         });
         server.Get("/missing",
@@ -70,6 +73,8 @@ class VkHttpClientTest : public ::testing::Test {
     }
 
     httplib::Server server;
+    std::mutex mutex;
+    std::string userAgent;  // of the last request for /ok
     std::atomic<bool> stopping{false};
     int port = 0;
     std::thread thread;
@@ -83,6 +88,10 @@ TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
     auto ok = client.get(url("/moved"), kAnyCap);
     ASSERT_TRUE(ok.ok()) << ok.error();
     EXPECT_EQ(std::string(ok->begin(), ok->end()), std::string("\x00\x01payload", 9));
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(userAgent, "VkSecurity/" VK_VERSION) << "the version of project(VERSION)";
+    }
     auto missing = client.get(url("/missing"), kAnyCap);
     ASSERT_FALSE(missing.ok());
     EXPECT_NE(missing.error().find("404"), std::string::npos);
