@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "VkPanelTestSupport.h"
+
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
 #include "detectors/VkAntiTrojan.h"
@@ -46,25 +48,6 @@ using Lines = std::vector<std::string>;
 
 const char kSample[] = "panel-synthetic-sample-bytes";
 const char kBigSample[] = "a-longer-synthetic-sample-that-is-not-malware-at-all";
-
-// The real engine, except that the signature check answers at once that the server could
-// not be reached (no network in tests, and no update loop left running).
-class VkOfflineCenter : public VkTorjanCenter {
-  public:
-    using VkTorjanCenter::VkTorjanCenter;
-    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate) override {
-        if (delegate)
-            delegate->updateTrojanData(false, std::nullopt);
-    }
-};
-
-bool serveUntil(const std::function<bool()>& pred, int limitMs = 30000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!pred() && timer.elapsed() < limitMs)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
-    return pred();
-}
 
 // The whole panel on the real engine, in a temporary data folder with one signature
 // database, drawn offscreen.

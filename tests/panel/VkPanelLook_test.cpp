@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "VkPanelTestSupport.h"
+
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
 #include "detectors/VkAntiTrojan.h"
@@ -50,23 +52,6 @@ namespace fs = std::filesystem;
 const char kSample[] = "look-synthetic-sample-bytes";
 const char kOther[] = "another-synthetic-sample-that-is-harmless";
 const char kLongThreat[] = "OSX/Panel.AThreatNameFarTooLongForItsColumnInAnyLanguage.Variant";
-
-class VkOfflineCenter : public VkTorjanCenter {
-  public:
-    using VkTorjanCenter::VkTorjanCenter;
-    void startUpdate(std::shared_ptr<VkAddTorjanDelegate> delegate) override {
-        if (delegate)
-            delegate->updateTrojanData(false, std::nullopt);
-    }
-};
-
-bool serveUntil(const std::function<bool()>& pred, int limitMs = 30000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!pred() && timer.elapsed() < limitMs)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
-    return pred();
-}
 
 // The whole panel on the real engine in the language of the test's parameter.
 class VkPanelLookTest : public ::testing::TestWithParam<const char*> {
