@@ -83,8 +83,13 @@ std::shared_ptr<VkContext> VkContext::create(const VkContextOptions& options) {
         dataFolder = "/Users/" + user.login + "/Library/Application Support/Velkora";
 #else
         std::string xdg = xdgFolder("XDG_DATA_HOME");
-        dataFolder =
-            VkFile::join(xdg.empty() ? VkFile::join(user.home, ".local/share") : xdg, "Velkora");
+        std::string base = xdg.empty() ? VkFile::join(user.home, ".local/share") : xdg;
+        // A fresh account may have no data home yet; the base folder is made owner-only by
+        // whoever writes first. Our own folder below it is still made only when installing,
+        // and a home that does not exist (a system account's) is not made up either.
+        if (!xdg.empty() || VkFile::exists(user.home))
+            VkFile::createDirectory(base, true, 0700);
+        dataFolder = VkFile::join(base, "Velkora");
 #endif
     }
     // Records (quarantine list, logs) keep full paths: never store them relative.
