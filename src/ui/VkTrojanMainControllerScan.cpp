@@ -208,14 +208,9 @@ void VkTrojanMainController::scanTorjanProcessOnMainThread(float progress,
     }
     if (!userScan_)
         userOperManager_->scanEndInfo(resultItemArray_.size(), this);
-    if (!userCancel_ && userScan_ && !view_->isHidden("shutDownButton") &&
-        view_->state("shutDownButton") == 1) {
-        if (!resultItemArray_.empty())
-            killTorjansAction();
-        else
-            shutDownMac();
-    }
-    // The box keeps its state: the end of the clean started above reads it.
+    bool cleanThenShutDown = !userCancel_ && userScan_ && !view_->isHidden("shutDownButton") &&
+                             view_->state("shutDownButton") == 1;
+    // The box keeps its state: the end of the clean started below reads it.
     view_->setHidden("shutDownButton", true);
     userOperManager_->userOperEnd(this);
     userScan_ = false;
@@ -224,6 +219,14 @@ void VkTrojanMainController::scanTorjanProcessOnMainThread(float progress,
     setScanControllerStat(false);
     if (loopUpdateTime_)
         loopUpdateTime_->invalidate();
+    // Last, so that the scan's end screen does not show the clean and back buttons again
+    // while the removal runs, nor end the user operation the removal has just started.
+    if (cleanThenShutDown) {
+        if (!resultItemArray_.empty())
+            killTorjansAction();
+        else
+            shutDownMac();
+    }
 }
 
 void VkTrojanMainController::setScanControllerStat(bool scanning) {
