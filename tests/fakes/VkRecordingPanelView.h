@@ -20,68 +20,44 @@ class VkRecordingPanelView : public VkPanelView {
         log("setHidden " + control + (hidden ? " 1" : " 0"));
         hidden_[control] = hidden;
     }
-    bool isHidden(const std::string& control) const override {
-        auto it = hidden_.find(control);
-        return it != hidden_.end() && it->second;
-    }
+    bool isHidden(const std::string& control) const override { return get(hidden_, control); }
     void setEnabled(const std::string& control, bool enabled) override {
         log("setEnabled " + control + (enabled ? " 1" : " 0"));
-        disabled_[control] = !enabled;
-    }
-    bool isEnabled(const std::string& control) const {
-        auto it = disabled_.find(control);
-        return it == disabled_.end() || !it->second;
     }
     void setText(const std::string& control, const std::string& text) override {
         log("setText " + control + " " + text);
         texts_[control] = text;
         styled_.erase(control);
     }
-    std::string text(const std::string& control) const override {
-        auto it = texts_.find(control);
-        return it == texts_.end() ? std::string() : it->second;
-    }
+    std::string text(const std::string& control) const override { return get(texts_, control); }
     void setStyledText(const std::string& control, const VkStyledText& text) override {
         log("setStyledText " + control + " " + text.text);
         texts_[control] = text.text;
         styled_[control] = text;
     }
     std::optional<VkStyledText> styledText(const std::string& control) const {
-        auto it = styled_.find(control);
-        if (it == styled_.end())
-            return std::nullopt;
-        return it->second;
+        return styled_.count(control) ? std::optional(styled_.at(control)) : std::nullopt;
     }
     double drawnWidth(const VkStyledText& text) const override { return 7.0 * text.text.size(); }
     void setImage(const std::string& control, const VkPanelImage& image) override {
         log("setImage " + control + " " + describe(image));
         images_[control] = image;
     }
-    VkPanelImage image(const std::string& control) const {
-        auto it = images_.find(control);
-        return it == images_.end() ? VkPanelImage::none() : it->second;
-    }
+    VkPanelImage image(const std::string& control) const { return get(images_, control); }
+    // The control's image in words: "none", a resource name, "icon:<path>", "button:<title>".
+    std::string shows(const std::string& control) const { return describe(image(control)); }
     void setProgress(const std::string& control, double value) override {
         log("setProgress " + control + " " + std::to_string(value));
         progress_[control] = value;
     }
-    double progress(const std::string& control) const {
-        auto it = progress_.find(control);
-        return it == progress_.end() ? 0.0 : it->second;
-    }
-    int32_t state(const std::string& control) const override {
-        auto it = states_.find(control);
-        return it == states_.end() ? 0 : it->second;
-    }
+    double progress(const std::string& control) const { return get(progress_, control); }
+    int32_t state(const std::string& control) const override { return get(states_, control); }
     void setState(const std::string& control, int32_t state) override {
         log("setState " + control + " " + std::to_string(state));
         states_[control] = state;
     }
 
-    VkRect frame(const std::string& control) const override {
-        auto it = frames_.find(control);
-        return it == frames_.end() ? VkRect{} : it->second;
-    }
+    VkRect frame(const std::string& control) const override { return get(frames_, control); }
     void setFrame(const std::string& control, const VkRect& frame) override {
         frames_[control] = frame;
     }
@@ -101,13 +77,11 @@ class VkRecordingPanelView : public VkPanelView {
         removeChild(child);
     }
     bool isSubview(const std::string& parent, const std::string& child) const override {
-        auto it = children_.find(parent);
-        return it != children_.end() &&
-               std::find(it->second.begin(), it->second.end(), child) != it->second.end();
+        auto list = subviews(parent);
+        return std::find(list.begin(), list.end(), child) != list.end();
     }
     std::vector<std::string> subviews(const std::string& parent) const {
-        auto it = children_.find(parent);
-        return it == children_.end() ? std::vector<std::string>() : it->second;
+        return get(children_, parent);
     }
     void beginSheet(const std::string& sheet) override {
         log("beginSheet " + sheet);
@@ -123,20 +97,14 @@ class VkRecordingPanelView : public VkPanelView {
         log("reloadData " + outline);
         ++reloads_[outline];
     }
-    int reloads(const std::string& outline) const {
-        auto it = reloads_.find(outline);
-        return it == reloads_.end() ? 0 : it->second;
-    }
+    int reloads(const std::string& outline) const { return get(reloads_, outline); }
     void setSortIndicator(const std::string& column,
                           const std::optional<std::string>& indicator) override {
         log("setSortIndicator " + column + " " + indicator.value_or("-"));
         indicators_[column] = indicator.value_or("");
     }
     // The indicator on a column ("" when none).
-    std::string indicatorOn(const std::string& column) const {
-        auto it = indicators_.find(column);
-        return it == indicators_.end() ? std::string() : it->second;
-    }
+    std::string indicatorOn(const std::string& column) const { return get(indicators_, column); }
     std::optional<int64_t> clickedRow(const std::string&) const override { return clicked; }
     std::optional<int64_t> selectedRow(const std::string&) const override { return selected; }
 
@@ -170,6 +138,12 @@ class VkRecordingPanelView : public VkPanelView {
     }
 
   private:
+    // The value kept for a control, or the untouched control's value.
+    template <typename Map>
+    static typename Map::mapped_type get(const Map& map, const std::string& key) {
+        auto it = map.find(key);
+        return it == map.end() ? typename Map::mapped_type{} : it->second;
+    }
     void log(std::string line) { calls.push_back(std::move(line)); }
     void removeChild(const std::string& child) {
         for (auto& [parent, list] : children_)
@@ -177,7 +151,6 @@ class VkRecordingPanelView : public VkPanelView {
     }
 
     std::map<std::string, bool> hidden_;
-    std::map<std::string, bool> disabled_;
     std::map<std::string, std::string> texts_;
     std::map<std::string, VkStyledText> styled_;
     std::map<std::string, VkPanelImage> images_;

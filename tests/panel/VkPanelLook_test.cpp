@@ -1,16 +1,12 @@
 // What a person sees on every screen of the panel, in English and in German: only texts of
 // the strings tables, nothing cut mid-glyph, screens that use the window's size. Every
 // screen is saved as a picture in build/<flavor>/screenshots/<language>/.
-#include <QAbstractButton>
-#include <QApplication>
 #include <QCheckBox>
-#include <QComboBox>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QHeaderView>
+#include <QLabel>
 #include <QLineEdit>
-#include <QMimeData>
-#include <QTest>
+#include <QProgressBar>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -18,74 +14,28 @@
 #include <gtest/gtest.h>
 
 #include "VkPanelTestSupport.h"
-
-#include "center/VkServices.h"
-#include "center/VkTorjanCenter.h"
-#include "detectors/VkAntiTrojan.h"
-#include "engine/VkTorjanResultItems.h"
-#include "fakes/VkQuietPacing.h"
-#include "fakes/VkRecordingHostReporter.h"
-#include "fakes/VkRecordingNetClient.h"
-#include "fakes/VkTempDir.h"
-#include "fakes/VkTestSignatures.h"
-#include "logs/VkFileMonLogsOper.h"
-#include "logs/VkScanLogsOper.h"
+#include "logs/VkScanLogsNode.h"
 #include "panel/VkCenterTextCell.h"
 #include "panel/VkElidedLabel.h"
 #include "panel/VkLogsWidget.h"
 #include "panel/VkQtImages.h"
-#include "panel/VkQtMainQueue.h"
 #include "panel/VkQuarantineFileWidget.h"
-#include "panel/VkSecurityPanel.h"
 #include "panel/VkSwitchButton.h"
-#include "panel/VkTrojanDragView.h"
-#include "panel/VkTrojanMainWidget.h"
-#include "panel/VkTrojanOutlineView.h"
 #include "panel/VkTrustFileWidget.h"
-#include "platform/VkFileUtil.h"
-#include "ui/VkTrojanMainController.h"
+#include "remediation/VkQuarantineFileManager.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-const char kSample[] = "look-synthetic-sample-bytes";
-const char kOther[] = "another-synthetic-sample-that-is-harmless";
-const char kLongThreat[] = "OSX/Panel.AThreatNameFarTooLongForItsColumnInAnyLanguage.Variant";
+using Lines = std::vector<std::string>;
 
 // The whole panel on the real engine in the language of the test's parameter.
-class VkPanelLookTest : public ::testing::TestWithParam<const char*> {
+class VkPanelLookTest : public VkPanelFixture, public ::testing::WithParamInterface<const char*> {
   protected:
+    const char* language() const override { return GetParam(); }
+
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
-        ctx->pacing = std::make_shared<VkQuietPacing>();
-        ctx->clock = std::make_shared<VkSystemClock>();
-        ctx->mainQueue = std::make_shared<VkQtMainQueue>(0.01);
-        ctx->resourceFolder = std::string(VK_BINARY_DIR) + "/resources";
-        ctx->localizer = std::make_shared<VkLocalizer>(ctx->resourceFolder, GetParam());
-        host = std::make_shared<VkRecordingHostReporter>();
-        ctx->hostReporter = host;
-        ctx->netClient = std::make_shared<VkRecordingNetClient>();
-        ctx->userDefaults->setObject("LogsKeepDay", VkPlist::integer(30));
-        VkFile::createDirectory(ctx->dataFolder, true);
-        VkFile::createDirectory(ctx->systemRoot, true);
-        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
-                                 {{"OSX/Panel.A", kSample, {}}, {kLongThreat, kOther, {}}});
-        center = std::make_shared<VkOfflineCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
-                                                   VkServices::makeQuarantine(*ctx));
-        center->trjanScan().setPaceScans(false);
-        scanEnds = std::make_shared<int>(0);
-        ctx->notificationCenter->addObserver("TrojanScanNotify", nullptr,
-                                             [ends = scanEnds](const VkNotification& n) {
-                                                 if (n.object.asBool() == false)
-                                                     ++*ends;
-                                             });
-        panel =
-            std::make_unique<VkSecurityPanel>(ctx, center, std::make_shared<VkScanLogsOper>(ctx),
-                                              std::make_shared<VkFileMonLogsOper>(ctx));
-        panel->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(panel.get()));
-        serveUntil([this] { return text("lastUpdateText") != ""; }, 2000);
+        VkPanelFixture::SetUp();
         // Every text of the language's table, as a pattern: formats take their numbers and
         // texts, a count may come before a text and a number, time or date after a label.
         auto table =
@@ -100,22 +50,6 @@ class VkPanelLookTest : public ::testing::TestWithParam<const char*> {
             pattern = std::regex_replace(pattern, std::regex("%@"), ".+");
             texts.emplace_back("([0-9]+ )?" + pattern + "([0-9:-]+)?");
         }
-    }
-
-    void TearDown() override {
-        center->trjanScan().stopCurrentScan();
-        panel.reset();
-    }
-
-    VkTrojanMainWidget* trojan() const { return panel->trojanWidget(); }
-    template <typename T = QWidget>
-    T* find(const char* name) const {
-        return qobject_cast<T*>(trojan()->panelView().widget(name));
-    }
-    std::string text(const char* name) const { return trojan()->panelView().text(name); }
-    void click(QWidget* button) {
-        ASSERT_NE(button, nullptr);
-        QTest::mouseClick(button, Qt::LeftButton);
     }
 
     bool fromTable(const QString& shown) const {
@@ -163,76 +97,110 @@ class VkPanelLookTest : public ::testing::TestWithParam<const char*> {
         EXPECT_TRUE(panel->grab().save(QString("%1/%2.png").arg(folder, screen)));
     }
 
-    void dropAndScan(const std::string& path) {
-        VkTrojanDragView* drop = trojan()->dragView();
-        QMimeData data;
-        data.setUrls({QUrl::fromLocalFile(QString::fromStdString(path))});
-        QPoint middle = drop->rect().center();
-        QDragEnterEvent enter(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(drop, &enter);
-        QDropEvent dropped(QPointF(middle), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        int before = *scanEnds;
-        QApplication::sendEvent(drop, &dropped);
-        ASSERT_TRUE(serveUntil([&] { return *scanEnds > before; }));
-        QCoreApplication::processEvents();
-    }
-
-    void choose(int row, int tag) {
-        VkTrojanOutlineView* results = trojan()->resultView();
-        VkQtRowModel* model = results->rowModel();
-        auto* popUp = qobject_cast<QComboBox*>(
-            results->indexWidget(model->index(row, model->columnIndex("prcoessColumn"))));
-        ASSERT_NE(popUp, nullptr);
-        popUp->setCurrentIndex(popUp->findData(tag));
-        emit popUp->activated(popUp->findData(tag));
-    }
-
-    // Three findings: two files of one name in two folders and one with a long threat name.
+    // Three findings: two files of one name in two folders and one with a long threat name,
+    // beside a harmless file.
     std::string plantThree() {
         dir.write("root/Users/me/Downloads/small.bin", kSample);
         dir.write("root/Users/me/Documents/old/small.bin", kSample);
         dir.write("root/Users/me/tool.bin", kOther);
+        dir.write("root/Users/me/Downloads/readme.txt", "harmless");
         return dir / "root/Users/me";
     }
+    // A format of the table with its count filled in.
+    std::string counted(const char* key, int count) const {
+        return std::regex_replace(localized(key), std::regex("%ld"), std::to_string(count));
+    }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingHostReporter> host;
-    std::shared_ptr<VkOfflineCenter> center;
-    std::unique_ptr<VkSecurityPanel> panel;
-    std::shared_ptr<int> scanEnds;
     std::vector<std::regex> texts;
 };
 
+// The whole way through every screen on the real engine, in each language: a dropped folder
+// is scanned and listed; two files go to the quarantine and one comes back from it, the third
+// onto the trust list and off it again; the scan and its findings are in the logs. Each
+// screen shows only texts of the table and is saved as a picture.
 TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
+    // No clean on record yet: the warning.
+    for (const char* control : {"mainView", "userScanView", "headView"})
+        EXPECT_TRUE(shown(find(control))) << control;
+    EXPECT_FALSE(shown(find("scanView")));
+    EXPECT_EQ(label("warningText"), localized("Secuirty Warning"));
+    EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
+    EXPECT_EQ(label("lastUpdateText"), localized("Security-50-1"));
     expectOnlyTableTexts("main");
+
     dropAndScan(plantThree());
-    ASSERT_EQ(trojan()->resultView()->rowModel()->rowCount(), 3);
+    VkTrojanOutlineView* results = trojan()->resultView();
+    EXPECT_TRUE(shown(results));
+    EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"small.bin", "small.bin", "tool.bin"}));
+    EXPECT_EQ(column(results, "torjanNameColumn"),
+              (Lines{"OSX/Panel.A", "OSX/Panel.A", kLongThreat}));
+    EXPECT_EQ(label("currentScanPathText"), "3 " + localized("Security-1-9-1"));
+    // Every path the walk reports counts, the folders included.
+    EXPECT_EQ(label("scanCountText"), localized("Security-1-7-1") + "7");
+    EXPECT_EQ(find<QProgressBar>("scanProgressIndicator")->value(), 1000);
+    EXPECT_TRUE(shown(find("cleanButton")));
+    EXPECT_TRUE(shown(find("backButton")));
+    EXPECT_FALSE(shown(find("cancelButton")));
     expectOnlyTableTexts("result");
+
     // The two small.bin go to the quarantine, the other file onto the trust list.
     for (int row = 0; row < 3; ++row) {
-        auto item = trojan()->controller()->itemAt(row);
-        choose(row, item->path()->ends_with("small.bin") ? 1 : 3);
+        choose(row, row < 2 ? 1 : 3);
+        EXPECT_EQ(controller().itemAt(row)->trojanProcess(), row < 2 ? 1 : 3);
     }
     click(find("cleanButton"));
-    ASSERT_TRUE(serveUntil([&] { return trojan()->resultView()->rowModel()->rowCount() == 0; }));
+    ASSERT_TRUE(serveUntil([&] { return results->rowModel()->rowCount() == 0; }));
+    EXPECT_FALSE(fs::exists(dir / "root/Users/me/Downloads/small.bin"));
+    EXPECT_FALSE(fs::exists(dir / "root/Users/me/Documents/old/small.bin"));
+    EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 2u);
+    EXPECT_TRUE(fs::exists(dir / "root/Users/me/tool.bin"));  // trusted files stay
+    EXPECT_EQ(center->ecryptTrustFileArray().size(), 1u);
+    EXPECT_EQ(label("warningText"), localized("Secuirty Good"));
+    // The finish state: one centred button with the painted face.
+    EXPECT_TRUE(shown(find("backButton")));
+    EXPECT_FALSE(shown(find("cleanButton")));
+    EXPECT_FALSE(find<QAbstractButton>("backButton")->icon().isNull());
     expectOnlyTableTexts("cleaned");
-    click(find("backButton"));
-    click(find("trustListButton"));
-    expectOnlyTableTexts("trust");
-    click(trojan()->trustWidget()->findChild<QAbstractButton*>("completeButton"));
-    click(find("quarantineButton"));
-    expectOnlyTableTexts("quarantine");
 
+    // Back on the main screen, the trust list shows the trusted file until it is dropped
+    // from it; closed and opened again, it covers the trojan screens whole once more.
+    click(find("backButton"));
+    EXPECT_TRUE(shown(find("mainView")));
+    click(find("trustListButton"));
+    VkTrustFileWidget* trust = trojan()->trustWidget();
+    ASSERT_TRUE(shown(trust));
+    EXPECT_EQ(column(trust->outline(), "torjanNameColumn"), Lines{kLongThreat});
+    EXPECT_EQ(column(trust->outline(), "fileNameColumn"), Lines{"tool.bin"});
+    EXPECT_EQ(trust->outline()->sortIndicator("fileNameColumn"), "NSAscendingSortIndicator");
+    expectOnlyTableTexts("trust");
+    click(trust->rowButton(0));
+    EXPECT_EQ(trust->outline()->rowModel()->rowCount(), 0);
+    EXPECT_TRUE(center->ecryptTrustFileArray().empty());
+    EXPECT_EQ(trust->findChild<QLabel*>("trustFileText")->text().toStdString(),
+              counted("Security-1-13-1", 0));
+    click(trust, "completeButton");
+    EXPECT_FALSE(shown(trust));
+    click(find("trustListButton"));
+    EXPECT_TRUE(shown(trust));
+    EXPECT_EQ(trust->geometry(), trojan()->rect());
+    click(trust, "completeButton");
+
+    click(find("quarantineButton"));
+    VkQuarantineFileWidget* quarantine = trojan()->quarantineWidget();
+    ASSERT_TRUE(shown(quarantine));
+    EXPECT_FALSE(shown(find("headView")));
+    EXPECT_EQ(column(quarantine->outline(), "fileNameColumn"), (Lines{"small.bin", "small.bin"}));
+    EXPECT_EQ(find<QLabel>("QuarantineFileText")->text().toStdString(),
+              counted("Security-1-12-1", 2));
+    expectOnlyTableTexts("quarantine");
     // Two files of one name are told apart by their whole places, shown as tool tips; the
     // column shows each place shortened, never cut.
-    VkQtOutlineView* list = trojan()->quarantineWidget()->outline();
+    VkQtOutlineView* list = quarantine->outline();
     int place = list->rowModel()->columnIndex("filePathColumn");
     std::set<std::string> places;
     for (int row = 0; row < 2; ++row) {
         QModelIndex cell = list->rowModel()->index(row, place);
         std::string whole = cell.data(Qt::ToolTipRole).toString().toStdString();
-        EXPECT_TRUE(whole.ends_with("/small.bin")) << whole;
         places.insert(whole);
         QString drawn = VkCenterTextCell::shownText(QString::fromStdString(whole), list->font(),
                                                     list->columnWidth(place) - 8, Qt::ElideMiddle);
@@ -240,18 +208,60 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
             << drawn.toStdString();
         EXPECT_GE(list->visualRect(cell).height(), VkCenterTextCell::rowHeight(list->font()));
     }
-    EXPECT_EQ(places.size(), 2u);
-    click(trojan()->quarantineWidget()->findChild<QAbstractButton*>("completeButton"));
+    EXPECT_EQ(places, (std::set<std::string>{dir / "root/Users/me/Downloads/small.bin",
+                                             dir / "root/Users/me/Documents/old/small.bin"}));
+    // Restoring puts the file back where it was, and only that one.
+    std::string back = column(list, "filePathColumn")[0];
+    click(quarantine->rowButton(0, "disFileQuarantineButton"));
+    auto restored = VkFile::readAll(back);
+    ASSERT_TRUE(restored.ok()) << back;
+    EXPECT_EQ(restored.value(), kSample);
+    EXPECT_EQ(list->rowModel()->rowCount(), 1);
+    EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
+    EXPECT_EQ(find<QLabel>("QuarantineFileText")->text().toStdString(),
+              counted("Security-1-12-1", 1));
+    // The finish button closes the screen and brings the main screen's controls back.
+    click(quarantine, "completeButton");
+    EXPECT_FALSE(shown(quarantine));
+    EXPECT_TRUE(shown(find("userScanView")));
+    EXPECT_TRUE(shown(find("headView")));
 
-    click(panel->findChild<QAbstractButton*>("viewFileMonLogs"));
+    // The head strip's link opens the logs page on the file monitor's records.
+    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
+    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanLogsItems().size(), 3u);
+    click(panel.get(), "viewFileMonLogs");
     VkLogsWidget* logs = panel->logsWidget();
+    ASSERT_TRUE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+    EXPECT_FALSE(trojan()->isVisibleTo(panel.get()));
+    VkQtPanelView& page = logs->panelView();
+    EXPECT_TRUE(page.isSubview("contentView", "fileLogsView"));
+    EXPECT_FALSE(page.isHidden("serachField"));
     expectOnlyTableTexts("logs-files");
-    click(logs->findChild<QAbstractButton*>("showScanButton"));
+    // The scan toggle shows the history: one custom scan with three findings.
+    click(logs, "showScanButton");
+    EXPECT_TRUE(page.isSubview("contentView", "scanLogsView"));
+    EXPECT_TRUE(page.isHidden("serachField"));
+    VkQtOutlineView* scans = logs->outline("scanLogsOutlineView");
+    EXPECT_EQ(column(scans, "scanTypeColumn"), Lines{localized("Security-1-9")});
+    ASSERT_NE(logs->resultButton(0), nullptr);
+    EXPECT_EQ(logs->resultButton(0)->text().toStdString(), counted("Security-50-3", 3));
+    EXPECT_EQ(scans->sortIndicator("scanTimeColumn"), "NSDescendingSortIndicator");
     expectOnlyTableTexts("logs");
+    // Its result button opens the sheet with the entries.
     click(logs->resultButton(0));
+    QWidget* sheet = page.widget("detailWind");
+    ASSERT_NE(sheet, nullptr);
+    EXPECT_TRUE(sheet->isVisibleTo(logs));
+    EXPECT_EQ(column(logs->outline("scanDetailOutline"), "scanNameColumn"),
+              (Lines{"tool.bin", "small.bin", "small.bin"}));
     expectOnlyTableTexts("logs-detail");
-    click(logs->findChild<QAbstractButton*>("closeDetailButton"));
-    click(logs->findChild<QAbstractButton*>("completeButton"));
+    click(logs, "closeDetailButton");
+    EXPECT_FALSE(sheet->isVisibleTo(logs));
+    // Done takes the page away and brings the trojan screens back.
+    click(logs, "completeButton");
+    EXPECT_FALSE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+    EXPECT_TRUE(trojan()->isVisibleTo(panel.get()));
+    EXPECT_TRUE(shown(find("mainView")));
 
     panel->postHostNotification("ReadlyStartScanNotify");
     expectOnlyTableTexts("scanning");
@@ -262,7 +272,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
 TEST_P(VkPanelLookTest, ScreensUseTheWholeWindowAndShortenWhatDoesNotFit) {
     EXPECT_EQ(panel->size(), QSize(640, 480));
     dropAndScan(plantThree());
-    click(panel->findChild<QAbstractButton*>("viewFileMonLogs"));
+    click(panel.get(), "viewFileMonLogs");
     VkLogsWidget* logs = panel->logsWidget();
     // The logs page covers the panel; its search field and clear button lie side by side
     // inside it, and its list takes the room the window gives.
@@ -281,7 +291,7 @@ TEST_P(VkPanelLookTest, ScreensUseTheWholeWindowAndShortenWhatDoesNotFit) {
         EXPECT_GT(listHeight, lastListHeight);
         lastListHeight = listHeight;
     }
-    click(logs->findChild<QAbstractButton*>("completeButton"));
+    click(logs, "completeButton");
     // The result screen covers the trojan screens with no band left above it; its list grows.
     lastListHeight = 0;
     for (QSize size : {QSize(640, 480), QSize(1000, 720)}) {
@@ -334,7 +344,7 @@ TEST_P(VkPanelLookTest, AnAutomaticCleanEndsWithOneFinishButtonAndATrueHeader) {
     ASSERT_TRUE(serveUntil([&] { return trojan()->resultView()->rowModel()->rowCount() == 0; }));
     ASSERT_TRUE(serveUntil([&] { return !find("backButton")->isHidden(); }));
     EXPECT_TRUE(find("cleanButton")->isHidden());
-    EXPECT_EQ(text("currentScanPathText"), ctx->localizer->localizedString("Security-1-14"));
+    EXPECT_EQ(label("currentScanPathText"), localized("Security-1-14"));
     // A file type without a picture of its own still shows the generic file icon.
     for (const char* type : {"bin", "no-such-type"})
         EXPECT_FALSE(VkQtImages::fileIcon(VkImage::iconForFileType(type)).pixmap(16).isNull());

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "VkPanelTestSupport.h"
 #include "fakes/VkTempDir.h"
 #include "panel/VkBaseImageUtil.h"
 #include "panel/VkCenterTextCell.h"
@@ -24,16 +25,6 @@
 #include "panel/VkTrojanOutlineView.h"
 
 namespace {
-
-// Serves the Qt event loop until pred() holds or the (generous) limit passes; the loop
-// wakes on every posted event, so a passing test waits only as long as the work takes.
-bool serveUntil(const std::function<bool()>& pred, int limitMs = 10000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!pred() && timer.elapsed() < limitMs)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
-    return pred();
-}
 
 TEST(VkQtMainQueueTest, WorkFromAnyThreadRunsOnTheMainThreadInOrder) {
     VkQtMainQueue queue;
@@ -273,7 +264,8 @@ class VkTrojanDragViewTest : public ::testing::Test {
         drop.show();
     }
 
-    void dropUrls(const QList<QUrl>& urls) {
+    // Drags a file manager's paths over the view, then drops them or leaves again.
+    void drag(const QList<QUrl>& urls, bool andDrop) {
         QMimeData data;
         data.setUrls(urls);
         QDragEnterEvent enter(QPoint(150, 100), Qt::CopyAction, &data, Qt::LeftButton,
@@ -283,7 +275,8 @@ class VkTrojanDragViewTest : public ::testing::Test {
         EXPECT_TRUE(drop.isAnimating());
         QDropEvent dropped(QPointF(150, 100), Qt::CopyAction, &data, Qt::LeftButton,
                            Qt::NoModifier);
-        QApplication::sendEvent(&drop, &dropped);
+        QDragLeaveEvent leave;
+        QApplication::sendEvent(&drop, andDrop ? static_cast<QEvent*>(&dropped) : &leave);
     }
 
     VkTrojanDragView drop;
@@ -295,20 +288,15 @@ class VkTrojanDragViewTest : public ::testing::Test {
 TEST_F(VkTrojanDragViewTest, ADropTellsTheDelegateOnceInOrderAndADragLeavingNothing) {
     QPoint rest = drop.anchorImageView()->pos();
     EXPECT_EQ(rest.x(), (300 - drop.anchorImageView()->width()) / 2);
-    QMimeData data;
-    data.setUrls({QUrl::fromLocalFile("/tmp/x")});
-    QDragEnterEvent enter(QPoint(150, 100), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-    QApplication::sendEvent(&drop, &enter);
-    ASSERT_TRUE(drop.isAnimating());
-    QDragLeaveEvent leave;
-    QApplication::sendEvent(&drop, &leave);
+    drag({QUrl::fromLocalFile("/tmp/x")}, false);
     EXPECT_FALSE(drop.isAnimating());
     EXPECT_EQ(drop.anchorImageView()->pos(), rest);
     EXPECT_FALSE(drop.anchorImageView()->isHidden());
     EXPECT_TRUE(calls.empty());
 
-    dropUrls({QUrl::fromLocalFile("/tmp/b"), QUrl::fromLocalFile("/tmp/a dir"),
-              QUrl::fromLocalFile("/tmp/c")});
+    drag({QUrl::fromLocalFile("/tmp/b"), QUrl::fromLocalFile("/tmp/a dir"),
+          QUrl::fromLocalFile("/tmp/c")},
+         true);
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0], (std::vector<std::string>{"/tmp/b", "/tmp/a dir", "/tmp/c"}));
     EXPECT_TRUE(drop.anchorImageView()->isHidden());

@@ -1,5 +1,4 @@
 #include <QApplication>
-#include <QElapsedTimer>
 #include <QLibrary>
 #include <QMetaObject>
 #include <QWidget>
@@ -9,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "VkPanelTestSupport.h"
 #include "fakes/VkTempDir.h"
 #include "panel/VkSecurityEntry.h"
 
@@ -46,15 +46,11 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
                              "postHostNotification(QString)"})
         EXPECT_GE(panel->metaObject()->indexOfSlot(slot), 0) << slot;
 
-    QElapsedTimer timer;
-    timer.start();
     auto has = [&lines](const std::string& line) {
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     };
     auto serveUntilHas = [&](const std::string& line) {
-        while (!has(line) && timer.elapsed() < 20000)
-            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
-        return has(line);
+        return serveUntil([&] { return has(line); }, 20000);
     };
     // The panel registers with the host at once; the host's "stop" notification, addressed
     // to the panel's controller, brings the home view back and is reported as such.
