@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -8,6 +9,9 @@
 #include "platform/VkFileUtil.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 const std::string kApps = std::string(VK_BINARY_DIR) + "/apps/";
 
@@ -67,15 +71,15 @@ TEST_F(VkCliConventionsTest, UsageErrorsAndMonitorSettingsAsTheTableSays) {
     dir.write("data", "not a folder");
     auto db = run("vksecurity", {"db"});
     EXPECT_EQ(db.exitCode, 2);
-    EXPECT_NE(db.err.find("cannot read the signature database folder"), std::string::npos);
+    EXPECT_THAT(db.err, HasSubstr("cannot read the signature database folder"));
     ::unlink((dir / "data").c_str());
     for (const Case& c : cases) {
         auto r = run(c.program, c.args);
         std::string line = c.program + " " + nlohmann::json(c.args).dump();
         EXPECT_EQ(r.exitCode, c.exitCode) << line << "\n" << r.err << r.out;
-        EXPECT_NE(r.err.find(c.inErr), std::string::npos) << line << "\n" << r.err;
-        EXPECT_NE(r.out.find(c.inOut), std::string::npos) << line << "\n" << r.out;
-        EXPECT_EQ(r.out.find("/apps/"), std::string::npos) << "a build path in " << line;
+        EXPECT_THAT(r.err, HasSubstr(c.inErr)) << line << "\n" << r.err;
+        EXPECT_THAT(r.out, HasSubstr(c.inOut)) << line << "\n" << r.out;
+        EXPECT_THAT(r.out, Not(HasSubstr("/apps/"))) << "a build path in " << line;
     }
     // The settings were stored, owner-only, beside the defaults file; nothing was started.
     auto status = run("vksecurity", {"--json", "monitor", "--status"});

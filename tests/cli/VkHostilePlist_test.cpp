@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
@@ -22,9 +23,13 @@
 #include "logs/VkFileMonLogsItem.h"
 #include "monitor/VkFileMonService.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkKeyedArchiver.h"
 #include "platform/VkUserDefaults.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 const std::string kSample = "alpha-synthetic-sample";
 const std::string kOlyxA = "/Users/tester/Library/LaunchAgents/www.google.com.tstart.plist";
@@ -44,25 +49,17 @@ void writeDatabase(const std::string& path, VkNulPlace place, bool plant) {
     VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
     vkWriteSignatureDatabase(path, "test", "1.0",
                              {{"Test.Alpha", kSample, {{"d", "/Library/" + kVkNulMarker, "x"}}}});
+    // The kill list as the store archives it, planted, then written over the stored one.
+    auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(
+        VkPlist(VkPlist::Array{VkPlist::array({"d", "/Library/" + kVkNulMarker, "x"})})));
+    ASSERT_TRUE(archive);
+    std::string update = "update test set kill = X'";
+    for (unsigned char c : vkPlantNulInArchive(*archive, place, plant))
+        update += "0123456789ABCDEF"[c >> 4] + std::string(1, "0123456789ABCDEF"[c & 15]);
     sqlite3* raw = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
     VkSqliteDb db(raw);
-    std::vector<uint8_t> archive;
-    {
-        VkSqliteStatement read;
-        ASSERT_EQ(sqlite3_prepare_v2(raw, "select kill from test", -1, read.out(), nullptr),
-                  SQLITE_OK);
-        ASSERT_EQ(sqlite3_step(read.get()), SQLITE_ROW);
-        const auto* blob = static_cast<const uint8_t*>(sqlite3_column_blob(read.get(), 0));
-        archive.assign(blob, blob + sqlite3_column_bytes(read.get(), 0));
-    }
-    std::string planted = vkPlantNulInArchive(archive, place, plant);
-    VkSqliteStatement write;
-    ASSERT_EQ(sqlite3_prepare_v2(raw, "update test set kill = ?", -1, write.out(), nullptr),
-              SQLITE_OK);
-    sqlite3_bind_blob(write.get(), 1, planted.data(), static_cast<int>(planted.size()),
-                      SQLITE_STATIC);
-    ASSERT_EQ(sqlite3_step(write.get()), SQLITE_DONE);
+    ASSERT_EQ(sqlite3_exec(raw, (update + "'").c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
 }
 
 // A launch item of Olyx.A, as the detector recognises it, holding both markers.
@@ -213,33 +210,30 @@ TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
     };
     auto trust = run("vksecurity", {"trust", "list"});
     EXPECT_EQ(trust.exitCode, 0) << trust.err;
-    EXPECT_NE(trust.err.find("the settings file " + dir / "defaults.plist" + " cannot be read"),
-              std::string::npos)
-        << trust.err;
+    EXPECT_THAT(trust.err,
+                HasSubstr("the settings file " + dir / "defaults.plist" + " cannot be read"));
     auto scan = run("vksecurity", {"scan", dir / "tree"});
     EXPECT_EQ(scan.exitCode, 1) << scan.err;
-    EXPECT_NE(scan.out.find(sample + ": Test.Alpha FOUND"), std::string::npos) << scan.out;
+    EXPECT_THAT(scan.out, HasSubstr(sample + ": Test.Alpha FOUND"));
     auto quick = run("vksecurity", {"scan", "--quick"});
     EXPECT_EQ(quick.exitCode, 1) << quick.err;
-    EXPECT_NE(quick.out.find("OSX/Olyx.B FOUND"), std::string::npos) << quick.out;
-    EXPECT_EQ(quick.out.find("OSX/Olyx.A"), std::string::npos) << quick.out;
+    EXPECT_THAT(quick.out, HasSubstr("OSX/Olyx.B FOUND"));
+    EXPECT_THAT(quick.out, Not(HasSubstr("OSX/Olyx.A")));
     auto monitorLogs = run("vksecurity", {"logs", "--monitor"});
     EXPECT_EQ(monitorLogs.exitCode, 2);
-    EXPECT_NE(monitorLogs.err.find("records cannot be read: keyed archive: a string or key holds "
-                                   "a NUL character"),
-              std::string::npos)
-        << monitorLogs.err;
+    EXPECT_THAT(
+        monitorLogs.err,
+        HasSubstr("records cannot be read: keyed archive: a string or key holds a NUL character"));
     auto update = run("vksecurity", {"update", "--allow-unsigned"});
     EXPECT_EQ(update.exitCode, 2) << update.out;
-    EXPECT_NE(update.err.find("the manifest is not a property-list array"), std::string::npos)
-        << update.err;
+    EXPECT_THAT(update.err, HasSubstr("the manifest is not a property-list array"));
     auto list = run("vksig", {"list", db});
     EXPECT_EQ(list.exitCode, 0) << list.err;
-    EXPECT_NE(list.out.find("Test.Alpha"), std::string::npos) << list.out;
-    EXPECT_EQ(list.out.find("kill="), std::string::npos) << list.out;
+    EXPECT_THAT(list.out, HasSubstr("Test.Alpha"));
+    EXPECT_THAT(list.out, Not(HasSubstr("kill=")));
     auto verify = run("vksig", {"verify", db});
     EXPECT_EQ(verify.exitCode, 1) << verify.err;
-    EXPECT_NE(verify.out.find("row 1: kill: not a keyed archive"), std::string::npos) << verify.out;
+    EXPECT_THAT(verify.out, HasSubstr("row 1: kill: not a keyed archive"));
 
     server.stop();
     serving.join();

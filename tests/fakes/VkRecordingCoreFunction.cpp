@@ -1,10 +1,5 @@
 #include "fakes/VkRecordingCoreFunction.h"
 
-void VkRecordingCoreFunction::record(Call call) {
-    std::lock_guard lock(mutex_);
-    calls_.push_back(std::move(call));
-}
-
 bool VkRecordingCoreFunction::systemCommand(const std::vector<std::string>& arguments) {
     record({"systemCommand", arguments});
     return true;
@@ -34,28 +29,12 @@ bool VkRecordingCoreFunction::killProcessByID(int32_t pid) {
 
 bool VkRecordingCoreFunction::moveFileItem(const std::string& from, const std::string& to) {
     record({"moveFileItem", {from, to}});
-    if (failMoves_)
-        return false;
-    return performMoves_ ? real_.moveFileItem(from, to) : true;
-}
-
-std::vector<VkRecordingCoreFunction::Call> VkRecordingCoreFunction::calls() const {
-    std::lock_guard lock(mutex_);
-    return calls_;
+    return !failMoves_ && (!performMoves_ || real_.moveFileItem(from, to));
 }
 
 std::vector<VkRecordingCoreFunction::Call> VkRecordingCoreFunction::callsOf(
     const std::string& op) const {
-    std::lock_guard lock(mutex_);
-    std::vector<Call> out;
-    for (const auto& c : calls_) {
-        if (c.op == op)
-            out.push_back(c);
-    }
+    std::vector<Call> out = calls();
+    std::erase_if(out, [&](const Call& c) { return c.op != op; });
     return out;
-}
-
-void VkRecordingCoreFunction::clear() {
-    std::lock_guard lock(mutex_);
-    calls_.clear();
 }

@@ -35,12 +35,21 @@ class VkRecordingCoreFunction : public VkCoreFunction {
     // Makes every moveFileItem answer false.
     void failMoves(bool on) { failMoves_ = on; }
 
-    std::vector<Call> calls() const;
+    std::vector<Call> calls() const {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
     std::vector<Call> callsOf(const std::string& op) const;
-    void clear();
+    void clear() {
+        std::lock_guard lock(mutex_);
+        calls_.clear();
+    }
 
   private:
-    void record(Call call);
+    void record(Call call) {
+        std::lock_guard lock(mutex_);
+        calls_.push_back(std::move(call));
+    }
 
     VkSystemCoreFunction real_;
     mutable std::mutex mutex_;

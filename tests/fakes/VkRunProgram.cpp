@@ -2,12 +2,11 @@
 
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "fakes/VkTempDir.h"
+#include "platform/VkFileUtil.h"
 
 VkProgramOutput vkRunProgram(const std::string& program, const std::vector<std::string>& args,
                              const std::map<std::string, std::string>& env) {
@@ -33,16 +32,13 @@ VkProgramOutput vkRunProgram(const std::string& program, const std::vector<std::
     }
     VkProgramOutput result;
     int status = 0;
-    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status))
         result.exitCode = WEXITSTATUS(status);
-    }
-    auto slurp = [](const std::string& p) {
-        std::ifstream in(p, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
+    auto read = [](const std::string& path) {
+        auto bytes = VkFile::readAll(path);
+        return bytes ? *bytes : std::string();
     };
-    result.out = slurp(outPath);
-    result.err = slurp(errPath);
+    result.out = read(outPath);
+    result.err = read(errPath);
     return result;
 }

@@ -20,9 +20,8 @@ void vkWriteSignatureDatabase(const std::string& path, const std::string& dbName
         item->setFileSize(sig.contents.size());
         item->setTorjanCode(VkHashValue::hashWithData(
             sig.contents.data(), static_cast<uint32_t>(sig.contents.size()), 0));
-        if (sig.contents.size() > 1048576) {
+        if (sig.contents.size() > 1048576)
             item->setHeadeCode(VkHashValue::hashWithData(sig.contents.data(), 1048576, 0));
-        }
         if (!sig.kill.empty())
             item->setKillArray(VkTorjanItem::makeKillArray(sig.kill));
         item->enCodeTrojanInfo();
@@ -60,31 +59,9 @@ bool VkRecordingScanDelegate::waitForEnd(double seconds, size_t count) {
                              [&] { return ends_ >= count; });
 }
 
-std::vector<std::shared_ptr<VkTorjanResultItems>> VkRecordingScanDelegate::results() const {
-    std::lock_guard lock(mutex_);
-    return results_;
-}
-
 std::vector<std::string> VkRecordingScanDelegate::resultPaths() const {
-    std::lock_guard lock(mutex_);
     std::vector<std::string> out;
-    for (const auto& r : results_)
+    for (const auto& r : results())
         out.push_back(r->path().value_or(""));
     return out;
-}
-
-std::vector<VkRecordingScanDelegate::Progress> VkRecordingScanDelegate::progress() const {
-    std::lock_guard lock(mutex_);
-    return progress_;
-}
-
-std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>>
-VkRecordingScanDelegate::answers() const {
-    std::lock_guard lock(mutex_);
-    return answers_;
-}
-
-size_t VkRecordingScanDelegate::endCount() const {
-    std::lock_guard lock(mutex_);
-    return ends_;
 }

@@ -37,13 +37,21 @@ class VkRecordingScanDelegate : public VkTorjanScanDelegate {
     // Waits (up to `seconds`) until `count` end reports (progress without a path) arrived.
     bool waitForEnd(double seconds = 20.0, size_t count = 1);
 
-    std::vector<std::shared_ptr<VkTorjanResultItems>> results() const;
+    std::vector<std::shared_ptr<VkTorjanResultItems>> results() const { return locked(results_); }
     std::vector<std::string> resultPaths() const;
-    std::vector<Progress> progress() const;
-    std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>> answers() const;
-    size_t endCount() const;
+    std::vector<Progress> progress() const { return locked(progress_); }
+    std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>> answers() const {
+        return locked(answers_);
+    }
+    size_t endCount() const { return locked(ends_); }
 
   private:
+    template <class T>
+    T locked(const T& value) const {
+        std::lock_guard lock(mutex_);
+        return value;
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::shared_ptr<VkTorjanResultItems>> results_;

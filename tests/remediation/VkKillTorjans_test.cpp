@@ -24,9 +24,9 @@ namespace {
 namespace fs = std::filesystem;
 using Results = VkKillTorjans::ResultList;
 
-// Records every delegate call with the number of core operations made before it.
-class RecordingDelegate : public VkKillTorjansDelegate {
-  public:
+// Records every delegate call with the number of core operations made before it. Read once
+// the runs are joined.
+struct RecordingDelegate : VkKillTorjansDelegate {
     struct Progress {
         std::shared_ptr<VkTorjanResultItems> result;
         float progress;
@@ -37,55 +37,42 @@ class RecordingDelegate : public VkKillTorjansDelegate {
 
     RecordingDelegate(std::shared_ptr<VkRecordingCoreFunction> core,
                       std::shared_ptr<VkMainQueue> queue)
-        : core_(std::move(core)), queue_(std::move(queue)) {}
+        : core(std::move(core)), queue(std::move(queue)) {}
 
-    bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& result, float progress,
+    bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& result, float value,
                              bool isSuccess) override {
-        std::lock_guard lock(mutex_);
-        progress_.push_back(
-            {result, progress, isSuccess, core_->calls().size(), queue_->isMainThread()});
+        std::lock_guard lock(mutex);
+        progress.push_back({result, value, isSuccess, core->calls().size(), queue->isMainThread()});
         return true;
     }
     void killTorjansEnd() override {
-        std::lock_guard lock(mutex_);
-        ++ends_;
-        endOnMainThread_ = queue_->isMainThread();
-        coreCallsAtEnd_ = core_->calls().size();
+        std::lock_guard lock(mutex);
+        ++ends;
+        endOnMainThread = queue->isMainThread();
+        coreCallsAtEnd = core->calls().size();
     }
 
-    std::vector<Progress> progress() const {
-        std::lock_guard lock(mutex_);
-        return progress_;
-    }
-    int ends() const {
-        std::lock_guard lock(mutex_);
-        return ends_;
-    }
-    bool endOnMainThread() const { return endOnMainThread_; }
-    size_t coreCallsAtEnd() const { return coreCallsAtEnd_; }
-
-  private:
-    std::shared_ptr<VkRecordingCoreFunction> core_;
-    std::shared_ptr<VkMainQueue> queue_;
-    mutable std::mutex mutex_;
-    std::vector<Progress> progress_;
-    int ends_ = 0;
-    bool endOnMainThread_ = false;
-    size_t coreCallsAtEnd_ = 0;
+    std::shared_ptr<VkRecordingCoreFunction> core;
+    std::shared_ptr<VkMainQueue> queue;
+    std::mutex mutex;
+    std::vector<Progress> progress;
+    int ends = 0;
+    bool endOnMainThread = false;
+    size_t coreCallsAtEnd = 0;
 };
 
-// A process table made up by the test; listPids can fail, and can wait until released.
+// A process table made up by the test; listPids can fail, and waits while the gate is shut.
 class FakeProcessList : public VkProcessList {
   public:
     std::optional<std::vector<int32_t>> listPids() override {
         std::unique_lock lock(mutex_);
-        ++listings;
+        ++listings_;
         gate_.wait(lock, [this] { return open_; });
         if (failListing)
             return std::nullopt;
         std::vector<int32_t> pids;
-        for (const auto& [pid, name] : names)
-            pids.push_back(pid);
+        for (const auto& entry : names)
+            pids.push_back(entry.first);
         return pids;
     }
     std::optional<std::string> processName(int32_t pid) override {
@@ -93,20 +80,14 @@ class FakeProcessList : public VkProcessList {
         auto it = names.find(pid);
         return it == names.end() ? std::nullopt : std::optional<std::string>(it->second);
     }
-    void close() {
+    void setGateOpen(bool open) {
         std::lock_guard lock(mutex_);
-        open_ = false;
-    }
-    void open() {
-        {
-            std::lock_guard lock(mutex_);
-            open_ = true;
-        }
+        open_ = open;
         gate_.notify_all();
     }
     int listingCount() {
         std::lock_guard lock(mutex_);
-        return listings;
+        return listings_;
     }
 
     std::map<int32_t, std::string> names;
@@ -116,7 +97,7 @@ class FakeProcessList : public VkProcessList {
     std::mutex mutex_;
     std::condition_variable gate_;
     bool open_ = true;
-    int listings = 0;
+    int listings_ = 0;
 };
 
 class VkKillTorjansTest : public ::testing::Test {
@@ -141,30 +122,30 @@ class VkKillTorjansTest : public ::testing::Test {
                                                ctx->processList, ctx->mainQueue, anti);
     }
 
-    // Waits for the run's thread, then delivers what it queued on the main queue.
-    void finish(VkKillTorjans& killer) {
-        killer.joinKillThreads();
-        queue->runPending();
-    }
-
-    std::shared_ptr<VkTorjanResultItems> signatureResult(
-        const std::string& path, std::optional<std::vector<std::vector<std::string>>> kill) {
+    // A result of a signature with these kill instructions (none: no list at all), or of a
+    // detector (special) when `special` is set.
+    std::shared_ptr<VkTorjanResultItems> result(
+        const std::string& path, std::optional<std::vector<std::vector<std::string>>> kill = {},
+        bool special = false) {
+        auto r = std::make_shared<VkTorjanResultItems>();
+        r->setPath(path);
+        if (special) {
+            r->setTorjanName(std::string("OSX/Olyx.A"));
+            r->setSpec(true);
+            return r;
+        }
         auto record = std::make_shared<VkTorjanItem>();
         record->setName(std::string("OSX/Test.A"));
         if (kill)
             record->setKillArray(VkTorjanItem::makeKillArray(*kill));
-        auto result = std::make_shared<VkTorjanResultItems>();
-        result->setPath(path);
-        result->setTorjanItem(record);
-        return result;
+        r->setTorjanItem(record);
+        return r;
     }
-
-    std::shared_ptr<VkTorjanResultItems> specialResult(const std::string& path) {
-        auto result = std::make_shared<VkTorjanResultItems>();
-        result->setTorjanName(std::string("OSX/Olyx.A"));
-        result->setSpec(true);
-        result->setPath(path);
-        return result;
+    std::vector<std::string> ops() const {
+        std::vector<std::string> out;
+        for (const auto& call : core->calls())
+            out.push_back(call.op);
+        return out;
     }
 
     std::vector<VkRecordingCoreFunction::Call> cleanCalls() const {
@@ -188,21 +169,17 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
     auto killer = newKiller();
     killer->killTorjanItem({}, delegate);
     killer->joinKillThreads();
-    EXPECT_EQ(delegate->ends(), 0) << "the end goes through the main queue";
+    EXPECT_EQ(delegate->ends, 0) << "the end goes through the main queue";
     queue->runPending();
 
-    EXPECT_TRUE(delegate->progress().empty());
-    EXPECT_EQ(delegate->ends(), 1);
-    EXPECT_TRUE(delegate->endOnMainThread());
-    auto calls = core->calls();
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[0].op, "startClean");
-    EXPECT_TRUE(calls[0].args.empty());
-    EXPECT_EQ(calls[1].op, "systemCommand");
-    EXPECT_EQ(calls[2].op, "startClean");
-    EXPECT_EQ(calls[2].args, std::vector<std::string>{agentFile});
+    EXPECT_TRUE(delegate->progress.empty());
+    EXPECT_EQ(delegate->ends, 1);
+    EXPECT_TRUE(delegate->endOnMainThread);
+    ASSERT_EQ(ops(), (std::vector<std::string>{"startClean", "systemCommand", "startClean"}));
+    EXPECT_TRUE(cleanCalls()[0].args.empty());
+    EXPECT_EQ(cleanCalls()[1].args, std::vector<std::string>{agentFile});
     EXPECT_FALSE(fs::exists(agentFile));
-    EXPECT_EQ(delegate->coreCallsAtEnd(), 3u) << "the end comes after the detectors' removal";
+    EXPECT_EQ(delegate->coreCallsAtEnd, 3u) << "the end comes after the detectors' removal";
 }
 
 // A "d" entry deletes folder/name in the inspected system, not the result's own file.
@@ -246,7 +223,7 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     before.erase(target);
 
     auto killer = newKiller();
-    VkKillReport report = killer->killTorjanItemAndWait({signatureResult(own, entries)}, delegate);
+    VkKillReport report = killer->killTorjanItemAndWait({result(own, entries)}, delegate);
     EXPECT_EQ(dir.snapshot(), before) << "only the good entry's file is gone";
     ASSERT_EQ(cleanCalls().size(), 1u);
     EXPECT_EQ(cleanCalls()[0].args.back(), ctx->resolve("/Library/Foo/bar.plist"));
@@ -261,7 +238,7 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
         EXPECT_FALSE(deletions[i].reason.empty()) << deletions[i].path;
     }
     EXPECT_TRUE(deletions.back().removed);
-    EXPECT_EQ(delegate->ends(), 1) << "delivered before killTorjanItemAndWait returned";
+    EXPECT_EQ(delegate->ends, 1) << "delivered before killTorjanItemAndWait returned";
 }
 
 // Results without instructions (none, or an empty list) lose their own file, all in one
@@ -271,27 +248,22 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     std::string b = dir.write("root/found/b.bin", "b");
     std::string c = dir.write("root/found/c.bin", "c");
     std::string s = dir.write("root/found/special.plist", "s");
-    auto ra = signatureResult(a, std::nullopt);
-    auto rs = specialResult(s);
-    auto rb = signatureResult(b, std::vector<std::vector<std::string>>{});
-    auto rc = signatureResult(c, std::nullopt);
+    auto ra = result(a), rs = result(s, {}, true), rc = result(c);
+    auto rb = result(b, std::vector<std::vector<std::string>>{});
 
     auto killer = newKiller();
     VkKillReport report = killer->killTorjanItemAndWait({ra, rs, rb, rc}, delegate);
 
-    auto calls = delegate->progress();
+    const auto& calls = delegate->progress;
     ASSERT_EQ(calls.size(), 4u);
-    std::vector<std::shared_ptr<VkTorjanResultItems>> order;
-    for (const auto& call : calls) {
-        order.push_back(call.result);
-        EXPECT_EQ(call.progress, 0.25f);
-        EXPECT_TRUE(call.isSuccess);
-        EXPECT_FALSE(call.onMainThread) << "progress arrives on the removal thread";
+    const std::shared_ptr<VkTorjanResultItems> order[] = {ra, rb, rc, rs};
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(calls[i].result, order[i]) << i;
+        EXPECT_EQ(calls[i].progress, 0.25f);
+        EXPECT_TRUE(calls[i].isSuccess);
+        EXPECT_FALSE(calls[i].onMainThread) << "progress arrives on the removal thread";
+        EXPECT_EQ(calls[i].coreCallsBefore, i < 3 ? 0u : 1u) << "special results after the clean";
     }
-    EXPECT_EQ(order, (std::vector<std::shared_ptr<VkTorjanResultItems>>{ra, rb, rc, rs}));
-    for (size_t i = 0; i < 3; ++i)
-        EXPECT_EQ(calls[i].coreCallsBefore, 0u) << "before the clean call";
-    EXPECT_EQ(calls[3].coreCallsBefore, 1u) << "after the one clean call";
 
     ASSERT_EQ(cleanCalls().size(), 1u);
     EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b, c}));
@@ -302,12 +274,12 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     ASSERT_EQ(report.outcomes[2].deletions.size(), 1u);
     EXPECT_TRUE(report.outcomes[2].deletions[0].removed);
     EXPECT_TRUE(report.outcomes[1].special);
-    EXPECT_EQ(delegate->ends(), 1);
+    EXPECT_EQ(delegate->ends, 1);
 
     // Instructions that were all dropped when read were instructions still: the detected
     // file is not deleted in their place.
     std::string kept = dir.write("root/found/kept.bin", "c");
-    killer->killTorjanItemAndWait({signatureResult(kept, {{{"d", "/Library"}, {}}})});
+    killer->killTorjanItemAndWait({result(kept, {{{"d", "/Library"}, {}}})});
     EXPECT_TRUE(fs::exists(kept));
 }
 
@@ -317,23 +289,25 @@ TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
     anti->antiAgentTrojan().addToBinFiles(dir.write("root/Library/LaunchAgents/x.plist", "x"));
 
     auto killer = newKiller();
-    killer->killTorjanItem({signatureResult(file, std::nullopt), specialResult(file)}, delegate);
-    finish(*killer);
+    killer->killTorjanItem({result(file), result(file, {}, true)}, delegate);
+    killer->joinKillThreads();
+    queue->runPending();
 
     EXPECT_EQ(processes->listingCount(), 1);
-    EXPECT_TRUE(delegate->progress().empty());
-    EXPECT_EQ(delegate->ends(), 0);
+    EXPECT_TRUE(delegate->progress.empty());
+    EXPECT_EQ(delegate->ends, 0);
     EXPECT_TRUE(core->calls().empty()) << "no deletion, no kill, no detector removal";
     EXPECT_TRUE(fs::exists(file));
 
-    VkKillReport report = killer->killTorjanItemAndWait({signatureResult(file, std::nullopt)});
+    VkKillReport report = killer->killTorjanItemAndWait({result(file)});
     EXPECT_FALSE(report.completed);
     EXPECT_TRUE(core->calls().empty());
 
     // Without a delegate the request is dropped before the process table is even read.
     processes->failListing = false;
-    killer->killTorjanItem({signatureResult(file, std::nullopt)}, nullptr);
-    finish(*killer);
+    killer->killTorjanItem({result(file)}, nullptr);
+    killer->joinKillThreads();
+    queue->runPending();
     EXPECT_EQ(processes->listingCount(), 2);
     EXPECT_TRUE(core->calls().empty());
     EXPECT_TRUE(fs::exists(file));
@@ -345,8 +319,8 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     std::string own = dir.write("root/found/Foo", "x");
 
     auto killer = newKiller();
-    VkKillReport report = killer->killTorjanItemAndWait(
-        {signatureResult(own, {{{"k", "Foo", "ignored"}}})}, delegate);
+    VkKillReport report =
+        killer->killTorjanItemAndWait({result(own, {{{"k", "Foo", "ignored"}}})}, delegate);
 
     auto kills = core->callsOf("killProcessByID");
     ASSERT_EQ(kills.size(), 1u);
@@ -360,21 +334,21 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     for (const auto& kill : report.outcomes[0].kills)
         ended[kill.pid] = kill.ended;
     EXPECT_EQ(ended, (std::map<int32_t, bool>{{1, false}, {self, false}, {4242, true}}));
-    ASSERT_EQ(delegate->progress().size(), 1u);
+    ASSERT_EQ(delegate->progress.size(), 1u);
 }
 
 TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
     std::string a = dir.write("root/found/a.bin", "a");
     std::string b = dir.write("root/found/b.bin", "b");
     auto second = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
-    processes->close();
+    processes->setGateOpen(false);
     {
         auto killer = newKiller();
-        killer->killTorjanItem({signatureResult(a, std::nullopt)}, delegate);
-        killer->killTorjanItem({signatureResult(b, std::nullopt)}, second);
+        killer->killTorjanItem({result(a)}, delegate);
+        killer->killTorjanItem({result(b)}, second);
         while (processes->listingCount() < 2)
             std::this_thread::yield();
-        processes->open();
+        processes->setGateOpen(true);
         // Going out of scope waits for both runs.
     }
     queue->runPending();
@@ -382,10 +356,10 @@ TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
     EXPECT_FALSE(fs::exists(b));
     EXPECT_EQ(cleanCalls().size(), 2u);
     // Both runs were still going when the delegate was replaced: both report to the second.
-    EXPECT_TRUE(delegate->progress().empty());
-    EXPECT_EQ(delegate->ends(), 0);
-    EXPECT_EQ(second->progress().size(), 2u);
-    EXPECT_EQ(second->ends(), 2);
+    EXPECT_TRUE(delegate->progress.empty());
+    EXPECT_EQ(delegate->ends, 0);
+    EXPECT_EQ(second->progress.size(), 2u);
+    EXPECT_EQ(second->ends, 2);
 }
 
 // Real processes, found through the real process list and ended by the real core function.
@@ -394,11 +368,7 @@ class VkKillTorjansProcessTest : public VkKillTorjansTest {
     void SetUp() override {
         VkKillTorjansTest::SetUp();
         ctx->processList = std::make_shared<VkSystemProcessList>();
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
-        core->performDeletes(true);
         core->performKills(true);
-        ctx->coreFunction = core;
-        delegate = std::make_shared<RecordingDelegate>(core, ctx->mainQueue);
     }
 
     void TearDown() override {
@@ -440,13 +410,10 @@ class VkKillTorjansProcessTest : public VkKillTorjansTest {
 
     // True when the child has ended (and reaps it).
     bool ended(pid_t pid) {
-        int status = 0;
-        pid_t answer = ::waitpid(pid, &status, WNOHANG);
-        if (answer == pid) {
-            std::erase(children_, pid);
-            return true;
-        }
-        return false;
+        if (::waitpid(pid, nullptr, WNOHANG) != pid)
+            return false;
+        std::erase(children_, pid);
+        return true;
     }
 
     std::vector<pid_t> children_;
@@ -485,8 +452,8 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     std::string own = dir.write("root/found/" + name, "x");
 
     auto killer = newKiller();
-    VkKillReport report = killer->killTorjanItemAndWait(
-        {signatureResult(own, {{{"k", name}, {"k", longName}}})}, delegate);
+    VkKillReport report =
+        killer->killTorjanItemAndWait({result(own, {{{"k", name}, {"k", longName}}})}, delegate);
 
     std::set<std::string> killed;
     for (const auto& call : core->callsOf("killProcessByID"))
@@ -502,7 +469,7 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
     ASSERT_EQ(report.outcomes[0].kills.size(), 3u);
     for (const auto& kill : report.outcomes[0].kills)
         EXPECT_TRUE(kill.ended) << kill.pid;
-    EXPECT_EQ(delegate->ends(), 1);
+    EXPECT_EQ(delegate->ends, 1);
 }
 
 }  // namespace

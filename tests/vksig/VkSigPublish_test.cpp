@@ -8,6 +8,7 @@
 #include <map>
 #include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -19,6 +20,8 @@
 #include "platform/VkFileUtil.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 using ProgramRun = VkProgramOutput;
 
@@ -78,15 +81,14 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     ProgramRun published =
         run("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key});
     ASSERT_EQ(published.exitCode, 0) << published.err;
-    EXPECT_NE(published.out.find("sha256"), std::string::npos);
+    EXPECT_THAT(published.out, HasSubstr("sha256"));
     EXPECT_TRUE(VkFile::exists(manifest()));
 
     ProgramRun update = run("vksecurity", {"update", "--server", url()});
     ASSERT_EQ(update.exitCode, 0) << update.out << update.err;
-    EXPECT_NE(update.out.find("signed by key"), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("downloaded Mine 1.2"), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("installed " + (dir / "data/Mine.sql")), std::string::npos)
-        << update.out;
+    EXPECT_THAT(update.out, HasSubstr("signed by key"));
+    EXPECT_THAT(update.out, HasSubstr("downloaded Mine 1.2"));
+    EXPECT_THAT(update.out, HasSubstr("installed " + (dir / "data/Mine.sql")));
     EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
@@ -113,15 +115,11 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
 TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     std::string key = keygen("publisher", true);
     std::string stranger = keygen("stranger", false);
-    std::string v1 = dir / "v1/Mine.sql";
-    std::string v2 = dir / "v2/Mine.sql";
-    std::string other = dir / "other/Mine.sql";
-    VkFile::createDirectory(dir / "v1", true);
-    VkFile::createDirectory(dir / "v2", true);
-    VkFile::createDirectory(dir / "other", true);
-    ASSERT_EQ(run("vksig", {"create", v1, "--name", "Mine", "--version", "1"}).exitCode, 0);
-    ASSERT_EQ(run("vksig", {"create", v2, "--name", "Mine", "--version", "2"}).exitCode, 0);
-    ASSERT_EQ(run("vksig", {"create", other, "--name", "Mine", "--version", "2"}).exitCode, 0);
+    std::string v1 = dir.mkdir("v1") + "/Mine.sql", v2 = dir.mkdir("v2") + "/Mine.sql";
+    std::string other = dir.mkdir("other") + "/Mine.sql";
+    for (const auto& [db, version] :
+         std::map<std::string, std::string>{{v1, "1"}, {v2, "2"}, {other, "2"}})
+        ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", version}).exitCode, 0);
     ASSERT_EQ(run("vksig", {"add", other, "--size", "3", "--code",
                             "0123456789abcdef0123456789abcdef", "--name", "Not.Publishers"})
                   .exitCode,
@@ -137,59 +135,49 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
         ProgramRun published = run("vksig", args);
         ASSERT_EQ(published.exitCode, 0) << published.err;
     };
+    // A served file with one bit changed.
+    auto flip = [&](const std::string& name) {
+        std::string body = *VkFile::readAll(served(name));
+        body[body.size() / 2] ^= 1;
+        VkFile::writeAtomically(served(name), body);
+    };
     publish(v1, key, "100");
     ASSERT_EQ(run("vksecurity", {"update", "--server", url()}).exitCode, 0);
     const auto before = dataFiles();
     ASSERT_EQ(before.at(dir / "data/Mine.sql"), *VkFile::readAll(v1));
 
-    struct Case {
+    // Each case publishes v2 signed by `signer` under `serial`, then tampers with what is served.
+    const std::string sig = served("version.xml.sig");
+    const struct {
         const char* name;
+        std::string signer, serial;
         std::function<void()> tamper;
         const char* reason;
-    };
-    const Case cases[] = {
-        {"manifest changed",
-         [&] {
-             publish(v2, key, "200");
-             std::string body = *VkFile::readAll(served("version.xml"));
-             body[body.size() / 2] ^= 1;
-             VkFile::writeAtomically(served("version.xml"), body);
-         },
-         "signature does not verify"},
-        {"database changed",
-         [&] {
-             publish(v2, key, "200");
-             std::string body = *VkFile::readAll(served("Mine.sql"));
-             body[body.size() / 2] ^= 1;
-             VkFile::writeAtomically(served("Mine.sql"), body);
-         },
-         "not the signed file"},
-        {"unknown key", [&] { publish(v2, stranger, "200"); }, "none of the 1 trusted key"},
-        {"truncated signature",
-         [&] {
-             publish(v2, key, "200");
-             VkFile::writeAtomically(served("version.xml.sig"),
-                                     VkFile::readAll(served("version.xml.sig"))->substr(0, 40));
-         },
+    } cases[] = {
+        {"manifest changed", key, "200", [&] { flip("version.xml"); }, "signature does not verify"},
+        {"database changed", key, "200", [&] { flip("Mine.sql"); }, "not the signed file"},
+        {"unknown key", stranger, "200", nullptr, "none of the 1 trusted key"},
+        {"truncated signature", key, "200",
+         [&] { VkFile::writeAtomically(sig, VkFile::readAll(sig)->substr(0, 40)); },
          "40 bytes, not an Ed25519 signature"},
-        {"older manifest replayed", [&] { publish(v2, key, "99"); }, "older than the last one"},
-        {"signature of another manifest",
+        {"older manifest replayed", key, "99", nullptr, "older than the last one"},
+        {"signature of another manifest", key, "200",
          [&] {
-             publish(v2, key, "200");
-             std::string signature = *VkFile::readAll(served("version.xml.sig"));
+             std::string signature = *VkFile::readAll(sig);
              publish(v2, key, "201");
-             VkFile::writeAtomically(served("version.xml.sig"), signature);
+             VkFile::writeAtomically(sig, signature);
          },
          "signature does not verify"},
-        {"unsigned", [&] { publish(v2, "", "200"); }, "not signed"},
+        {"unsigned", "", "200", nullptr, "not signed"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        c.tamper();
+        publish(v2, c.signer, c.serial);
+        if (c.tamper)
+            c.tamper();
         ProgramRun refused = run("vksecurity", {"update", "--server", url()});
         EXPECT_EQ(refused.exitCode, 2) << refused.out;
-        EXPECT_NE((refused.out + refused.err).find(c.reason), std::string::npos)
-            << refused.out << refused.err;
+        EXPECT_THAT(refused.out + refused.err, HasSubstr(c.reason));
         EXPECT_TRUE(dataFiles() == before) << "the data folder changed";
     }
 
@@ -208,8 +196,7 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     std::vector<std::string> refusedFiles;
     EXPECT_TRUE(updater.copyToLocalPath(&refusedFiles).empty());
     ASSERT_EQ(refusedFiles.size(), 1u);
-    EXPECT_NE(refusedFiles[0].find("not the file the signed manifest lists"), std::string::npos)
-        << refusedFiles[0];
+    EXPECT_THAT(refusedFiles[0], HasSubstr("not the file the signed manifest lists"));
     EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v1));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
@@ -240,7 +227,7 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
     for (const auto& c : cases) {
         ProgramRun refused = run(c.program, c.args);
         EXPECT_EQ(refused.exitCode, 2) << c.reason;
-        EXPECT_NE(refused.err.find(c.reason), std::string::npos) << refused.err;
+        EXPECT_THAT(refused.err, HasSubstr(c.reason));
     }
     EXPECT_FALSE(VkFile::exists(manifest()));
 
@@ -248,20 +235,20 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
     ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
     ProgramRun garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
     EXPECT_EQ(garbled.exitCode, 2);
-    EXPECT_NE(garbled.err.find("does not decipher"), std::string::npos) << garbled.err;
+    EXPECT_THAT(garbled.err, HasSubstr("does not decipher"));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp"));
 
     // Unsigned: publishing warns, and the client takes it only when allowed.
     ProgramRun published = run("vksig", {"publish", dir / "www", db});
     ASSERT_EQ(published.exitCode, 0) << published.err;
-    EXPECT_NE(published.err.find("unsigned"), std::string::npos);
+    EXPECT_THAT(published.err, HasSubstr("unsigned"));
     ProgramRun unsigned_ = run("vksecurity", {"update", "--server", url()});
     EXPECT_EQ(unsigned_.exitCode, 2);
-    EXPECT_NE(unsigned_.err.find("AllowUnsignedUpdates"), std::string::npos) << unsigned_.err;
+    EXPECT_THAT(unsigned_.err, HasSubstr("AllowUnsignedUpdates"));
     EXPECT_FALSE(VkFile::exists(dir / "data/Mine.sql"));
     ProgramRun allowed = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
     EXPECT_EQ(allowed.exitCode, 0) << allowed.err;
-    EXPECT_NE(allowed.out.find("UNSIGNED"), std::string::npos) << allowed.out;
+    EXPECT_THAT(allowed.out, HasSubstr("UNSIGNED"));
     EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
 }
 

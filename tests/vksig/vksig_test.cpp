@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -15,9 +16,13 @@
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include "platform/VkKeyedArchiver.h"
 #include "support/VkCrypt.h"
 
 namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
 
 constexpr size_t kMiB = 1048576;
 
@@ -51,6 +56,14 @@ void sql(const std::string& path, const std::string& text) {
     ASSERT_EQ(sqlite3_open(path.c_str(), &handle), SQLITE_OK);
     EXPECT_EQ(sqlite3_exec(handle, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << text;
     sqlite3_close(handle);
+}
+
+// Bytes as an SQL blob literal.
+std::string blob(const std::vector<uint8_t>& bytes) {
+    std::string out = "X'";
+    for (uint8_t b : bytes)
+        out += "0123456789ABCDEF"[b >> 4] + std::string(1, "0123456789ABCDEF"[b & 15]);
+    return out + "'";
 }
 
 class VksigTest : public ::testing::Test {
@@ -98,7 +111,7 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndNothingElse) {
         vksig({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail", "a small one",
                "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill", "k:FooAgent"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.out.find(md5(small)), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr(md5(small)));
     r = vksig({"add", db, "--sample", largePath, "--name", "OSX/Large.B"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
 
@@ -165,10 +178,9 @@ TEST_F(VksigTest, ListsDecipheredRecordsAsTextAndJson) {
 
     SigRun info = vksig({"info", db});
     ASSERT_EQ(info.exitCode, 0) << info.err;
-    EXPECT_NE(info.out.find("name:      TestDb"), std::string::npos);
-    EXPECT_NE(info.out.find("version:   1.2"), std::string::npos);
-    EXPECT_NE(info.out.find("records:   1 (0 with a head code, 1 with a kill list)"),
-              std::string::npos);
+    EXPECT_THAT(info.out, HasSubstr("name:      TestDb"));
+    EXPECT_THAT(info.out, HasSubstr("version:   1.2"));
+    EXPECT_THAT(info.out, HasSubstr("records:   1 (0 with a head code, 1 with a kill list)"));
 }
 
 TEST_F(VksigTest, RecordsWithoutASampleNeedAHeadCodeAboveOneMebibyte) {
@@ -195,7 +207,7 @@ TEST_F(VksigTest, RecordsWithoutASampleNeedAHeadCodeAboveOneMebibyte) {
     // The same code twice is refused.
     r = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Again"});
     EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.err.find("already has a record"), std::string::npos);
+    EXPECT_THAT(r.err, HasSubstr("already has a record"));
     EXPECT_EQ(load(db)->size(), 2u);
 }
 
@@ -208,9 +220,9 @@ TEST_F(VksigTest, ImportsHashListsAndSkipsWhatCannotMatch) {
                                                 ":2000000:Hdb.Large\n" + md5(a) + ":10:Hdb.Dup\n");
     SigRun r = vksig({"import-hdb", db, hdb, "--level", "2"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.out.find("imported 2 record(s)"), std::string::npos);
-    EXPECT_NE(r.out.find("skipped 1 record(s) larger than 1048576 bytes"), std::string::npos);
-    EXPECT_NE(r.out.find("skipped 1 record(s) whose code is already present"), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("imported 2 record(s)"));
+    EXPECT_THAT(r.out, HasSubstr("skipped 1 record(s) larger than 1048576 bytes"));
+    EXPECT_THAT(r.out, HasSubstr("skipped 1 record(s) whose code is already present"));
     auto list = load(db);
     ASSERT_EQ(list->size(), 2u);
     EXPECT_EQ(list->items()[1]->level(), 2);
@@ -222,8 +234,8 @@ TEST_F(VksigTest, ImportsHashListsAndSkipsWhatCannotMatch) {
         dir.write("bad.hdb", md5("c") + ":5:Fine\nnot-a-hash:5:Bad\n" + md5("d") + ":*:Wild\n");
     r = vksig({"import-hdb", db, bad});
     EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.err.find("bad.hdb:2: \"not-a-hash\" is not an MD5 hash"), std::string::npos);
-    EXPECT_NE(r.err.find("bad.hdb:3: a wildcard size"), std::string::npos);
+    EXPECT_THAT(r.err, HasSubstr("bad.hdb:2: \"not-a-hash\" is not an MD5 hash"));
+    EXPECT_THAT(r.err, HasSubstr("bad.hdb:3: a wildcard size"));
     EXPECT_EQ(load(db)->size(), 2u);
 }
 
@@ -246,7 +258,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
     std::string garbage = dir.write("garbage.sql", std::string(5000, 'q'));
     SigRun r = vksig({"list", garbage});
     EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.err.find("not an SQLite database"), std::string::npos);
+    EXPECT_THAT(r.err, HasSubstr("not an SQLite database"));
     EXPECT_EQ(*VkFile::readAll(garbage), std::string(5000, 'q'));
 
     // A foreign SQLite file is not given our tables.
@@ -256,7 +268,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
     std::string sample = dir.write("s.bin", "sample");
     r = vksig({"add", foreign, "--sample", sample, "--name", "X"});
     EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.err.find("no table `description`"), std::string::npos);
+    EXPECT_THAT(r.err, HasSubstr("no table `description`"));
     EXPECT_EQ(*VkFile::readAll(foreign), before);
 
     EXPECT_EQ(vksig({"info", dir / "missing.sql"}).exitCode, 2);
@@ -301,8 +313,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
     for (const auto& c : cases) {
         SigRun run = vksig(c.args);
         EXPECT_EQ(run.exitCode, 2) << c.message;
-        EXPECT_NE((run.err + run.out).find(c.message), std::string::npos)
-            << c.message << " not in: " << run.err << run.out;
+        EXPECT_THAT(run.err + run.out, HasSubstr(c.message));
     }
     EXPECT_EQ(load(db)->size(), 0u);
 }
@@ -313,19 +324,19 @@ TEST_F(VksigTest, VerifyReportsUndecipherableFieldsAndBadKillBlobs) {
     ASSERT_EQ(vksig({"add", db, "--sample", sample, "--name", "Good"}).exitCode, 0);
     SigRun ok = vksig({"verify", db});
     EXPECT_EQ(ok.exitCode, 0) << ok.out << ok.err;
-    EXPECT_NE(ok.out.find("no problems"), std::string::npos);
+    EXPECT_THAT(ok.out, HasSubstr("no problems"));
 
     sql(db, "insert into test values('Plain', NULL, 1, NULL, 12, NULL, CAST('" +
                 md5("sample bytes") + "' AS BLOB), X'DEADBEEF')");
     SigRun bad = vksig({"verify", db});
     EXPECT_EQ(bad.exitCode, 1);
-    EXPECT_NE(bad.out.find("row 2: name: not valid cipher text"), std::string::npos) << bad.out;
-    EXPECT_NE(bad.out.find("row 2: kill: not a keyed archive"), std::string::npos) << bad.out;
+    EXPECT_THAT(bad.out, HasSubstr("row 2: name: not valid cipher text"));
+    EXPECT_THAT(bad.out, HasSubstr("row 2: kill: not a keyed archive"));
 
     // The plain-text row still reads and lists; its garbage kill blob reads as no kill list.
     SigRun list = vksig({"list", db});
     ASSERT_EQ(list.exitCode, 0);
-    EXPECT_NE(list.out.find("12  Plain  level=1 version=1.0\n"), std::string::npos) << list.out;
+    EXPECT_THAT(list.out, HasSubstr("12  Plain  level=1 version=1.0\n"));
 }
 
 TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
@@ -347,6 +358,42 @@ TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
     ASSERT_TRUE(name.has_value());
     EXPECT_NE(name->find("EICAR"), std::string::npos);
     EXPECT_EQ(detected(dir.write("downloads/other.txt", testFile + "\n"), list), std::nullopt);
+}
+
+// A kill list with malformed entries, written into a database behind vksig's back: the
+// entries are dropped once, at load, and the count is shown wherever a user looks.
+TEST_F(VksigTest, MalformedKillEntriesAreDroppedAtLoadAndCountedEverywhere) {
+    create();
+    std::string sample = dir.write("s.bin", "kill list sample");
+    ASSERT_EQ(vksig({"add", db, "--sample", sample, "--name", "K", "--kill", "k:P"}).exitCode, 0);
+    VkPlist::Array stored = {VkPlist::array({"k", "Proc"}), VkPlist::array(),
+                             VkPlist::array({"d", "/Library"}),
+                             VkPlist::array({"d", "/Library/Foo", "."})};
+    auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(stored)));
+    ASSERT_TRUE(archive);
+    sql(db, "update test set kill = " + blob(*archive));
+
+    VkSqliteManager manager(ctx);
+    manager.openDataBase(db);
+    ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
+    auto kills = manager.TorjanItemArray()[0]->killArray();
+    ASSERT_TRUE(kills.has_value());
+    EXPECT_EQ(kills->entries().size(), 2u) << "the hostile \"d\" entry stays, to be refused";
+    EXPECT_EQ(kills->droppedCount(), 2u);
+    EXPECT_EQ(manager.droppedKillEntries(), 2u);
+    auto lines = std::dynamic_pointer_cast<VkCapturedLog>(ctx->systemLog)->lines();
+    EXPECT_THAT(lines,
+                Contains(HasSubstr("2 malformed kill-list entries dropped (record 1: entry 2")));
+
+    EXPECT_THAT(vksig({"list", db}).out,
+                HasSubstr("kill=[k:Proc, d:/Library/Foo:.] kill-dropped=2"));
+    EXPECT_THAT(vksig({"info", db}).out, HasSubstr("dropped:   2 malformed kill-list entries"));
+    SigRun verify = vksig({"verify", db});
+    EXPECT_EQ(verify.exitCode, 1);
+    for (const char* expected : {"row 1: kill: entry 2 is empty: dropped when loaded",
+                                 "row 1: kill: entry 3 is a \"d\" entry without a folder",
+                                 "row 1: kill: entry 4: removal refuses it"})
+        EXPECT_THAT(verify.out, HasSubstr(expected));
 }
 
 }  // namespace
