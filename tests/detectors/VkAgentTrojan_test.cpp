@@ -13,17 +13,7 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-class VkAgentTrojanTest : public VkFakeMacTest {
-  protected:
-    VkSpecialResult scan(VkAgentTrojan& detector) {
-        return detector.scan([this](const std::string& name, float value) {
-            progress.emplace_back(name, value);
-            return false;
-        });
-    }
-
-    std::vector<std::pair<std::string, float>> progress;
-};
+class VkAgentTrojanTest : public VkFakeMacTest {};
 
 // One infection per family: where its launch item lives and a program that it accepts.
 struct Infection {
@@ -109,8 +99,7 @@ TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         writePlist(plist, c.item, true);
-        auto detector = make<VkAgentTrojan>();
-        EXPECT_EQ(scan(detector).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
+        EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
     }
 }
 
@@ -167,14 +156,12 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
 
     // The size cap is what keeps the large one out: a few megabytes less and it counts.
     writeFile(plist, padded(3));
-    auto accepted = make<VkAgentTrojan>();
-    EXPECT_EQ(scan(accepted).count("OSX/Olyx.A"), 1u);
+    EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/Olyx.A"), 1u);
 
     // A folder where the property list should be is no property list either.
     VkFile::removeTree(onDisk(plist));
     VkFile::createDirectory(onDisk(plist), true);
-    auto detector = make<VkAgentTrojan>();
-    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_TRUE(scan(make<VkAgentTrojan>()).empty());
 }
 
 // Without its program file a family is found by its launch item alone; findings accumulate

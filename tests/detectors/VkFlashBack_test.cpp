@@ -32,17 +32,7 @@ VkPlist insert(const std::string& library) {
     return VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", library}});
 }
 
-class VkFlashBackTest : public VkFakeMacTest {
-  protected:
-    VkSpecialResult scan(VkFlashBack& detector) {
-        return detector.scan([this](const std::string& name, float value) {
-            progress.emplace_back(name, value);
-            return true;  // ignored by the detector
-        });
-    }
-
-    std::vector<std::pair<std::string, float>> progress;
-};
+class VkFlashBackTest : public VkFakeMacTest {};
 
 TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
     std::string safari =
@@ -64,8 +54,7 @@ TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
 
     writePlist(kSafari, browserInfo(VkPlist("DYLD_INSERT_LIBRARIES")));
     writePlist(kChrome, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/x.dylib"}}));
-    auto clean = make<VkFlashBack>();
-    EXPECT_TRUE(scan(clean).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
 // The environment file carries the variable at its top level (under LSEnvironment it is
@@ -79,15 +68,13 @@ TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevelWithAnyVal
         (VkSpecialResult{{"OSX/Flashback", {env, onDisk("/Users/tester/.vk/libinject.dylib")}}}));
 
     writePlist(kEnvironment, browserInfo(insert("/x.dylib")));
-    auto clean = make<VkFlashBack>();
-    EXPECT_TRUE(scan(clean).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 
     writePlist(kEnvironment,
                VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
     std::string safari =
         writePlist(kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")));
-    auto any = make<VkFlashBack>();
-    EXPECT_EQ(scan(any),
+    EXPECT_EQ(scan(make<VkFlashBack>()),
               (VkSpecialResult{
                   {"OSX/Flashback", {safari, env, onDisk("/Library/a.dylib:/Library/b.dylib")}}}));
     EXPECT_EQ(logLines().back(), "[VkAnti] detect " + env + " - 42");
@@ -160,8 +147,7 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     }
     VkFile::removeTree(conf);
     VkFile::createDirectory(conf, true);
-    auto detector = make<VkFlashBack>();
-    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
 TEST_F(VkFlashBackTest, ResultListsPlistsThenFilesThenLaunchItemsAndAccumulates) {
