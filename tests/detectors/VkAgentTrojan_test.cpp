@@ -13,22 +13,7 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-class VkAgentTrojanTest : public VkFakeMacTest {
-  protected:
-    struct Progress {
-        std::string name;
-        float value;
-    };
-
-    VkSpecialResult scan(VkAgentTrojan& detector) {
-        return detector.scan([this](const std::string& name, float value) {
-            progress.push_back({name, value});
-            return false;
-        });
-    }
-
-    std::vector<Progress> progress;
-};
+class VkAgentTrojanTest : public VkFakeMacTest {};
 
 // One infection per family: where its launch item lives and a program that it accepts.
 struct Infection {
@@ -95,31 +80,26 @@ TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
     const std::string plist = "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist";
     const std::string program = "/Library/launched";
     writeFile(program, "x");
-    struct Case {
+    const VkPlist arguments = VkPlist::array({program});
+    const struct {
         const char* what;
         VkPlist item;
         bool found;
+    } cases[] = {
+        {"arguments", launchItemWithArguments(VkPlist::array({program, "-d"})), true},
+        {"empty arguments", launchItemWithArguments(VkPlist::array()), false},
+        {"arguments not a list", launchItemWithArguments(VkPlist(program)), false},
+        {"first argument not a string",
+         launchItemWithArguments(VkPlist::array({VkPlist::integer(7), program})), false},
+        {"program wins",
+         VkPlist::dictionary({{"Program", "/bin/true"}, {"ProgramArguments", arguments}}), false},
+        {"program of the wrong type",
+         VkPlist::dictionary({{"Program", arguments}, {"ProgramArguments", arguments}}), false},
     };
-    std::vector<Case> cases;
-    cases.push_back({"arguments", launchItemWithArguments(VkPlist::array({program, "-d"})), true});
-    cases.push_back({"empty arguments", launchItemWithArguments(VkPlist::array()), false});
-    cases.push_back({"arguments not a list", launchItemWithArguments(VkPlist(program)), false});
-    cases.push_back({"first argument not a string",
-                     launchItemWithArguments(VkPlist::array({VkPlist::integer(7), program})),
-                     false});
-    cases.push_back({"program wins",
-                     VkPlist::dictionary({{"Program", "/bin/true"},
-                                          {"ProgramArguments", VkPlist::array({program})}}),
-                     false});
-    cases.push_back({"program of the wrong type",
-                     VkPlist::dictionary({{"Program", VkPlist::array({program})},
-                                          {"ProgramArguments", VkPlist::array({program})}}),
-                     false});
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         writePlist(plist, c.item, true);
-        auto detector = make<VkAgentTrojan>();
-        EXPECT_EQ(scan(detector).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
+        EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
     }
 }
 
@@ -136,7 +116,7 @@ TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
     EXPECT_EQ(scan(detector),
               (VkSpecialResult{{"OSX/Three.A", {onDisk("~/Library/LaunchAgents/evil.plist")}}}));
     EXPECT_EQ(progress.size(), 13u);
-    EXPECT_FLOAT_EQ(progress[1].value, 1.0f / 12.0f);
+    EXPECT_FLOAT_EQ(progress[1].second, 1.0f / 12.0f);
 }
 
 TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
@@ -148,9 +128,12 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
     std::string nested;
     for (int i = 0; i < 100000; ++i)
         nested += "<array>";
-    std::string huge = launchItem(program).toXml();
-    huge.insert(huge.rfind("</dict>"),
-                "<key>Pad</key><string>" + std::string(5u << 20, 'a') + "</string>");
+    auto padded = [&](unsigned mebibytes) {  // a launch item padded with text
+        std::string xml = launchItem(program).toXml();
+        return xml.insert(
+            xml.rfind("</dict>"),
+            "<key>Pad</key><string>" + std::string(mebibytes << 20, 'a') + "</string>");
+    };
 
     std::vector<std::pair<std::string, std::string>> cases = {
         {"malformed xml", "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>"},
@@ -161,7 +144,7 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
              program + "</string><key>X</key>" + nested},
         {"not a dictionary", VkPlist::array({program}).toXml()},
         {"empty", ""},
-        {"too large", huge},
+        {"too large", padded(5)},
     };
     for (const auto& [what, bytes] : cases) {
         SCOPED_TRACE(what);
@@ -172,18 +155,13 @@ TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
     }
 
     // The size cap is what keeps the large one out: a few megabytes less and it counts.
-    std::string large = launchItem(program).toXml();
-    large.insert(large.rfind("</dict>"),
-                 "<key>Pad</key><string>" + std::string(3u << 20, 'a') + "</string>");
-    writeFile(plist, large);
-    auto accepted = make<VkAgentTrojan>();
-    EXPECT_EQ(scan(accepted).count("OSX/Olyx.A"), 1u);
+    writeFile(plist, padded(3));
+    EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/Olyx.A"), 1u);
 
     // A folder where the property list should be is no property list either.
     VkFile::removeTree(onDisk(plist));
     VkFile::createDirectory(onDisk(plist), true);
-    auto detector = make<VkAgentTrojan>();
-    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_TRUE(scan(make<VkAgentTrojan>()).empty());
 }
 
 // Without its program file a family is found by its launch item alone; findings accumulate

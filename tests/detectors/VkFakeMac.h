@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -68,6 +69,16 @@ class VkFakeMacTest : public ::testing::Test {
             {{"Label", "com.example.item"}, {"ProgramArguments", arguments}});
     }
 
+    // Scans with a launch-agent or Flashback detector, recording its progress calls. Each
+    // call asks to stop: only the combined detector may honour that, between the two.
+    template <class Detector>
+    VkSpecialResult scan(Detector&& detector) {
+        return detector.scan([this](const std::string& name, float value) {
+            progress.emplace_back(name, value);
+            return true;
+        });
+    }
+
     std::vector<std::string> logLines() const {
         return std::dynamic_pointer_cast<VkCapturedLog>(ctx->systemLog)->lines();
     }
@@ -76,4 +87,5 @@ class VkFakeMacTest : public ::testing::Test {
     std::shared_ptr<VkContext> ctx;
     std::shared_ptr<VkRecordingCoreFunction> core;
     std::shared_ptr<VkRecordingPacing> pacing;
+    std::vector<std::pair<std::string, float>> progress;
 };

@@ -32,17 +32,7 @@ VkPlist insert(const std::string& library) {
     return VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", library}});
 }
 
-class VkFlashBackTest : public VkFakeMacTest {
-  protected:
-    VkSpecialResult scan(VkFlashBack& detector) {
-        return detector.scan([this](const std::string& name, float value) {
-            progress.emplace_back(name, value);
-            return true;  // ignored by the detector
-        });
-    }
-
-    std::vector<std::pair<std::string, float>> progress;
-};
+class VkFlashBackTest : public VkFakeMacTest {};
 
 TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
     std::string safari =
@@ -64,8 +54,7 @@ TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
 
     writePlist(kSafari, browserInfo(VkPlist("DYLD_INSERT_LIBRARIES")));
     writePlist(kChrome, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/x.dylib"}}));
-    auto clean = make<VkFlashBack>();
-    EXPECT_TRUE(scan(clean).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
 // The environment file carries the variable at its top level (under LSEnvironment it is
@@ -79,15 +68,13 @@ TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevelWithAnyVal
         (VkSpecialResult{{"OSX/Flashback", {env, onDisk("/Users/tester/.vk/libinject.dylib")}}}));
 
     writePlist(kEnvironment, browserInfo(insert("/x.dylib")));
-    auto clean = make<VkFlashBack>();
-    EXPECT_TRUE(scan(clean).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 
     writePlist(kEnvironment,
                VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
     std::string safari =
         writePlist(kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")));
-    auto any = make<VkFlashBack>();
-    EXPECT_EQ(scan(any),
+    EXPECT_EQ(scan(make<VkFlashBack>()),
               (VkSpecialResult{
                   {"OSX/Flashback", {safari, env, onDisk("/Library/a.dylib:/Library/b.dylib")}}}));
     EXPECT_EQ(logLines().back(), "[VkAnti] detect " + env + " - 42");
@@ -160,8 +147,7 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     }
     VkFile::removeTree(conf);
     VkFile::createDirectory(conf, true);
-    auto detector = make<VkFlashBack>();
-    EXPECT_TRUE(scan(detector).empty());
+    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
 TEST_F(VkFlashBackTest, ResultListsPlistsThenFilesThenLaunchItemsAndAccumulates) {
@@ -264,24 +250,6 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
                      "[VkAnti] remove cstore: " + databases[1]}));
 }
 
-// A launch item naming the home itself ("~/.") as its hidden program, or a hidden program
-// behind a link: its own file goes, nothing it names outside of that does.
-TEST_F(VkFlashBackRemoveTest, HostileHiddenProgramsNeverTakeTheHomeOrALinksTarget) {
-    core->performDeletes(true);
-    std::string doc = writeFile("~/Documents/doc.txt", "mine");
-    std::string item = writePlist("~/Library/LaunchAgents/evil.plist",
-                                  launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})));
-    std::string target = dir.write("elsewhere/.hidden", "precious");
-    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/lnk"));
-    writePlist("/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden"));
-    auto detector = make<VkFlashBack>();
-    ASSERT_FALSE(scan(detector).empty());
-    detector.remove();
-    EXPECT_FALSE(VkFile::existsNoFollow(item));
-    EXPECT_EQ(*VkFile::readAll(doc), "mine");
-    EXPECT_EQ(*VkFile::readAll(target), "precious");
-}
-
 TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
     writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/.lib\n");
     const std::string folders = onDisk("/var/folders");
@@ -317,9 +285,18 @@ TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
     removeChain(folders + "/deep");
 }
 
-TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTree) {
+// On the real file operations. A launch item naming the home itself ("~/.") as its hidden
+// program, or a hidden program behind a link: its own file goes, nothing it names outside
+// of that does.
+TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTreeButNeverTheHomeNorALink) {
     core->performDeletes(true);
     core->performPlistFixes(true);
+    std::string doc = writeFile("~/Documents/doc.txt", "mine");
+    std::string evil = writePlist("~/Library/LaunchAgents/evil.plist",
+                                  launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})));
+    std::string target = dir.write("elsewhere/.hidden", "precious");
+    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/lnk"));
+    writePlist("/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden"));
     std::string safari =
         writePlist(kSafari, browserInfo(insert("/Library/Internet Plug-Ins/x.dylib")), true);
     std::string env = writePlist(
@@ -342,9 +319,11 @@ TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTree) {
     auto envAfter = VkPlist::contentsOfFile(env);
     ASSERT_TRUE(envAfter);
     EXPECT_EQ(*envAfter, VkPlist::dictionary({{"PATH", "/bin"}}));
-    for (const auto& gone : {library, hidden, item, database})
+    for (const auto& gone : {library, hidden, item, database, evil})
         EXPECT_FALSE(VkFile::existsNoFollow(gone)) << gone;
     EXPECT_TRUE(VkFile::exists(keep));
+    EXPECT_EQ(*VkFile::readAll(doc), "mine");
+    EXPECT_EQ(*VkFile::readAll(target), "precious");
 }
 
 }  // namespace

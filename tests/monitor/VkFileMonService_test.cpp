@@ -1,12 +1,13 @@
 #include "monitor/VkFileMonService.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <mutex>
-#include <poll.h>
 #include <set>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -23,21 +24,11 @@ namespace {
 using P = VkMonitorProtocol;
 using vkmon::waitUntil;
 
-// Runs a service on a thread of the test; stops it when the test ends.
-class Runner {
-  public:
+// A service run on a thread of the test (see startService); stopped when the test ends.
+struct Runner {
     Runner(std::shared_ptr<VkContext> ctx, VkFileMonServiceOptions options)
         : service(std::move(ctx), std::move(options)) {}
     ~Runner() { stop(); }
-    VkResult<void> start() {
-        auto started = service.start();
-        if (started)
-            thread = std::thread([this] {
-                service.run();
-                finished.store(true);
-            });
-        return started;
-    }
     void stop() {
         service.requestStop();
         if (thread.joinable())
@@ -64,8 +55,13 @@ class VkFileMonServiceTest : public ::testing::Test {
 
     std::unique_ptr<Runner> startService() {
         auto runner = std::make_unique<Runner>(ctx, options);
-        auto started = runner->start();
+        auto started = runner->service.start();
         EXPECT_TRUE(started) << started.error();
+        if (started)
+            runner->thread = std::thread([r = runner.get()] {
+                r->service.run();
+                r->finished.store(true);
+            });
         return runner;
     }
 
@@ -95,44 +91,31 @@ class VkFileMonServiceTest : public ::testing::Test {
         EXPECT_TRUE(items);
         return items && *items ? **items : VkFileMonLogsItem::Items{};
     }
-    VkPlist status() {
+    uint64_t statusNumber(const char* key) {
         auto reply = ask(P::kHello);
         EXPECT_TRUE(reply && reply->opcode == P::kOk);
-        auto parsed = VkPlist::parse(reply->body.data(), reply->body.size());
-        return parsed ? *parsed : VkPlist();
-    }
-    uint64_t statusNumber(const char* key) {
-        VkPlist s = status();
-        const VkPlist* value = s.get(key);
+        auto status = VkPlist::parse(reply->body.data(), reply->body.size());
+        const VkPlist* value = status ? status->get(key) : nullptr;
         return value ? value->asUInt64().value_or(0) : 0;
     }
     std::string socketPath() const { return VkMonitorConfig::socketPath(ctx->dataFolder); }
 
     // Sends raw bytes on a fresh connection and returns what comes back until the service
-    // closes it (or 5 seconds pass).
-    std::string rawExchange(const std::string& bytes, bool* closed = nullptr) {
+    // closes it (`closed`) or 5 seconds pass without a byte.
+    std::string rawExchange(const std::string& bytes, bool& closed) {
         auto fd = VkMonitorSocket::connectTo(socketPath());
         EXPECT_TRUE(fd);
         if (!fd)
             return {};
         ::send(fd->get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        timeval wait{5, 0};
+        ::setsockopt(fd->get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
         std::string received;
-        bool ended = false;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fd->get(), POLLIN, 0};
-            if (::poll(&p, 1, 50) <= 0)
-                continue;
-            char buffer[4096];
-            ssize_t n = ::recv(fd->get(), buffer, sizeof buffer, 0);
-            if (n <= 0) {
-                ended = true;
-                break;
-            }
+        char buffer[4096];
+        ssize_t n;
+        while ((n = ::recv(fd->get(), buffer, sizeof buffer, 0)) > 0)
             received.append(buffer, static_cast<size_t>(n));
-        }
-        if (closed)
-            *closed = ended;
+        closed = n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
         return received;
     }
 
@@ -146,17 +129,35 @@ class VkFileMonServiceTest : public ::testing::Test {
     std::vector<std::string> infected_;
 };
 
-TEST_F(VkFileMonServiceTest, RecordsAnInfectedDownloadAndNotACleanOne) {
+// A clean file, one on the trust list and the same contents elsewhere, an archive's member.
+TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    std::string trusted = watchFolder + "/trusted.bin";
+    std::string md5 =
+        *VkHashValue::hashWithData(evil.data(), static_cast<uint32_t>(evil.size()), 0);
+    ctx->userDefaults->setObject(
+        "TrustFileKey",
+        VkPlist::array({VkPlist::dictionary({{"TrustFilePath", *vkEncryptString(trusted)},
+                                             {"TrustTrojanName", *vkEncryptString("OSX/Test.A")},
+                                             {"TrustFileHash", *vkEncryptString(md5)},
+                                             {"TrustFileSize", VkPlist::integer(777)}})}));
     auto runner = startService();
     std::string bad = watchFolder + "/installer.dmg";
     std::string clean = watchFolder + "/photo.jpg";
+    std::string zip = watchFolder + "/download.zip";
     vkmon::dropFile(clean, vkmon::contentsOf(777, 2));  // same size, other contents
+    vkmon::dropFile(trusted, evil);
     vkmon::dropFile(bad, evil);
-    ASSERT_TRUE(waitUntil([&] { return wasJudged(bad) && wasJudged(clean); }));
+    vkmon::dropFile(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));
+    ASSERT_TRUE(waitUntil([&] {
+        return wasJudged(bad) && wasJudged(clean) && wasJudged(trusted) && wasJudged(zip);
+    }));
 
+    // Judged in the order they arrived; an archive's member is recorded with its name.
+    EXPECT_EQ(infected(), (std::vector<std::string>{bad, zip}));
     auto items = records();
-    ASSERT_EQ(items.size(), 1u);
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[1]->filePath(), zip + "!App/evil");
     EXPECT_EQ(items[0]->filePath(), bad);
     EXPECT_EQ(items[0]->trojanName(), "OSX/Test.A");
     struct stat st {};
@@ -174,30 +175,21 @@ TEST_F(VkFileMonServiceTest, RecordsAnInfectedDownloadAndNotACleanOne) {
     ASSERT_TRUE(onDisk);
     auto stored = VkFileMonLogsItem::unarchiveItems(*onDisk);
     ASSERT_TRUE(stored && *stored);
-    ASSERT_EQ((*stored)->size(), 1u);
+    ASSERT_EQ((*stored)->size(), 2u);
     EXPECT_EQ((**stored)[0]->filePath(), bad);
-    EXPECT_EQ(statusNumber("Records"), 1u);
+    EXPECT_EQ(statusNumber("Records"), 2u);
     EXPECT_EQ(statusNumber("Signatures"), 1u);
 }
 
-TEST_F(VkFileMonServiceTest, AMemberOfADownloadedArchiveIsRecordedWithItsName) {
-    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
-    auto runner = startService();
-    std::string zip = watchFolder + "/download.zip";
-    vkmon::dropFile(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));
-    ASSERT_TRUE(waitUntil([&] { return wasJudged(zip); }));
-    auto items = records();
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0]->filePath(), zip + "!App/evil");
-}
-
 // A start judges what arrived while the monitor was down; after a restart, only what
-// changed since its last run, so a restart does not read the whole folder again.
-TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunOnly) {
+// changed since its last run, so a restart does not read the whole folder again. A database
+// that appears while it runs is loaded.
+TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunAndNewDatabasesCount) {
     std::string early = watchFolder + "/early.bin";
     vkmon::dropFile(early, evil);
     auto first = startService();
     ASSERT_TRUE(waitUntil([&] { return wasJudged(early); }));
+    EXPECT_TRUE(infected().empty());  // no signatures yet
     first.reset();
     {
         std::lock_guard lock(mutex);
@@ -208,43 +200,14 @@ TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunOnly) {
     std::string stamp = ctx->dataFolder + "/monitor.lastrun";
     ASSERT_EQ(::utimensat(AT_FDCWD, stamp.c_str(), later, 0), 0);
     auto runner = startService();
+    vkmon::addSignature(ctx, "new.sql", "OSX/Late.B", evil);
     std::string late = watchFolder + "/late.bin";
     vkmon::dropFile(late, evil);
     ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
     EXPECT_FALSE(wasJudged(early));
-}
-
-TEST_F(VkFileMonServiceTest, LoadsSignaturesAgainWhenADatabaseAppears) {
-    auto runner = startService();
-    vkmon::dropFile(watchFolder + "/first.bin", evil);
-    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/first.bin"); }));
-    EXPECT_TRUE(infected().empty());
-
-    vkmon::addSignature(ctx, "new.sql", "OSX/Late.B", evil);
-    vkmon::dropFile(watchFolder + "/second.bin", evil);
-    ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/second.bin"); }));
-    EXPECT_EQ(infected(), std::vector<std::string>{watchFolder + "/second.bin"});
+    EXPECT_EQ(infected(), std::vector<std::string>{late});
     ASSERT_EQ(records().size(), 1u);
     EXPECT_EQ(records()[0]->trojanName(), "OSX/Late.B");
-}
-
-TEST_F(VkFileMonServiceTest, AFileOnTheTrustListIsNotRecorded) {
-    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
-    std::string trusted = watchFolder + "/trusted.bin";
-    std::string md5 =
-        *VkHashValue::hashWithData(evil.data(), static_cast<uint32_t>(evil.size()), 0);
-    ctx->userDefaults->setObject(
-        "TrustFileKey",
-        VkPlist::array({VkPlist::dictionary({{"TrustFilePath", *vkEncryptString(trusted)},
-                                             {"TrustTrojanName", *vkEncryptString("OSX/Test.A")},
-                                             {"TrustFileHash", *vkEncryptString(md5)},
-                                             {"TrustFileSize", VkPlist::integer(777)}})}));
-    auto runner = startService();
-    vkmon::dropFile(trusted, evil);
-    vkmon::dropFile(watchFolder + "/copy.bin", evil);
-    ASSERT_TRUE(
-        waitUntil([&] { return wasJudged(trusted) && wasJudged(watchFolder + "/copy.bin"); }));
-    EXPECT_EQ(infected(), std::vector<std::string>{watchFolder + "/copy.bin"});
 }
 
 TEST_F(VkFileMonServiceTest, AFileThatKeepsChangingIsJudgedOnceWhenItSettles) {
@@ -427,20 +390,23 @@ TEST_F(VkFileMonServiceTest, RejectsMalformedAndOversizedRequestsAndKeepsServing
             return "<no error frame>";
         return frame->body;
     };
+    const struct {
+        std::string bytes;
+        const char* error;
+    } cases[] = {
+        {std::string("\x40\x00\x00\x00", 4), "request too large"},
+        {std::string(4, '\0'), "malformed request"},
+        {P::encode(0x42), "unknown request"},
+        {P::encode(P::kHello, std::string("extra")), "malformed request"},
+        {P::encode(P::kOk), "unknown request"},
+    };
     bool closed = false;
-    EXPECT_EQ(errorText(rawExchange(std::string("\x40\x00\x00\x00", 4), &closed)),
-              "request too large");
-    EXPECT_TRUE(closed);
-    EXPECT_EQ(errorText(rawExchange(std::string(4, '\0'), &closed)), "malformed request");
-    EXPECT_TRUE(closed);
-    EXPECT_EQ(errorText(rawExchange(P::encode(0x42), &closed)), "unknown request");
-    EXPECT_TRUE(closed);
-    EXPECT_EQ(errorText(rawExchange(P::encode(P::kHello, std::string("extra")), &closed)),
-              "malformed request");
-    EXPECT_TRUE(closed);
-    EXPECT_EQ(errorText(rawExchange(P::encode(P::kOk), &closed)), "unknown request");
+    for (const auto& c : cases) {
+        EXPECT_EQ(errorText(rawExchange(c.bytes, closed)), c.error);
+        EXPECT_TRUE(closed) << c.error;
+    }
     // A request that never ends is let go.
-    std::string started = rawExchange(std::string("\x00\x00\x00\x10\x01", 5), &closed);
+    std::string started = rawExchange(std::string("\x00\x00\x00\x10\x01", 5), closed);
     EXPECT_TRUE(started.empty());
     EXPECT_TRUE(closed);
 
@@ -483,34 +449,30 @@ TEST_F(VkFileMonServiceTest, SubscribersHearOfEveryChangeAndClearing) {
     EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), VkFileMonStore::emptyArchive());
 }
 
-TEST_F(VkFileMonServiceTest, OneServicePerDataFolder) {
-    auto runner = startService();
-    VkFileMonService second(ctx, options);
-    auto refused = second.start();
-    ASSERT_FALSE(refused);
-    EXPECT_NE(refused.error().find("already running"), std::string::npos) << refused.error();
-    EXPECT_EQ(VkFileMonService::runningPid(ctx->dataFolder), ::getpid());
-    // The refused one left the running one alone.
-    EXPECT_EQ(ask(P::kHello)->opcode, P::kOk);
+// Until it ends, by its owner, by a stop request or by the loss of its socket.
+TEST_F(VkFileMonServiceTest, OneServicePerDataFolderUntilItEnds) {
+    for (const std::string way : {"stop", "stop request", "socket taken away"}) {
+        SCOPED_TRACE(way);
+        auto runner = startService();
+        VkFileMonService second(ctx, options);
+        auto refused = second.start();
+        ASSERT_FALSE(refused);
+        EXPECT_NE(refused.error().find("already running"), std::string::npos) << refused.error();
+        EXPECT_EQ(VkFileMonService::runningPid(ctx->dataFolder), ::getpid());
+        // The refused one left the running one alone.
+        EXPECT_EQ(ask(P::kHello)->opcode, P::kOk);
 
-    runner->stop();
-    EXPECT_FALSE(VkFileMonService::runningPid(ctx->dataFolder));
-    EXPECT_FALSE(VkFile::existsNoFollow(socketPath()));
-}
-
-TEST_F(VkFileMonServiceTest, StopsWhenItsSocketIsTakenAway) {
-    auto runner = startService();
-    ASSERT_EQ(::unlink(socketPath().c_str()), 0);
-    EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));
-}
-
-TEST_F(VkFileMonServiceTest, AStopRequestEndsTheService) {
-    auto runner = startService();
-    auto stopped = ask(P::kStop);
-    ASSERT_TRUE(stopped);
-    EXPECT_EQ(stopped->opcode, P::kOk);
-    EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));
-    EXPECT_FALSE(VkMonitorSocket::connectTo(socketPath()));
+        if (way == "stop")
+            runner->stop();
+        else if (way == "stop request")
+            EXPECT_EQ(ask(P::kStop)->opcode, P::kOk);
+        else
+            ASSERT_EQ(::unlink(socketPath().c_str()), 0);
+        EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));
+        EXPECT_FALSE(VkFileMonService::runningPid(ctx->dataFolder));
+        EXPECT_FALSE(VkFile::existsNoFollow(socketPath()));
+        EXPECT_FALSE(VkMonitorSocket::connectTo(socketPath()));
+    }
 }
 
 }  // namespace

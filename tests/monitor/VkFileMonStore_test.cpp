@@ -50,10 +50,18 @@ TEST_F(VkFileMonStoreTest, KeepsRecordsOnDiskOwnerOnlyAndReadsThemBack) {
     auto onDisk = VkFileMonStore::readArchive(data);
     ASSERT_TRUE(onDisk);
     EXPECT_EQ(*onDisk, again.archive());
+
+    // Clearing writes an empty list.
+    ASSERT_TRUE(again.clear());
+    EXPECT_EQ(again.count(), 0u);
+    VkFileMonStore cleared(data);
+    ASSERT_TRUE(cleared.load());
+    EXPECT_EQ(cleared.count(), 0u);
+    EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
 }
 
-TEST_F(VkFileMonStoreTest, AFileJudgedAgainIsNotRecordedTwice) {
-    VkFileMonStore store(data);
+TEST_F(VkFileMonStoreTest, AFileJudgedAgainIsNotRecordedTwiceAndTheOldestGiveWay) {
+    VkFileMonStore store(data, 3);
     uint64_t generation = store.generation();
     ASSERT_TRUE(*store.append(record("/d/a", 100)));
     EXPECT_FALSE(*store.append(record("/d/a", 100)));
@@ -61,17 +69,10 @@ TEST_F(VkFileMonStoreTest, AFileJudgedAgainIsNotRecordedTwice) {
     // Downloaded again later: a new record.
     EXPECT_TRUE(*store.append(record("/d/a", 200)));
     EXPECT_EQ(store.count(), 2u);
-}
-
-TEST_F(VkFileMonStoreTest, ClearingWritesAnEmptyList) {
-    VkFileMonStore store(data);
-    ASSERT_TRUE(*store.append(record("/d/a")));
-    ASSERT_TRUE(store.clear());
-    EXPECT_EQ(store.count(), 0u);
-    VkFileMonStore again(data);
-    ASSERT_TRUE(again.load());
-    EXPECT_EQ(again.count(), 0u);
-    EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
+    // Beyond the limit the oldest records give way.
+    for (const char* path : {"/3", "/4", "/5"})
+        ASSERT_TRUE(store.append(record(path)));
+    EXPECT_EQ(pathsOf(store.items()), (std::vector<std::string>{"/3", "/4", "/5"}));
 }
 
 TEST_F(VkFileMonStoreTest, AnUnreadableFileIsSetAsideNotLost) {
@@ -93,13 +94,6 @@ TEST_F(VkFileMonStoreTest, APlainFileNamedLogsGivesWayToTheFolder) {
     ASSERT_TRUE(*store.append(record("/d/a")));
     bool isDirectory = false;
     EXPECT_TRUE(VkFile::exists(data + "/Logs", &isDirectory) && isDirectory);
-}
-
-TEST_F(VkFileMonStoreTest, TheOldestRecordsGiveWayBeyondTheLimit) {
-    VkFileMonStore store(data, 3);
-    for (const char* path : {"/1", "/2", "/3", "/4", "/5"})
-        ASSERT_TRUE(store.append(record(path)));
-    EXPECT_EQ(pathsOf(store.items()), (std::vector<std::string>{"/3", "/4", "/5"}));
 }
 
 TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {

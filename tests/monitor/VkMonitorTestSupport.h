@@ -8,11 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "database/VkSqliteManager.h"
-#include "engine/VkTorjanItem.h"
+#include "fakes/VkTestSignatures.h"
 #include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
-#include "platform/VkHashValue.h"
 
 // Helpers shared by the file-monitor tests.
 namespace vkmon {
@@ -36,22 +34,12 @@ inline std::string contentsOf(size_t length, unsigned seed) {
     return s;
 }
 
-// Adds a signature record matching `contents` exactly (size and MD5) to the database `file` of
-// the data folder, its text fields enciphered as the databases keep them.
+// Adds a signature database `file` to the data folder with one record matching `contents`.
 inline void addSignature(const std::shared_ptr<VkContext>& ctx, const std::string& file,
                          const std::string& name, const std::string& contents) {
     VkFile::createDirectory(ctx->dataFolder, true, 0700);
-    VkSqliteManager manager(ctx);
-    manager.openDataBase(VkFile::join(ctx->dataFolder, file));
-    auto item = std::make_shared<VkTorjanItem>();
-    item->setName(name);
-    item->setDetail("made by the test");
-    item->setFileSize(contents.size());
-    item->setTorjanCode(
-        *VkHashValue::hashWithData(contents.data(), static_cast<uint32_t>(contents.size()), 0));
-    item->enCodeTrojanInfo();
-    manager.addItemToDataBase(item);
-    manager.closeDataBase();
+    vkWriteSignatureDatabase(VkFile::join(ctx->dataFolder, file), file, "1",
+                             {{name, contents, {}}});
 }
 
 // Writes a file the way many downloads end: under a temporary name (closed after writing),

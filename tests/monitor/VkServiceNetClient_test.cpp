@@ -97,8 +97,15 @@ TEST_F(VkServiceNetClientTest, ADetectionReachesAListenerAndClearingTellsIt) {
     oper->addFileMonLogsDelegate(listener);
     ASSERT_TRUE(waitUntil([&] { return client->isSubscribed(); }));
 
+    // A clean file of the same size first: it leaves no record.
+    vkmon::dropFile(watchFolder + "/clean.bin", vkmon::contentsOf(4099, 8));
     std::string bad = watchFolder + "/FlashPlayer.dmg";
     vkmon::dropFile(bad, evil);
+    ASSERT_TRUE(waitUntil([&] {
+        auto status = client->status();
+        const VkPlist* judged = status ? status->get("Judged") : nullptr;
+        return judged && judged->asUInt64().value_or(0) >= 2;
+    }));
     ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 1; }));
     ASSERT_TRUE(waitUntil([&] { return listener->calls() >= 1; }));
     EXPECT_EQ(listener->last(), std::vector<std::string>{bad + " = OSX/Test.A"});
@@ -116,20 +123,7 @@ TEST_F(VkServiceNetClientTest, ADetectionReachesAListenerAndClearingTellsIt) {
     EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), VkFileMonStore::emptyArchive());
 }
 
-TEST_F(VkServiceNetClientTest, ACleanFileLeavesNoRecord) {
-    ASSERT_TRUE(client->setFileMonStat(true));
-    vkmon::dropFile(watchFolder + "/clean.bin", vkmon::contentsOf(4099, 8));
-    ASSERT_TRUE(waitUntil([&] {
-        auto status = client->status();
-        const VkPlist* judged = status ? status->get("Judged") : nullptr;
-        return judged && judged->asUInt64().value_or(0) >= 1;
-    }));
-    auto records = client->currentRecords();
-    ASSERT_TRUE(records);
-    EXPECT_TRUE(records->empty());
-}
-
-TEST_F(VkServiceNetClientTest, RecordsSurviveARestartAndTheClientReconnects) {
+TEST_F(VkServiceNetClientTest, RecordsSurviveARestartAndEveryClientSeesThem) {
     auto oper = std::make_shared<VkFileMonLogsOper>(ctx);
     auto listener = std::make_shared<Listener>(*oper);
     oper->addFileMonLogsDelegate(listener);
@@ -160,36 +154,26 @@ TEST_F(VkServiceNetClientTest, RecordsSurviveARestartAndTheClientReconnects) {
     // And changes keep arriving through the renewed subscription.
     vkmon::dropFile(watchFolder + "/again.pkg", evil);
     ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 2; }));
-}
 
-TEST_F(VkServiceNetClientTest, ASecondClientSeesTheSameRecords) {
-    ASSERT_TRUE(client->setFileMonStat(true));
-    std::string bad = watchFolder + "/shared.zip";
-    vkmon::dropFile(bad, evil);
-    ASSERT_TRUE(waitUntil([&] {
-        auto records = client->currentRecords();
-        return records && records->size() == 1;
-    }));
-
+    // Switching on a second client finds the running monitor instead of starting another;
+    // it sees the same records, and the first one's clearing reaches it.
     auto second = makeClient();
-    // Switching on again finds the running monitor instead of starting another.
     ASSERT_TRUE(second->setFileMonStat(true));
     auto records = second->currentRecords();
     ASSERT_TRUE(records);
-    ASSERT_EQ(records->size(), 1u);
+    ASSERT_EQ(records->size(), 2u);
     EXPECT_EQ((*records)[0]->filePath(), bad);
     EXPECT_EQ((*records)[0]->trojanName(), "OSX/Test.A");
     EXPECT_EQ(client->fileMonLogs(), second->fileMonLogs());
-
     auto secondCtx = VkContext::forTesting(dir / "other");
     secondCtx->netClient = second;
-    auto oper = std::make_shared<VkFileMonLogsOper>(secondCtx);
-    EXPECT_EQ(oper->logsFileCount(), 1u);
+    auto secondOper = std::make_shared<VkFileMonLogsOper>(secondCtx);
+    EXPECT_EQ(secondOper->logsFileCount(), 2u);
     EXPECT_TRUE(client->removeAllFileMonLogs());
-    ASSERT_TRUE(waitUntil([&] { return oper->logsFileCount() == 0; }));
+    ASSERT_TRUE(waitUntil([&] { return secondOper->logsFileCount() == 0; }));
 }
 
-TEST_F(VkServiceNetClientTest, StartingFailsClearlyWithoutTheProgram) {
+TEST_F(VkServiceNetClientTest, WithoutTheProgramStartingFailsClearlyAndTheFileIsStillServed) {
     VkServiceNetClientOptions options;
     options.programPath = dir / "no-such-program";
     options.startSeconds = 1;
@@ -200,21 +184,19 @@ TEST_F(VkServiceNetClientTest, StartingFailsClearlyWithoutTheProgram) {
     EXPECT_FALSE(lost.setFileMonStat(true));
     // Switching off what does not run is no failure.
     EXPECT_TRUE(lost.setFileMonStat(false));
-}
 
-TEST_F(VkServiceNetClientTest, WithNoMonitorRunningClearingEmptiesTheFileItLeft) {
+    // With no monitor running, clearing empties the file a monitor left.
     VkFileMonStore store(ctx->dataFolder);
     auto item = std::make_shared<VkFileMonLogsItem>();
     item->setFilePath("/left/behind");
     item->setDownLoadTime(VkDate{1});
     item->setLogTime(VkDate{2});
     ASSERT_TRUE(store.append(item));
-
-    auto records = client->currentRecords();
+    auto records = lost.currentRecords();
     ASSERT_TRUE(records);
     ASSERT_EQ(records->size(), 1u);
-    EXPECT_TRUE(client->removeAllFileMonLogs());
-    EXPECT_TRUE(client->currentRecords()->empty());
+    EXPECT_TRUE(lost.removeAllFileMonLogs());
+    EXPECT_TRUE(lost.currentRecords()->empty());
 }
 
 }  // namespace

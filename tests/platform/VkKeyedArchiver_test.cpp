@@ -58,26 +58,26 @@ constexpr double kRef = VkDate::kReferenceDateOffset;
 // A record with the file monitor's six coder keys, as its own class will encode them.
 class MonItem : public VkCodable {
   public:
-    std::optional<std::string> filePath, processName, processPath, trojanName;
-    std::optional<VkDate> downLoadTime, logTime;
+    struct Fields {
+        std::optional<std::string> filePath, processName, processPath, trojanName;
+        std::optional<VkDate> downLoadTime, logTime;
+        bool operator==(const Fields&) const = default;
+    } f;
 
     std::string className() const override { return "VkFileMonLogsItem"; }
     void encodeWithCoder(VkKeyedArchiver& coder) const override {
-        coder.encodeObject(filePath, "filePath");
-        coder.encodeObject(processName, "processName");
-        coder.encodeObject(processPath, "processPath");
-        coder.encodeObject(trojanName, "trojanName");
-        coder.encodeObject(downLoadTime, "downLoadTime");
-        coder.encodeObject(logTime, "logTime");
+        coder.encodeObject(f.filePath, "filePath");
+        coder.encodeObject(f.processName, "processName");
+        coder.encodeObject(f.processPath, "processPath");
+        coder.encodeObject(f.trojanName, "trojanName");
+        coder.encodeObject(f.downLoadTime, "downLoadTime");
+        coder.encodeObject(f.logTime, "logTime");
     }
     static std::shared_ptr<VkCodable> initWithCoder(VkKeyedUnarchiver& coder) {
         auto item = std::make_shared<MonItem>();
-        item->filePath = coder.decodeStringForKey("filePath");
-        item->processName = coder.decodeStringForKey("processName");
-        item->processPath = coder.decodeStringForKey("processPath");
-        item->trojanName = coder.decodeStringForKey("trojanName");
-        item->downLoadTime = coder.decodeDateForKey("downLoadTime");
-        item->logTime = coder.decodeDateForKey("logTime");
+        item->f = {coder.decodeStringForKey("filePath"),    coder.decodeStringForKey("processName"),
+                   coder.decodeStringForKey("processPath"), coder.decodeStringForKey("trojanName"),
+                   coder.decodeDateForKey("downLoadTime"),  coder.decodeDateForKey("logTime")};
         return item;
     }
 };
@@ -171,17 +171,13 @@ TEST(VkKeyedArchiverTest, ReadsArchivesWrittenByThePlatform) {
     auto first = (*decoded->asArray())[0].asObject<MonItem>();
     auto second = (*decoded->asArray())[1].asObject<MonItem>();
     ASSERT_TRUE(first && second);
-    EXPECT_EQ(first->filePath, "/Users/a/Downloads/x.dmg");
-    EXPECT_EQ(first->processName, "Safari");
-    EXPECT_EQ(first->processPath, "/Applications/Safari.app");  // an NSMutableString object
-    EXPECT_EQ(first->trojanName, "OSX/Test.A");
-    EXPECT_EQ(first->downLoadTime, (VkDate{kRef + 700000000.0}));
-    EXPECT_EQ(first->logTime, (VkDate{kRef + 700000060.5}));
-    EXPECT_EQ(second->filePath, "/tmp/y.zip");
-    EXPECT_EQ(second->processName, "Safari");  // the shared string
-    EXPECT_EQ(second->processPath, std::nullopt);
-    EXPECT_EQ(second->trojanName, "OSX/Test.B");
-    EXPECT_EQ(second->logTime, (VkDate{kRef + 700000160.25}));
+    // The first's process path is an NSMutableString object; both share "Safari".
+    EXPECT_EQ(first->f, (MonItem::Fields{"/Users/a/Downloads/x.dmg", "Safari",
+                                         "/Applications/Safari.app", "OSX/Test.A",
+                                         VkDate{kRef + 700000000.0}, VkDate{kRef + 700000060.5}}));
+    EXPECT_EQ(second->f,
+              (MonItem::Fields{"/tmp/y.zip", "Safari", std::nullopt, "OSX/Test.B",
+                               VkDate{kRef + 700000100.0}, VkDate{kRef + 700000160.25}}));
 
     // Without the record class registered the whole archive is unreadable.
     auto plain = VkKeyedUnarchiver::unarchiveObjectWithData(kPlatformFileMonList);
@@ -268,13 +264,11 @@ TEST(VkKeyedArchiverTest, PlainValuesComeBackEqualInBinaryAndXmlForm) {
 
 TEST(VkKeyedArchiverTest, ObjectsComeBackWithTheirMembersAndIdentity) {
     auto item = std::make_shared<MonItem>();
-    item->filePath = "/Users/a/Downloads/x.dmg";
-    item->processName = "Safari";
-    item->trojanName = "OSX/Test.A";
-    item->downLoadTime = VkDate{1700000000.0};
-    item->logTime = VkDate{1700000005.5};
+    item->f = {
+        "/Users/a/Downloads/x.dmg", "Safari", std::nullopt, "OSX/Test.A", VkDate{1700000000.0},
+        VkDate{1700000005.5}};
     auto other = std::make_shared<MonItem>();
-    other->filePath = "/tmp/y";
+    other->f.filePath = "/tmp/y";
     auto bytes =
         VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue::Array{item, other, item});
     ASSERT_TRUE(bytes.ok()) << bytes.error();
@@ -282,15 +276,9 @@ TEST(VkKeyedArchiverTest, ObjectsComeBackWithTheirMembersAndIdentity) {
     ASSERT_TRUE(decoded.ok()) << decoded.error();
     const VkArchivedValue::Array& items = *decoded->asArray();
     ASSERT_EQ(items.size(), 3u);
-    auto back = items[0].asObject<MonItem>();
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back->filePath, item->filePath);
-    EXPECT_EQ(back->processName, item->processName);
-    EXPECT_EQ(back->processPath, std::nullopt);
-    EXPECT_EQ(back->trojanName, item->trojanName);
-    EXPECT_EQ(back->downLoadTime, item->downLoadTime);
-    EXPECT_EQ(back->logTime, item->logTime);
-    EXPECT_EQ(items[1].asObject<MonItem>()->logTime, std::nullopt);
+    ASSERT_TRUE(items[0].asObject<MonItem>() && items[1].asObject<MonItem>());
+    EXPECT_EQ(items[0].asObject<MonItem>()->f, item->f);
+    EXPECT_EQ(items[1].asObject<MonItem>()->f, other->f);
     // The same object written twice is one object again after reading.
     EXPECT_EQ(items[2].asObject(), items[0].asObject());
     EXPECT_NE(items[1].asObject(), items[0].asObject());
