@@ -96,9 +96,9 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
 
     // Same size, other contents: hashed and rejected.
     EXPECT_EQ(check(dir.write("files/other.bin", bytesOf(300, 2)), {record}), nullptr);
-    // The same bytes plus one: no record of that size, so one attribute read and nothing is
-    // hashed at all, however many records; nor is an empty file, even against a record of
-    // size zero.
+    // The same bytes plus one: no record of that size, so one attribute read whatever sizes
+    // the other records have, and nothing hashed; nor is an empty file, even against a
+    // record of size zero.
     scan->hashCalls.clear();
     scan->attributeCalls.clear();
     std::string longer = dir.write("files/longer.bin", bad + "x");
