@@ -96,14 +96,18 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
 
     // Same size, other contents: hashed and rejected.
     EXPECT_EQ(check(dir.write("files/other.bin", bytesOf(300, 2)), {record}), nullptr);
-    // The same bytes plus one: no record of that size, so one attribute read whatever sizes
-    // the other records have, and nothing hashed; nor is an empty file, even against a
-    // record of size zero.
+    // The same bytes plus one: no record of that size among many, so one attribute read and
+    // nothing hashed; nor is an empty file, even against a record of size zero.
     scan->hashCalls.clear();
     scan->attributeCalls.clear();
     std::string longer = dir.write("files/longer.bin", bad + "x");
-    EXPECT_EQ(check(longer, {record, recordFor("Other", bad + "yy"), recordFor("Else", "z")}),
-              nullptr);
+    std::vector<std::shared_ptr<VkTorjanItem>> many{record};
+    for (uint64_t size = 1; size <= 20000; ++size) {  // enough to grow the size index
+        many.push_back(std::make_shared<VkTorjanItem>());
+        many.back()->setFileSize(size * 2);
+        many.back()->setTorjanCode(md5(std::to_string(size)));
+    }
+    EXPECT_EQ(check(longer, many), nullptr);
     EXPECT_EQ(scan->attributeCalls, std::vector<std::string>{longer});
     EXPECT_EQ(check(dir.write("empty", ""), {recordFor("Empty", "")}), nullptr);
     EXPECT_TRUE(scan->hashCalls.empty());
