@@ -88,27 +88,22 @@ TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
     other->setTorjanName(std::string("OSX/Other"));
     other->setHashCode(std::string("0123456789abcdef"));
     center->addTrustFile(other);
-    ASSERT_EQ(trustCount(), 3u);
+    // An entry stops at its first missing value: the empty name enciphers to nothing.
+    auto partial = std::make_shared<VkTorjanResultItems>();
+    partial->setPath(dir.write("root/home/x.bin", "x"));
+    partial->setTorjanName(std::string(""));
+    partial->setHashCode(std::string("abc"));
+    center->addTrustFile(partial);
+    auto stored = ctx->userDefaults->arrayForKey("TrustFileKey");
+    ASSERT_TRUE(stored && stored->size() == 4);
+    EXPECT_NE(stored->at(3).get("TrustFilePath"), nullptr);
+    EXPECT_EQ(stored->at(3).asDictionary()->size(), 1u);
 
     center->removeTrustFile(dir / "not/listed");
-    EXPECT_EQ(trustCount(), 3u);
+    EXPECT_EQ(trustCount(), 4u);
     center->removeTrustFile(file);
-    ASSERT_EQ(trustCount(), 1u) << "both equal entries gone, the other hash stays";
+    ASSERT_EQ(trustCount(), 2u) << "both equal entries gone, the other hash stays";
     EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
-}
-
-TEST_F(VkTorjanCenterTest, EntryStopsAtTheFirstMissingValue) {
-    auto r = std::make_shared<VkTorjanResultItems>();
-    r->setPath(dir.write("root/home/x.bin", "x"));
-    r->setTorjanName(std::string(""));  // the empty text enciphers to nothing
-    r->setHashCode(std::string("abc"));
-    center->addTrustFile(r);
-    auto stored = ctx->userDefaults->arrayForKey("TrustFileKey");
-    ASSERT_TRUE(stored && stored->size() == 1);
-    EXPECT_NE(stored->at(0).get("TrustFilePath"), nullptr);
-    EXPECT_EQ(stored->at(0).get("TrustTrojanName"), nullptr);
-    EXPECT_EQ(stored->at(0).get("TrustFileHash"), nullptr);
-    EXPECT_EQ(stored->at(0).get("TrustFileSize"), nullptr);
 }
 
 TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {

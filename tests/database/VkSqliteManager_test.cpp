@@ -52,6 +52,11 @@ std::string hexOf(const std::vector<uint8_t>& bytes) {
     return out;
 }
 
+// An SQL blob literal of the bytes of text.
+std::string cipher(const std::string& text) {
+    return "X'" + hexOf(std::vector<uint8_t>(text.begin(), text.end())) + "'";
+}
+
 std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::string& code) {
     auto item = std::make_shared<VkTorjanItem>();
     item->setName(name);
@@ -403,16 +408,6 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
     EXPECT_EQ(description(), Strings{"Db2 1.1"});
 }
 
-}  // namespace
-
-namespace {
-
-std::string cipher(const std::string& text) {
-    return "X'" + hexOf(std::vector<uint8_t>(text.begin(), text.end())) + "'";
-}
-
-}  // namespace
-
 // A scan's load deciphers names only when a record is read; what it reads must be what the
 // eager reader gives, for the packaged database and for hostile rows alike.
 TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
@@ -459,3 +454,5 @@ TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
         EXPECT_EQ(loaded, expected);
     }
 }
+
+}  // namespace

@@ -102,16 +102,4 @@ TEST_F(VkUpdatePublisherTest, RefusesWhatClientsCouldNotUseAndWritesNothing) {
     }
 }
 
-TEST_F(VkUpdatePublisherTest, ManifestWithoutDateEndsWithTheLastEntry) {
-    std::string a = makeDb("src/A.sql", "Alpha", "1.0");
-    ASSERT_TRUE(VkUpdatePublisher::publish(dir / "out", {a}, {}).ok());
-    auto body = *VkFile::readAll(folder() + "/version.xml");
-    auto manifest = VkAddTorjanItems::arrayWithContentsOfData(
-        *VkManifestCipher::decrypt({body.begin(), body.end()}));
-    ASSERT_TRUE(manifest);
-    ASSERT_EQ(manifest->size(), 2u);
-    EXPECT_TRUE((*manifest)[1].isDictionary());
-    EXPECT_FALSE(VkFile::exists(folder() + "/version.xml.sig")) << "published unsigned";
-}
-
 }  // namespace

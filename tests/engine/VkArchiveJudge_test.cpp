@@ -6,39 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "engine/VkEngineTestData.h"
 #include "engine/VkTorjanScan.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestArchives.h"
 #include "platform/VkContext.h"
 #include "platform/VkHandle.h"
-#include "platform/VkHashValue.h"
 
 namespace {
-
-constexpr size_t kMiB = 1048576;
-
-std::string md5(const std::string& s) {
-    return *VkHashValue::hashWithData(s.data(), static_cast<uint32_t>(s.size()), 0);
-}
-
-// Synthetic bytes standing for a trojan; seed gives other contents of one length.
-std::string bytesOf(size_t length, unsigned seed) {
-    std::string s(length, '\0');
-    for (size_t i = 0; i < length; ++i)
-        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 9)) & 0xFF);
-    return s;
-}
-
-std::shared_ptr<VkTorjanItem> recordFor(const std::string& contents, bool rightHead = true) {
-    auto item = std::make_shared<VkTorjanItem>();
-    item->setName("Test.Archived");
-    item->setFileSize(contents.size());
-    item->setTorjanCode(md5(contents));
-    if (contents.size() > kMiB)
-        item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : bytesOf(kMiB, 9)));
-    return item;
-}
 
 const std::string kPlanted = bytesOf(3000, 1);
 const std::string kBig = bytesOf(kMiB + 4321, 2);
@@ -58,7 +34,7 @@ class VkArchiveJudgeTest : public ::testing::Test {
     // The judge alone, with a record list of one record, for what it did not examine.
     VkArchiveReport judge(const std::string& path, const std::string& contents,
                           VkArchiveLimits limits = {}) {
-        auto records = VkTorjanRecordList::make({recordFor(contents)});
+        auto records = VkTorjanRecordList::make({recordFor("Test.Archived", contents)});
         VkArchiveJudge judge(
             {[records](uint64_t size) { return !records->recordsOfSize(size).empty(); },
              [records](uint64_t size, const VkArchiveJudge::Hasher& hasher) {
@@ -113,7 +89,7 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         SCOPED_TRACE(c.file);
         ASSERT_FALSE(c.contents.empty());
         std::string path = dir.write(c.file, c.contents);
-        auto result = check(path, recordFor(c.planted, c.rightHead));
+        auto result = check(path, recordFor("Test.Archived", c.planted, c.rightHead));
         if (c.member.empty()) {
             EXPECT_EQ(result, nullptr);
             continue;

@@ -81,40 +81,33 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
     EXPECT_EQ(operOnDisk(), 1);
 }
 
-TEST_F(VkScanLogsTest, RetentionByLogsKeepDay) {
+// Old scans go by LogsKeepDay; loading brings both time stamps up to the latest full scan.
+TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
+    double fullTime = 0;
     {
         ctx->userDefaults->setInteger("LogsKeepDay", 30);
         VkScanLogsOper logs(ctx);
-        logs.scanEnd(1);  // 8 days old at the check below
+        logs.scanEnd(0);  // 8 days old at the check below
         clock->advance(2 * 86400);
-        logs.scanEnd(0);  // 6 days old
+        fullTime = clock->now();
+        logs.scanEnd(1);  // 6 days old
     }
+    ctx->userDefaults->setDouble("LastQuickScanTime", fullTime - 500);
+    ctx->userDefaults->removeObject("LastScanTroajnTime");
     clock->advance(6 * 86400);
     ctx->userDefaults->setInteger("LogsKeepDay", 7);
     VkScanLogsOper logs(ctx);
+    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastScanTroajnTime"), fullTime);
+    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastQuickScanTime"), fullTime);
     ASSERT_EQ(logs.scanLogsArray().size(), 2u);
     logs.saveFileMonToDisk();
     ASSERT_EQ(logs.scanLogsArray().size(), 1u);
-    EXPECT_EQ(logs.scanLogsArray()[0]->scanType(), 0);
+    EXPECT_EQ(logs.scanLogsArray()[0]->scanType(), 1);
 
     ctx->userDefaults->removeObject("LogsKeepDay");
     clock->advance(1);
     logs.saveFileMonToDisk();
     EXPECT_TRUE(logs.scanLogsArray().empty()) << "absent LogsKeepDay keeps nothing older than now";
-}
-
-TEST_F(VkScanLogsTest, LoadingBringsBothTimeStampsUpToTheLatestFullScan) {
-    double fullTime = clock->now();
-    {
-        ctx->userDefaults->setInteger("LogsKeepDay", 30);
-        VkScanLogsOper logs(ctx);
-        logs.scanEnd(1);
-    }
-    ctx->userDefaults->setDouble("LastQuickScanTime", fullTime - 500);
-    ctx->userDefaults->removeObject("LastScanTroajnTime");
-    VkScanLogsOper again(ctx);
-    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastScanTroajnTime"), fullTime);
-    EXPECT_DOUBLE_EQ(ctx->userDefaults->doubleForKey("LastQuickScanTime"), fullTime);
 }
 
 TEST_F(VkScanLogsTest, RemoveAllWritesAnEmptyLogAndLogsFolderReplacesAPlainFile) {

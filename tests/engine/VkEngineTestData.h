@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "engine/VkTorjanItem.h"
+#include "platform/VkHashValue.h"
+
+// Synthetic files and the plain-text records that match them, shared by the engine's tests.
+inline constexpr uint64_t kMiB = 1048576;
+
+inline std::string md5(const std::string& bytes) {
+    return *VkHashValue::hashWithData(bytes.data(), static_cast<uint32_t>(bytes.size()), 0);
+}
+
+// Deterministic bytes standing for a trojan; seed gives other contents of one length.
+inline std::string bytesOf(size_t length, unsigned seed) {
+    std::string s(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 9)) & 0xFF);
+    return s;
+}
+
+// A record as a loaded and deciphered one is; over 1 MiB its head code is that of the first
+// mebibyte, or of other bytes when rightHead is false.
+inline std::shared_ptr<VkTorjanItem> recordFor(const std::string& name, const std::string& contents,
+                                               bool rightHead = true) {
+    auto item = std::make_shared<VkTorjanItem>();
+    item->setName(name);
+    item->setFileSize(contents.size());
+    item->setTorjanCode(md5(contents));
+    if (contents.size() > kMiB)
+        item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : bytesOf(kMiB, 9)));
+    return item;
+}
