@@ -114,6 +114,20 @@ TEST_F(VkCliConventionsTest, XdgFoldersAreUsedOnlyWhenAbsolute) {
     EXPECT_EQ(relative["monitorSettings"], unset["monitorSettings"]);
     EXPECT_EQ(relative["monitorSocket"], dir / "data/monitor.sock");
     EXPECT_EQ(pathsWith(dir / "xdg", "")["monitorSettings"], dir / "xdg/Velkora/monitor.plist");
+
+    // A fresh account has no data home yet: the first scan makes it, owner-only, and installs
+    // the packaged signatures instead of stopping with none.
+    std::string fresh = dir / "fresh/share";
+    auto first = vkRunProgram(kApps + "vksecurity/vksecurity", {"scan", dir.mkdir("inbox")},
+                              {{"VK_DATA_DIR", ""},
+                               {"XDG_DATA_HOME", fresh},
+                               {"VK_DEFAULTS_FILE", dir / "config/VkSecurity.plist"},
+                               {"XDG_RUNTIME_DIR", dir.mkdir("run")},
+                               {"VK_UPDATE_SERVER", "http://127.0.0.1:9"}});
+    EXPECT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_EQ(modeOf(fresh), 0700u);
+    EXPECT_EQ(modeOf(dir / "fresh"), 0700u);
+    EXPECT_TRUE(VkFile::existsNoFollow(fresh + "/Velkora/VkTrojanDB.sql"));
 }
 
 }  // namespace
