@@ -4,13 +4,14 @@
 #include <optional>
 #include <string>
 
+#include "ui/VkUserPrompts.h"
+
 // The columns a list screen can show; a screen uses the ones it has.
 enum class VkListColumn { check, torjanName, fileName, fileSize, filePath };
 
 // What a list screen's logic asks of its window: drawing only, no decisions.
-class VkListView {
+class VkListView : public VkUserPrompts {
   public:
-    virtual ~VkListView() = default;
     // Asks the list for its rows and cells again.
     virtual void reloadData() = 0;
     // Puts the named indicator ("NSAscendingSortIndicator", "NSDescendingSortIndicator")
@@ -26,15 +27,4 @@ class VkListView {
     virtual std::optional<int64_t> clickedRow() const = 0;
     // The selected row, if any.
     virtual std::optional<int64_t> selectedRow() const = 0;
-    // Asks the user before what cannot be undone; true to go on. A window that cannot ask
-    // (a recording one) goes on.
-    virtual bool confirm(const std::string& message, const std::string& confirmTitle,
-                         const std::string& cancelTitle) {
-        (void)message, (void)confirmTitle, (void)cancelTitle;
-        return true;
-    }
-    // Tells the user that something failed, without waiting for an answer.
-    virtual void showAlert(const std::string& message, const std::string& closeTitle) {
-        (void)message, (void)closeTitle;
-    }
 };

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/VkImage.h"
+#include "ui/VkUserPrompts.h"
 
 struct VkPoint {
     double x = 0;
@@ -91,9 +92,8 @@ struct VkStyledText {
 // What a screen's logic asks of its window. Controls, columns and views are addressed by
 // their names in the screen's interface file ("cancelButton", "fileNameColumn", "safeView");
 // the window decides nothing. Main thread only.
-class VkPanelView {
+class VkPanelView : public VkUserPrompts {
   public:
-    virtual ~VkPanelView() = default;
 
     virtual void setHidden(const std::string& control, bool hidden) = 0;
     virtual bool isHidden(const std::string& control) const = 0;
@@ -134,15 +134,4 @@ class VkPanelView {
 
     // Opens a file viewer on the file's parent folder with the file selected.
     virtual void revealInFileViewer(const std::string& path) = 0;
-    // Asks the user before what cannot be undone; true to go on. A window that cannot ask
-    // (a recording one) goes on.
-    virtual bool confirm(const std::string& message, const std::string& confirmTitle,
-                         const std::string& cancelTitle) {
-        (void)message, (void)confirmTitle, (void)cancelTitle;
-        return true;
-    }
-    // Tells the user that something failed, without waiting for an answer.
-    virtual void showAlert(const std::string& message, const std::string& closeTitle) {
-        (void)message, (void)closeTitle;
-    }
 };
