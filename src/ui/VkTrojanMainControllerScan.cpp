@@ -208,9 +208,14 @@ void VkTrojanMainController::scanTorjanProcessOnMainThread(float progress,
     }
     if (!userScan_)
         userOperManager_->scanEndInfo(resultItemArray_.size(), this);
-    bool cleanThenShutDown = !userCancel_ && userScan_ && !view_->isHidden("shutDownButton") &&
-                             view_->state("shutDownButton") == 1;
-    // The box keeps its state: the end of the clean started below reads it.
+    if (!userCancel_ && userScan_ && !view_->isHidden("shutDownButton") &&
+        view_->state("shutDownButton") == 1) {
+        if (!resultItemArray_.empty())
+            killTorjansAction();
+        else
+            shutDownMac();
+    }
+    // The box keeps its state: the end of the clean started above reads it.
     view_->setHidden("shutDownButton", true);
     userOperManager_->userOperEnd(this);
     userScan_ = false;
@@ -219,13 +224,14 @@ void VkTrojanMainController::scanTorjanProcessOnMainThread(float progress,
     setScanControllerStat(false);
     if (loopUpdateTime_)
         loopUpdateTime_->invalidate();
-    // Last, so that the scan's end screen does not show the clean and back buttons again
-    // while the removal runs, nor end the user operation the removal has just started.
-    if (cleanThenShutDown) {
-        if (!resultItemArray_.empty())
-            killTorjansAction();
-        else
-            shutDownMac();
+    if (killTotal_ > 0) {
+        // The clean started above is still removing files: the scan's end screen just laid
+        // out would offer Clean and Back meanwhile. Back to the removal's screen; the clean's
+        // end restores this count line and lays out the finish.
+        countTextBeforeKill_ = view_->text("scanCountText");
+        countHiddenBeforeKill_ = view_->isHidden("scanCountText");
+        setKillState();
+        showKillCount();
     }
 }
 
