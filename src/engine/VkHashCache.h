@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -48,6 +49,8 @@ class VkHashCache {
         std::optional<std::string> head;
         std::optional<std::string> whole;
     };
+    // What was asked of the cache for one file, by hash type.
+    using KnownHashes = std::map<int32_t, Hashes>;
 
     explicit VkHashCache(std::string path, size_t maxEntries = kDefaultMaxEntries,
                          std::chrono::nanoseconds settle = kDefaultSettle);

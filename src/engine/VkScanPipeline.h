@@ -55,6 +55,7 @@ class VkScanPipeline {
         std::string path;
         VkFd fd;
         struct stat walked {};
+        VkHashCache::KnownHashes known;  // what the walk already learnt from the hash cache
     };
 
     explicit VkScanPipeline(const std::atomic<bool>& stop, size_t window = kWindow,

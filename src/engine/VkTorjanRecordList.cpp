@@ -387,6 +387,42 @@ std::optional<std::string> VkTorjanRecords::hashText(size_t index, bool head) co
     return std::nullopt;
 }
 
+int32_t VkTorjanRecords::hashTypeAt(size_t index) const {
+    const Row& row = rows_[index];
+    // Stored records carry no type of their own: they keep the record's default.
+    static const int32_t kStoredType = VkTorjanItem().hashValueType();
+    return row.handMade ? objects_[row.where]->hashValueType() : kStoredType;
+}
+
+bool VkTorjanRecords::hashIs(size_t index, bool head, std::string_view text) const {
+    // A record listed again answers as its first listing, whose side tables hold its hashes.
+    index = canonical(index);
+    const Row& row = rows_[index];
+    if (row.handMade) {
+        std::optional<std::string> own =
+            head ? objects_[row.where]->headeCode() : objects_[row.where]->TorjanCode();
+        return own && *own == text;
+    }
+    uint8_t state = head ? row.headState : row.wholeState;
+    if (state == kHashDigest) {
+        const Digest* digest = head ? findRow(heads_, index) : &row.whole;
+        if (!digest || text.size() != 32)
+            return false;
+        static const char kDigits[] = "0123456789abcdef";
+        for (size_t i = 0; i < 16; ++i) {
+            if (text[2 * i] != kDigits[(*digest)[i] >> 4] ||
+                text[2 * i + 1] != kDigits[(*digest)[i] & 15])
+                return false;
+        }
+        return true;
+    }
+    if (state == kHashText) {
+        const std::string* own = findRow(head ? headTexts_ : wholeTexts_, index);
+        return own && *own == text;
+    }
+    return false;
+}
+
 VkTorjanRecords::Item VkTorjanRecords::make(size_t index) const {
     const Row& row = rows_[index];
     auto item = std::make_shared<VkTorjanItem>();

@@ -79,6 +79,10 @@ class VkTorjanRecords {
     }
     // The record at index as a record object (nullptr for a null hand-made entry).
     Item operator[](size_t index) const;
+    // The record's hash type and whether its head or whole-file hash text is exactly `text`:
+    // what judging compares, answered from the compact row without making the record object.
+    int32_t hashTypeAt(size_t index) const;
+    bool hashIs(size_t index, bool head, std::string_view text) const;
     Item front() const { return (*this)[0]; }
     Item back() const { return (*this)[rows_.size() - 1]; }
     // Bytes held, the arena included (for the benchmark).
@@ -192,10 +196,13 @@ class VkTorjanRecordList {
     bool hasSize(uint64_t size) const { return firstOfSize(size) != kNone; }
     // The records whose fileSize is size, in list order; empty when there are none.
     std::vector<std::shared_ptr<VkTorjanItem>> recordsOfSize(uint64_t size) const;
-
-  private:
+    // The same by index into items(), without making record objects: for (i = firstOfSize;
+    // i != kNone; i = nextOfSize(i)).
     static constexpr uint32_t kNone = UINT32_MAX;
     uint32_t firstOfSize(uint64_t size) const;
+    uint32_t nextOfSize(uint32_t index) const { return next_[index]; }
+
+  private:
     size_t slotOf(uint64_t size) const;
 
     Items items_;

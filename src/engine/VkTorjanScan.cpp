@@ -66,12 +66,6 @@ class JudgmentHashes {
     std::map<int32_t, bool> trusted_;
 };
 
-// Hash texts compare as exact strings; a missing hash equals nothing, not even another
-// missing one.
-bool sameHash(const std::optional<std::string>& a, const std::optional<std::string>& b) {
-    return a && b && *a == *b;
-}
-
 // The first record in list order that contents of this size match, hashes read through
 // hashes: the rule files on disk and members of archives are judged by. nullptr for no
 // match, or when a hash that reached the trust test is trusted.
@@ -79,21 +73,22 @@ std::shared_ptr<VkTorjanItem> matchRecords(const VkTorjanRecordList& records, ui
                                            JudgmentHashes& hashes) {
     // Hash types whose whole-file hash has reached the trust test so far, in order.
     std::vector<int32_t> reachedTrust;
-    for (const std::shared_ptr<VkTorjanItem>& record : records.recordsOfSize(size)) {
-        int32_t type = record->hashValueType();
-        const std::optional<std::string>* whole = nullptr;
-        if (size < VkTorjanScan::kHeadLength + 1) {
-            whole = &hashes.whole(type);
-        } else {
-            if (!sameHash(hashes.head(type), record->headeCode()))
+    const VkTorjanRecordList::Items& items = records.items();
+    // Compared on the compact rows: only the record that matches is made into an object.
+    for (uint32_t i = records.firstOfSize(size); i != VkTorjanRecordList::kNone;
+         i = records.nextOfSize(i)) {
+        int32_t type = items.hashTypeAt(i);
+        if (size >= VkTorjanScan::kHeadLength + 1) {
+            const std::optional<std::string>& head = hashes.head(type);
+            if (!head || !items.hashIs(i, true, *head))
                 continue;
-            whole = &hashes.whole(type);
         }
+        const std::optional<std::string>& whole = hashes.whole(type);
         // A missing hash is never on the trust list.
-        if (*whole &&
+        if (whole &&
             std::find(reachedTrust.begin(), reachedTrust.end(), type) == reachedTrust.end())
             reachedTrust.push_back(type);
-        if (!sameHash(*whole, record->TorjanCode()))
+        if (!whole || !items.hashIs(i, false, *whole))
             continue;
         // The trust test comes before the comparison on purpose: a trusted path and
         // contents end the search even where this record would not have matched. Without
@@ -104,7 +99,7 @@ std::shared_ptr<VkTorjanItem> matchRecords(const VkTorjanRecordList& records, ui
             if (hashes.trusted(reached, *hashes.whole(reached)))
                 return nullptr;
         }
-        return record;
+        return items[i];
     }
     return nullptr;
 }
@@ -260,7 +255,8 @@ VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct sta
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     int fd, const struct stat& st, const std::string& path,
     const std::shared_ptr<const VkTorjanRecordList>& records,
-    const std::shared_ptr<VkHashCache>& cache, int* failure) {
+    const std::shared_ptr<VkHashCache>& cache, int* failure, VkHashCache::KnownHashes* known,
+    bool* undecided) {
     if (failure)
         *failure = 0;
     auto size = static_cast<uint64_t>(st.st_size);
@@ -268,15 +264,20 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
         return nullptr;
     const VkFileStamp stamp = VkFileStamp::of(st);
     // Hashes by type: what the cache knew of this file as it stands, completed by reading it.
-    std::map<int32_t, VkHashCache::Hashes> known;
+    VkHashCache::KnownHashes ownKnown;
+    VkHashCache::KnownHashes& knownByType = known ? *known : ownKnown;
     std::set<int32_t> read;
     auto hasher = [&](int32_t type, uint64_t head) -> std::optional<std::string> {
-        auto it = known.find(type);
-        if (it == known.end())
-            it =
-                known.emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{}).first;
+        auto it = knownByType.find(type);
+        if (it == knownByType.end())
+            it = knownByType
+                     .emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{})
+                     .first;
         std::optional<std::string>& slot = head != 0 ? it->second.head : it->second.whole;
-        if (!slot) {
+        if (!slot && fd < 0) {
+            if (undecided)
+                *undecided = true;
+        } else if (!slot) {
             errno = 0;
             slot = hashOpenFile(fd, type, head);
             if (slot)
@@ -302,7 +303,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     struct stat after {};
     if (cache && !read.empty() && ::fstat(fd, &after) == 0 && VkFileStamp::of(after) == stamp) {
         for (int32_t type : read)
-            cache->remember(stamp, type, known[type], path);
+            cache->remember(stamp, type, knownByType[type], path);
     }
     return result;
 }

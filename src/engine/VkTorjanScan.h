@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "engine/VkArchiveJudge.h"
+#include "engine/VkHashCache.h"
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanResultItems.h"
@@ -21,7 +22,6 @@
 #include "platform/VkUserDefaults.h"
 
 class VkAntiTrojan;
-class VkHashCache;
 
 // A path that a scan could not look at, and why. A host shows these so that nothing it
 // did not examine is taken for clean.
@@ -219,11 +219,15 @@ class VkTorjanScan {
 
   private:
     // Judges an open regular file whose attributes `st` were read from the descriptor.
-    // *failure gets the errno of a hash that could not be read (0 otherwise).
+    // *failure gets the errno of a hash that could not be read (0 otherwise). `known` starts
+    // with what the cache already gave for this file (types asked of it), and keeps it.
+    // Without a descriptor (fd < 0) the file is judged from the cache alone: *undecided is
+    // set, and the answer means nothing, when some hash would have to be read.
     std::shared_ptr<VkTorjanResultItems> judgeOpenFile(
         int fd, const struct stat& st, const std::string& path,
         const std::shared_ptr<const VkTorjanRecordList>& records,
-        const std::shared_ptr<VkHashCache>& cache, int* failure);
+        const std::shared_ptr<VkHashCache>& cache, int* failure,
+        VkHashCache::KnownHashes* known = nullptr, bool* undecided = nullptr);
     // The members of the archive open at fd (attributes st): a result for each member found
     // (path the file, member beside it) and what could not be examined. Trust binds the
     // file's path and whole hash.

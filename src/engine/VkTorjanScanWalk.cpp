@@ -236,7 +236,7 @@ void VkTorjanScan::scanBaseItem() {
                     report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
                 } else {
                     report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
-                                                  records, cache, &failure);
+                                                  records, cache, &failure, &candidate.known);
                     if (!report.result && failure != 0) {
                         report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
                     } else if (!report.result && wantsArchive(candidate.path)) {
@@ -334,6 +334,17 @@ void VkTorjanScan::scanBaseItem() {
                 (!records->hasSize(size) && !wantsArchive(path)))
                 return settle(std::move(report));
             VkScanPipeline::Candidate candidate;
+            if (cache && !wantsArchive(path)) {
+                // A file the cache knows as it stands is judged here, without being opened:
+                // the cache answers only for this device, inode, size and both times.
+                bool undecided = false;
+                auto result = judgeOpenFile(-1, st, path, records, cache, nullptr,
+                                            &candidate.known, &undecided);
+                if (!undecided) {
+                    report.result = std::move(result);
+                    return settle(std::move(report));
+                }
+            }
             candidate.fd.reset(::openat(folderFd, at.c_str(),
                                         O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
             if (!candidate.fd.valid()) {
