@@ -26,6 +26,8 @@ constexpr int kSweepSlice = 1024;
 constexpr size_t kBatch = 512;
 // A busy file (another scan is writing) is waited for this long, then left alone.
 constexpr int kBusyMilliseconds = 50;
+// Queued entries are written at the latest this long after the last write, at a lookup.
+constexpr std::chrono::seconds kWriteLatest{1};
 // A file that could not be opened is tried again after this long.
 constexpr std::chrono::seconds kRetryOpen{60};
 
@@ -86,6 +88,7 @@ VkHashCache::VkHashCache(std::string path, size_t maxEntries, std::chrono::nanos
 
 VkHashCache::~VkHashCache() {
     std::lock_guard lock(mutex_);
+    writeQueuedLocked();
     closeLocked();
 }
 
@@ -208,6 +211,12 @@ bool VkHashCache::tryOpenLocked() {
 VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
     std::lock_guard lock(mutex_);
     Hashes found;
+    // The queue is written here, by whoever looks files up (the walk, in a scan), in
+    // batches, and at least every second for a monitor that judges a file now and then.
+    if (size_t queued = queued_.load(std::memory_order_relaxed);
+        queued >= kBatch ||
+        (queued > 0 && std::chrono::steady_clock::now() - lastWrite_ > kWriteLatest))
+        writeQueuedLocked();
     if (!openLocked())
         return found;
     // Lookups share one read transaction per batch: each one on its own would take and
@@ -243,43 +252,56 @@ void VkHashCache::remember(const VkFileStamp& stamp, int32_t type, const Hashes&
     int64_t settled = nanoseconds(now) - settle_.count();
     if (stamp.mtime > settled || stamp.ctime > settled)
         return;
-    std::lock_guard lock(mutex_);
-    if (!openLocked())
-        return;
-    if (inTransaction_ && !writing_)
-        commitLocked();  // a read transaction cannot always become a write one
-    if (!inTransaction_) {
-        if (!exec(db_.get(), "BEGIN IMMEDIATE"))
-            return;  // busy: another scan is writing; this entry waits for a later scan
-        inTransaction_ = true;
-        writing_ = true;
+    std::lock_guard lock(queueMutex_);
+    queue_.push_back({stamp, type, hashes, path});
+    queued_.store(queue_.size(), std::memory_order_relaxed);
+}
+
+void VkHashCache::writeQueuedLocked() {
+    std::vector<Queued> writing;
+    {
+        std::lock_guard lock(queueMutex_);
+        writing.swap(queue_);
+        queued_.store(0, std::memory_order_relaxed);
     }
+    lastWrite_ = std::chrono::steady_clock::now();
+    if (writing.empty() || !openLocked())
+        return;
+    commitLocked();  // a read transaction cannot always become a write one
+    // Busy: another scan is writing; these entries wait for a later scan.
+    if (!exec(db_.get(), "BEGIN IMMEDIATE"))
+        return;
+    inTransaction_ = true;
+    writing_ = true;
     sqlite3_stmt* stmt = store_.get();
-    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
-    sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(stamp.inode));
-    sqlite3_bind_int(stmt, 3, type);
-    sqlite3_bind_int64(stmt, 4, static_cast<sqlite3_int64>(stamp.size));
-    sqlite3_bind_int64(stmt, 5, stamp.mtime);
-    sqlite3_bind_int64(stmt, 6, stamp.ctime);
-    auto bindHash = [&](int index, const std::optional<std::string>& hash) {
-        if (hash)
-            sqlite3_bind_text(stmt, index, hash->data(), static_cast<int>(hash->size()),
-                              SQLITE_TRANSIENT);
-        else
-            sqlite3_bind_null(stmt, index);
-    };
-    bindHash(7, hashes.head);
-    bindHash(8, hashes.whole);
-    sqlite3_bind_blob(stmt, 9, path.data(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
-    int rc = sqlite3_step(stmt);
-    sqlite3_reset(stmt);
-    sqlite3_clear_bindings(stmt);
-    if (rc != SQLITE_DONE) {
-        noteErrorLocked(rc);
-        return;
+    for (const Queued& entry : writing) {
+        sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(entry.stamp.device));
+        sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(entry.stamp.inode));
+        sqlite3_bind_int(stmt, 3, entry.type);
+        sqlite3_bind_int64(stmt, 4, static_cast<sqlite3_int64>(entry.stamp.size));
+        sqlite3_bind_int64(stmt, 5, entry.stamp.mtime);
+        sqlite3_bind_int64(stmt, 6, entry.stamp.ctime);
+        auto bindHash = [&](int index, const std::optional<std::string>& hash) {
+            if (hash)
+                sqlite3_bind_text(stmt, index, hash->data(), static_cast<int>(hash->size()),
+                                  SQLITE_STATIC);
+            else
+                sqlite3_bind_null(stmt, index);
+        };
+        bindHash(7, entry.hashes.head);
+        bindHash(8, entry.hashes.whole);
+        sqlite3_bind_blob(stmt, 9, entry.path.data(), static_cast<int>(entry.path.size()),
+                          SQLITE_STATIC);
+        int rc = sqlite3_step(stmt);
+        sqlite3_reset(stmt);
+        sqlite3_clear_bindings(stmt);
+        if (rc != SQLITE_DONE) {
+            noteErrorLocked(rc);
+            if (broken_)
+                break;
+        }
     }
-    if (++pending_ >= kBatch)
-        commitLocked();
+    commitLocked();
 }
 
 void VkHashCache::commitLocked() {
@@ -294,6 +316,7 @@ void VkHashCache::commitLocked() {
 
 void VkHashCache::flush() {
     std::lock_guard lock(mutex_);
+    writeQueuedLocked();
     commitLocked();
     if (broken_)
         closeLocked();
@@ -301,6 +324,7 @@ void VkHashCache::flush() {
 
 void VkHashCache::prune() {
     std::lock_guard lock(mutex_);
+    writeQueuedLocked();
     commitLocked();
     if (openLocked())
         pruneLocked();
@@ -397,6 +421,7 @@ void VkHashCache::pruneLocked() {
 
 size_t VkHashCache::entryCount() {
     std::lock_guard lock(mutex_);
+    writeQueuedLocked();
     commitLocked();
     if (!openLocked())
         return 0;

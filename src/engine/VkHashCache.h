@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -7,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 #include "platform/VkSqliteHandle.h"
 
@@ -62,7 +64,9 @@ class VkHashCache {
     // when there are none.
     Hashes find(const VkFileStamp& stamp, int32_t type);
     // Keeps the hashes of a file that stood as `stamp` says before and after they were
-    // computed; `path` is kept only to find vanished files later.
+    // computed; `path` is kept only to find vanished files later. Only queued here: the
+    // queue is written by the next lookup once it is long enough, or by flush and prune, so
+    // that judges hashing files never wait on the file or on each other for it.
     void remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
                   const std::string& path);
     // Writes what is pending.
@@ -80,6 +84,14 @@ class VkHashCache {
     void commitLocked();
     void noteErrorLocked(int rc);
     void pruneLocked();
+    void writeQueuedLocked();
+
+    struct Queued {
+        VkFileStamp stamp;
+        int32_t type = 0;
+        Hashes hashes;
+        std::string path;
+    };
 
     const std::string path_;
     const size_t maxEntries_;
@@ -93,4 +105,9 @@ class VkHashCache {
     size_t pending_ = 0;
     bool broken_ = false;  // a corruption was met: the file is replaced at the next open
     std::chrono::steady_clock::time_point nextOpen_{};
+    // Entries waiting to be written; their own lock, so that queuing never waits on SQLite.
+    std::mutex queueMutex_;
+    std::vector<Queued> queue_;
+    std::atomic<size_t> queued_{0};
+    std::chrono::steady_clock::time_point lastWrite_{};
 };
