@@ -3,8 +3,11 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <deque>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
+#include <future>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
@@ -214,46 +217,14 @@ void VkTorjanScan::scanBaseItem() {
         counted.store(true);
     });
 
-    setTorjanItems(VkTorjanRecordList::make(getCurrentTorjanItems()));
-    const std::shared_ptr<const VkTorjanRecordList> records = torjanItems();
+    // The records load while the walk begins: entries are looked at meanwhile and held, in
+    // walk order, until the records say which of them must be judged.
+    std::promise<std::shared_ptr<const VkTorjanRecordList>> loaded;
+    std::shared_future<std::shared_ptr<const VkTorjanRecordList>> recordsReady =
+        loaded.get_future().share();
     const std::shared_ptr<VkHashCache> cache = hashCache();
     const bool paced = needDelay();
     VkScanPipeline pipeline(isSearchStop_);
-
-    std::vector<std::thread> judges;
-    for (unsigned i = 0, n = judgingJobs(); i < n; ++i) {
-        judges.emplace_back([&] {
-            VkScanPipeline::Candidate candidate;
-            while (pipeline.take(candidate)) {
-                Report report(candidate.path);
-                struct stat opened {};
-                int failure = 0;
-                // The descriptor must still be the file the walk looked at: one swapped
-                // meanwhile (for a link, a FIFO, another file) is not examined, never clean.
-                if (::fstat(candidate.fd.get(), &opened) != 0 ||
-                    opened.st_dev != candidate.walked.st_dev ||
-                    opened.st_ino != candidate.walked.st_ino || !S_ISREG(opened.st_mode)) {
-                    report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
-                } else {
-                    report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
-                                                  records, cache, &failure, &candidate.known);
-                    if (!report.result && failure != 0) {
-                        report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
-                    } else if (!report.result && wantsArchive(candidate.path)) {
-                        // An archive is opened whatever its own size: its members are judged
-                        // one by one.
-                        ArchiveOutcome outcome = judgeArchive(candidate.fd.get(), opened,
-                                                              candidate.path, *records,
-                                                              &isSearchStop_);
-                        report.members = std::move(outcome.findings);
-                        report.memberSkips = std::move(outcome.notExamined);
-                    }
-                }
-                candidate.fd.reset();
-                pipeline.complete(candidate.seq, std::move(report));
-            }
-        });
-    }
 
     // The judging walk: settles every entry it can by its attributes, read relative to the
     // open folder, and opens the rest (the files some record's size fits) for the judges.
@@ -262,9 +233,67 @@ void VkTorjanScan::scanBaseItem() {
         // Reports are handed over in batches: one lock per entry would cost more than the
         // entry.
         constexpr size_t kBatch = 128;
-        auto settle = [&](Report report) {
+        auto post = [&](Report report) {
             settled.push_back(std::move(report));
             return settled.size() < kBatch || pipeline.post(settled);
+        };
+        // What the walk met before the records were there, in walk order: settled reports,
+        // and files to judge with their folder held open. Bounded: past these the walk waits.
+        struct Held {
+            Report report;
+            bool judge = false;
+            std::shared_ptr<VkFd> folder;  // nullptr: `at` is the whole path
+            std::string at;
+            struct stat st {};
+        };
+        constexpr size_t kMaxHeld = 65536;
+        constexpr size_t kMaxHeldFolders = 256;
+        std::deque<Held> held;
+        std::shared_ptr<VkFd> heldFolder;
+        std::string heldFolderPath;
+        size_t heldFolders = 0;
+        std::shared_ptr<const VkTorjanRecordList> records;
+        auto haveRecords = [&](bool wait) {
+            while (!records) {
+                auto timeout = wait ? std::chrono::milliseconds(5) : std::chrono::milliseconds(0);
+                if (recordsReady.wait_for(timeout) == std::future_status::ready)
+                    records = recordsReady.get();
+                else if (!wait || isSearchStop_.load())
+                    return false;
+            }
+            return true;
+        };
+        std::function<bool(int, const std::string&, const std::string&, const struct stat&,
+                           Report)>
+            judgeLater;
+        // Hands on, in order, what was held; false on stop.
+        auto release = [&] {
+            std::deque<Held> waiting;
+            waiting.swap(held);
+            heldFolder.reset();
+            heldFolderPath.clear();
+            heldFolders = 0;
+            for (Held& entry : waiting) {
+                bool goOn = false;
+                if (entry.judge) {
+                    const std::string path = entry.report.path;  // the report moves on
+                    goOn = judgeLater(entry.folder ? entry.folder->get() : AT_FDCWD, entry.at,
+                                      path, entry.st, std::move(entry.report));
+                } else {
+                    goOn = post(std::move(entry.report));
+                }
+                if (!goOn || isSearchStop_.load())
+                    return false;
+            }
+            return true;
+        };
+        auto settle = [&](Report report) {
+            if (held.empty())
+                return post(std::move(report));
+            if (haveRecords(false))
+                return release() && post(std::move(report));
+            held.push_back({std::move(report), false, nullptr, {}, {}});
+            return true;
         };
         auto pause = [&] {
             // Throttles background scans: 1 to 1,500 microseconds before each file.
@@ -329,9 +358,45 @@ void VkTorjanScan::scanBaseItem() {
                 if (!look())
                     return settle(std::move(report));
             }
+            if (!S_ISREG(st.st_mode) || st.st_size == 0)
+                return settle(std::move(report));
+            if (!held.empty() || !haveRecords(false)) {
+                if (haveRecords(false)) {
+                    if (!release())
+                        return false;
+                } else {
+                    // Held with its folder, which stays open until the records are there.
+                    Held entry{std::move(report), true, nullptr, at, st};
+                    if (folderFd != AT_FDCWD) {
+                        std::string parent = path.substr(0, path.size() - at.size());
+                        if (!heldFolder || parent != heldFolderPath) {
+                            heldFolder = std::make_shared<VkFd>(
+                                ::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
+                            heldFolderPath = std::move(parent);
+                            ++heldFolders;
+                        }
+                        entry.folder = heldFolder;
+                    } else if (folder.valid()) {
+                        entry.folder = std::make_shared<VkFd>(std::move(folder));
+                        ++heldFolders;
+                    }
+                    if (entry.folder && !entry.folder->valid()) {
+                        int error = errno != 0 ? errno : EMFILE;
+                        entry.report.skipped = VkNotExamined{path, reasonOf(error), error};
+                        entry.judge = false;
+                    }
+                    held.push_back(std::move(entry));
+                    if (held.size() < kMaxHeld && heldFolders < kMaxHeldFolders)
+                        return true;
+                    return haveRecords(true) && release();
+                }
+            }
+            return judgeLater(folderFd, at, path, st, std::move(report));
+        };
+        judgeLater = [&](int folderFd, const std::string& at, const std::string& path,
+                         const struct stat& st, Report report) -> bool {
             auto size = static_cast<uint64_t>(st.st_size);
-            if (!S_ISREG(st.st_mode) || size == 0 ||
-                (!records->hasSize(size) && !wantsArchive(path)))
+            if (!records->hasSize(size) && !wantsArchive(path))
                 return settle(std::move(report));
             VkScanPipeline::Candidate candidate;
             if (cache && !wantsArchive(path)) {
@@ -396,9 +461,52 @@ void VkTorjanScan::scanBaseItem() {
             if (isSearchStop_.load())
                 break;
         }
+        // A walk shorter than the load waits for it here.
+        if (!held.empty() && !isSearchStop_.load() && haveRecords(true))
+            release();
         pipeline.post(settled);
         pipeline.finishWalk();
     });
+
+    setTorjanItems(VkTorjanRecordList::make(getCurrentTorjanItems()));
+    const std::shared_ptr<const VkTorjanRecordList> records = torjanItems();
+    loaded.set_value(records);
+
+
+    std::vector<std::thread> judges;
+    for (unsigned i = 0, n = judgingJobs(); i < n; ++i) {
+        judges.emplace_back([&] {
+            VkScanPipeline::Candidate candidate;
+            while (pipeline.take(candidate)) {
+                Report report(candidate.path);
+                struct stat opened {};
+                int failure = 0;
+                // The descriptor must still be the file the walk looked at: one swapped
+                // meanwhile (for a link, a FIFO, another file) is not examined, never clean.
+                if (::fstat(candidate.fd.get(), &opened) != 0 ||
+                    opened.st_dev != candidate.walked.st_dev ||
+                    opened.st_ino != candidate.walked.st_ino || !S_ISREG(opened.st_mode)) {
+                    report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
+                } else {
+                    report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
+                                                  records, cache, &failure, &candidate.known);
+                    if (!report.result && failure != 0) {
+                        report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
+                    } else if (!report.result && wantsArchive(candidate.path)) {
+                        // An archive is opened whatever its own size: its members are judged
+                        // one by one.
+                        ArchiveOutcome outcome = judgeArchive(candidate.fd.get(), opened,
+                                                              candidate.path, *records,
+                                                              &isSearchStop_);
+                        report.members = std::move(outcome.findings);
+                        report.memberSkips = std::move(outcome.notExamined);
+                    }
+                }
+                candidate.fd.reset();
+                pipeline.complete(candidate.seq, std::move(report));
+            }
+        });
+    }
 
     // Every report reaches the delegate from this thread, in the order of the walk, however
     // many judges there are.
