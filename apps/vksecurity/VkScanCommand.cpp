@@ -171,6 +171,12 @@ class CliScanDelegate : public VkTorjanScanDelegate {
 
     bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override {
         std::lock_guard lock(mutex_);
+        // The line is drawn at once when the count becomes known, not at the next tick: a
+        // short scan would otherwise show "listing" for a good part of its run.
+        if (item && (progress_ == 0.01f || entries_ == 0) && progress != 0.01f) {
+            countNews_ = true;
+            cv_.notify_all();
+        }
         progress_ = progress;
         if (item) {
             ++entries_;
@@ -185,7 +191,10 @@ class CliScanDelegate : public VkTorjanScanDelegate {
     // Waits up to `seconds` for the end report; true when it came.
     bool waitForEnd(double seconds) {
         std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return ended_; });
+        cv_.wait_for(lock, std::chrono::duration<double>(seconds),
+                     [&] { return ended_ || countNews_; });
+        countNews_ = false;
+        return ended_;
     }
 
     void drawProgress(double elapsed, uint64_t judged, bool quick) {
@@ -261,6 +270,7 @@ class CliScanDelegate : public VkTorjanScanDelegate {
     uint64_t notExamined_ = 0;
     std::string current_;
     bool ended_ = false;
+    bool countNews_ = false;
     bool drawn_ = false;
 };
 
