@@ -21,8 +21,9 @@
 #     --load "N M ..."    record counts of the load benchmark (default "100000 1000000")
 #     --walk-files N      empty files of the memory walk (default 1000000)
 #     --progress-files N  empty files of the progress probe (default 150000)
+#     --usr DIR           a real system folder scanned like the tree, warm (default /usr)
 #     --skip-setup --skip-build --skip-clamscan --skip-load --skip-walk --skip-cold
-#     --skip-progress
+#     --skip-progress --skip-usr
 #     --no-lock           do not hold the machine-wide build lock during timed runs
 #
 # The report (Markdown) goes to standard output and to vkbench-report.md in the work parent.
@@ -39,7 +40,9 @@ runs=3
 load_counts="100000 1000000"
 walk_files=1000000
 progress_files=150000
+usr=/usr
 skip_setup=0 skip_build=0 skip_clamscan=0 skip_load=0 skip_walk=0 skip_cold=0 skip_progress=0
+skip_usr=0
 use_lock=1
 while (($#)); do
   case "$1" in
@@ -52,6 +55,8 @@ while (($#)); do
     --load) load_counts=$2; shift ;;
     --walk-files) walk_files=$2; shift ;;
     --progress-files) progress_files=$2; shift ;;
+    --usr) usr=$2; shift ;;
+    --skip-usr) skip_usr=1 ;;
     --skip-setup) skip_setup=1 ;;
     --skip-build) skip_build=1 ;;
     --skip-clamscan) skip_clamscan=1 ;;
@@ -60,7 +65,7 @@ while (($#)); do
     --skip-cold) skip_cold=1 ;;
     --skip-progress) skip_progress=1 ;;
     --no-lock) use_lock=0 ;;
-    -h|--help) sed -n '2,28p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,29p' "$0"; exit 0 ;;
     *) echo "run.sh: unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -237,6 +242,38 @@ if ((can_drop)); then
   done
 fi
 
+# A real system folder, warm: the same database, the same floors.
+usr_files=0
+usr_noarc=""
+grep -q -- '--no-archives' <<<"$scan_help" && usr_noarc=--no-archives
+if ((!skip_usr)) && [[ -d $usr ]]; then
+  usr_files=$(find "$usr" -type f | wc -l)
+  say "warming $usr ($usr_files files)"
+  find "$usr" -type f -print0 | xargs -0 cat 2>/dev/null | wc -c >/dev/null
+  usr_select="find '$usr' -type f -printf '%s %p\n' \
+    | awk 'NR==FNR {s[\$1]; next} (\$1 in s) {print substr(\$0, index(\$0, \" \") + 1)}' \
+        '$work/sizes' -"
+  for ((i = 1; i <= runs; i++)); do
+    say "$usr run $i/$runs: vksecurity scan, --jobs 1, floor, floor -P2"
+    # Compared without looking inside archives, which the floors do not do either; one
+    # more run with them shows what they cost.
+    d=$(fresh_data run)
+    timed "usr_ours.$i" sh -c "'$vksecurity' --data-dir '$d' scan $usr_noarc '$usr' > '$work/usr.out' 2>&1"
+    if ((has_jobs)); then
+      d=$(fresh_data run)
+      timed "usr_jobs1.$i" sh -c "'$vksecurity' --data-dir '$d' scan $usr_noarc --jobs 1 '$usr' >/dev/null 2>&1"
+    fi
+    if [[ -n $usr_noarc ]]; then
+      d=$(fresh_data run)
+      timed "usr_arc.$i" sh -c "'$vksecurity' --data-dir '$d' scan '$usr' >/dev/null 2>&1"
+    fi
+    timed "usr_floor.$i" sh -c "$usr_select | xargs -d '\n' -r md5sum > '$work/usr_floor.out' 2>/dev/null"
+    timed "usr_floor2.$i" sh -c "$usr_select | xargs -d '\n' -r -P2 -n 256 md5sum >/dev/null 2>&1"
+  done
+  usr_hashed=$(wc -l < "$work/usr_floor.out")
+  usr_judged=$(sed -n 's/^Files judged: *//p' "$work/usr.out")
+fi
+
 # clamscan gets the .hdb, which cannot hold the records over 1 MiB: its findings are
 # compared with the planted files under 1 MiB only.
 # The planted files under 1 MiB: all that clamscan, with the .hdb alone, can find.
@@ -308,7 +345,24 @@ fi
 
 # ---- Progress -------------------------------------------------------------------------
 progress_line=""
+progress_tree_lines=()
 if ((!skip_progress)); then
+  # The scan tree, where files are read (no hash cache): warm, and cold when allowed.
+  for ((i = 1; i <= runs; i++)); do
+    d=$(fresh_data run)
+    lock
+    progress_tree_lines+=("warm: $(python3 bench/progress_probe.py "$vksecurity" --data-dir "$d" \
+      scan --no-cache "$tree")")
+    unlock
+  done
+  if ((can_drop)); then
+    d=$(fresh_data run)
+    lock
+    drop_caches
+    progress_tree_lines+=("cold: $(python3 bench/progress_probe.py "$vksecurity" --data-dir "$d" \
+      scan --no-cache "$tree")")
+    unlock
+  fi
   ptree=$work/progress
   say "generating $progress_files empty files for the progress probe"
   python3 bench/gen_tree.py --tiny --out "$ptree" --files "$progress_files" --records 0 \
@@ -334,13 +388,13 @@ peak_rss() {
 }
 # Median over the runs of NAME_i / BASE_i (paired ratios).
 paired() { for ((i = 1; i <= runs; i++)); do calc "%.4f" "$(field "$1.$i" 1)/$(field "$2.$i" 1)"; done | stats; }
-row() {  # name label findings
-  local name=$1 label=$2 found=$3 w range=""
+row() {  # name label findings [files]
+  local name=$1 label=$2 found=$3 count=${4:-$files} w range=""
   [[ -f $work/t.$name || -f $work/t.$name.1 ]] || return 0
   w=$(walls "$name")
   [[ -f $work/t.$name ]] || range=" ($runs runs: $(echo "$w" | cut -d' ' -f2)–$(echo "$w" | cut -d' ' -f3))"
   printf '| %s | %s%s | %s | %s | %s |\n' "$label" "${w%% *}" "$range" \
-    "$(calc "%.0f" "$files/${w%% *}")" "$(mib "$(peak_rss "$name")")" "$found"
+    "$(calc "%.0f" "$count/${w%% *}")" "$(mib "$(peak_rss "$name")")" "$found"
 }
 ratio_line() {  # name base label target
   local r; r=$(paired "$1" "$2")
@@ -404,6 +458,23 @@ loads() { for f in "$work"/t.*; do awk '{print $6}' "$f"; done | sort -g | tr '\
   else
     echo "Skipped: dropping the page cache needs root (or --skip-cold was given)."
   fi
+  if [[ -f $work/t.usr_ours.1 ]]; then
+    echo
+    echo "### $usr, warm"
+    echo
+    echo "$usr_files regular files (every one read once, untimed, before the timed runs); the same database: $usr_hashed of them share a size with some record and are hashed by the floor; $usr_judged judged by ours (links too). Our scans start with a fresh copy of the data folder each."
+    echo
+    echo "| | wall s (median) | files/s | peak RSS MiB | |"
+    echo "|---|---|---|---|---|"
+    row usr_ours "vksecurity scan $usr_noarc" "" "$usr_files"
+    row usr_jobs1 "vksecurity scan $usr_noarc --jobs 1" "" "$usr_files"
+    row usr_arc "vksecurity scan (archives opened: a .gz, .zip, .pkg... is decompressed)" "" "$usr_files"
+    row usr_floor "floor: find + md5sum (sequential)" "" "$usr_files"
+    row usr_floor2 "floor: find + xargs -P2 md5sum" "" "$usr_files"
+    echo
+    ratio_line usr_ours usr_floor2 "ours / -P2 floor" " — target ≤ 1.1×"
+    [[ -f $work/t.usr_jobs1.1 ]] && ratio_line usr_jobs1 usr_floor "--jobs 1 / sequential floor" " — target ≤ 1.05×"
+  fi
   if ((${#load_rows[@]})); then
     echo
     echo "## Loading records"
@@ -434,7 +505,13 @@ loads() { for f in "$work"/t.*; do awk '{print $6}' "$f"; done | sort -g | tr '\
     echo
     echo "## Progress on $progress_files entries"
     echo
-    echo "\`bench/progress_probe.py\` runs the scan on a pseudo-terminal and timestamps its progress line (drawn every 0.1 s): \`$progress_line\`. first_percent_share is when the line first showed a percentage (progress past 0.01) as a share of the run — target < 0.1; errors is the largest gap, in points, between the percentage shown and the share of time elapsed."
+    echo "\`bench/progress_probe.py\` runs the scan on a pseudo-terminal and timestamps its progress line (drawn every 0.1 s, and at once when the count becomes known): \`$progress_line\`. first_percent_share is when the line first showed a percentage (progress past 0.01) as a share of the run — target < 0.1; errors is the largest gap, in points, between the percentage shown and the share of time elapsed."
+  fi
+  if ((${#progress_tree_lines[@]})); then
+    echo
+    echo "## Progress on the scan tree ($files files, --no-cache)"
+    echo
+    for l in "${progress_tree_lines[@]}"; do echo "- \`$l\`"; done
   fi
 } | tee "$report_file"
 say "report written to $report_file"
