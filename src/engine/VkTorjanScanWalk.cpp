@@ -419,6 +419,14 @@ void VkTorjanScan::scanBaseItem() {
                     VkNotExamined{path, error == ELOOP ? Reason::changed : reasonOf(error), error};
                 return settle(std::move(report));
             }
+#ifdef POSIX_FADV_WILLNEED
+            // The kernel starts reading what the judges will hash while they hash the files
+            // before it: a cold disk then has more than one read per judge in flight. Only the
+            // head of a large file, which is all a judgment reads unless the head matches.
+            ::posix_fadvise(candidate.fd.get(), 0,
+                            static_cast<off_t>(std::min<uint64_t>(size, kHeadLength)),
+                            POSIX_FADV_WILLNEED);
+#endif
             candidate.path = path;
             candidate.walked = st;
             return pipeline.submit(settled, std::move(candidate));
