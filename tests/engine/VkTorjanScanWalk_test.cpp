@@ -239,13 +239,26 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
             hits.push_back(p);
         return true;
     });
-    for (unsigned jobs : {1u, 4u}) {
+    // The last run's records come only once the walk has looked at every file: all of it
+    // is held meanwhile, then judged in the same order.
+    for (auto [jobs, slowLoad] : {std::pair{1u, false}, {4u, false}, {2u, true}}) {
         auto s = scanner<HashSpyScan>();
         s->jitter = true;
         s->setJobs(jobs);
+        std::atomic<bool> walkedFirst{false};
+        if (slowLoad) {
+            s->setRecordLoader([ctx = ctx, scan = s.get(), &walkedFirst] {
+                auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+                while (scan->filesJudged() < 120 && std::chrono::steady_clock::now() < deadline)
+                    std::this_thread::yield();
+                walkedFirst = scan->filesJudged() >= 120;
+                return VkSqliteManager::loadAllRecords(ctx);
+            });
+        }
         auto d = std::make_shared<VkRecordingScanDelegate>();
         s->startScan(std::vector<std::string>{root + "/tree"}, d);
         ASSERT_TRUE(d->waitForEnd()) << jobs;
+        EXPECT_EQ(walkedFirst.load(), slowLoad) << "the walk did not start before the load";
         EXPECT_EQ(d->resultPaths(), hits) << jobs;
         std::vector<std::string> items;
         float last = 0;
