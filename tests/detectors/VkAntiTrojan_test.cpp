@@ -16,9 +16,12 @@ class VkAntiTrojanTest : public VkFakeMacTest {
   protected:
     // Infects the tree for both detectors.
     void infect() {
-        agentPlist = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
-                                launchItem("/usr/sbin/logind"));
-        conf = writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/lib.dylib\n");
+        Paths p =
+            plant({{"/System/Library/LaunchDaemons/com.apple.logind.plist",
+                    launchItem("/usr/sbin/logind").toXml()},
+                   {"/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/lib.dylib\n"}});
+        agentPlist = p[0];
+        conf = p[1];
     }
 
     // A callback that records each call and answers from `answers` (false past its end).
@@ -44,18 +47,14 @@ TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRange) {
     EXPECT_EQ(result,
               (VkSpecialResult{{"OSX/Tsunami.A", {agentPlist}}, {"OSX/Flashback", {conf}}}));
 
-    ASSERT_EQ(calls.size(), 12u);
-    std::vector<std::string> families;
+    std::vector<std::pair<std::string, float>> expected;
     for (const auto& [name, definition] : anti.antiAgentTrojan().agentTrojanDefs())
-        families.push_back(name);
-    for (size_t i = 0; i < 9; ++i) {
-        EXPECT_EQ(calls[i].first, families[i]);
-        EXPECT_EQ(calls[i].second, static_cast<float>(i) / 9.0f * 0.5f);
-    }
-    EXPECT_EQ(calls[0].second, 0.0f);
-    EXPECT_EQ(calls[9], (std::pair<std::string, float>{families.back(), 0.5f}));
-    EXPECT_EQ(calls[10], (std::pair<std::string, float>{"OSX/Flashback", 0.5f}));
-    EXPECT_EQ(calls[11], (std::pair<std::string, float>{"OSX/Flashback", 1.0f}));
+        expected.emplace_back(name, static_cast<float>(expected.size()) / 9.0f * 0.5f);
+    ASSERT_EQ(expected.size(), 9u);
+    expected.insert(
+        expected.end(),
+        {{expected.back().first, 0.5f}, {"OSX/Flashback", 0.5f}, {"OSX/Flashback", 1.0f}});
+    EXPECT_EQ(calls, expected);
 }
 
 TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLastAnswer) {
@@ -114,13 +113,9 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     auto anti = make<VkAntiTrojan>();
     anti.scan(recorder(), false);
     anti.remove();
-    auto recorded = core->calls();
-    ASSERT_EQ(recorded.size(), 4u);
-    EXPECT_EQ(recorded[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(recorded[1].args, Paths{agentPlist});
-    EXPECT_EQ(recorded[2].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(recorded[3].op, "startClean");
-    EXPECT_EQ(recorded[3].args, Paths{conf});
+    const std::string unset = "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES";
+    EXPECT_EQ(coreCalls(), (Paths{unset, "startClean (files) " + agentPlist, unset,
+                                  "startClean (files) " + conf}));
 
     // Trusted paths are spared: the launch-agent detector is left with nothing to do, and
     // Flashback deletes nothing it was told to keep.
