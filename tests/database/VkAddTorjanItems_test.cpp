@@ -148,9 +148,20 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
         ASSERT_TRUE(VkFile::writeAtomically(path, bytes).ok());
     }
+    // A database made here and served under the update folder; answers its bytes.
+    std::string serveDb(const std::string& file, const std::string& name,
+                        const std::string& version) {
+        std::string bytes = contents(source(file, name, version));
+        serveRaw(std::string(kFolder) + file, bytes);
+        return bytes;
+    }
     static VkPlist entry(const std::string& name, const std::string& version,
-                         const std::string& webpath) {
-        return VkPlist::dictionary({{"name", name}, {"version", version}, {"webpath", webpath}});
+                         const std::string& webpath, std::optional<VkPlist> sha256 = {}) {
+        VkPlist e =
+            VkPlist::dictionary({{"name", name}, {"version", version}, {"webpath", webpath}});
+        if (sha256)
+            e.set("sha256", *sha256);
+        return e;
     }
     std::string www() { return dir / "www"; }
     std::string contents(const std::string& path) {
@@ -218,10 +229,8 @@ TEST_F(VkAddTorjanItemsTest, OnlyNewerVersionsAreDownloadedComparedNumerically) 
 
 TEST_F(VkAddTorjanItemsTest, FoundAndNewerCarryOverToEntriesWithoutLocalNamesake) {
     installed("A.sql", "Alpha", "1.0");
-    std::string a = source("A.sql", "Alpha", "1.0");
-    std::string b = source("B.sql", "Beta", "1.0");
-    serveRaw(std::string(kFolder) + "A.sql", contents(a));
-    serveRaw(std::string(kFolder) + "B.sql", contents(b));
+    serveDb("A.sql", "Alpha", "1.0");
+    std::string b = serveDb("B.sql", "Beta", "1.0");
     make();
 
     // [A current, B absent]: found stays set from A and newer stays unset, so B is left alone.
@@ -233,7 +242,7 @@ TEST_F(VkAddTorjanItemsTest, FoundAndNewerCarryOverToEntriesWithoutLocalNamesake
     // The same entries the other way round: nothing is found before B, so B comes.
     serveManifest(VkPlist::array({entry("Beta", "1.0", "B.sql"), entry("Alpha", "1.0", "A.sql")}));
     items->checkUpdateOnce();
-    EXPECT_EQ(contents(staged("B.sql")), contents(b));
+    EXPECT_EQ(contents(staged("B.sql")), b);
     EXPECT_FALSE(VkFile::exists(staged("A.sql")));
     ASSERT_TRUE(VkFile::removeTree(staged("B.sql")).ok());
 
@@ -295,8 +304,8 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
     std::string x = source("x.sql", "Evil", "9.0");
     // Files where an escaping path would lead, so that a request would have found something.
     serveRaw("/velkora_soft_upgrade_files/x.sql", contents(x));
-    serveRaw(std::string(kFolder) + "good.sql", contents(source("good.sql", "Good", "1.0")));
-    serveRaw(std::string(kFolder) + "Vk-DB_2+b.sql", contents(source("b.sql", "B", "1.0")));
+    serveDb("good.sql", "Good", "1.0");
+    serveDb("Vk-DB_2+b.sql", "B", "1.0");
     std::vector<std::string> bad = {"../x.sql",  "",           ".",        "..",        "sub/x.sql",
                                     "..\\x.sql", ".sql",       "?q=1.sql", "x.sql?q=1", "x.sql#top",
                                     "x#.sql",    "%2e%2e.sql", "x\n.sql",  "x\r.sql",   "x\x1b.sql",
@@ -329,20 +338,14 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
 }
 
 TEST_F(VkAddTorjanItemsTest, DownloadNotMatchingItsSha256IsDiscarded) {
-    std::string a = source("A.sql", "Alpha", "1.0");
-    std::string b = source("B.sql", "Beta", "1.0");
-    serveRaw(std::string(kFolder) + "A.sql", contents(a));
-    serveRaw(std::string(kFolder) + "B.sql", contents(b));
-    std::string bytesOfA = contents(a);
-    std::string shaOfA =
-        *VkHashValue::hashWithData(bytesOfA.data(), static_cast<uint32_t>(bytesOfA.size()), 2);
-    VkPlist good = entry("Alpha", "1.0", "A.sql");
-    good.set("sha256", shaOfA);
-    VkPlist bad = entry("Beta", "1.0", "B.sql");
-    bad.set("sha256", shaOfA);  // the digest of another file
-    VkPlist wrongType = entry("Gamma", "1.0", "B.sql");
-    wrongType.set("sha256", VkPlist::integer(7));
-    serveManifest(VkPlist::array({good, bad, wrongType}));
+    std::string bytesOfA = serveDb("A.sql", "Alpha", "1.0");
+    serveDb("B.sql", "Beta", "1.0");
+    VkPlist shaOfA(
+        *VkHashValue::hashWithData(bytesOfA.data(), static_cast<uint32_t>(bytesOfA.size()), 2));
+    // B's entry carries the digest of another file, C's one of the wrong type.
+    serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql", shaOfA),
+                                  entry("Beta", "1.0", "B.sql", shaOfA),
+                                  entry("Gamma", "1.0", "B.sql", VkPlist::integer(7))}));
 
     VkUpdateReport report = make().checkUpdateOnce();
     EXPECT_EQ(actionsOf(report),
@@ -435,14 +438,9 @@ TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailur
         {"404", [&] { server.force(kManifestPath, 404); }, Failure::Fetch},
         {"500", [&] { server.force(kManifestPath, 500); }, Failure::Fetch},
         {"down", [&] { ctx->updateServer = "http://127.0.0.1:1"; }, Failure::Fetch},
-        {"plain XML",
-         [&] { serveRaw(kManifestPath, VkPlist::array({entry("Alpha", "1.0", "A.sql")}).toXml()); },
+        {"plain XML", [&] { serveRaw(kManifestPath, VkPlist::array({}).toXml()); },
          Failure::Decipher},
-        {"not an array",
-         [&] {
-             serveManifest(VkPlist::dictionary({{"name", "Alpha"}}));
-         },
-         Failure::Parse},
+        {"not an array", [&] { serveManifest(VkPlist::dictionary({})); }, Failure::Parse},
         {"over 1 MiB",
          [&] {
              serveRaw(kManifestPath, std::string(VkAddTorjanItems::kMaxManifestBytes + 1, 'x'));

@@ -79,6 +79,14 @@ std::string describe(const VkTorjanItem& item) {
            (kill ? std::to_string(kill->entries().size() + kill->droppedCount()) : "-");
 }
 
+template <class Items>
+Strings described(const Items& items) {
+    Strings out;
+    for (const auto& item : items)
+        out.push_back(describe(*item));
+    return out;
+}
+
 // How many of this process's open file descriptors refer to path.
 int openDescriptorsFor(const std::string& path) {
     int count = 0;
@@ -171,14 +179,11 @@ TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
 
     VkSqliteManager reader(ctx);
     reader.openDataBase(dbPath);
-    ASSERT_EQ(reader.TorjanItemArray().size(), 3u);
-    const auto& back = reader.TorjanItemArray();
-    EXPECT_EQ(describe(*back[0]), "withKill|detail of withKill|2|2.5|1234567|head-code1|code1|2");
-    EXPECT_EQ(back[0]->killArray(), withKill->killArray());
-    EXPECT_EQ(describe(*back[1]),
-              "withoutKill|detail of withoutKill|2|2.5|1234567|head-code2|"
-              "code2|-");
-    EXPECT_EQ(describe(*back[2]).back(), '0');
+    EXPECT_EQ(described(reader.TorjanItemArray()),
+              (Strings{"withKill|detail of withKill|2|2.5|1234567|head-code1|code1|2",
+                       "withoutKill|detail of withoutKill|2|2.5|1234567|head-code2|code2|-",
+                       "emptyKill|detail of emptyKill|2|2.5|1234567|head-code3|code3|0"}));
+    EXPECT_EQ(reader.TorjanItemArray()[0]->killArray(), withKill->killArray());
 }
 
 TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing) {
@@ -202,15 +207,13 @@ TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing)
         "insert into test(code, kill) values('c', X'" + hexOf(killArchive) + "');");
 
     manager.openDataBase(dbPath);
-    Strings found;
-    for (const auto& item : manager.TorjanItemArray())
-        found.push_back(describe(*item));
     // All NULL keeps a new record's values; other types convert as SQLite converts them; a
     // blob string ends at its first zero byte; a zero-length blob is no value; bytes that are
     // not UTF-8 give nil; a kill blob that is no archive of an array gives no kill array.
-    EXPECT_EQ(found, (Strings{"-|-|0|1.0|0|-|-|-", "n|d|0|v|68|ab|-|-",
-                              "-|d|7|-|18446744073709551615|texthead|textcode|-",
-                              "-|-|0|1.0|0|-|a|-", "-|-|0|1.0|0|-|b|-", "-|-|0|1.0|0|-|c|1"}));
+    EXPECT_EQ(described(manager.TorjanItemArray()),
+              (Strings{"-|-|0|1.0|0|-|-|-", "n|d|0|v|68|ab|-|-",
+                       "-|d|7|-|18446744073709551615|texthead|textcode|-", "-|-|0|1.0|0|-|a|-",
+                       "-|-|0|1.0|0|-|b|-", "-|-|0|1.0|0|-|c|1"}));
     EXPECT_EQ(manager.TorjanItemArray()[5]->killArray(),
               VkTorjanItem::makeKillArray({{"k", "Foo"}}));
 }
@@ -442,16 +445,11 @@ TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
         }
         VkSqliteManager eager(context);
         eager.openDataBase(db);
-        Strings expected;
-        for (const auto& item : eager.TorjanItemArray()) {
+        for (const auto& item : eager.TorjanItemArray())
             item->deCodeTrojanInfo();
-            expected.push_back(describe(*item));
-        }
-        ASSERT_FALSE(expected.empty());
-        Strings loaded;
-        for (const auto& item : VkSqliteManager::loadAllRecords(context))
-            loaded.push_back(describe(*item));
-        EXPECT_EQ(loaded, expected);
+        ASSERT_FALSE(eager.TorjanItemArray().empty());
+        EXPECT_EQ(described(VkSqliteManager::loadAllRecords(context)),
+                  described(eager.TorjanItemArray()));
     }
 }
 
