@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -194,26 +195,16 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     dir.write("root/Users/tester/.profile", "x");
     dir.write("outside/precious", "x");
     fs::create_directory_symlink(dir / "outside", dir / "root/Library/lnk");
-    const std::vector<std::vector<std::string>> hostile = {
-        {"d", "/Library/Foo", ""},
-        {"d", "/Library/Foo", "/"},
-        {"d", "", "bar.plist"},
-        {"d", "/Library/Foo/../../etc", "passwd"},
-        {"d", "/Library/Foo", "../../etc/passwd"},
-        {"d", "/etc", "."},
-        {"d", "/etc", "./"},
-        {"d", "~", "."},
-        {"d", "~/", "./"},
-        {"d", "/", "etc"},
-        {"d", "/", "."},
-        {"d", "/Users", "tester"},
-        {"d", "~", "Documents"},
-        {"d", "/Library/lnk", "."},
-        {"d", "/Library/lnk", "precious"},
-        {"d", "/Library", "lnk/precious"},
-        {"d", "..", "etc"},
-        {"d", "/Library", "nothing-here"}};
-    auto entries = hostile;
+    // Each hostile "d" entry as folder|name, separated by semicolons.
+    std::istringstream hostile(
+        "/Library/Foo|;/Library/Foo|/;|bar.plist;/Library/Foo/../../etc|passwd;"
+        "/Library/Foo|../../etc/passwd;/etc|.;/etc|./;~|.;~/|./;/|etc;/|.;/Users|tester;"
+        "~|Documents;/Library/lnk|.;/Library/lnk|precious;/Library|lnk/precious;..|etc;"
+        "/Library|nothing-here");
+    std::vector<std::vector<std::string>> entries;
+    for (std::string h; std::getline(hostile, h, ';');)
+        entries.push_back({"d", h.substr(0, h.find('|')), h.substr(h.find('|') + 1)});
+    const size_t hostileCount = entries.size();
     // Dropped when the list is read: no name, nothing at all. Skipped: an unknown code.
     entries.push_back({"d", "/Library/Foo"});
     entries.push_back({});
@@ -232,8 +223,9 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     ASSERT_TRUE(report.completed);
     ASSERT_EQ(report.outcomes.size(), 1u);
     const auto& deletions = report.outcomes[0].deletions;
-    ASSERT_EQ(deletions.size(), hostile.size() + 1);
-    for (size_t i = 0; i < hostile.size(); ++i) {
+    ASSERT_EQ(hostileCount, 18u);
+    ASSERT_EQ(deletions.size(), hostileCount + 1);
+    for (size_t i = 0; i < hostileCount; ++i) {
         EXPECT_FALSE(deletions[i].removed) << deletions[i].path;
         EXPECT_FALSE(deletions[i].reason.empty()) << deletions[i].path;
     }
