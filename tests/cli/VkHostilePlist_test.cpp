@@ -13,7 +13,7 @@
 #include "database/VkAddTorjanItems.h"
 #include "database/VkDataBaseCheck.h"
 #include "database/VkManifestCipher.h"
-#include "database/VkSqliteHandle.h"
+#include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAgentTrojan.h"
 #include "fakes/VkCannedHttpClient.h"
@@ -53,13 +53,8 @@ void writeDatabase(const std::string& path, VkNulPlace place, bool plant) {
     auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(
         VkPlist(VkPlist::Array{VkPlist::array({"d", "/Library/" + kVkNulMarker, "x"})})));
     ASSERT_TRUE(archive);
-    std::string update = "update test set kill = X'";
-    for (unsigned char c : vkPlantNulInArchive(*archive, place, plant))
-        update += "0123456789ABCDEF"[c >> 4] + std::string(1, "0123456789ABCDEF"[c & 15]);
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
-    VkSqliteDb db(raw);
-    ASSERT_EQ(sqlite3_exec(raw, (update + "'").c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    VkRawDb(path).exec("update test set kill = " +
+                       vkSqlBlob(vkPlantNulInArchive(*archive, place, plant)));
 }
 
 // A launch item of Olyx.A, as the detector recognises it, holding both markers.

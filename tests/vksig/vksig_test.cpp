@@ -7,9 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sqlite3.h>
 
 #include "database/VkDataBaseCheck.h"
+#include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
 #include "engine/VkTorjanScan.h"
 #include "fakes/VkRunProgram.h"
@@ -49,22 +49,6 @@ std::string antiVirusTestFile() {
 }
 
 using SigRun = VkProgramOutput;
-
-// Runs SQL on the file through a connection of its own, as a hand editing the file would.
-void sql(const std::string& path, const std::string& text) {
-    sqlite3* handle = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &handle), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(handle, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << text;
-    sqlite3_close(handle);
-}
-
-// Bytes as an SQL blob literal.
-std::string blob(const std::vector<uint8_t>& bytes) {
-    std::string out = "X'";
-    for (uint8_t b : bytes)
-        out += "0123456789ABCDEF"[b >> 4] + std::string(1, "0123456789ABCDEF"[b & 15]);
-    return out + "'";
-}
 
 class VksigTest : public ::testing::Test {
   protected:
@@ -243,7 +227,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
 
     // A foreign SQLite file is not given our tables.
     std::string foreign = dir / "foreign.sql";
-    sql(foreign, "create table notes(text)");
+    VkRawDb(foreign).exec("create table notes(text)");
     std::string before = *VkFile::readAll(foreign);
     std::string sample = dir.write("s.bin", "sample");
     r = vksig({"add", foreign, "--sample", sample, "--name", "X"});
@@ -334,7 +318,7 @@ TEST_F(VksigTest, MalformedKillEntriesAndPlainRowsAreReportedWhereverAUserLooks)
                              VkPlist::array({"d", "/Library/Foo", "."})};
     auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(VkPlist(stored)));
     ASSERT_TRUE(archive);
-    sql(db, "update test set kill = " + blob(*archive));
+    VkRawDb(db).exec("update test set kill = " + vkSqlBlob(*archive));
 
     VkSqliteManager manager(ctx);
     manager.openDataBase(db);
@@ -351,8 +335,8 @@ TEST_F(VksigTest, MalformedKillEntriesAndPlainRowsAreReportedWhereverAUserLooks)
     EXPECT_THAT(vksig({"list", db}).out,
                 HasSubstr("kill=[k:Proc, d:/Library/Foo:.] kill-dropped=2"));
     EXPECT_THAT(vksig({"info", db}).out, HasSubstr("dropped:   2 malformed kill-list entries"));
-    sql(db, "insert into test values('Plain', NULL, 1, NULL, 12, NULL, CAST('" +
-                md5("sample bytes") + "' AS BLOB), X'DEADBEEF')");
+    VkRawDb(db).exec("insert into test values('Plain', NULL, 1, NULL, 12, NULL, CAST('" +
+                     md5("sample bytes") + "' AS BLOB), X'DEADBEEF')");
     SigRun verify = vksig({"verify", db});
     EXPECT_EQ(verify.exitCode, 1);
     for (const char* expected :
