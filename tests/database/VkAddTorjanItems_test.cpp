@@ -595,7 +595,7 @@ TEST_F(VkAddTorjanItemsTest, StopAbandonsARunningDownload) {
 
 // ---- Applying staged files, adding databases, packaged databases ----
 
-TEST_F(VkAddTorjanItemsTest, CopyToLocalPathReplacesDatabasesAndLeavesOtherFiles) {
+TEST_F(VkAddTorjanItemsTest, StagedFilesReplaceDatabasesButAddedOnesNeverDo) {
     installed("x.sql", "X", "1.0");
     make().stopUpdateNotification();  // no loop to stop: returns at once
     EXPECT_TRUE(items->stopLoop());
@@ -613,20 +613,17 @@ TEST_F(VkAddTorjanItemsTest, CopyToLocalPathReplacesDatabasesAndLeavesOtherFiles
     EXPECT_FALSE(VkFile::exists(staged("x.sql")));
     EXPECT_EQ(contents(notes), "keep me");
     EXPECT_FALSE(VkFile::exists(ctx->dataPath("notes.txt")));
-}
 
-TEST_F(VkAddTorjanItemsTest, AddItemByPathCopiesNewFilesAndNeverReplaces) {
+    // Adding by path copies new files and never replaces. A bare file name (here, in the
+    // working folder) lands beside the other databases.
     source("new.sql", "New", "1.0");
     source("old.sql", "Old", "5.0");
     installed("old.sql", "Old", "1.0");
-    make();
-    // A bare file name (here, in the working folder) lands beside the other databases.
     const auto previous = std::filesystem::current_path();
     std::filesystem::current_path(dir / "sources");
     EXPECT_TRUE(items->addItemByPath("new.sql"));
     EXPECT_EQ(versionOf(ctx->dataPath("new.sql")), "1.0");
-    // Newer offered, older installed: still no replacement.
-    EXPECT_FALSE(items->addItemByPath("old.sql"));
+    EXPECT_FALSE(items->addItemByPath("old.sql")) << "newer offered, older installed";
     std::filesystem::current_path(previous);
     EXPECT_EQ(versionOf(ctx->dataPath("old.sql")), "1.0");
     // The whole path is appended: an absolute path points into a nested folder.

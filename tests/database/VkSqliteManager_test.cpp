@@ -244,7 +244,9 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
     EXPECT_EQ(openDescriptorsFor(dbPath), 0);
 }
 
-TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
+// Writes without an open file, or that fail, answer NO; writes that cannot be prepared
+// count as done.
+TEST_F(VkSqliteManagerTest, WritesAnswerNoWhenTheyFailButYesWhenTheyCannotBePrepared) {
     auto item = makeItem("x", "c");
     EXPECT_FALSE(manager.addItemToDataBase(item));
     EXPECT_FALSE(manager.updateItem(*item, "x"));
@@ -259,22 +261,19 @@ TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
     VkRawDb(dbPath).exec(refuse("insert", "test"));
     EXPECT_FALSE(manager.addItemToDataBase(item));
     EXPECT_TRUE(manager.TorjanItemArray().empty());
-}
 
-TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     // Views named like the tables read like them but cannot be written: every write fails
     // to prepare, which the system answers as if it had succeeded.
-    VkRawDb(dbPath).exec(
+    std::string viewed = dir / "viewed.sql";
+    VkRawDb(viewed).exec(
         "create table rows(name, detail, level, version, filesize, headecode, code, kill);"
         "insert into rows(name, filesize, code) values('viewed', 5, X'6162');"
         "create view test as select * from rows;"
         "create view description as select 'Db' as name, '1.0' as version");
-    manager.openDataBase(dbPath);
+    manager.openDataBase(viewed);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
     auto current = manager.currentDataBaseInfo();
     ASSERT_NE(current, nullptr);
-
-    auto item = makeItem("x", "c");
     EXPECT_TRUE(manager.addItemToDataBase(item));
     EXPECT_EQ(manager.TorjanItemArray().size(), 1u);  // nothing appended
     EXPECT_TRUE(manager.updateItem(*item, "viewed"));
@@ -282,7 +281,7 @@ TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     EXPECT_EQ(manager.currentDataBaseInfo(), current);
     manager.deleteItem(manager.TorjanItemArray()[0]);
     EXPECT_TRUE(manager.TorjanItemArray().empty());  // gone from the array, not from the file
-    EXPECT_EQ(VkRawDb(dbPath).column("select name || filesize from rows"), Strings{"viewed5"});
+    EXPECT_EQ(VkRawDb(viewed).column("select name || filesize from rows"), Strings{"viewed5"});
 
     // A description that cannot be inserted is installed all the same.
     std::string other = dir / "other.sql";
