@@ -34,7 +34,9 @@ class VkDataBaseCheckTest : public ::testing::Test {
     std::string path = dir / "db.sql";
 };
 
-TEST_F(VkDataBaseCheckTest, RefusesFilesThatAreNoSignatureDatabaseWithoutChangingThem) {
+// Files that are no signature database are refused without being changed; in one that is,
+// rows that will not read as meant are reported.
+TEST_F(VkDataBaseCheckTest, RefusesOtherFilesUnchangedAndReportsRowsThatWillNotReadAsMeant) {
     auto error = [](const std::string& p) {
         auto r = VkDataBaseCheck::checkFormat(p);
         return r ? std::string("ok") : r.error();
@@ -55,9 +57,8 @@ TEST_F(VkDataBaseCheckTest, RefusesFilesThatAreNoSignatureDatabaseWithoutChangin
     std::string wrong = dir / "wrong.sql";
     VkRawDb(wrong).exec("create table description(name, version); create table test(name, code)");
     EXPECT_NE(error(wrong).find("table `test` has columns name, code"), std::string::npos);
-}
 
-TEST_F(VkDataBaseCheckTest, ReportsRowsThatWillNotReadAsMeant) {
+    // A sound database passes; rows that will not read as meant are reported.
     makeDatabase();
     EXPECT_TRUE(VkDataBaseCheck::checkFormat(path));
     EXPECT_TRUE(messages().empty()) << "a sound database has no problems";

@@ -31,7 +31,7 @@ std::string describe(const VkFileMonLogsItem& item) {
            date(item.logTime());
 }
 
-TEST(VkFileMonLogsItemTest, ArchiveKeepsEveryFieldUnderTheClassNameAndCoderKeys) {
+TEST(VkFileMonLogsItemTest, ArchiveKeepsEveryFieldUnderItsKeysAndOtherArchivesAreRefused) {
     auto full = fullItem();
     auto sparse = std::make_shared<VkFileMonLogsItem>();
     sparse->setFilePath("/tmp/x.zip");
@@ -64,16 +64,15 @@ TEST(VkFileMonLogsItemTest, ArchiveKeepsEveryFieldUnderTheClassNameAndCoderKeys)
     EXPECT_EQ(classNames, (std::set<std::string>{"VkFileMonLogsItem", "NSArray", "NSDate"}));
     EXPECT_EQ(keys, (std::set<std::string>{"$class", "filePath", "processName", "processPath",
                                            "trojanName", "downLoadTime", "logTime"}));
-}
 
-TEST(VkFileMonLogsItemTest, UnarchivingRefusesWhatIsNoListOfRecords) {
+    // What is no list of records is refused.
     EXPECT_FALSE(VkFileMonLogsItem::unarchiveItems({'n', 'o', 't', ' ', 'a', 'r', 'c', 'h'}));
     for (const VkArchivedValue& root :
          {VkArchivedValue(VkArchivedValue::Array{VkArchivedValue("a string")}),
           VkArchivedValue(VkPlist::dictionary({{"FilePath", "/x"}}))}) {
-        auto bytes = VkKeyedArchiver::archivedDataWithRootObject(root);
-        ASSERT_TRUE(bytes);
-        EXPECT_FALSE(VkFileMonLogsItem::unarchiveItems(*bytes));
+        auto other = VkKeyedArchiver::archivedDataWithRootObject(root);
+        ASSERT_TRUE(other);
+        EXPECT_FALSE(VkFileMonLogsItem::unarchiveItems(*other));
     }
     // An archive of nil is no list, and no error either.
     auto none = VkFileMonLogsItem::unarchiveItems(
