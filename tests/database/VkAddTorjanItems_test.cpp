@@ -75,20 +75,20 @@ class TickGate : public VkPacing {
     int blocked_ = 0;
 };
 
+// Records each answer as "yes|no <date or -> caller|loop": the thread is the one that made
+// the delegate (the test's) or another (the loop's).
 class RecordingDelegate : public VkAddTorjanDelegate {
   public:
-    struct Call {
-        bool success;
-        std::optional<VkDate> date;
-        std::thread::id thread;
-    };
     void updateTrojanData(bool success, std::optional<VkDate> date) override {
         std::lock_guard lock(mutex_);
-        calls_.push_back({success, date, std::this_thread::get_id()});
+        calls_.push_back(
+            std::string(success ? "yes " : "no ") +
+            (date ? std::to_string(static_cast<long long>(date->secondsSince1970)) : "-") +
+            (std::this_thread::get_id() == owner_ ? " caller" : " loop"));
         changed_.notify_all();
     }
     // The calls so far, after waiting (with a failsafe) for at least `count` of them.
-    std::vector<Call> calls(size_t count = 0) {
+    std::vector<std::string> calls(size_t count = 0) {
         std::unique_lock lock(mutex_);
         changed_.wait_for(lock, 30s, [&] { return calls_.size() >= count; });
         return calls_;
@@ -97,7 +97,8 @@ class RecordingDelegate : public VkAddTorjanDelegate {
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<Call> calls_;
+    std::vector<std::string> calls_;
+    const std::thread::id owner_ = std::this_thread::get_id();
 };
 
 class VkAddTorjanItemsTest : public ::testing::Test {
@@ -188,7 +189,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         return sorted;
     }
     // Starts the loop through startUpdate and returns the answer of its first check.
-    RecordingDelegate::Call firstAnswer() {
+    std::string firstAnswer() {
         auto delegate = std::make_shared<RecordingDelegate>();
         if (!items)
             make();
@@ -196,7 +197,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         auto calls = delegate->calls(1);
         EXPECT_EQ(calls.size(), 1u);
         EXPECT_TRUE(gate->waitBlockedAfter(0)) << "the loop should wait after its check";
-        return calls.empty() ? RecordingDelegate::Call{} : calls[0];
+        return calls.empty() ? std::string("(none)") : calls[0];
     }
     size_t manifestRequests() { return server.count(kManifestPath); }
     size_t fileRequests(const std::string& webpath) {
@@ -292,10 +293,7 @@ TEST_F(VkAddTorjanItemsTest, TrailingDateIsReportedAndAMissingOneKeepsThePreviou
 
     // A failed check reports the previous date too.
     server.force(kManifestPath, 500);
-    auto answer = firstAnswer();
-    EXPECT_FALSE(answer.success);
-    ASSERT_TRUE(answer.date);
-    EXPECT_EQ(answer.date->secondsSince1970, 1600000000);
+    EXPECT_EQ(firstAnswer(), "no 1600000000 loop");
 }
 
 // ---- Update safety ----
@@ -469,9 +467,7 @@ TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailur
 TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSoonAfter) {
     std::string a = source("A.sql", "Alpha", "1.0");
     publish({a}, VkDate{1700000000});
-    auto answer = firstAnswer();
-    EXPECT_TRUE(answer.success);
-    EXPECT_EQ(answer.date.value_or(VkDate{}).secondsSince1970, 1700000000);
+    EXPECT_EQ(firstAnswer(), "yes 1700000000 loop");
     EXPECT_EQ(contents(staged("A.sql")), contents(a));
     EXPECT_FALSE(VkFile::exists(ctx->dataPath("A.sql"))) << "only staged, not installed";
     EXPECT_EQ(gate->lastRequest.load(), 2000000) << "startUpdate runs the loop with 2-second ticks";
@@ -481,12 +477,8 @@ TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSo
 
     auto second = std::make_shared<RecordingDelegate>();
     items->startUpdate(second);
-    auto calls = second->calls();
-    ASSERT_EQ(calls.size(), 1u) << "answered before startUpdate returned";
-    EXPECT_TRUE(calls[0].success);
-    EXPECT_EQ(calls[0].thread, std::this_thread::get_id());
-    ASSERT_TRUE(calls[0].date);
-    EXPECT_EQ(calls[0].date->secondsSince1970, 1700000000);
+    EXPECT_EQ(second->calls(), std::vector<std::string>{"yes 1700000000 caller"})
+        << "answered before startUpdate returned";
     EXPECT_EQ(manifestRequests(), 1u);
     EXPECT_FALSE(items->isContinueLoop());
 
@@ -497,8 +489,7 @@ TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSo
     items->startUpdate(third);
     EXPECT_TRUE(third->calls().empty());
     gate->allow(1);
-    ASSERT_EQ(third->calls(1).size(), 1u);
-    EXPECT_NE(third->calls()[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(third->calls(1), std::vector<std::string>{"yes 1700000000 loop"});
     EXPECT_EQ(manifestRequests(), 2u);
 }
 
@@ -506,7 +497,7 @@ TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSo
 // the latest delegate (the one it replaced is never called).
 TEST_F(VkAddTorjanItemsTest, WaitEndsOnlyOnRequestAndTheLimitHoldsOneTick) {
     server.force(kManifestPath, 500);
-    EXPECT_FALSE(firstAnswer().success);
+    EXPECT_EQ(firstAnswer(), "no - loop");
     // Far past both limits without a request: no new check.
     gate->allow(1000);
     ASSERT_TRUE(gate->waitBlockedAfter(1000));
@@ -535,10 +526,7 @@ TEST_F(VkAddTorjanItemsTest, WaitEndsOnlyOnRequestAndTheLimitHoldsOneTick) {
     EXPECT_EQ(manifestRequests(), 2u);
     EXPECT_TRUE(held->calls().empty());
     gate->allow(1);
-    auto calls = held->calls(1);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_TRUE(calls[0].success);
-    EXPECT_NE(calls[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(held->calls(1), std::vector<std::string>{"yes 1700000000 loop"});
     EXPECT_TRUE(VkFile::exists(staged("A.sql")));
     EXPECT_EQ(manifestRequests(), 3u);
     ASSERT_TRUE(gate->waitBlockedAfter(1302));
@@ -548,7 +536,7 @@ TEST_F(VkAddTorjanItemsTest, WaitEndsOnlyOnRequestAndTheLimitHoldsOneTick) {
 
 TEST_F(VkAddTorjanItemsTest, StopReturnsWithinOneTick) {
     publish({source("A.sql", "Alpha", "1.0")}, std::nullopt);
-    EXPECT_TRUE(firstAnswer().success);
+    EXPECT_EQ(firstAnswer(), "yes - loop");
     gate->allow(2);
     ASSERT_TRUE(gate->waitBlockedAfter(2));
 
@@ -564,9 +552,7 @@ TEST_F(VkAddTorjanItemsTest, StopReturnsWithinOneTick) {
     items->startUpdateNotification(0.01);
     auto late = std::make_shared<RecordingDelegate>();
     items->startUpdate(late);
-    auto calls = late->calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_FALSE(calls[0].success);
+    EXPECT_EQ(late->calls(), std::vector<std::string>{"no - caller"});
     EXPECT_EQ(manifestRequests(), 1u);
 }
 
