@@ -175,24 +175,9 @@ TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing)
               VkTorjanItem::makeKillArray({{"k", "Foo"}}));
 }
 
-TEST_F(VkSqliteManagerTest, AFileThatIsNotSqliteChangesNothingAndSaysSo) {
-    manager.openDataBase(dbPath);
-    ASSERT_TRUE(manager.addItemToDataBase(makeItem("kept", "c1")));
-    ASSERT_TRUE(manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db", "1.0")));
-    auto info = manager.currentDataBaseInfo();
-
-    std::string garbagePath = dir.write("garbage.sql", std::string(2048, 'x'));
-    testing::internal::CaptureStdout();
-    manager.openDataBase(garbagePath);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "errorMsg file is not a databaseerrorMsg file is not a database");
-    EXPECT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(manager.currentDataBaseInfo(), info);
-    EXPECT_EQ(*VkFile::readAll(garbagePath), std::string(2048, 'x'));
-    EXPECT_EQ(manager.dataBaseForPath(garbagePath), nullptr);
-}
-
-TEST_F(VkSqliteManagerTest, ForeignTablesAreKeptAndFewerColumnsReadWhatTheyHave) {
+// Files written by others: foreign tables are kept, fewer columns read what they have, and
+// a file that is no database changes nothing.
+TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverChanged) {
     VkRawDb(dbPath).exec("create table notes(text); insert into notes values('hello')");
     manager.openDataBase(dbPath);
     EXPECT_TRUE(manager.TorjanItemArray().empty());
@@ -212,6 +197,18 @@ TEST_F(VkSqliteManagerTest, ForeignTablesAreKeptAndFewerColumnsReadWhatTheyHave)
     ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
     EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
     EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
+
+    // A file that is no SQLite database changes nothing and says so.
+    auto info = manager.currentDataBaseInfo();
+    std::string garbagePath = dir.write("garbage.sql", std::string(2048, 'x'));
+    testing::internal::CaptureStdout();
+    manager.openDataBase(garbagePath);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "errorMsg file is not a databaseerrorMsg file is not a database");
+    EXPECT_EQ(manager.TorjanItemArray().size(), 1u);
+    EXPECT_EQ(manager.currentDataBaseInfo(), info);
+    EXPECT_EQ(*VkFile::readAll(garbagePath), std::string(2048, 'x'));
+    EXPECT_EQ(manager.dataBaseForPath(garbagePath), nullptr);
 }
 
 TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpen) {
