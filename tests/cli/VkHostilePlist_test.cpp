@@ -66,6 +66,11 @@ std::string launchItem(VkNulPlace place, bool plant) {
         place, plant);
 }
 
+// A sound launch item of Olyx.B, found beside the planted one.
+std::string olyxB() {
+    return VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml();
+}
+
 std::string records(VkNulPlace place, bool plant) {
     auto item = std::make_shared<VkFileMonLogsItem>();
     item->setFilePath("/Users/tester/Downloads/" + kVkNulMarker);
@@ -128,11 +133,8 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
                   plant);
 
         // Launch agent: skipped and told; the next family is still found.
-        VkFile::createDirectory(ctx->resolve("/Users/tester/Library/LaunchAgents"), true);
-        VkFile::writeAtomically(ctx->resolve(kOlyxA), launchItem(place(), plant));
-        VkFile::writeAtomically(
-            ctx->resolve(kOlyxB),
-            VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+        dir.write("root" + kOlyxA, launchItem(place(), plant));
+        dir.write("root" + kOlyxB, olyxB());
         VkSpecialResult found =
             VkAgentTrojan(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog).scan(nullptr);
         EXPECT_EQ(found.count("OSX/Olyx.A"), plant ? 0u : 1u);
@@ -181,8 +183,7 @@ TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
     writeDatabase(db, place(), true);
     std::string sample = dir.write("tree/alpha.bin", kSample);
     dir.write("root" + kOlyxA, launchItem(place(), true));
-    dir.write("root" + kOlyxB,
-              VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+    dir.write("root" + kOlyxB, olyxB());
     dir.write("data/Logs/vkFileMon.logs", records(place(), true));
     dir.write("defaults.plist", defaults(place(), true));
     std::vector<uint8_t> served = manifest(place(), true);

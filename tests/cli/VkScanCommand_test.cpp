@@ -202,12 +202,10 @@ TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {
 // place is a success, a record that only names processes leaves the file and says so, and
 // the history does not call that file removed.
 TEST_F(VkScanCommandTest, RemovalReportsWhatWasReallyDone) {
-    std::string safari = dir / "root/Applications/Safari.app/Contents/Info.plist";
-    VkFile::createDirectory(dir / "root/Applications/Safari.app/Contents", true);
     VkPlist env = VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/Library/x.dylib"}});
-    ASSERT_TRUE(VkPlist::dictionary({{"CFBundleName", "Safari"}, {"LSEnvironment", env}})
-                    .writeXmlFile(safari)
-                    .ok());
+    std::string safari = dir.write(
+        "root/Applications/Safari.app/Contents/Info.plist",
+        VkPlist::dictionary({{"CFBundleName", "Safari"}, {"LSEnvironment", env}}).toXml());
     vkWriteSignatureDatabase(dir / "data/kill.sql", "kill", "1.0",
                              {{"Test.KillOnly", "kill-only-sample", {{"k", "vk-no-such-proc"}}}});
     std::string killOnly = dir.write("root/tree/k/kill.bin", "kill-only-sample");
