@@ -41,7 +41,7 @@ class VkFlashBackTest : public VkFakeMacTest {};
 TEST_F(VkFlashBackTest, InfectedTreeListsPlistsThenFilesThenLaunchItemsAndAccumulates) {
     Paths p = plant(
         {{kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")).toXml()},
-         {kChrome, bin(browserInfo(insert("~/Library/y.dylib")))},
+         {kChrome, bin(browserInfo(insert("~/.update")))},
          {kEnvironment, bin(insert("~/.vk/libinject.dylib"))},
          {"~/Library/LaunchAgents/com.example.update.plist",
           launchItemWithArguments(VkPlist::array({"~/.update", "-x"})).toXml()},
@@ -57,13 +57,10 @@ TEST_F(VkFlashBackTest, InfectedTreeListsPlistsThenFilesThenLaunchItemsAndAccumu
           VkPlist::dictionary({{"Program", VkPlist::integer(1)}}).toXml()},
          {"/Library/LaunchAgents/folder.plist/", ""}});
     const std::string &safari = p[0], &chrome = p[1], &env = p[2], &agent = p[3], &daemon = p[4];
-    // Several libraries in one value are taken as one path; a file is listed once.
-    Paths files = {onDisk("/Library/a.dylib:/Library/b.dylib"),
-                   onDisk("/Users/tester/Library/y.dylib"),
-                   onDisk("/Users/tester/.vk/libinject.dylib"),
-                   onDisk("/Users/tester/.update"),
-                   onDisk("/Users/Shared/.svc"),
-                   p[5]};
+    // Several libraries in one value are taken as one path; a file is listed once (~/.update
+    // is named by Chrome and by a launch item).
+    Paths files = {onDisk("/Library/a.dylib:/Library/b.dylib"), onDisk("/Users/tester/.update"),
+                   onDisk("/Users/tester/.vk/libinject.dylib"), onDisk("/Users/Shared/.svc"), p[5]};
     auto expected = [&](Paths plists, Paths items) {
         plists.insert(plists.end(), files.begin(), files.end());
         plists.insert(plists.end(), items.begin(), items.end());
@@ -74,7 +71,7 @@ TEST_F(VkFlashBackTest, InfectedTreeListsPlistsThenFilesThenLaunchItemsAndAccumu
     EXPECT_EQ(detector.serviceFiles(), (Paths{agent, daemon}));
     EXPECT_EQ(logLines(),
               (Paths{"[VkAnti] detect " + safari + " - /Library/a.dylib:/Library/b.dylib",
-                     "[VkAnti] detect " + chrome + " - ~/Library/y.dylib",
+                     "[VkAnti] detect " + chrome + " - ~/.update",
                      "[VkAnti] detect " + env + " - ~/.vk/libinject.dylib",
                      "[VkAnti] detect com.example.update.plist - ~/.update",
                      "[VkAnti] skip " + p[6] + ": not a valid property list",
