@@ -46,7 +46,6 @@ TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
         for (const auto& infection : kInfections) {
             SCOPED_TRACE(std::string(infection.family) + (binary ? " binary" : " xml"));
             VkFile::removeTree(ctx->systemRoot);
-            VkFile::createDirectory(ctx->systemRoot, true);
             VkPlist item = launchItem(infection.program);
             Paths p = plant({{infection.launchPlist, binary ? bin(item) : item.toXml()},
                              {infection.program, "payload"}});
