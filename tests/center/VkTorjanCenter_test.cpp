@@ -54,7 +54,10 @@ class VkTorjanCenterTest : public ::testing::Test {
     std::unique_ptr<VkTorjanCenter> center;
 };
 
-TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
+// A trusted file is skipped until its contents change; a removal takes the first entry of
+// the path and its duplicates only.
+TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChangeOrItsTrustIsRemoved) {
+    EXPECT_TRUE(center->ecryptTrustFileArray().empty());
     std::string file = dir.write("root/home/sample.bin", kSample);
     auto found = scan(file);
     ASSERT_EQ(found.size(), 1u);
@@ -75,14 +78,8 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChange) {
     EXPECT_NE(*listed[0].getString("TrustFileHash"), *found[0]->hashCode())
         << "hash stays enciphered";
     EXPECT_EQ(*listed[0].get("TrustFileSize")->asUInt64(), sizeof kSample - 1);
-}
 
-TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
-    EXPECT_TRUE(center->ecryptTrustFileArray().empty());
-    std::string file = dir.write("root/home/a.bin", kSample);
-    auto r = scan(file)[0];
-    center->addTrustFile(r);
-    center->addTrustFile(r);
+    center->addTrustFile(found[0]);
     auto other = std::make_shared<VkTorjanResultItems>();
     other->setPath(file);
     other->setTorjanName(std::string("OSX/Other"));
@@ -104,6 +101,7 @@ TEST_F(VkTorjanCenterTest, RemovalTakesTheFirstEntryAndItsDuplicatesOnly) {
     center->removeTrustFile(file);
     ASSERT_EQ(trustCount(), 2u) << "both equal entries gone, the other hash stays";
     EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
+    EXPECT_EQ(scan(file).size(), 1u);
 }
 
 TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {

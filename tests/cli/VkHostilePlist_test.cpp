@@ -13,7 +13,7 @@
 #include "database/VkAddTorjanItems.h"
 #include "database/VkDataBaseCheck.h"
 #include "database/VkManifestCipher.h"
-#include "database/VkSqliteHandle.h"
+#include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
 #include "detectors/VkAgentTrojan.h"
 #include "fakes/VkCannedHttpClient.h"
@@ -53,13 +53,8 @@ void writeDatabase(const std::string& path, VkNulPlace place, bool plant) {
     auto archive = VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue(
         VkPlist(VkPlist::Array{VkPlist::array({"d", "/Library/" + kVkNulMarker, "x"})})));
     ASSERT_TRUE(archive);
-    std::string update = "update test set kill = X'";
-    for (unsigned char c : vkPlantNulInArchive(*archive, place, plant))
-        update += "0123456789ABCDEF"[c >> 4] + std::string(1, "0123456789ABCDEF"[c & 15]);
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
-    VkSqliteDb db(raw);
-    ASSERT_EQ(sqlite3_exec(raw, (update + "'").c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    VkRawDb(path).exec("update test set kill = " +
+                       vkSqlBlob(vkPlantNulInArchive(*archive, place, plant)));
 }
 
 // A launch item of Olyx.A, as the detector recognises it, holding both markers.
@@ -69,6 +64,11 @@ std::string launchItem(VkNulPlace place, bool plant) {
                              {kVkNulKeyMarker, "x"},
                              {"Program", "/Library/Application Support/google/startp"}}),
         place, plant);
+}
+
+// A sound launch item of Olyx.B, found beside the planted one.
+std::string olyxB() {
+    return VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml();
 }
 
 std::string records(VkNulPlace place, bool plant) {
@@ -133,11 +133,8 @@ TEST_P(VkHostilePlistTest, EveryReaderSkipsTheListSaysSoAndGoesOn) {
                   plant);
 
         // Launch agent: skipped and told; the next family is still found.
-        VkFile::createDirectory(ctx->resolve("/Users/tester/Library/LaunchAgents"), true);
-        VkFile::writeAtomically(ctx->resolve(kOlyxA), launchItem(place(), plant));
-        VkFile::writeAtomically(
-            ctx->resolve(kOlyxB),
-            VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+        dir.write("root" + kOlyxA, launchItem(place(), plant));
+        dir.write("root" + kOlyxB, olyxB());
         VkSpecialResult found =
             VkAgentTrojan(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog).scan(nullptr);
         EXPECT_EQ(found.count("OSX/Olyx.A"), plant ? 0u : 1u);
@@ -186,8 +183,7 @@ TEST_P(VkHostilePlistTest, ProgramsGoOnAndSayWhatTheySkipped) {
     writeDatabase(db, place(), true);
     std::string sample = dir.write("tree/alpha.bin", kSample);
     dir.write("root" + kOlyxA, launchItem(place(), true));
-    dir.write("root" + kOlyxB,
-              VkPlist::dictionary({{"Program", "/Library/Audio/Plug-Ins/AudioServer"}}).toXml());
+    dir.write("root" + kOlyxB, olyxB());
     dir.write("data/Logs/vkFileMon.logs", records(place(), true));
     dir.write("defaults.plist", defaults(place(), true));
     std::vector<uint8_t> served = manifest(place(), true);

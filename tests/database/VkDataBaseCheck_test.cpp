@@ -1,24 +1,14 @@
 #include "database/VkDataBaseCheck.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
+#include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 
 namespace {
-
-void exec(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-    char* error = nullptr;
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK)
-        << (error ? error : "");
-    sqlite3_free(error);
-    sqlite3_close(db);
-}
 
 class VkDataBaseCheckTest : public ::testing::Test {
   protected:
@@ -44,7 +34,9 @@ class VkDataBaseCheckTest : public ::testing::Test {
     std::string path = dir / "db.sql";
 };
 
-TEST_F(VkDataBaseCheckTest, RefusesFilesThatAreNoSignatureDatabaseWithoutChangingThem) {
+// Files that are no signature database are refused without being changed; in one that is,
+// rows that will not read as meant are reported.
+TEST_F(VkDataBaseCheckTest, RefusesOtherFilesUnchangedAndReportsRowsThatWillNotReadAsMeant) {
     auto error = [](const std::string& p) {
         auto r = VkDataBaseCheck::checkFormat(p);
         return r ? std::string("ok") : r.error();
@@ -57,25 +49,24 @@ TEST_F(VkDataBaseCheckTest, RefusesFilesThatAreNoSignatureDatabaseWithoutChangin
     EXPECT_EQ(*VkFile::readAll(garbage), std::string(3000, 'z'));
 
     std::string foreign = dir / "foreign.sql";
-    exec(foreign, "create table notes(text)");
+    VkRawDb(foreign).exec("create table notes(text)");
     std::string before = *VkFile::readAll(foreign);
     EXPECT_NE(error(foreign).find("no table `description`"), std::string::npos);
     EXPECT_EQ(*VkFile::readAll(foreign), before);
 
     std::string wrong = dir / "wrong.sql";
-    exec(wrong, "create table description(name, version); create table test(name, code)");
+    VkRawDb(wrong).exec("create table description(name, version); create table test(name, code)");
     EXPECT_NE(error(wrong).find("table `test` has columns name, code"), std::string::npos);
-}
 
-TEST_F(VkDataBaseCheckTest, ReportsRowsThatWillNotReadAsMeant) {
+    // A sound database passes; rows that will not read as meant are reported.
     makeDatabase();
     EXPECT_TRUE(VkDataBaseCheck::checkFormat(path));
     EXPECT_TRUE(messages().empty()) << "a sound database has no problems";
-    exec(path,
-         "insert into test values('plain name', NULL, 'high', NULL, 0, NULL, NULL, X'0102');"
-         "insert into test values(NULL, NULL, 1, NULL, 2000000, NULL, "
-         "  CAST('0123456789ABCDEF0123456789ABCDEF' AS BLOB), NULL);"
-         "insert into description values('Db', '1.1');");
+    VkRawDb(path).exec(
+        "insert into test values('plain name', NULL, 'high', NULL, 0, NULL, NULL, X'0102');"
+        "insert into test values(NULL, NULL, 1, NULL, 2000000, NULL, "
+        "  CAST('0123456789ABCDEF0123456789ABCDEF' AS BLOB), NULL);"
+        "insert into description values('Db', '1.1');");
     std::string found;
     for (const auto& m : messages())
         found += m + "\n";

@@ -34,7 +34,7 @@ std::vector<uint8_t> referenceEncrypt(const std::vector<uint8_t>& plain) {
     return out;
 }
 
-TEST(VkManifestCipherTest, MatchesTripleDesWithTheManifestKeyAndIv) {
+TEST(VkManifestCipherTest, MatchesTripleDesWithTheManifestKeyAndIvAndRefusesDamage) {
     std::vector<uint8_t> plain = bytes("<plist><array/></plist> and a little more text");
     auto enciphered = VkManifestCipher::encrypt(plain);
     ASSERT_TRUE(enciphered);
@@ -46,14 +46,13 @@ TEST(VkManifestCipherTest, MatchesTripleDesWithTheManifestKeyAndIv) {
     ASSERT_TRUE(withDefaultKey);
     auto opened = VkManifestCipher::decrypt(*withDefaultKey);
     EXPECT_TRUE(!opened || *opened != plain);
-}
 
-TEST(VkManifestCipherTest, DamagedOrEmptyBodiesGiveNil) {
+    // Damaged or empty bodies give nil.
     EXPECT_FALSE(VkManifestCipher::decrypt({}));
     EXPECT_FALSE(VkManifestCipher::encrypt({}));
-    auto enciphered = *VkManifestCipher::encrypt(bytes("0123456789abcdef"));
-    EXPECT_EQ(enciphered.size(), 24u) << "a whole block of padding after 16 bytes";
-    std::vector<uint8_t> cut(enciphered.begin(), enciphered.end() - 3);
+    auto sixteen = *VkManifestCipher::encrypt(bytes("0123456789abcdef"));
+    EXPECT_EQ(sixteen.size(), 24u) << "a whole block of padding after 16 bytes";
+    std::vector<uint8_t> cut(sixteen.begin(), sixteen.end() - 3);
     EXPECT_FALSE(VkManifestCipher::decrypt(cut)) << "not a whole number of blocks";
     EXPECT_FALSE(VkManifestCipher::decrypt(bytes("<plist>not enciphered</plist>")));
 }

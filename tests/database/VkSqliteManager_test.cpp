@@ -3,8 +3,8 @@
 #include <filesystem>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
+#include "database/VkRawDb.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkKeyedArchiver.h"
@@ -13,49 +13,6 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-
-// A second, independent connection for looking at and tampering with the file.
-class RawDb {
-  public:
-    explicit RawDb(const std::string& path) {
-        EXPECT_EQ(sqlite3_open(path.c_str(), &db_), SQLITE_OK);
-    }
-    ~RawDb() { sqlite3_close(db_); }
-    void exec(const std::string& sql) {
-        char* error = nullptr;
-        EXPECT_EQ(sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK)
-            << sql << ": " << (error ? error : "");
-        sqlite3_free(error);
-    }
-    // The first column of every row, as text ("NULL" for NULL).
-    Strings column(const std::string& sql) {
-        Strings out;
-        sqlite3_stmt* stmt = nullptr;
-        EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr), SQLITE_OK) << sql;
-        while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
-            const unsigned char* t = sqlite3_column_text(stmt, 0);
-            out.emplace_back(t ? reinterpret_cast<const char*>(t) : "NULL");
-        }
-        sqlite3_finalize(stmt);
-        return out;
-    }
-
-  private:
-    sqlite3* db_ = nullptr;
-};
-
-std::string hexOf(const std::vector<uint8_t>& bytes) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (uint8_t b : bytes)
-        out += {digits[b >> 4], digits[b & 15]};
-    return out;
-}
-
-// An SQL blob literal of the bytes of text.
-std::string cipher(const std::string& text) {
-    return "X'" + hexOf(std::vector<uint8_t>(text.begin(), text.end())) + "'";
-}
 
 std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::string& code) {
     auto item = std::make_shared<VkTorjanItem>();
@@ -77,6 +34,14 @@ std::string describe(const VkTorjanItem& item) {
            "|" + text(item.version()) + "|" + std::to_string(item.fileSize()) + "|" +
            text(item.headeCode()) + "|" + text(item.TorjanCode()) + "|" +
            (kill ? std::to_string(kill->entries().size() + kill->droppedCount()) : "-");
+}
+
+template <class Items>
+Strings described(const Items& items) {
+    Strings out;
+    for (const auto& item : items)
+        out.push_back(describe(*item));
+    return out;
 }
 
 // How many of this process's open file descriptors refer to path.
@@ -133,7 +98,7 @@ TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) 
     EXPECT_TRUE(manager.TorjanItemArray().empty());
     EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
     // What `sqlite3 FILE .schema` shows is the text stored in sqlite_master.
-    EXPECT_EQ(RawDb(dbPath).column("select sql from sqlite_master order by rowid"),
+    EXPECT_EQ(VkRawDb(dbPath).column("select sql from sqlite_master order by rowid"),
               (Strings{"CREATE TABLE description(name varchar[50], version varchar[10])",
                        "CREATE TABLE test(name varchar[50], detail varchar[50], level int, "
                        "version varchar[100], filesize int, headecode blod, code blod, kill "
@@ -146,7 +111,7 @@ TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) 
     EXPECT_FALSE(VkFile::existsNoFollow(dir / "other.db"));
     // The connection is still the first file's.
     EXPECT_TRUE(manager.addItemToDataBase(makeItem("second", "c2")));
-    EXPECT_EQ(RawDb(dbPath).column("select count(*) from test")[0], "2");
+    EXPECT_EQ(VkRawDb(dbPath).column("select count(*) from test")[0], "2");
 }
 
 TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
@@ -161,7 +126,7 @@ TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
     EXPECT_EQ(manager.TorjanItemArray().size(), 3u);
     EXPECT_EQ(manager.TorjanItemArray()[0], withKill);
 
-    RawDb raw(dbPath);
+    VkRawDb raw(dbPath);
     EXPECT_EQ(raw.column("select typeof(name) || typeof(detail) || typeof(level) || "
                          "typeof(version) || typeof(filesize) || typeof(headecode) || "
                          "typeof(code) || length(code) from test where rowid = 1")[0],
@@ -171,14 +136,11 @@ TEST_F(VkSqliteManagerTest, RecordsRoundTripWithTheirColumnTypes) {
 
     VkSqliteManager reader(ctx);
     reader.openDataBase(dbPath);
-    ASSERT_EQ(reader.TorjanItemArray().size(), 3u);
-    const auto& back = reader.TorjanItemArray();
-    EXPECT_EQ(describe(*back[0]), "withKill|detail of withKill|2|2.5|1234567|head-code1|code1|2");
-    EXPECT_EQ(back[0]->killArray(), withKill->killArray());
-    EXPECT_EQ(describe(*back[1]),
-              "withoutKill|detail of withoutKill|2|2.5|1234567|head-code2|"
-              "code2|-");
-    EXPECT_EQ(describe(*back[2]).back(), '0');
+    EXPECT_EQ(described(reader.TorjanItemArray()),
+              (Strings{"withKill|detail of withKill|2|2.5|1234567|head-code1|code1|2",
+                       "withoutKill|detail of withoutKill|2|2.5|1234567|head-code2|code2|-",
+                       "emptyKill|detail of emptyKill|2|2.5|1234567|head-code3|code3|0"}));
+    EXPECT_EQ(reader.TorjanItemArray()[0]->killArray(), withKill->killArray());
 }
 
 TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing) {
@@ -192,35 +154,52 @@ TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing)
         archive(VkArchivedValue(VkPlist(VkTorjanItem::makeKillArray({{"k", "Foo"}}).toArray())));
     std::vector<uint8_t> truncated(killArchive.begin(),
                                    killArchive.begin() + killArchive.size() / 2);
-    RawDb(dbPath).exec(
+    VkRawDb(dbPath).exec(
         "insert into test values(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL);"
         "insert into test values('n', 'd', 'abc', 'v', '68', X'61620063', X'', X'00FF');"
         "insert into test values(X'FF', 'd', 7.9, X'C3', -1, 'texthead', 'textcode', 'no');"
-        "insert into test(code, kill) values('a', X'" +
-        hexOf(archive(VkArchivedValue("k"))) + "');" +
-        "insert into test(code, kill) values('b', X'" + hexOf(truncated) + "');" +
-        "insert into test(code, kill) values('c', X'" + hexOf(killArchive) + "');");
+        "insert into test(code, kill) values('a', " +
+        vkSqlBlob(archive(VkArchivedValue("k"))) + ");" +
+        "insert into test(code, kill) values('b', " + vkSqlBlob(truncated) + ");" +
+        "insert into test(code, kill) values('c', " + vkSqlBlob(killArchive) + ");");
 
     manager.openDataBase(dbPath);
-    Strings found;
-    for (const auto& item : manager.TorjanItemArray())
-        found.push_back(describe(*item));
     // All NULL keeps a new record's values; other types convert as SQLite converts them; a
     // blob string ends at its first zero byte; a zero-length blob is no value; bytes that are
     // not UTF-8 give nil; a kill blob that is no archive of an array gives no kill array.
-    EXPECT_EQ(found, (Strings{"-|-|0|1.0|0|-|-|-", "n|d|0|v|68|ab|-|-",
-                              "-|d|7|-|18446744073709551615|texthead|textcode|-",
-                              "-|-|0|1.0|0|-|a|-", "-|-|0|1.0|0|-|b|-", "-|-|0|1.0|0|-|c|1"}));
+    EXPECT_EQ(described(manager.TorjanItemArray()),
+              (Strings{"-|-|0|1.0|0|-|-|-", "n|d|0|v|68|ab|-|-",
+                       "-|d|7|-|18446744073709551615|texthead|textcode|-", "-|-|0|1.0|0|-|a|-",
+                       "-|-|0|1.0|0|-|b|-", "-|-|0|1.0|0|-|c|1"}));
     EXPECT_EQ(manager.TorjanItemArray()[5]->killArray(),
               VkTorjanItem::makeKillArray({{"k", "Foo"}}));
 }
 
-TEST_F(VkSqliteManagerTest, AFileThatIsNotSqliteChangesNothingAndSaysSo) {
+// Files written by others: foreign tables are kept, fewer columns read what they have, and
+// a file that is no database changes nothing.
+TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverChanged) {
+    VkRawDb(dbPath).exec("create table notes(text); insert into notes values('hello')");
     manager.openDataBase(dbPath);
-    ASSERT_TRUE(manager.addItemToDataBase(makeItem("kept", "c1")));
-    ASSERT_TRUE(manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Db", "1.0")));
-    auto info = manager.currentDataBaseInfo();
+    EXPECT_TRUE(manager.TorjanItemArray().empty());
+    manager.closeDataBase();
+    EXPECT_EQ(VkRawDb(dbPath).column("select name from sqlite_master where type = 'table' "
+                                     "order by name"),
+              (Strings{"description", "notes", "test"}));
+    EXPECT_EQ(VkRawDb(dbPath).column("select text from notes")[0], "hello");
 
+    std::string narrow = dir / "narrow.sql";
+    VkRawDb(narrow).exec(
+        "create table description(name); insert into description values('only a name');"
+        "create table test(name, detail); insert into test values('n', 'd')");
+    manager.openDataBase(narrow);
+    ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
+    EXPECT_EQ(describe(*manager.TorjanItemArray()[0]), "n|d|0|1.0|0|-|-|-");
+    ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
+    EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
+    EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
+
+    // A file that is no SQLite database changes nothing and says so.
+    auto info = manager.currentDataBaseInfo();
     std::string garbagePath = dir.write("garbage.sql", std::string(2048, 'x'));
     testing::internal::CaptureStdout();
     manager.openDataBase(garbagePath);
@@ -232,31 +211,9 @@ TEST_F(VkSqliteManagerTest, AFileThatIsNotSqliteChangesNothingAndSaysSo) {
     EXPECT_EQ(manager.dataBaseForPath(garbagePath), nullptr);
 }
 
-TEST_F(VkSqliteManagerTest, ForeignTablesAreKeptAndFewerColumnsReadWhatTheyHave) {
-    RawDb(dbPath).exec("create table notes(text); insert into notes values('hello')");
-    manager.openDataBase(dbPath);
-    EXPECT_TRUE(manager.TorjanItemArray().empty());
-    manager.closeDataBase();
-    EXPECT_EQ(RawDb(dbPath).column("select name from sqlite_master where type = 'table' "
-                                   "order by name"),
-              (Strings{"description", "notes", "test"}));
-    EXPECT_EQ(RawDb(dbPath).column("select text from notes")[0], "hello");
-
-    std::string narrow = dir / "narrow.sql";
-    RawDb(narrow).exec(
-        "create table description(name); insert into description values('only a name');"
-        "create table test(name, detail); insert into test values('n', 'd')");
-    manager.openDataBase(narrow);
-    ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(describe(*manager.TorjanItemArray()[0]), "n|d|0|1.0|0|-|-|-");
-    ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
-    EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
-    EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
-}
-
 TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpen) {
     createEmpty();
-    RawDb(dbPath).exec("insert into description values('Db', '1.9'), ('Db', '1.10')");
+    VkRawDb(dbPath).exec("insert into description values('Db', '1.9'), ('Db', '1.10')");
     manager.openDataBase(dir / "other.sql");
     ASSERT_TRUE(manager.addItemToDataBase(makeItem("x", "c")));
 
@@ -284,7 +241,9 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
     EXPECT_EQ(openDescriptorsFor(dbPath), 0);
 }
 
-TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
+// Writes without an open file, or that fail, answer NO; writes that cannot be prepared
+// count as done.
+TEST_F(VkSqliteManagerTest, WritesAnswerNoWhenTheyFailButYesWhenTheyCannotBePrepared) {
     auto item = makeItem("x", "c");
     EXPECT_FALSE(manager.addItemToDataBase(item));
     EXPECT_FALSE(manager.updateItem(*item, "x"));
@@ -296,25 +255,22 @@ TEST_F(VkSqliteManagerTest, WritesWithoutAnOpenFileOrThatFailAnswerNo) {
     EXPECT_TRUE(manager.TorjanItemArray().empty());
 
     manager.openDataBase(dbPath);
-    RawDb(dbPath).exec(refuse("insert", "test"));
+    VkRawDb(dbPath).exec(refuse("insert", "test"));
     EXPECT_FALSE(manager.addItemToDataBase(item));
     EXPECT_TRUE(manager.TorjanItemArray().empty());
-}
 
-TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     // Views named like the tables read like them but cannot be written: every write fails
     // to prepare, which the system answers as if it had succeeded.
-    RawDb(dbPath).exec(
+    std::string viewed = dir / "viewed.sql";
+    VkRawDb(viewed).exec(
         "create table rows(name, detail, level, version, filesize, headecode, code, kill);"
         "insert into rows(name, filesize, code) values('viewed', 5, X'6162');"
         "create view test as select * from rows;"
         "create view description as select 'Db' as name, '1.0' as version");
-    manager.openDataBase(dbPath);
+    manager.openDataBase(viewed);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
     auto current = manager.currentDataBaseInfo();
     ASSERT_NE(current, nullptr);
-
-    auto item = makeItem("x", "c");
     EXPECT_TRUE(manager.addItemToDataBase(item));
     EXPECT_EQ(manager.TorjanItemArray().size(), 1u);  // nothing appended
     EXPECT_TRUE(manager.updateItem(*item, "viewed"));
@@ -322,11 +278,11 @@ TEST_F(VkSqliteManagerTest, WritesThatCannotBePreparedCountAsDone) {
     EXPECT_EQ(manager.currentDataBaseInfo(), current);
     manager.deleteItem(manager.TorjanItemArray()[0]);
     EXPECT_TRUE(manager.TorjanItemArray().empty());  // gone from the array, not from the file
-    EXPECT_EQ(RawDb(dbPath).column("select name || filesize from rows"), Strings{"viewed5"});
+    EXPECT_EQ(VkRawDb(viewed).column("select name || filesize from rows"), Strings{"viewed5"});
 
     // A description that cannot be inserted is installed all the same.
     std::string other = dir / "other.sql";
-    RawDb(other).exec("create view description as select 1 as name, 2 as version where 0");
+    VkRawDb(other).exec("create view description as select 1 as name, 2 as version where 0");
     VkSqliteManager fresh(ctx);
     fresh.openDataBase(other);
     ASSERT_EQ(fresh.currentDataBaseInfo(), nullptr);
@@ -341,11 +297,11 @@ TEST_F(VkSqliteManagerTest, DeleteTakesEveryRowWithTheCodeAndUpdateGoesByOldName
     for (const auto& item : {a, b, c})
         ASSERT_TRUE(manager.addItemToDataBase(item));
     manager.deleteItem(a);
-    EXPECT_EQ(RawDb(dbPath).column("select name from test"), Strings{"c"});
+    EXPECT_EQ(VkRawDb(dbPath).column("select name from test"), Strings{"c"});
     EXPECT_EQ(manager.TorjanItemArray(), (std::vector<std::shared_ptr<VkTorjanItem>>{b, c}));
 
     // A delete that fails leaves the array alone.
-    RawDb raw(dbPath);
+    VkRawDb raw(dbPath);
     raw.exec(refuse("delete", "test"));
     manager.deleteItem(c);
     EXPECT_EQ(manager.TorjanItemArray().size(), 2u);
@@ -374,7 +330,7 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
     auto added = std::make_shared<VkDataBaseInfo>("Other", "1.0");
     EXPECT_TRUE(manager.updateDataBaseInfo(added));
     EXPECT_EQ(manager.currentDataBaseInfo(), added);
-    EXPECT_EQ(RawDb(other).column("select name from description")[0], "Other");
+    EXPECT_EQ(VkRawDb(other).column("select name from description")[0], "Other");
     // Reading a file without the table creates it and keeps the description as it was; a
     // file with the table but no rows clears it.
     manager.openDataBase(dbPath);
@@ -387,7 +343,7 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
     EXPECT_EQ(manager.currentDataBaseInfo(), first);
     EXPECT_FALSE(manager.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("Other", "9")));
     auto description = [&] {
-        return RawDb(dbPath).column("select name || ' ' || version from description");
+        return VkRawDb(dbPath).column("select name || ' ' || version from description");
     };
     EXPECT_EQ(description(), Strings{"Db 1.0"});
 
@@ -403,7 +359,7 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
     VkSqliteManager again(ctx);
     again.openDataBase(dbPath);
     ASSERT_EQ(again.currentDataBaseInfo()->name(), "Db2");
-    RawDb(dbPath).exec(refuse("update", "description"));
+    VkRawDb(dbPath).exec(refuse("update", "description"));
     EXPECT_FALSE(again.updateDataBaseInfo(std::make_shared<VkDataBaseInfo>("x", "y")));
     EXPECT_EQ(description(), Strings{"Db2 1.1"});
 }
@@ -417,11 +373,11 @@ TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
         "insert into test values(NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL);"
         "insert into test values(X'FF', 'd', 7.9, X'C3', -1, 'texthead', 'textcode', 'no');"
         "insert into test values('QUJD', 'not cipher', 1, '1.0', 5, X'', " +
-        cipher(*vkEncryptString(md5 + "0")) + ", X'00FF');" +  // 33 digits: kept as text
-        "insert into test values(" + cipher(withNul) + ", " + cipher(*vkEncryptString("d")) +
-        ", 2, " + cipher(*vkEncryptString("2.0")) + ", 7, " +
-        cipher(*vkEncryptString("ABCDEF" + md5.substr(6))) + ", " +  // upper case: as text
-        cipher(*vkEncryptString(md5)) + ", NULL);";
+        vkSqlBlob(*vkEncryptString(md5 + "0")) + ", X'00FF');" +  // 33 digits: kept as text
+        "insert into test values(" + vkSqlBlob(withNul) + ", " + vkSqlBlob(*vkEncryptString("d")) +
+        ", 2, " + vkSqlBlob(*vkEncryptString("2.0")) + ", 7, " +
+        vkSqlBlob(*vkEncryptString("ABCDEF" + md5.substr(6))) + ", " +  // upper case: as text
+        vkSqlBlob(*vkEncryptString(md5)) + ", NULL);";
     struct Case {
         const char* name;
         std::string source;  // a database file to copy, or rows to insert into a new one
@@ -438,20 +394,15 @@ TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
             ASSERT_TRUE(VkFile::copyFile(c.source, db));
         } else {
             VkSqliteManager(context).openDataBase(db);
-            RawDb(db).exec(c.source);
+            VkRawDb(db).exec(c.source);
         }
         VkSqliteManager eager(context);
         eager.openDataBase(db);
-        Strings expected;
-        for (const auto& item : eager.TorjanItemArray()) {
+        for (const auto& item : eager.TorjanItemArray())
             item->deCodeTrojanInfo();
-            expected.push_back(describe(*item));
-        }
-        ASSERT_FALSE(expected.empty());
-        Strings loaded;
-        for (const auto& item : VkSqliteManager::loadAllRecords(context))
-            loaded.push_back(describe(*item));
-        EXPECT_EQ(loaded, expected);
+        ASSERT_FALSE(eager.TorjanItemArray().empty());
+        EXPECT_EQ(described(VkSqliteManager::loadAllRecords(context)),
+                  described(eager.TorjanItemArray()));
     }
 }
 

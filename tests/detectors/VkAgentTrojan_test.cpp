@@ -46,60 +46,86 @@ TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
         for (const auto& infection : kInfections) {
             SCOPED_TRACE(std::string(infection.family) + (binary ? " binary" : " xml"));
             VkFile::removeTree(ctx->systemRoot);
-            VkFile::createDirectory(ctx->systemRoot, true);
-            std::string plist =
-                writePlist(infection.launchPlist, launchItem(infection.program), binary);
-            std::string program = writeFile(infection.program, "payload");
-
+            VkPlist item = launchItem(infection.program);
+            Paths p = plant({{infection.launchPlist, binary ? bin(item) : item.toXml()},
+                             {infection.program, "payload"}});
             auto detector = make<VkAgentTrojan>();
-            VkSpecialResult result = scan(detector);
-            EXPECT_EQ(result, (VkSpecialResult{{infection.family, {plist, program}}}));
-            EXPECT_EQ(detector.serviceFiles(), Paths{plist});
-            EXPECT_EQ(detector.binFiles(), Paths{program});
+            EXPECT_EQ(scan(detector), (VkSpecialResult{{infection.family, p}}));
+            EXPECT_EQ(detector.serviceFiles(), Paths{p[0]});
+            EXPECT_EQ(detector.binFiles(), Paths{p[1]});
             EXPECT_EQ(logLines().back(), std::string("[VkAnti] detect ") + infection.family);
         }
     }
 }
 
-TEST_F(VkAgentTrojanTest, OnlyPrefixFamiliesAcceptAProgramBelowTheExpectedPath) {
-    writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
-               launchItem("/Users/tester/Library/mdsa1331/bin/agent"));
-    writePlist("~/Library/LaunchAgents/www.google.com.tstart.plist",
-               launchItem("/Library/Application Support/google/startp2"));
-    // An exact family with a program that only differs in case is no match either.
-    writePlist("~/Library/LaunchAgents/com.apple.FolderActionsxl.plist",
-               launchItem("/library/launched"));
-    auto detector = make<VkAgentTrojan>();
-    auto result = scan(detector);
-    EXPECT_EQ(result,
-              (VkSpecialResult{{"OSX/DevilRobber.A",
-                                {onDisk("~/Library/LaunchAgents/com.apple.legion.plist")}}}));
-}
-
-TEST_F(VkAgentTrojanTest, ProgramArgumentsStandInOnlyWhenProgramIsAbsent) {
-    const std::string plist = "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist";
-    const std::string program = "/Library/launched";
-    writeFile(program, "x");
-    const VkPlist arguments = VkPlist::array({program});
+// One launch item at a time: which shapes of item, and which programs, make a family.
+TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
+    const std::string olyx = "~/Library/LaunchAgents/www.google.com.tstart.plist";
+    const std::string kontrol = "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist";
+    const std::string legion = "~/Library/LaunchAgents/com.apple.legion.plist";
+    const std::string startp = "/Library/Application Support/google/startp";
+    const std::string launched = "/Library/launched";
+    const VkPlist arguments = VkPlist::array({launched});
+    std::vector<uint8_t> binary = launchItem(startp).toBinary();
+    std::string nested;
+    for (int i = 0; i < 100000; ++i)
+        nested += "<array>";
+    auto padded = [&](unsigned mebibytes) {  // a launch item padded with text
+        std::string xml = launchItem(startp).toXml();
+        return xml.insert(
+            xml.rfind("</dict>"),
+            "<key>Pad</key><string>" + std::string(mebibytes << 20, 'a') + "</string>");
+    };
     const struct {
         const char* what;
-        VkPlist item;
+        std::string plist, bytes, family;
         bool found;
     } cases[] = {
-        {"arguments", launchItemWithArguments(VkPlist::array({program, "-d"})), true},
-        {"empty arguments", launchItemWithArguments(VkPlist::array()), false},
-        {"arguments not a list", launchItemWithArguments(VkPlist(program)), false},
-        {"first argument not a string",
-         launchItemWithArguments(VkPlist::array({VkPlist::integer(7), program})), false},
-        {"program wins",
-         VkPlist::dictionary({{"Program", "/bin/true"}, {"ProgramArguments", arguments}}), false},
-        {"program of the wrong type",
-         VkPlist::dictionary({{"Program", arguments}, {"ProgramArguments", arguments}}), false},
+        // Only prefix families accept a program below the expected path; case counts.
+        {"below a prefix", legion, launchItem("/Users/tester/Library/mdsa1331/bin/agent").toXml(),
+         "OSX/DevilRobber.A", true},
+        {"longer than exact", olyx, launchItem(startp + "2").toXml(), "OSX/Olyx.A", false},
+        {"other case", kontrol, launchItem("/library/launched").toXml(), "OSX/MacKontrol.A", false},
+        // ProgramArguments stand in only when Program is absent.
+        {"arguments", kontrol, bin(launchItemWithArguments(VkPlist::array({launched, "-d"}))),
+         "OSX/MacKontrol.A", true},
+        {"empty arguments", kontrol, bin(launchItemWithArguments(VkPlist::array())),
+         "OSX/MacKontrol.A", false},
+        {"arguments not a list", kontrol, bin(launchItemWithArguments(VkPlist(launched))),
+         "OSX/MacKontrol.A", false},
+        {"first argument not a string", kontrol,
+         bin(launchItemWithArguments(VkPlist::array({VkPlist::integer(7), launched}))),
+         "OSX/MacKontrol.A", false},
+        {"program wins", kontrol,
+         bin(VkPlist::dictionary({{"Program", "/bin/true"}, {"ProgramArguments", arguments}})),
+         "OSX/MacKontrol.A", false},
+        {"program of the wrong type", kontrol,
+         bin(VkPlist::dictionary({{"Program", arguments}, {"ProgramArguments", arguments}})),
+         "OSX/MacKontrol.A", false},
+        // Bad property lists count as absent.
+        {"malformed xml", olyx, "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>",
+         "OSX/Olyx.A", false},
+        {"truncated binary", olyx,
+         std::string(binary.begin(), binary.begin() + static_cast<long>(binary.size() / 2)),
+         "OSX/Olyx.A", false},
+        {"deeply nested", olyx,
+         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Program</key><string>" + startp +
+             "</string><key>X</key>" + nested,
+         "OSX/Olyx.A", false},
+        {"not a dictionary", olyx, VkPlist::array({startp}).toXml(), "OSX/Olyx.A", false},
+        {"empty", olyx, "", "OSX/Olyx.A", false},
+        {"too large", olyx, padded(5), "OSX/Olyx.A", false},
+        // The size cap is what keeps the large one out: a few megabytes less and it counts.
+        {"large", olyx, padded(3), "OSX/Olyx.A", true},
+        {"a folder", olyx + "/", "", "OSX/Olyx.A", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        writePlist(plist, c.item, true);
-        EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/MacKontrol.A"), c.found ? 1u : 0u);
+        VkFile::removeTree(ctx->systemRoot);
+        plant({{c.plist, c.bytes}, {startp, "x"}, {launched, "x"}});
+        auto detector = make<VkAgentTrojan>();
+        EXPECT_EQ(scan(detector).count(c.family), c.found ? 1u : 0u);
+        EXPECT_EQ(detector.serviceFiles().size(), c.found ? 1u : 0u);
     }
 }
 
@@ -119,60 +145,16 @@ TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
     EXPECT_FLOAT_EQ(progress[1].second, 1.0f / 12.0f);
 }
 
-TEST_F(VkAgentTrojanTest, BadPropertyListsCountAsAbsent) {
-    const std::string plist = "~/Library/LaunchAgents/www.google.com.tstart.plist";
-    const std::string program = "/Library/Application Support/google/startp";
-    writeFile(program, "x");
-    std::vector<uint8_t> binary = launchItem(program).toBinary();
-
-    std::string nested;
-    for (int i = 0; i < 100000; ++i)
-        nested += "<array>";
-    auto padded = [&](unsigned mebibytes) {  // a launch item padded with text
-        std::string xml = launchItem(program).toXml();
-        return xml.insert(
-            xml.rfind("</dict>"),
-            "<key>Pad</key><string>" + std::string(mebibytes << 20, 'a') + "</string>");
-    };
-
-    std::vector<std::pair<std::string, std::string>> cases = {
-        {"malformed xml", "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>"},
-        {"truncated binary", std::string(binary.begin(), binary.begin() + binary.size() / 2)},
-        {"deeply nested",
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Program</key>"
-         "<string>" +
-             program + "</string><key>X</key>" + nested},
-        {"not a dictionary", VkPlist::array({program}).toXml()},
-        {"empty", ""},
-        {"too large", padded(5)},
-    };
-    for (const auto& [what, bytes] : cases) {
-        SCOPED_TRACE(what);
-        writeFile(plist, bytes);
-        auto detector = make<VkAgentTrojan>();
-        EXPECT_TRUE(scan(detector).empty());
-        EXPECT_TRUE(detector.serviceFiles().empty());
-    }
-
-    // The size cap is what keeps the large one out: a few megabytes less and it counts.
-    writeFile(plist, padded(3));
-    EXPECT_EQ(scan(make<VkAgentTrojan>()).count("OSX/Olyx.A"), 1u);
-
-    // A folder where the property list should be is no property list either.
-    VkFile::removeTree(onDisk(plist));
-    VkFile::createDirectory(onDisk(plist), true);
-    EXPECT_TRUE(scan(make<VkAgentTrojan>()).empty());
-}
-
 // Without its program file a family is found by its launch item alone; findings accumulate
 // over scans (programs once) and stay recorded when a later scan finds nothing; removal
 // deletes the launch items, then the programs, and keeps its lists for the next removal.
 TEST_F(VkAgentTrojanTest, FindingsAccumulateAndRemovalDeletesLaunchItemsThenPrograms) {
-    std::string legion = writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
-                                    launchItem("~/Library/mdsa1331/agent"));
-    std::string agent = writeFile("~/Library/mdsa1331/agent", "x");
-    std::string logind = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
-                                    launchItem("/usr/sbin/logind"));
+    Paths p = plant({{"~/Library/LaunchAgents/com.apple.legion.plist",
+                      launchItem("~/Library/mdsa1331/agent").toXml()},
+                     {"~/Library/mdsa1331/agent", "x"},
+                     {"/System/Library/LaunchDaemons/com.apple.logind.plist",
+                      launchItem("/usr/sbin/logind").toXml()}});
+    const std::string &legion = p[0], &agent = p[1], &logind = p[2];
     auto detector = make<VkAgentTrojan>();
     EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/DevilRobber.A", {legion, agent}},
                                                {"OSX/Tsunami.A", {logind}}}));
@@ -182,36 +164,32 @@ TEST_F(VkAgentTrojanTest, FindingsAccumulateAndRemovalDeletesLaunchItemsThenProg
     EXPECT_TRUE(scan(detector).empty());
     EXPECT_EQ(detector.serviceFiles(), (Paths{legion, logind, legion, logind}));
     EXPECT_EQ(detector.binFiles(), Paths{agent}) << "programs are recorded once";
+    // Files only: never a folder a launch item names; the lists stay for the next removal.
     detector.remove();
-
-    auto calls = core->calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].op, "systemCommand");
-    EXPECT_EQ(calls[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(calls[1].op, "startClean");
-    EXPECT_EQ(calls[1].args, (Paths{legion, logind, legion, logind, agent}));
-    EXPECT_EQ(calls[1].scope, VkCleanScope::filesOnly) << "never a folder a launch item names";
     detector.remove();
-    ASSERT_EQ(core->calls().size(), 4u);
-    EXPECT_EQ(core->calls()[3].args, calls[1].args);
+    const std::string unset = "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES";
+    const std::string clean =
+        "startClean (files) " + legion + " " + logind + " " + legion + " " + logind + " " + agent;
+    EXPECT_EQ(coreCalls(), (Paths{unset, clean, unset, clean}));
 }
 
 // On the real file operations: the files found go; a program folder swapped for a link out
 // of the inspected system is still reported, but removal never deletes through the link.
 TEST_F(VkAgentTrojanTest, RemovalDeletesOnDiskButNeverThroughALinkOutOfTheSystem) {
     core->performDeletes(true);
-    std::string pixel = writePlist("~/Library/LaunchAgents/com.apple.pixel.plist",
-                                   launchItem("~/Library/Pixel_mator/run"));
-    std::string program = writeFile("~/Library/Pixel_mator/run", "x");
-    std::string legion = writePlist("~/Library/LaunchAgents/com.apple.legion.plist",
-                                    launchItem("~/Library/mdsa1331/agent"));
     std::string elsewhere = dir.write("elsewhere/agent", "precious");
-    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/mdsa1331"));
+    Paths gone = plant({{"~/Library/LaunchAgents/com.apple.pixel.plist",
+                         launchItem("~/Library/Pixel_mator/run").toXml()},
+                        {"~/Library/Pixel_mator/run", "x"},
+                        {"~/Library/LaunchAgents/com.apple.legion.plist",
+                         launchItem("~/Library/mdsa1331/agent").toXml()},
+                        {"~/Library/mdsa1331", "->" + dir / "elsewhere"}});
+    gone.pop_back();
     auto detector = make<VkAgentTrojan>();
     ASSERT_EQ(scan(detector).count("OSX/DevilRobber.A"), 1u);
     detector.remove();
-    for (const auto& gone : {pixel, program, legion})
-        EXPECT_FALSE(VkFile::existsNoFollow(gone)) << gone;
+    for (const auto& path : gone)
+        EXPECT_FALSE(VkFile::existsNoFollow(path)) << path;
     EXPECT_EQ(*VkFile::readAll(elsewhere), "precious");
     EXPECT_TRUE(VkFile::exists(onDisk("~/Library/LaunchAgents")));
 }

@@ -16,9 +16,12 @@ class VkAntiTrojanTest : public VkFakeMacTest {
   protected:
     // Infects the tree for both detectors.
     void infect() {
-        agentPlist = writePlist("/System/Library/LaunchDaemons/com.apple.logind.plist",
-                                launchItem("/usr/sbin/logind"));
-        conf = writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/lib.dylib\n");
+        Paths p =
+            plant({{"/System/Library/LaunchDaemons/com.apple.logind.plist",
+                    launchItem("/usr/sbin/logind").toXml()},
+                   {"/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/lib.dylib\n"}});
+        agentPlist = p[0];
+        conf = p[1];
     }
 
     // A callback that records each call and answers from `answers` (false past its end).
@@ -36,40 +39,27 @@ class VkAntiTrojanTest : public VkFakeMacTest {
 };
 
 // The launch-agent detector reports before each family and once more at the end, on the
-// first half of the range.
-TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRange) {
-    infect();
-    auto anti = make<VkAntiTrojan>();
-    auto result = anti.scan(recorder(), false);
-    EXPECT_EQ(result,
-              (VkSpecialResult{{"OSX/Tsunami.A", {agentPlist}}, {"OSX/Flashback", {conf}}}));
-
-    ASSERT_EQ(calls.size(), 12u);
-    std::vector<std::string> families;
-    for (const auto& [name, definition] : anti.antiAgentTrojan().agentTrojanDefs())
-        families.push_back(name);
-    for (size_t i = 0; i < 9; ++i) {
-        EXPECT_EQ(calls[i].first, families[i]);
-        EXPECT_EQ(calls[i].second, static_cast<float>(i) / 9.0f * 0.5f);
-    }
-    EXPECT_EQ(calls[0].second, 0.0f);
-    EXPECT_EQ(calls[9], (std::pair<std::string, float>{families.back(), 0.5f}));
-    EXPECT_EQ(calls[10], (std::pair<std::string, float>{"OSX/Flashback", 0.5f}));
-    EXPECT_EQ(calls[11], (std::pair<std::string, float>{"OSX/Flashback", 1.0f}));
-}
-
-TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLastAnswer) {
+// first half of the range; a stop is honoured only between the detectors.
+TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRangeStoppingOnlyBetween) {
     infect();
     struct Case {
         const char* what;
         std::vector<size_t> stopAt;  // calls answered "stop"
         size_t calls;
-        size_t families;
+        VkSpecialResult result;
     };
+    const VkSpecialResult both = {{"OSX/Tsunami.A", {agentPlist}}, {"OSX/Flashback", {conf}}};
     const Case cases[] = {
-        {"stop on the launch-agent detector's last call skips Flashback", {9}, 10, 1},
-        {"stop on every earlier call, then go on, runs both", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, 2},
-        {"stop from Flashback's own calls changes nothing", {10, 11}, 12, 2},
+        {"no stop", {}, 12, both},
+        {"stop on the launch-agent detector's last call skips Flashback",
+         {9},
+         10,
+         {{"OSX/Tsunami.A", {agentPlist}}}},
+        {"stop on every earlier call, then go on, runs both",
+         {0, 1, 2, 3, 4, 5, 6, 7, 8},
+         12,
+         both},
+        {"stop from Flashback's own calls changes nothing", {10, 11}, 12, both},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -78,10 +68,16 @@ TEST_F(VkAntiTrojanTest, StopIsHonouredOnlyBetweenDetectorsAndOnlyIfItWasTheLast
             answers[i] = true;
         calls.clear();
         auto anti = make<VkAntiTrojan>();
-        auto result = anti.scan(recorder(answers), false);
-        EXPECT_EQ(calls.size(), c.calls);
-        EXPECT_EQ(result.size(), c.families);
-        EXPECT_EQ(result.count("OSX/Tsunami.A"), 1u);
+        EXPECT_EQ(anti.scan(recorder(answers), false), c.result);
+        std::vector<std::pair<std::string, float>> expected;
+        for (const auto& [name, definition] : anti.antiAgentTrojan().agentTrojanDefs())
+            expected.emplace_back(name, static_cast<float>(expected.size()) / 9.0f * 0.5f);
+        ASSERT_EQ(expected.size(), 9u);
+        expected.insert(
+            expected.end(),
+            {{expected.back().first, 0.5f}, {"OSX/Flashback", 0.5f}, {"OSX/Flashback", 1.0f}});
+        expected.resize(c.calls);
+        EXPECT_EQ(calls, expected);
     }
 }
 
@@ -114,13 +110,9 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     auto anti = make<VkAntiTrojan>();
     anti.scan(recorder(), false);
     anti.remove();
-    auto recorded = core->calls();
-    ASSERT_EQ(recorded.size(), 4u);
-    EXPECT_EQ(recorded[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(recorded[1].args, Paths{agentPlist});
-    EXPECT_EQ(recorded[2].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(recorded[3].op, "startClean");
-    EXPECT_EQ(recorded[3].args, Paths{conf});
+    const std::string unset = "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES";
+    EXPECT_EQ(coreCalls(), (Paths{unset, "startClean (files) " + agentPlist, unset,
+                                  "startClean (files) " + conf}));
 
     // Trusted paths are spared: the launch-agent detector is left with nothing to do, and
     // Flashback deletes nothing it was told to keep.

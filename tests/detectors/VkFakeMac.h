@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -44,20 +45,34 @@ class VkFakeMacTest : public ::testing::Test {
         return ctx->resolve(ctx->expandTilde(inspected));
     }
 
+    // Plants a fake Mac tree from a table of {inspected path, bytes}: a path ending in "/" is a
+    // folder, bytes "->target" a symbolic link. Answers the paths on this machine, in order.
+    std::vector<std::string> plant(
+        const std::vector<std::pair<std::string, std::string>>& files) const {
+        std::vector<std::string> paths;
+        for (const auto& [inspected, bytes] : files) {
+            bool folder = inspected.ends_with('/');
+            std::string path =
+                onDisk(folder ? inspected.substr(0, inspected.size() - 1) : inspected);
+            VkFile::createDirectory(folder ? path : VkFile::deletingLastPathComponent(path), true);
+            bool made = bytes.starts_with("->") ? ::symlink(bytes.c_str() + 2, path.c_str()) == 0
+                        : folder                ? true
+                                                : VkFile::writeAtomically(path, bytes).ok();
+            EXPECT_TRUE(made) << path;
+            paths.push_back(path);
+        }
+        return paths;
+    }
+    std::string writeFile(const std::string& inspected, const std::string& bytes) const {
+        return plant({{inspected, bytes}})[0];
+    }
     std::string writePlist(const std::string& inspected, const VkPlist& plist,
                            bool binary = false) const {
-        std::string path = onDisk(inspected);
-        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
-        auto written = binary ? plist.writeBinaryFile(path) : plist.writeXmlFile(path);
-        EXPECT_TRUE(written.ok()) << written.error();
-        return path;
+        return writeFile(inspected, binary ? bin(plist) : plist.toXml());
     }
-
-    std::string writeFile(const std::string& inspected, const std::string& bytes) const {
-        std::string path = onDisk(inspected);
-        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
-        EXPECT_TRUE(VkFile::writeAtomically(path, bytes).ok());
-        return path;
+    static std::string bin(const VkPlist& plist) {
+        std::vector<uint8_t> bytes = plist.toBinary();
+        return std::string(bytes.begin(), bytes.end());
     }
 
     // A launch item that starts `program`.
@@ -77,6 +92,19 @@ class VkFakeMacTest : public ::testing::Test {
             progress.emplace_back(name, value);
             return true;
         });
+    }
+
+    // The recorded core calls, one "op [(files)] arg..." line each.
+    std::vector<std::string> coreCalls() const {
+        std::vector<std::string> lines;
+        for (const auto& call : core->calls()) {
+            bool filesOnly = call.op == "startClean" && call.scope == VkCleanScope::filesOnly;
+            std::string line = call.op + (filesOnly ? " (files)" : "");
+            for (const auto& arg : call.args)
+                line += " " + arg;
+            lines.push_back(line);
+        }
+        return lines;
     }
 
     std::vector<std::string> logLines() const {

@@ -34,78 +34,72 @@ VkPlist insert(const std::string& library) {
 
 class VkFlashBackTest : public VkFakeMacTest {};
 
-TEST_F(VkFlashBackTest, BrowserLaunchEnvironmentWithTheVariableIsInfected) {
-    std::string safari =
-        writePlist(kSafari, browserInfo(insert("/Library/Internet Plug-Ins/x.dylib")));
-    std::string chrome = writePlist(kChrome, browserInfo(insert("~/Library/y.dylib")), true);
-    // Another environment variable, or an environment that is no dictionary, is clean.
-    writePlist(kFirefox, browserInfo(VkPlist::dictionary({{"LANG", "en"}})));
+// One infected home: browsers, the environment file (the variable at its top level: under
+// LSEnvironment it is not where the loader looks), launch items with a hidden program and
+// launchd.conf. Clean beside them: another variable, programs that are not hidden (the dot
+// in a folder name, none, no path), a file that is no property list and a folder.
+TEST_F(VkFlashBackTest, InfectedTreeListsPlistsThenFilesThenLaunchItemsAndAccumulates) {
+    Paths p = plant(
+        {{kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")).toXml()},
+         {kChrome, bin(browserInfo(insert("~/.update")))},
+         {kEnvironment, bin(insert("~/.vk/libinject.dylib"))},
+         {"~/Library/LaunchAgents/com.example.update.plist",
+          launchItemWithArguments(VkPlist::array({"~/.update", "-x"})).toXml()},
+         {"/Library/LaunchDaemons/com.example.d.plist", bin(launchItem("/Users/Shared/.svc"))},
+         {"/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/Shared/.svc\n"},
+         {"/Library/LaunchAgents/f.plist", "garbage"},
+         {kFirefox, browserInfo(VkPlist::dictionary({{"LANG", "en"}})).toXml()},
+         {"/Library/LaunchAgents/a.plist", launchItem("/Users/Shared/.cache/agent").toXml()},
+         {"/Library/LaunchAgents/b.plist", launchItem("/Users/Shared/svc").toXml()},
+         {"/Library/LaunchAgents/c.plist", launchItem("").toXml()},
+         {"/Library/LaunchAgents/d.plist", launchItemWithArguments(VkPlist::array()).toXml()},
+         {"/Library/LaunchAgents/e.plist",
+          VkPlist::dictionary({{"Program", VkPlist::integer(1)}}).toXml()},
+         {"/Library/LaunchAgents/folder.plist/", ""}});
+    const std::string &safari = p[0], &chrome = p[1], &env = p[2], &agent = p[3], &daemon = p[4];
+    // Several libraries in one value are taken as one path; a file is listed once (~/.update
+    // is named by Chrome and by a launch item).
+    Paths files = {onDisk("/Library/a.dylib:/Library/b.dylib"), onDisk("/Users/tester/.update"),
+                   onDisk("/Users/tester/.vk/libinject.dylib"), onDisk("/Users/Shared/.svc"), p[5]};
+    auto expected = [&](Paths plists, Paths items) {
+        plists.insert(plists.end(), files.begin(), files.end());
+        plists.insert(plists.end(), items.begin(), items.end());
+        return VkSpecialResult{{"OSX/Flashback", plists}};
+    };
     auto detector = make<VkFlashBack>();
-    auto result = scan(detector);
-
-    Paths expected = {safari, chrome, onDisk("/Library/Internet Plug-Ins/x.dylib"),
-                      onDisk("/Users/tester/Library/y.dylib")};
-    EXPECT_EQ(result, (VkSpecialResult{{"OSX/Flashback", expected}}));
+    EXPECT_EQ(scan(detector), expected({safari, chrome, env}, {agent, daemon}));
+    EXPECT_EQ(detector.serviceFiles(), (Paths{agent, daemon}));
     EXPECT_EQ(logLines(),
-              (Paths{"[VkAnti] detect " + safari + " - /Library/Internet Plug-Ins/x.dylib",
-                     "[VkAnti] detect " + chrome + " - ~/Library/y.dylib"}));
+              (Paths{"[VkAnti] detect " + safari + " - /Library/a.dylib:/Library/b.dylib",
+                     "[VkAnti] detect " + chrome + " - ~/.update",
+                     "[VkAnti] detect " + env + " - ~/.vk/libinject.dylib",
+                     "[VkAnti] detect com.example.update.plist - ~/.update",
+                     "[VkAnti] skip " + p[6] + ": not a valid property list",
+                     "[VkAnti] detect com.example.d.plist - /Users/Shared/.svc",
+                     "[VkAnti] detect conf file - " + p[5]}));
     EXPECT_EQ(progress, (std::vector<std::pair<std::string, float>>{{"OSX/Flashback", 0.0f},
                                                                     {"OSX/Flashback", 1.0f}}));
+    // Scanned again: property lists and launch items are listed twice, files once.
+    EXPECT_EQ(scan(detector),
+              expected({safari, chrome, env, safari, chrome, env}, {agent, daemon, agent, daemon}));
 
+    // A tree without the variable where it counts: an empty result, though everything is
+    // still recorded.
+    VkFile::removeTree(ctx->systemRoot);
     writePlist(kSafari, browserInfo(VkPlist("DYLD_INSERT_LIBRARIES")));
-    writePlist(kChrome, VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/x.dylib"}}));
-    EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
-}
-
-// The environment file carries the variable at its top level (under LSEnvironment it is
-// not where the loader looks); any value infects, only text names a file, and several
-// libraries in one value are taken as one path.
-TEST_F(VkFlashBackTest, EnvironmentFileCarriesTheVariableAtItsTopLevelWithAnyValue) {
-    std::string env = writePlist(kEnvironment, insert("~/.vk/libinject.dylib"), true);
-    auto detector = make<VkFlashBack>();
-    EXPECT_EQ(
-        scan(detector),
-        (VkSpecialResult{{"OSX/Flashback", {env, onDisk("/Users/tester/.vk/libinject.dylib")}}}));
-
+    writePlist(kChrome, insert("/x.dylib"));
     writePlist(kEnvironment, browserInfo(insert("/x.dylib")));
+    EXPECT_TRUE(scan(detector).empty());
     EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
+    EXPECT_EQ(detector.plistFiles().size(), 6u);
 
+    // Something new: the result holds it with all recorded before; any value infects, only
+    // text names a file.
     writePlist(kEnvironment,
                VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", VkPlist::integer(42)}}));
-    std::string safari =
-        writePlist(kSafari, browserInfo(insert("/Library/a.dylib:/Library/b.dylib")));
-    EXPECT_EQ(scan(make<VkFlashBack>()),
-              (VkSpecialResult{
-                  {"OSX/Flashback", {safari, env, onDisk("/Library/a.dylib:/Library/b.dylib")}}}));
+    EXPECT_EQ(scan(detector), expected({safari, chrome, env, safari, chrome, env, env},
+                                       {agent, daemon, agent, daemon}));
     EXPECT_EQ(logLines().back(), "[VkAnti] detect " + env + " - 42");
-}
-
-TEST_F(VkFlashBackTest, LaunchItemsWithAHiddenProgramAreInfected) {
-    std::string userAgent =
-        writePlist("~/Library/LaunchAgents/com.example.update.plist",
-                   launchItemWithArguments(VkPlist::array({"~/.update", "-x"})));
-    std::string daemon = writePlist("/Library/LaunchDaemons/com.example.d.plist",
-                                    launchItem("/Users/Shared/.svc"), true);
-    // Not hidden: the dot is in a folder name, or missing, or the program is a folder path.
-    writePlist("/Library/LaunchAgents/a.plist", launchItem("/Users/Shared/.cache/agent"));
-    writePlist("/Library/LaunchAgents/b.plist", launchItem("/Users/Shared/svc"));
-    writePlist("/Library/LaunchAgents/c.plist", launchItem(""));
-    writePlist("/Library/LaunchAgents/d.plist", launchItemWithArguments(VkPlist::array()));
-    writePlist("/Library/LaunchAgents/e.plist",
-               VkPlist::dictionary({{"Program", VkPlist::integer(1)}}));
-    writeFile("/Library/LaunchAgents/f.plist", "garbage");
-    VkFile::createDirectory(onDisk("/Library/LaunchAgents/folder.plist"), true);
-
-    auto detector = make<VkFlashBack>();
-    auto result = scan(detector);
-    EXPECT_EQ(result, (VkSpecialResult{{"OSX/Flashback",
-                                        {onDisk("/Users/tester/.update"),
-                                         onDisk("/Users/Shared/.svc"), userAgent, daemon}}}));
-    EXPECT_EQ(detector.serviceFiles(), (Paths{userAgent, daemon}));
-    EXPECT_EQ(logLines(), (Paths{"[VkAnti] detect com.example.update.plist - ~/.update",
-                                 "[VkAnti] skip " + onDisk("/Library/LaunchAgents/f.plist") +
-                                     ": not a valid property list",
-                                 "[VkAnti] detect com.example.d.plist - /Users/Shared/.svc"}));
 }
 
 TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
@@ -150,34 +144,6 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
-TEST_F(VkFlashBackTest, ResultListsPlistsThenFilesThenLaunchItemsAndAccumulates) {
-    std::string safari = writePlist(kSafari, browserInfo(insert("/Users/Shared/.lib")));
-    std::string item =
-        writePlist("/Library/LaunchAgents/x.plist", launchItem("/Users/Shared/.lib"));
-    writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/Shared/.lib\n");
-    auto detector = make<VkFlashBack>();
-    Paths first = {safari, onDisk("/Users/Shared/.lib"), onDisk("/etc/launchd.conf"), item};
-    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Flashback", first}}));
-
-    // Scanned again: property lists and launch items are listed twice, files once.
-    Paths second = {safari, safari, onDisk("/Users/Shared/.lib"), onDisk("/etc/launchd.conf"),
-                    item,   item};
-    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Flashback", second}}));
-
-    // Nothing found in this scan: an empty result, though everything is still recorded.
-    VkFile::removeTree(ctx->systemRoot);
-    EXPECT_TRUE(scan(detector).empty());
-    EXPECT_EQ(detector.plistFiles().size(), 2u);
-
-    // Something new: the result holds it together with all that was recorded before.
-    std::string env = writePlist(kEnvironment, insert("/tmp/z.dylib"));
-    auto result = scan(detector);
-    ASSERT_EQ(result.count("OSX/Flashback"), 1u);
-    EXPECT_EQ(result["OSX/Flashback"],
-              (Paths{safari, safari, env, onDisk("/Users/Shared/.lib"), onDisk("/etc/launchd.conf"),
-                     onDisk("/tmp/z.dylib"), item, item}));
-}
-
 class VkFlashBackRemoveTest : public VkFlashBackTest {
   protected:
     // Builds top/d/d/.../d `depth` levels deep, never naming a path longer than one
@@ -214,13 +180,14 @@ class VkFlashBackRemoveTest : public VkFlashBackTest {
 };
 
 TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
-    std::string safari = writePlist(kSafari, browserInfo(insert("/Library/x.dylib")));
-    std::string chrome = writePlist(kChrome, browserInfo(insert("/Library/y.dylib")));
-    std::string env = writePlist(kEnvironment, insert("/Library/x.dylib"));
-    std::string item = writePlist("/Library/LaunchDaemons/com.x.plist", launchItem("/opt/.x"));
-    writeFile("/var/folders/ab/cd/C/" + std::string(kCsstoreA), "db");
-    writeFile("/var/folders/ef/0/" + std::string(kCsstoreB) + ".lock", "");
-    writeFile("/var/folders/ab/other.csstore", "");
+    Paths p = plant({{kSafari, browserInfo(insert("/Library/x.dylib")).toXml()},
+                     {kChrome, browserInfo(insert("/Library/y.dylib")).toXml()},
+                     {kEnvironment, insert("/Library/x.dylib").toXml()},
+                     {"/Library/LaunchDaemons/com.x.plist", launchItem("/opt/.x").toXml()},
+                     {"/var/folders/ab/cd/C/" + std::string(kCsstoreA), "db"},
+                     {"/var/folders/ef/0/" + std::string(kCsstoreB) + ".lock", ""},
+                     {"/var/folders/ab/other.csstore", ""}});
+    const std::string &safari = p[0], &env = p[2], &item = p[3];
     auto detector = make<VkFlashBack>();
     scan(detector);
     // No longer a property list by the time of removal: not edited.
@@ -228,45 +195,35 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
     auto before = logLines().size();
 
     detector.remove();
-    const std::string folders = onDisk("/var/folders");
-    Paths databases = {folders + "/ab/cd/C/" + kCsstoreA, folders + "/ef/0/" + kCsstoreB + ".lock"};
-
-    auto calls = core->calls();
-    ASSERT_EQ(calls.size(), 5u);
-    EXPECT_EQ(calls[0].args, (Paths{"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(calls[1].op, "systemCommand");
-    EXPECT_EQ(calls[1].args, (Paths{"launchctl", "unload", item})) << "one argument, no shell";
-    EXPECT_EQ(calls[2].op, "fixPlistFile");
-    EXPECT_EQ(calls[2].args, (Paths{safari, "LSEnvironment"}));
-    EXPECT_EQ(calls[3].op, "fixPlistFile");
-    EXPECT_EQ(calls[3].args, (Paths{env, "DYLD_INSERT_LIBRARIES"}));
-    EXPECT_EQ(calls[4].op, "startClean");
-    EXPECT_EQ(calls[4].scope, VkCleanScope::filesOnly);
-    EXPECT_EQ(calls[4].args, (Paths{databases[0], databases[1], item, onDisk("/Library/x.dylib"),
-                                    onDisk("/Library/y.dylib"), onDisk("/opt/.x")}));
+    const std::string unset = "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES";
+    EXPECT_EQ(coreCalls(), (Paths{unset, "systemCommand launchctl unload " + item,
+                                  "fixPlistFile " + safari + " LSEnvironment",
+                                  "fixPlistFile " + env + " DYLD_INSERT_LIBRARIES",
+                                  "startClean (files) " + p[4] + " " + p[5] + " " + item + " " +
+                                      onDisk("/Library/x.dylib") + " " +
+                                      onDisk("/Library/y.dylib") + " " + onDisk("/opt/.x")}))
+        << "the unload is one argument, no shell";
     auto lines = logLines();
     EXPECT_EQ(Paths(lines.begin() + static_cast<long>(before), lines.end()),
-              (Paths{"[VkAnti] remove cstore: " + databases[0],
-                     "[VkAnti] remove cstore: " + databases[1]}));
+              (Paths{"[VkAnti] remove cstore: " + p[4], "[VkAnti] remove cstore: " + p[5]}));
 }
 
 TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
-    writeFile("/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/.lib\n");
-    const std::string folders = onDisk("/var/folders");
-    VkFile::createDirectory(folders + "/zz/loop", true);
-    ASSERT_EQ(::symlink("..", (folders + "/zz/loop/up").c_str()), 0);
-    ASSERT_EQ(::symlink(".", (folders + "/zz/self").c_str()), 0);
-    ASSERT_EQ(::symlink("/", (folders + "/zz/machineRoot").c_str()), 0);
-    // A folder outside, reachable only through a link, holds a database: not ours to walk.
+    // Links: loops, the machine's root, a folder outside holding a database (not ours to walk),
+    // and one that carries the name itself (listed like any entry).
     dir.write("outside/" + std::string(kCsstoreA), "");
-    ASSERT_EQ(::symlink((dir.path() + "/outside").c_str(), (folders + "/zz/outside").c_str()), 0);
-    // A link that carries the name itself is listed like any entry.
-    ASSERT_EQ(::symlink("/nowhere", (folders + "/zz/" + kCsstoreB).c_str()), 0);
+    plant({{"/etc/launchd.conf", "setenv DYLD_INSERT_LIBRARIES /Users/x/.lib\n"},
+           {"/var/folders/zz/loop/up", "->.."},
+           {"/var/folders/zz/self", "->."},
+           {"/var/folders/zz/machineRoot", "->/"},
+           {"/var/folders/zz/outside", "->" + dir.path() + "/outside"},
+           {"/var/folders/zz/" + std::string(kCsstoreB), "->/nowhere"},
+           {"/var/folders/deep/", ""},
+           {"/var/folders/locked/inner/", ""}});
+    const std::string folders = onDisk("/var/folders");
     // Deeper than a path can name: walked as far as it can be, then skipped.
-    VkFile::createDirectory(folders + "/deep", true);
     makeChain(folders + "/deep", 2500, 40, kCsstoreA);
     // A folder that cannot be listed (when not running with privileges) is passed over.
-    VkFile::createDirectory(folders + "/locked/inner", true);
     ::chmod((folders + "/locked").c_str(), 0);
 
     auto detector = make<VkFlashBack>();
@@ -291,38 +248,35 @@ TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
 TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTreeButNeverTheHomeNorALink) {
     core->performDeletes(true);
     core->performPlistFixes(true);
-    std::string doc = writeFile("~/Documents/doc.txt", "mine");
-    std::string evil = writePlist("~/Library/LaunchAgents/evil.plist",
-                                  launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})));
     std::string target = dir.write("elsewhere/.hidden", "precious");
-    std::filesystem::create_directory_symlink(dir / "elsewhere", onDisk("~/Library/lnk"));
-    writePlist("/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden"));
-    std::string safari =
-        writePlist(kSafari, browserInfo(insert("/Library/Internet Plug-Ins/x.dylib")), true);
-    std::string env = writePlist(
-        kEnvironment,
-        VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/Users/tester/.l"}, {"PATH", "/bin"}}));
-    std::string library = writeFile("/Library/Internet Plug-Ins/x.dylib", "x");
-    std::string hidden = writeFile("/Users/tester/.l", "x");
-    std::string item = writePlist("~/Library/LaunchAgents/com.x.plist", launchItem("~/.l"));
-    std::string database = writeFile("/var/folders/q/r/C/" + std::string(kCsstoreA), "db");
-    std::string keep = writeFile("/var/folders/q/r/C/com.apple.other.csstore", "db");
-
+    Paths p = plant(
+        {{"~/Documents/doc.txt", "mine"},
+         {"~/Library/LaunchAgents/evil.plist",
+          launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})).toXml()},
+         {"~/Library/lnk", "->" + dir / "elsewhere"},
+         {"/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden").toXml()},
+         {kSafari, bin(browserInfo(insert("/Library/Internet Plug-Ins/x.dylib")))},
+         {kEnvironment,
+          VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/Users/tester/.l"}, {"PATH", "/bin"}})
+              .toXml()},
+         {"/var/folders/q/r/C/com.apple.other.csstore", "db"},
+         // Gone after the removal:
+         {"/Library/Internet Plug-Ins/x.dylib", "x"},
+         {"/Users/tester/.l", "x"},
+         {"~/Library/LaunchAgents/com.x.plist", launchItem("~/.l").toXml()},
+         {"/var/folders/q/r/C/" + std::string(kCsstoreA), "db"}});
     auto detector = make<VkFlashBack>();
     ASSERT_FALSE(scan(detector).empty());
     detector.remove();
 
-    auto safariAfter = VkPlist::contentsOfFile(safari);
-    ASSERT_TRUE(safariAfter);
-    EXPECT_EQ(safariAfter->get("LSEnvironment"), nullptr);
-    EXPECT_NE(safariAfter->get("CFBundleIdentifier"), nullptr);
-    auto envAfter = VkPlist::contentsOfFile(env);
-    ASSERT_TRUE(envAfter);
-    EXPECT_EQ(*envAfter, VkPlist::dictionary({{"PATH", "/bin"}}));
-    for (const auto& gone : {library, hidden, item, database, evil})
-        EXPECT_FALSE(VkFile::existsNoFollow(gone)) << gone;
-    EXPECT_TRUE(VkFile::exists(keep));
-    EXPECT_EQ(*VkFile::readAll(doc), "mine");
+    EXPECT_EQ(VkPlist::contentsOfFile(p[4]),
+              VkPlist::dictionary({{"CFBundleIdentifier", "com.example.browser"}}));
+    EXPECT_EQ(VkPlist::contentsOfFile(p[5]), VkPlist::dictionary({{"PATH", "/bin"}}));
+    for (size_t i = 7; i < p.size(); ++i)
+        EXPECT_FALSE(VkFile::existsNoFollow(p[i])) << p[i];
+    EXPECT_FALSE(VkFile::existsNoFollow(p[1]));
+    EXPECT_TRUE(VkFile::exists(p[6]));
+    EXPECT_EQ(*VkFile::readAll(p[0]), "mine");
     EXPECT_EQ(*VkFile::readAll(target), "precious");
 }
 

@@ -58,7 +58,7 @@ class VkFileMonLogsOperTest : public ::testing::Test {
     std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
 };
 
-TEST_F(VkFileMonLogsOperTest, LoadsTheClientsRecordsAndSubscribesWithoutTellingAnyone) {
+TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) {
     client->archive = archiveOf({"/a", "/b"});
     auto oper = makeOper();
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/a", "/b"}));
@@ -68,6 +68,19 @@ TEST_F(VkFileMonLogsOperTest, LoadsTheClientsRecordsAndSubscribesWithoutTellingA
     auto listener = std::make_shared<CountingListener>();
     oper->addFileMonLogsDelegate(listener);
     EXPECT_EQ(listener->calls, 0);
+
+    // Registers again on reconnect, still as the one receiver; nothing reaches it once gone.
+    EXPECT_EQ(client->registerCalls, 1);
+    ctx->notificationCenter->post("RegisterNetClientDidEnd", client.get());
+    ctx->notificationCenter->post("RegisterNetClientDidEnd");
+    ctx->notificationCenter->post("SomethingElse");
+    EXPECT_EQ(client->registerCalls, 3);
+    EXPECT_EQ(client->delegates.size(), 1u);
+    oper.reset();
+    client->push(archiveOf({"/late"}));
+    ctx->notificationCenter->post("RegisterNetClientDidEnd");
+    EXPECT_EQ(listener->calls, 0);
+    EXPECT_EQ(client->registerCalls, 3);
 
     // An unreachable client, one that answers garbage, or none at all: no records.
     client->archive = std::nullopt;
@@ -109,24 +122,6 @@ TEST_F(VkFileMonLogsOperTest, PushedListsReplaceTheRecordsAndTellEachListenerOnc
     EXPECT_EQ(client->removeCalls, 1);
     EXPECT_EQ(oper->logsFileCount(), 0u);
     EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2, 0, 2, 0}));
-}
-
-TEST_F(VkFileMonLogsOperTest, RegistersAgainOnReconnectAndNothingReachesAnInstanceThatIsGone) {
-    auto oper = makeOper();
-    auto listener = std::make_shared<CountingListener>();
-    oper->addFileMonLogsDelegate(listener);
-    EXPECT_EQ(client->registerCalls, 1);
-    ctx->notificationCenter->post("RegisterNetClientDidEnd", client.get());
-    ctx->notificationCenter->post("RegisterNetClientDidEnd");
-    ctx->notificationCenter->post("SomethingElse");
-    EXPECT_EQ(client->registerCalls, 3);
-    EXPECT_EQ(client->delegates.size(), 1u) << "still the one receiver";
-
-    oper.reset();
-    client->push(archiveOf({"/late"}));
-    ctx->notificationCenter->post("RegisterNetClientDidEnd");
-    EXPECT_EQ(listener->calls, 0);
-    EXPECT_EQ(client->registerCalls, 3);
 }
 
 }  // namespace

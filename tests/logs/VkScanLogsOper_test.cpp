@@ -45,7 +45,9 @@ class VkScanLogsTest : public ::testing::Test {
     std::shared_ptr<VkManualClock> clock;
 };
 
-TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
+// A plain file named Logs gives way to the folder; remove-all writes an empty log.
+TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeysAndRemovedAll) {
+    dir.write("data/Logs", "not a folder");
     ctx->userDefaults->setInteger("LogsKeepDay", 30);
     VkScanLogsOper logs(ctx);
     Listener listener;
@@ -79,6 +81,17 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeys) {
     EXPECT_EQ(operOnDisk(), 2);
     logs.saveFileMonToDisk();
     EXPECT_EQ(operOnDisk(), 1);
+
+    bool isDir = false;
+    ASSERT_TRUE(VkFile::exists(ctx->dataPath("Logs"), &isDir));
+    EXPECT_TRUE(isDir);
+    logs.removeAllLogs();
+    EXPECT_EQ(logs.currentLogs(), nullptr);
+    ASSERT_TRUE(onDisk(logs).asArray());
+    EXPECT_TRUE(onDisk(logs).asArray()->empty());
+    // With no scan ended in this run, a recorded item is dropped but the write happens.
+    logs.addScanLogsItem(result("z.bin", "Z"), 0);
+    EXPECT_TRUE(onDisk(logs).asArray()->empty());
 }
 
 // Old scans go by LogsKeepDay; loading brings both time stamps up to the latest full scan.
@@ -108,24 +121,6 @@ TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
     clock->advance(1);
     logs.saveFileMonToDisk();
     EXPECT_TRUE(logs.scanLogsArray().empty()) << "absent LogsKeepDay keeps nothing older than now";
-}
-
-TEST_F(VkScanLogsTest, RemoveAllWritesAnEmptyLogAndLogsFolderReplacesAPlainFile) {
-    dir.write("data/Logs", "not a folder");
-    ctx->userDefaults->setInteger("LogsKeepDay", 30);
-    VkScanLogsOper logs(ctx);
-    logs.scanEnd(2);
-    bool isDir = false;
-    ASSERT_TRUE(VkFile::exists(ctx->dataPath("Logs"), &isDir));
-    EXPECT_TRUE(isDir);
-    logs.removeAllLogs();
-    EXPECT_EQ(logs.currentLogs(), nullptr);
-    auto file = onDisk(logs);
-    ASSERT_TRUE(file.asArray());
-    EXPECT_TRUE(file.asArray()->empty());
-    // With no scan ended in this run, a recorded item is dropped but the write happens.
-    logs.addScanLogsItem(result("z.bin", "Z"), 0);
-    EXPECT_TRUE(onDisk(logs).asArray()->empty());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,14 +28,6 @@ using Results = VkKillTorjans::ResultList;
 // Records every delegate call with the number of core operations made before it. Read once
 // the runs are joined.
 struct RecordingDelegate : VkKillTorjansDelegate {
-    struct Progress {
-        std::shared_ptr<VkTorjanResultItems> result;
-        float progress;
-        bool isSuccess;
-        size_t coreCallsBefore;
-        bool onMainThread;
-    };
-
     RecordingDelegate(std::shared_ptr<VkRecordingCoreFunction> core,
                       std::shared_ptr<VkMainQueue> queue)
         : core(std::move(core)), queue(std::move(queue)) {}
@@ -42,7 +35,11 @@ struct RecordingDelegate : VkKillTorjansDelegate {
     bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& result, float value,
                              bool isSuccess) override {
         std::lock_guard lock(mutex);
-        progress.push_back({result, value, isSuccess, core->calls().size(), queue->isMainThread()});
+        std::ostringstream line;  // "file progress ok|failed after <core calls> [on main]"
+        line << VkFile::lastPathComponent(result->path().value_or("-")) << " " << value
+             << (isSuccess ? " ok" : " failed") << " after " << core->calls().size()
+             << (queue->isMainThread() ? " on main" : "");
+        progress.push_back(line.str());
         return true;
     }
     void killTorjansEnd() override {
@@ -55,7 +52,7 @@ struct RecordingDelegate : VkKillTorjansDelegate {
     std::shared_ptr<VkRecordingCoreFunction> core;
     std::shared_ptr<VkMainQueue> queue;
     std::mutex mutex;
-    std::vector<Progress> progress;
+    std::vector<std::string> progress;
     int ends = 0;
     bool endOnMainThread = false;
     size_t coreCallsAtEnd = 0;
@@ -194,26 +191,16 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     dir.write("root/Users/tester/.profile", "x");
     dir.write("outside/precious", "x");
     fs::create_directory_symlink(dir / "outside", dir / "root/Library/lnk");
-    const std::vector<std::vector<std::string>> hostile = {
-        {"d", "/Library/Foo", ""},
-        {"d", "/Library/Foo", "/"},
-        {"d", "", "bar.plist"},
-        {"d", "/Library/Foo/../../etc", "passwd"},
-        {"d", "/Library/Foo", "../../etc/passwd"},
-        {"d", "/etc", "."},
-        {"d", "/etc", "./"},
-        {"d", "~", "."},
-        {"d", "~/", "./"},
-        {"d", "/", "etc"},
-        {"d", "/", "."},
-        {"d", "/Users", "tester"},
-        {"d", "~", "Documents"},
-        {"d", "/Library/lnk", "."},
-        {"d", "/Library/lnk", "precious"},
-        {"d", "/Library", "lnk/precious"},
-        {"d", "..", "etc"},
-        {"d", "/Library", "nothing-here"}};
-    auto entries = hostile;
+    // Each hostile "d" entry as folder|name, separated by semicolons.
+    std::istringstream hostile(
+        "/Library/Foo|;/Library/Foo|/;|bar.plist;/Library/Foo/../../etc|passwd;"
+        "/Library/Foo|../../etc/passwd;/etc|.;/etc|./;~|.;~/|./;/|etc;/|.;/Users|tester;"
+        "~|Documents;/Library/lnk|.;/Library/lnk|precious;/Library|lnk/precious;..|etc;"
+        "/Library|nothing-here");
+    std::vector<std::vector<std::string>> entries;
+    for (std::string h; std::getline(hostile, h, ';');)
+        entries.push_back({"d", h.substr(0, h.find('|')), h.substr(h.find('|') + 1)});
+    const size_t hostileCount = entries.size();
     // Dropped when the list is read: no name, nothing at all. Skipped: an unknown code.
     entries.push_back({"d", "/Library/Foo"});
     entries.push_back({});
@@ -232,8 +219,9 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     ASSERT_TRUE(report.completed);
     ASSERT_EQ(report.outcomes.size(), 1u);
     const auto& deletions = report.outcomes[0].deletions;
-    ASSERT_EQ(deletions.size(), hostile.size() + 1);
-    for (size_t i = 0; i < hostile.size(); ++i) {
+    ASSERT_EQ(hostileCount, 18u);
+    ASSERT_EQ(deletions.size(), hostileCount + 1);
+    for (size_t i = 0; i < hostileCount; ++i) {
         EXPECT_FALSE(deletions[i].removed) << deletions[i].path;
         EXPECT_FALSE(deletions[i].reason.empty()) << deletions[i].path;
     }
@@ -248,22 +236,16 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     std::string b = dir.write("root/found/b.bin", "b");
     std::string c = dir.write("root/found/c.bin", "c");
     std::string s = dir.write("root/found/special.plist", "s");
-    auto ra = result(a), rs = result(s, {}, true), rc = result(c);
-    auto rb = result(b, std::vector<std::vector<std::string>>{});
-
     auto killer = newKiller();
-    VkKillReport report = killer->killTorjanItemAndWait({ra, rs, rb, rc}, delegate);
+    VkKillReport report = killer->killTorjanItemAndWait(
+        {result(a), result(s, {}, true), result(b, std::vector<std::vector<std::string>>{}),
+         result(c)},
+        delegate);
 
-    const auto& calls = delegate->progress;
-    ASSERT_EQ(calls.size(), 4u);
-    const std::shared_ptr<VkTorjanResultItems> order[] = {ra, rb, rc, rs};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(calls[i].result, order[i]) << i;
-        EXPECT_EQ(calls[i].progress, 0.25f);
-        EXPECT_TRUE(calls[i].isSuccess);
-        EXPECT_FALSE(calls[i].onMainThread) << "progress arrives on the removal thread";
-        EXPECT_EQ(calls[i].coreCallsBefore, i < 3 ? 0u : 1u) << "special results after the clean";
-    }
+    // On the removal thread; special results after the clean.
+    EXPECT_EQ(delegate->progress,
+              (std::vector<std::string>{"a.bin 0.25 ok after 0", "b.bin 0.25 ok after 0",
+                                        "c.bin 0.25 ok after 0", "special.plist 0.25 ok after 1"}));
 
     ASSERT_EQ(cleanCalls().size(), 1u);
     EXPECT_EQ(cleanCalls()[0].args, (std::vector<std::string>{a, b, c}));
