@@ -26,8 +26,11 @@ class CountingScan : public VkTorjanScan {
         hashCalls.push_back(size);  // 0 for the whole file, else the head's length
         return VkTorjanScan::hashOpenFile(fd, item, size);
     }
-    size_t wholeHashes() const { return std::count(hashCalls.begin(), hashCalls.end(), 0u); }
-    size_t headHashes() const { return hashCalls.size() - wholeHashes(); }
+    // Head and whole-file hashes so far.
+    std::pair<size_t, size_t> hashes() const {
+        size_t whole = std::count(hashCalls.begin(), hashCalls.end(), 0u);
+        return {hashCalls.size() - whole, whole};
+    }
 
     std::vector<uint64_t> hashCalls;
     std::vector<std::string> attributeCalls;
@@ -88,11 +91,9 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
 
     auto result = check(path, {record});
     ASSERT_NE(result, nullptr);
-    EXPECT_EQ(result->path(), path);
-    EXPECT_EQ(result->torjanItem(), record);
-    EXPECT_EQ(result->fileSize(), 300u);
-    EXPECT_EQ(result->displayName(), "OSX/Test.A");
-    EXPECT_FALSE(result->spec());
+    EXPECT_EQ(std::tuple(result->path(), result->torjanItem(), result->fileSize(),
+                         result->displayName(), result->spec()),
+              std::tuple(path, record, 300u, "OSX/Test.A", false));
 
     // Same size, other contents: hashed and rejected.
     EXPECT_EQ(check(dir.write("files/other.bin", bytesOf(300, 2)), {record}), nullptr);
@@ -131,8 +132,7 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     auto exactRecord = recordFor("Exact", exact);
     exactRecord->setHeadeCode(std::nullopt);  // never consulted at this size
     ASSERT_NE(check(dir.write("exact.bin", exact), {exactRecord}), nullptr);
-    EXPECT_EQ(scan->headHashes(), 0u);
-    EXPECT_EQ(scan->wholeHashes(), 1u);
+    EXPECT_EQ(scan->hashes(), std::pair(0ul, 1ul));
 
     std::string contents = bytesOf(kMiB + 1, 4);
     std::string path = dir.write("large.bin", contents);
@@ -145,16 +145,14 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     auto list = VkTorjanRecordList::make(records);
     scan->hashCalls.clear();
     ASSERT_NE(scan->checkTorjan(path, list), nullptr);
-    EXPECT_EQ(scan->headHashes(), 1u);
-    EXPECT_EQ(scan->wholeHashes(), 1u);
+    EXPECT_EQ(scan->hashes(), std::pair(1ul, 1ul));
 
     // A file that shares the head but differs at the end passes the head test only.
     std::string tail = contents;
     tail.back() = static_cast<char>(tail.back() ^ 0x5A);
     dir.write("large.bin", tail);
     EXPECT_EQ(scan->checkTorjan(path, list), nullptr);
-    EXPECT_EQ(scan->headHashes(), 2u);
-    EXPECT_EQ(scan->wholeHashes(), 2u);
+    EXPECT_EQ(scan->hashes(), std::pair(2ul, 2ul));
     dir.write("large.bin", contents);
 
     // Without a head code nothing matches; with a wrong one the whole file is never hashed.
@@ -164,11 +162,10 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     wrongHead->setHeadeCode(md5(bytesOf(kMiB, 5)));
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {noHead}), nullptr);
-    EXPECT_EQ(scan->wholeHashes(), 0u);
+    EXPECT_EQ(scan->hashes().second, 0u);
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {wrongHead}), nullptr);
-    EXPECT_EQ(scan->headHashes(), 1u);
-    EXPECT_EQ(scan->wholeHashes(), 0u);
+    EXPECT_EQ(scan->hashes(), std::pair(1ul, 0ul));
 }
 
 TEST_F(VkTorjanScanTest, HeadHashCoversAFixedMebibyteBufferWhateverTheFlag) {
@@ -204,9 +201,7 @@ TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
     scan->hashCalls.clear();
     EXPECT_EQ(check("/dev/null", {record}), nullptr);
     EXPECT_EQ(check("/dev/does-not-exist/file", {record}), nullptr);
-    EXPECT_TRUE(scan->attributeCalls.empty());
-    EXPECT_TRUE(scan->hashCalls.empty());
-    EXPECT_TRUE(pacing->sleeps.empty());
+    EXPECT_TRUE(scan->attributeCalls.empty() && scan->hashCalls.empty() && pacing->sleeps.empty());
 
     // /dev/shm is an ordinary writable file system on Linux.
     std::string devPath = "/dev/shm/vk-torjan-" + std::to_string(::getpid());
@@ -273,12 +268,10 @@ TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
 
     testing::internal::CaptureStdout();
     VkTorjanRecordList::Items items = VkSqliteManager::loadAllRecords(ctx);
-    std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(printed.find("errorMsg "), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("errorMsg "), std::string::npos);
     ASSERT_EQ(items.size(), 2u);
     EXPECT_EQ(items[0], items[1]);
-    EXPECT_EQ(items[0]->name(), "A");
-    EXPECT_EQ(items[0]->TorjanCode(), md5(a));
+    EXPECT_EQ(std::tuple(items[0]->name(), items[0]->TorjanCode()), std::tuple("A", md5(a)));
 }
 
 }  // namespace
