@@ -43,7 +43,8 @@ struct Runner {
 
 // The records of a keyed archive as the service sends and stores it.
 VkFileMonLogsItem::Items itemsOf(const std::string& bytes) {
-    auto items = VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+    auto items =
+        VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes.begin(), bytes.end()));
     EXPECT_TRUE(items && *items);
     return items && *items ? **items : VkFileMonLogsItem::Items{};
 }

@@ -416,8 +416,8 @@ TEST(VkKeyedUnarchiverMalformedTest, DeepNestingAndExpansionAreBounded) {
         VkPlist objects;
         uint64_t root;
         const char* reason;
-    } cases[] = {{chain, 2, "nested too deeply"}, {doubling, 2, "size limit"},
-                 {wide, 3, "size limit"}};
+    } cases[] = {
+        {chain, 2, "nested too deeply"}, {doubling, 2, "size limit"}, {wide, 3, "size limit"}};
     for (const auto& c : cases) {
         auto decoded = unarchive(archiveOf(c.objects, VkPlist::uid(c.root)));
         ASSERT_FALSE(decoded.ok()) << c.reason;

@@ -50,8 +50,10 @@ bool libcSaysUtf8(const std::string& s) {
 }
 
 TEST(VkBase64Test, EncodesStandardVectorsAndDecodesLenientlyAsStoredDataExpects) {
-    for (auto [plain, text] : {std::pair<Bytes, std::string>{{}, ""}, {bytesOf("f"), "Zg=="},
-                               {bytesOf("fo"), "Zm8="}, {bytesOf("foobar"), "Zm9vYmFy"},
+    for (auto [plain, text] : {std::pair<Bytes, std::string>{{}, ""},
+                               {bytesOf("f"), "Zg=="},
+                               {bytesOf("fo"), "Zm8="},
+                               {bytesOf("foobar"), "Zm9vYmFy"},
                                {{0xFB, 0xFF, 0xBF}, "+/+/"}})
         EXPECT_EQ(VkEncodeBase64(plain), text);
     EXPECT_EQ(VkEncodeBase64(Bytes(300, 0xA5)).size(), 400u) << "no line breaks";
@@ -103,8 +105,9 @@ TEST_F(VkCryptInterTest, MatchesTripleDesCbcAndTheDefaultKeyNeverChanges) {
     std::copy(keyBytes.begin(), keyBytes.end(), key.begin());
     VkCipherIv iv{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     const Bytes plain = bytesOf("0123456789abcdefghijklmnopqrstuvwxyz");
-    const Bytes cipher = fromHex("c97d6b6398f67304f77ec53e29b454ff4ef2ea039ea141f68e901898d061a4e7"
-                                 "e26f7e91ac73141b");
+    const Bytes cipher = fromHex(
+        "c97d6b6398f67304f77ec53e29b454ff4ef2ea039ea141f68e901898d061a4e7"
+        "e26f7e91ac73141b");
     EXPECT_EQ(VkCryptInterWithIv(plain, true, key, iv), cipher);
     EXPECT_EQ(VkCryptInterWithIv(cipher, false, key, iv), plain);
 
@@ -204,11 +207,11 @@ TEST(VkCryptTest, EmptyReservedUndecodableAndUndecipherableTextGiveNil) {
     const std::string cipher = vkEncryptString("OSX/Olyx.A").value_or("");
     ASSERT_EQ(vkDecryptString(cipher), "OSX/Olyx.A");
     // Empty, reserved flag 3, bad length, 3 bytes (not a block), no Base64, cut short.
-    for (auto nil : {vkEncryptString(""), vkDecryptString(""), VkCrypt("", true, "key"),
-                     VkCrypt("trusted file", true, std::nullopt, 3),
-                     VkCrypt(cipher, false, std::nullopt, 3), vkDecryptString("QQ="),
-                     vkDecryptString("QUJD"), vkDecryptString("plain text"),
-                     vkDecryptString(cipher.substr(0, cipher.size() - 4))})
+    for (auto nil :
+         {vkEncryptString(""), vkDecryptString(""), VkCrypt("", true, "key"),
+          VkCrypt("trusted file", true, std::nullopt, 3), VkCrypt(cipher, false, std::nullopt, 3),
+          vkDecryptString("QQ="), vkDecryptString("QUJD"), vkDecryptString("plain text"),
+          vkDecryptString(cipher.substr(0, cipher.size() - 4))})
         EXPECT_EQ(nil, std::nullopt);
 }
 
