@@ -54,8 +54,8 @@ TEST(VkFileSettlerTest, HandsOnFilesInTheOrderTheyCompletedOnceTheSettleTimeHasP
 TEST(VkFileSettlerTest, AFileThatKeepsChangingIsHandedOnOnceItSettles) {
     FakeFiles files;
     VkFileSettler settler(1.0, 10, files.observe());
-    for (auto [name, size, at] : {std::tuple{"/w/big", 100, 0.0}, {"/w/same", 7, 0.0},
-                                  {"/w/small", 5, 0.5}}) {
+    for (auto [name, size, at] :
+         {std::tuple{"/w/big", 100, 0.0}, {"/w/same", 7, 0.0}, {"/w/small", 5, 0.5}}) {
         files.touch(name, size);
         settler.complete(name, at);
     }

@@ -51,12 +51,10 @@ TEST(VkSignatureTest, KnownAnswerAndRoundTrip) {
 
     auto pair = VkSignature::generateKeyPair();
     ASSERT_TRUE(pair.ok());
-    const std::string text = "manifest bytes";
-    auto mine = VkSignature::sign(pair->privatePem, reinterpret_cast<const uint8_t*>(text.data()),
-                                  text.size());
+    const Bytes text = {'m', 'a', 'n', 'i', 'f', 'e', 's', 't'};
+    auto mine = VkSignature::sign(pair->privatePem, text.data(), text.size());
     ASSERT_TRUE(mine.ok());
-    EXPECT_TRUE(VkSignature::verify(pair->publicPem, reinterpret_cast<const uint8_t*>(text.data()),
-                                    text.size(), *mine));
+    EXPECT_TRUE(VkSignature::verify(pair->publicPem, text.data(), text.size(), *mine));
     EXPECT_NE(*VkSignature::fingerprint(pair->publicPem), *VkSignature::fingerprint(kPublicPem));
 }
 
@@ -67,7 +65,7 @@ TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
     Bytes flipped = good, longer = good;
     flipped[10] ^= 1;
     longer.push_back(0);
-    const std::string message = "x";
+    const uint8_t message[] = {'x'};
     struct Case {
         const char* name;
         std::string key;
@@ -88,9 +86,8 @@ TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_FALSE(VkSignature::verify(
-            c.key, c.withMessage ? reinterpret_cast<const uint8_t*>(message.data()) : nullptr,
-            c.withMessage ? message.size() : 0, c.signature));
+        EXPECT_FALSE(VkSignature::verify(c.key, c.withMessage ? message : nullptr,
+                                         c.withMessage ? 1 : 0, c.signature));
     }
     EXPECT_FALSE(VkSignature::fingerprint(kEcPublicPem).ok());
     EXPECT_FALSE(VkSignature::fingerprint("not a key").ok());
