@@ -1,5 +1,6 @@
 #include "platform/VkKeyedArchiver.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -257,13 +258,10 @@ TEST(VkKeyedArchiverTest, PlainValuesComeBackEqualInBinaryAndXmlForm) {
     EXPECT_EQ(plist->get("$top")->get("root")->asUid(), 1u);
     const VkPlist::Array objects = objectsOf(bytes);
     EXPECT_EQ(objects[0], VkPlist("$null"));
-    size_t classes = 0, foos = 0;
-    for (const VkPlist& entry : objects) {
-        classes += entry.get("$classname") ? 1 : 0;
-        foos += entry == VkPlist("Foo") ? 1 : 0;
-    }
-    EXPECT_EQ(classes, 1u);
-    EXPECT_EQ(foos, 1u);
+    EXPECT_EQ(std::count_if(objects.begin(), objects.end(),
+                            [](const VkPlist& entry) { return entry.get("$classname"); }),
+              1);
+    EXPECT_EQ(std::count(objects.begin(), objects.end(), VkPlist("Foo")), 1);
     EXPECT_EQ(objects[*objects[1].get("$class")->asUid()], kArrayClass);
 }
 
