@@ -16,8 +16,8 @@
 
 namespace {
 
-const std::string kPlanted = bytesOf(3000, 1);
-const std::string kBig = bytesOf(kMiB + 4321, 2);
+const std::string kPlanted = vkTestBytes(3000, 1);
+const std::string kBig = vkTestBytes(kMiB + 4321, 2);
 
 class VkArchiveJudgeTest : public ::testing::Test {
   protected:
@@ -138,7 +138,7 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
 TEST_F(VkArchiveJudgeTest, OnlyCandidateSizesAreDecompressedAndNamesAreNeverPaths) {
     std::vector<VkTestMember> members;
     for (int i = 0; i < 20; ++i)
-        members.push_back({"m" + std::to_string(i), bytesOf(5000 + i, 3)});
+        members.push_back({"m" + std::to_string(i), vkTestBytes(5000 + i, 3)});
     std::string path = dir.write("many.zip", vkMakeArchive("zip", "", members));
     VkArchiveReport clean = judge(path, kPlanted);
     EXPECT_EQ(std::tuple(clean.members, clean.membersDecompressed, clean.bytesDecompressed,

@@ -85,7 +85,7 @@ class VkTorjanScanTest : public ::testing::Test {
 };
 
 TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinning) {
-    std::string bad = bytesOf(300, 1);
+    std::string bad = vkTestBytes(300, 1);
     std::string path = dir.write("files/bad.bin", bad);
     auto record = recordFor("OSX/Test.A", bad);
 
@@ -96,7 +96,7 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
               std::tuple(path, record, 300u, "OSX/Test.A", false));
 
     // Same size, other contents: hashed and rejected.
-    EXPECT_EQ(check(dir.write("files/other.bin", bytesOf(300, 2)), {record}), nullptr);
+    EXPECT_EQ(check(dir.write("files/other.bin", vkTestBytes(300, 2)), {record}), nullptr);
     // The same bytes plus one: no record of that size among many, so one attribute read and
     // nothing hashed; nor is an empty file, even against a record of size zero.
     scan->hashCalls.clear();
@@ -114,8 +114,8 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
     EXPECT_TRUE(scan->hashCalls.empty());
 
     auto second = recordFor("Second", bad);
-    auto otherSize = recordFor("OtherSize", bytesOf(301, 1));
-    auto sameSizeOtherCode = recordFor("OtherCode", bytesOf(300, 9));
+    auto otherSize = recordFor("OtherSize", vkTestBytes(301, 1));
+    auto sameSizeOtherCode = recordFor("OtherCode", vkTestBytes(300, 9));
     EXPECT_EQ(check(path, {otherSize, sameSizeOtherCode, record, second})->torjanItem(), record);
     EXPECT_EQ(check(path, {second, otherSize, record})->torjanItem(), second);
 
@@ -128,13 +128,13 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
 // At exactly one mebibyte the whole-file code alone decides; one byte more and the head
 // code must match first. Each type is hashed once per judgment, every judgment afresh.
 TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
-    std::string exact = bytesOf(kMiB, 3);
+    std::string exact = vkTestBytes(kMiB, 3);
     auto exactRecord = recordFor("Exact", exact);
     exactRecord->setHeadeCode(std::nullopt);  // never consulted at this size
     ASSERT_NE(check(dir.write("exact.bin", exact), {exactRecord}), nullptr);
     EXPECT_EQ(scan->hashes(), std::pair(0ul, 1ul));
 
-    std::string contents = bytesOf(kMiB + 1, 4);
+    std::string contents = vkTestBytes(kMiB + 1, 4);
     std::string path = dir.write("large.bin", contents);
     std::vector<std::shared_ptr<VkTorjanItem>> records;
     for (int i = 0; i < 5; ++i) {
@@ -159,7 +159,7 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     auto noHead = recordFor("NoHead", contents);
     noHead->setHeadeCode(std::nullopt);
     auto wrongHead = recordFor("WrongHead", contents);
-    wrongHead->setHeadeCode(md5(bytesOf(kMiB, 5)));
+    wrongHead->setHeadeCode(md5(vkTestBytes(kMiB, 5)));
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {noHead}), nullptr);
     EXPECT_EQ(scan->hashes().second, 0u);
@@ -184,7 +184,7 @@ TEST_F(VkTorjanScanTest, HeadHashCoversAFixedMebibyteBufferWhateverTheFlag) {
 // Links, FIFOs, folders and missing paths are never hashed; paths below /dev are neither
 // paced nor looked at, and a real file there is not reported though it matches.
 TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
-    std::string bad = bytesOf(64, 6);
+    std::string bad = vkTestBytes(64, 6);
     std::string target = dir.write("real/bad.bin", bad);
     std::filesystem::create_symlink(target, dir / "link.bin");
     std::string fifo = dir / "pipe";
@@ -214,7 +214,7 @@ TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
 // The trust list is read afresh for every judgment; entries in plain text or missing a field
 // never match.
 TEST_F(VkTorjanScanTest, TrustOfPathAndContentsTogetherStopsTheSearch) {
-    std::string bad = bytesOf(90, 13);
+    std::string bad = vkTestBytes(90, 13);
     std::string path = dir.write("bad.bin", bad);
     auto record = recordFor("Trusted", bad);
     ctx->userDefaults->setObject(
@@ -259,7 +259,7 @@ TEST_F(VkTorjanScanTest, PacingSleepsOneToFifteenHundredMicrosecondsBeforeEachFi
 TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
     // A file that is no database after a good one leaves the good one's records in the store,
     // so they are listed twice; they must still come out readable.
-    std::string a = bytesOf(35, 18);
+    std::string a = vkTestBytes(35, 18);
     writeDatabase("a.sql", a, "A");
     dir.write("data/b.sql", std::string(4096, 'g'));  // not SQLite
     std::vector<std::string> order = VkSqliteManager(ctx).dataBasePaths();

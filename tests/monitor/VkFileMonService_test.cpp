@@ -138,7 +138,7 @@ class VkFileMonServiceTest : public ::testing::Test {
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::string watchFolder = dir.mkdir("watch");
-    std::string evil = vkmon::contentsOf(777, 1);
+    std::string evil = vkTestBytes(777, 1);
     VkFileMonServiceOptions options;
     std::mutex mutex;
     Paths judged;
@@ -161,7 +161,7 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     std::string bad = watchFolder + "/installer.dmg";
     std::string clean = watchFolder + "/photo.jpg";
     std::string zip = watchFolder + "/download.zip";
-    vkmon::dropFile(clean, vkmon::contentsOf(777, 2));  // same size, other contents
+    vkmon::dropFile(clean, vkTestBytes(777, 2));  // same size, other contents
     vkmon::dropFile(trusted, evil);
     vkmon::dropFile(bad, evil);
     vkmon::dropFile(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));

@@ -84,7 +84,7 @@ class VkServiceNetClientTest : public ::testing::Test {
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::string watchFolder = dir.mkdir("Downloads");
-    std::string evil = vkmon::contentsOf(4099, 7);
+    std::string evil = vkTestBytes(4099, 7);
     std::shared_ptr<VkServiceNetClient> client;
     std::atomic<int> reconnections{0};
 };
@@ -100,7 +100,7 @@ TEST_F(VkServiceNetClientTest, DetectionsReachListenersSurviveARestartAndClearin
     EXPECT_TRUE(client->isRunning());
     ASSERT_TRUE(waitUntil([&] { return reconnections.load() == 1 && client->isSubscribed(); }));
 
-    vkmon::dropFile(watchFolder + "/clean.bin", vkmon::contentsOf(4099, 8));  // same size
+    vkmon::dropFile(watchFolder + "/clean.bin", vkTestBytes(4099, 8));  // same size
     std::string bad = watchFolder + "/payload.pkg";
     vkmon::dropFile(bad, evil);
     ASSERT_TRUE(waitUntil([&] {

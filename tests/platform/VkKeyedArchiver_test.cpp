@@ -9,19 +9,14 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+#include "fakes/VkTestBytes.h"
 
-std::vector<uint8_t> fromHex(const char* hex) {
-    std::vector<uint8_t> out;
-    for (const char* p = hex; p[0] && p[1]; p += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(std::string(p, 2), nullptr, 16)));
-    return out;
-}
+namespace {
 
 // Written byte by byte as the platform's archiver lays out a kill list: an NSArray of two
 // NSArrays of strings, [["d", "/Library/Foo", "bar.plist"], ["k", "Foo"]]: "$null" first, one
 // class description shared by the three arrays, keys and UIDs stored once, 1-byte offsets.
-const std::vector<uint8_t> kPlatformKillList = fromHex(
+const std::vector<uint8_t> kPlatformKillList = vkFromHex(
     "62706c6973743030d40102030405060708582476657273696f6e592461726368697665725424746f7058246f"
     "626a6563747312000186a05f100f4e534b657965644172636869766572d1090aaa0b0c0d0e0f101112131454"
     "726f6f74800155246e756c6cd215161718d21516191851645c2f4c6962726172792f466f6f596261722e706c"
@@ -34,7 +29,7 @@ const std::vector<uint8_t> kPlatformKillList = fromHex(
 // VkFileMonLogsItem records. The first names its process path through an NSMutableString
 // object, the second has none (UID 0); both share the string "Safari"; four NSDate objects
 // share one class description; 15 or more objects (long count form); 2-byte offsets.
-const std::vector<uint8_t> kPlatformFileMonList = fromHex(
+const std::vector<uint8_t> kPlatformFileMonList = vkFromHex(
     "62706c6973743030d40102030405060708582476657273696f6e592461726368697665725424746f7058246f"
     "626a6563747312000186a05f100f4e534b657965644172636869766572d1090aaf10120b0c0d0e0f10111213"
     "1415161718191a1b1c54726f6f74800155246e756c6cd21d1e292ad71e1f20212223242b2c2d2e2f30315f10"

@@ -10,19 +10,14 @@
 
 #include <iconv.h>
 
+#include "fakes/VkTestBytes.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes bytesOf(const std::string& s) {
     return Bytes(s.begin(), s.end());
-}
-
-Bytes fromHex(const std::string& hex) {
-    Bytes out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return out;
 }
 
 // Base64 text of raw plain bytes enciphered under the default key, to feed the decipher path
@@ -95,17 +90,17 @@ class VkCryptInterTest : public ::testing::Test {
     const VkCipherKey defaultKey_ = vkDefaultCipherKey();
     // Stored signature databases and trust lists are enciphered under the default key: if
     // this changes, every user's stored data has become unreadable.
-    const Bytes expected_ = fromHex("73f9e2b3ade03c511e711729b9f27f968b86fed46a0930f0");
+    const Bytes expected_ = vkFromHex("73f9e2b3ade03c511e711729b9f27f968b86fed46a0930f0");
 };
 
 TEST_F(VkCryptInterTest, MatchesTripleDesCbcAndTheDefaultKeyNeverChanges) {
     // Reference cipher text made with the openssl command-line tool.
     VkCipherKey key{};
-    auto keyBytes = fromHex("00112233445566778899aabbccddeeff0123456789abcdef");
+    auto keyBytes = vkFromHex("00112233445566778899aabbccddeeff0123456789abcdef");
     std::copy(keyBytes.begin(), keyBytes.end(), key.begin());
     VkCipherIv iv{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     const Bytes plain = bytesOf("0123456789abcdefghijklmnopqrstuvwxyz");
-    const Bytes cipher = fromHex(
+    const Bytes cipher = vkFromHex(
         "c97d6b6398f67304f77ec53e29b454ff4ef2ea039ea141f68e901898d061a4e7"
         "e26f7e91ac73141b");
     EXPECT_EQ(VkCryptInterWithIv(plain, true, key, iv), cipher);
@@ -224,7 +219,7 @@ TEST(VkCryptTest, AcceptsExactlyThePlainTextsTheCLibraryCallsUtf8) {
     std::vector<Bytes> plains;
     for (const char* hex : {"ff", "61c328", "c080", "e080af", "eda080", "f4908080", "e282", "8061",
                             "636166e9", "f09f908d", "efbfbd"})
-        plains.push_back(fromHex(hex));
+        plains.push_back(vkFromHex(hex));
     const Bytes pool = {'a',  '~',  ' ',  'Z',  '0',  '/',  0x7F, 0x80, 0x8F, 0x90,
                         0x9F, 0xA0, 0xBF, 0xC0, 0xC1, 0xC2, 0xDF, 0xE0, 0xE1, 0xED,
                         0xEE, 0xEF, 0xF0, 0xF1, 0xF4, 0xF5, 0xF8, 0xFF};

@@ -5,21 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/VkTestBytes.h"
 #include "support/VkCrypt.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes fromHex(const std::string& hex) {
-    Bytes out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 std::string pem(const char* label, const std::string& derHex) {
-    return std::string("-----BEGIN ") + label + "-----\n" + VkEncodeBase64(fromHex(derHex)) +
+    return std::string("-----BEGIN ") + label + "-----\n" + VkEncodeBase64(vkFromHex(derHex)) +
            "\n-----END " + label + "-----\n";
 }
 
@@ -43,8 +37,8 @@ const std::string kEcPublicPem =
 TEST(VkSignatureTest, KnownAnswerAndRoundTrip) {
     auto signature = VkSignature::sign(kPrivatePem, nullptr, 0);
     ASSERT_TRUE(signature.ok()) << signature.error();
-    EXPECT_EQ(*signature, fromHex(kSignatureHex));
-    EXPECT_TRUE(VkSignature::verify(kPublicPem, nullptr, 0, fromHex(kSignatureHex)));
+    EXPECT_EQ(*signature, vkFromHex(kSignatureHex));
+    EXPECT_TRUE(VkSignature::verify(kPublicPem, nullptr, 0, vkFromHex(kSignatureHex)));
     auto derived = VkSignature::publicKeyOf(kPrivatePem);
     ASSERT_TRUE(derived.ok());
     EXPECT_EQ(*derived, kPublicPem);
@@ -61,7 +55,7 @@ TEST(VkSignatureTest, KnownAnswerAndRoundTrip) {
 // Whatever arrives from the server or a key folder: each answers "does not verify", never
 // aborts and never accepts.
 TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
-    const Bytes good = fromHex(kSignatureHex);
+    const Bytes good = vkFromHex(kSignatureHex);
     Bytes flipped = good, longer = good;
     flipped[10] ^= 1;
     longer.push_back(0);
