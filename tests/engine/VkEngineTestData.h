@@ -5,6 +5,7 @@
 #include <string>
 
 #include "engine/VkTorjanItem.h"
+#include "fakes/VkTestBytes.h"
 #include "platform/VkHashValue.h"
 
 // Synthetic files and the plain-text records that match them, shared by the engine's tests.
@@ -12,14 +13,6 @@ inline constexpr uint64_t kMiB = 1048576;
 
 inline std::string md5(const std::string& bytes) {
     return *VkHashValue::hashWithData(bytes.data(), static_cast<uint32_t>(bytes.size()), 0);
-}
-
-// Deterministic bytes standing for a trojan; seed gives other contents of one length.
-inline std::string bytesOf(size_t length, unsigned seed) {
-    std::string s(length, '\0');
-    for (size_t i = 0; i < length; ++i)
-        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 9)) & 0xFF);
-    return s;
 }
 
 // A record as a loaded and deciphered one is; over 1 MiB its head code is that of the first
@@ -31,6 +24,6 @@ inline std::shared_ptr<VkTorjanItem> recordFor(const std::string& name, const st
     item->setFileSize(contents.size());
     item->setTorjanCode(md5(contents));
     if (contents.size() > kMiB)
-        item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : bytesOf(kMiB, 9)));
+        item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : vkTestBytes(kMiB, 9)));
     return item;
 }

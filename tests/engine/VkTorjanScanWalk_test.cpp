@@ -32,6 +32,11 @@ namespace fs = std::filesystem;
 
 const char kPayload[] = "synthetic-scan-test-payload-0123456789";
 
+void waitFor(const std::atomic<bool>& flag) {
+    while (!flag)
+        std::this_thread::yield();
+}
+
 // Holds the scan in its first report of an item until released.
 class BlockingDelegate : public VkRecordingScanDelegate {
   public:
@@ -40,8 +45,7 @@ class BlockingDelegate : public VkRecordingScanDelegate {
     bool scanTorjanProcess(float p, const std::optional<std::string>& item) override {
         if (item) {
             inside = true;
-            while (!release)
-                std::this_thread::yield();
+            waitFor(release);
         }
         return VkRecordingScanDelegate::scanTorjanProcess(p, item);
     }
@@ -74,8 +78,7 @@ class HashSpyScan : public VkTorjanScan {
         }
         if (hold) {
             holding = true;
-            while (!release)
-                std::this_thread::yield();
+            waitFor(release);
         }
         if (jitter)
             std::this_thread::sleep_for(
@@ -102,6 +105,14 @@ class VkScanWalkTest : public ::testing::Test {
         root = ctx->systemRoot;
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
+    // Scans the paths with a fresh recorder and waits for the end.
+    template <class Scan>
+    std::shared_ptr<VkRecordingScanDelegate> run(Scan& s, std::vector<std::string> paths) {
+        auto d = std::make_shared<VkRecordingScanDelegate>();
+        s.startScan(std::move(paths), d);
+        EXPECT_TRUE(d->waitForEnd());
+        return d;
+    }
     template <class Scan = VkTorjanScan>
     std::unique_ptr<Scan> scanner() {
         auto s = std::make_unique<Scan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
@@ -125,27 +136,20 @@ TEST_F(VkScanWalkTest, FullScanSkipsExcludedRootsAndVolumesButCustomScanEntersTh
     auto s = scanner();
     std::set<std::string> roots(s->defaultScanPaths().begin(), s->defaultScanPaths().end());
     EXPECT_TRUE(roots.count(root + "/Applications"));
-    for (const char* excluded : {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"}) {
+    for (const char* excluded : {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"})
         EXPECT_FALSE(roots.count(root + excluded)) << excluded;
-    }
     auto full = std::make_shared<VkRecordingScanDelegate>();
     s->startScan(full);
     ASSERT_TRUE(full->waitForEnd());
     EXPECT_EQ(full->resultPaths(), std::vector<std::string>{app});
-    for (const auto& p : full->progress()) {
-        if (p.item) {
-            EXPECT_EQ(p.item->find(root + "/Volumes"), std::string::npos) << *p.item;
-        }
-    }
+    for (const auto& p : full->progress())
+        EXPECT_EQ(p.item.value_or("").find(root + "/Volumes"), std::string::npos) << *p.item;
     EXPECT_EQ(full->progress().back().progress, 1.0f);
 
     // A custom scan enters what the full scan leaves out, judges a single file directly and
     // passes over a missing path.
     std::string file = plant("Users/tester/Downloads/one.bin");
-    auto custom = std::make_shared<VkRecordingScanDelegate>();
-    s->startScan(std::vector<std::string>{root + "/Volumes/Disk", file, root + "/does/not/exist"},
-                 custom);
-    ASSERT_TRUE(custom->waitForEnd());
+    auto custom = run(*s, {root + "/Volumes/Disk", file, root + "/does/not/exist"});
     EXPECT_EQ(custom->resultPaths(), (std::vector<std::string>{root + "/Volumes/Disk/x", file}));
     EXPECT_EQ(custom->results()[0]->torjanItem()->name(), "Test.Walk");
     EXPECT_EQ(s->filesJudged(), 2u);
@@ -153,8 +157,7 @@ TEST_F(VkScanWalkTest, FullScanSkipsExcludedRootsAndVolumesButCustomScanEntersTh
     ASSERT_EQ(progress.size(), 3u);
     EXPECT_EQ(progress[1].item, file);
     EXPECT_LT(progress[1].progress, 1.0f);
-    EXPECT_EQ(progress[2].progress, 1.0f);
-    EXPECT_FALSE(progress[2].item.has_value());
+    EXPECT_TRUE(progress[2].progress == 1.0f && !progress[2].item);
 }
 
 TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealFilesOnly) {
@@ -172,11 +175,10 @@ TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealF
         ctx->pacing = pacing;
         auto s = scanner();
         s->setPaceScans(paced);
-        auto d = std::make_shared<VkRecordingScanDelegate>();
-        s->startScan(std::vector<std::string>{root + "/kinds"}, d);
-        ASSERT_TRUE(d->waitForEnd()) << paced;
-        EXPECT_EQ(d->resultPaths(), std::vector<std::string>{hit}) << paced;
-        EXPECT_EQ(s->filesJudged(), 4u) << paced;
+        SCOPED_TRACE(paced);
+        auto d = run(*s, {root + "/kinds"});
+        EXPECT_EQ(d->resultPaths(), std::vector<std::string>{hit});
+        EXPECT_EQ(s->filesJudged(), 4u);
         EXPECT_EQ(pacing->sleeps.size(), paced ? 4u : 0u);
         EXPECT_EQ(d->progress().size(), 8u) << "7 entries + the end";
     }
@@ -190,8 +192,7 @@ TEST_F(VkScanWalkTest, StopAndRestartAlwaysEndWithTheFinalReport) {
     auto s = scanner();
     EXPECT_TRUE(s->isStopScan());
     auto holdUntilStopAsked = [&](BlockingDelegate& held, const std::function<void()>& ask) {
-        while (!held.inside)
-            std::this_thread::yield();
+        waitFor(held.inside);
         std::thread asking(ask);
         while (!s->isSearchStop())
             std::this_thread::yield();
@@ -204,7 +205,7 @@ TEST_F(VkScanWalkTest, StopAndRestartAlwaysEndWithTheFinalReport) {
     EXPECT_TRUE(s->isStopScan());
     EXPECT_EQ(first->endCount(), 1u);
     ASSERT_EQ(first->progress().size(), 2u) << "the held file, then the end";
-    EXPECT_FALSE(first->progress().back().item.has_value());
+    EXPECT_FALSE(first->progress().back().item);
 
     // A second start while a walk runs stops the first walk and starts afresh; the old
     // walk's last reports already reach the new delegate.
@@ -242,6 +243,7 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
     // The last run's records come only once the walk has looked at every file: all of it
     // is held meanwhile, then judged in the same order.
     for (auto [jobs, slowLoad] : {std::pair{1u, false}, {4u, false}, {2u, true}}) {
+        SCOPED_TRACE(jobs);
         auto s = scanner<HashSpyScan>();
         s->jitter = true;
         s->setJobs(jobs);
@@ -255,11 +257,9 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
                 return VkSqliteManager::loadAllRecords(ctx);
             });
         }
-        auto d = std::make_shared<VkRecordingScanDelegate>();
-        s->startScan(std::vector<std::string>{root + "/tree"}, d);
-        ASSERT_TRUE(d->waitForEnd()) << jobs;
+        auto d = run(*s, {root + "/tree"});
         EXPECT_EQ(walkedFirst.load(), slowLoad) << "the walk did not start before the load";
-        EXPECT_EQ(d->resultPaths(), hits) << jobs;
+        EXPECT_EQ(d->resultPaths(), hits);
         std::vector<std::string> items;
         float last = 0;
         for (const auto& p : d->progress()) {
@@ -272,12 +272,11 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
                 last = p.progress;
             }
         }
-        EXPECT_EQ(items, walkOrder) << jobs;
+        EXPECT_EQ(items, walkOrder);
         EXPECT_EQ(d->endCount(), 1u);
-        EXPECT_EQ(d->progress().back().progress, 1.0f);
-        EXPECT_FALSE(d->progress().back().item.has_value());
+        EXPECT_TRUE(d->progress().back().progress == 1.0f && !d->progress().back().item);
         // Only files of a record's size are read, each once: 24 planted, 48 of the same size.
-        EXPECT_EQ(s->hashed().size(), 72u) << jobs;
+        EXPECT_EQ(s->hashed().size(), 72u);
     }
 }
 
@@ -287,25 +286,25 @@ TEST_F(VkScanWalkTest, StopWhileListingAndJudgingEndsWithOneFinalReport) {
     for (int i = 0; i < 200; ++i)
         plant("many/f" + std::to_string(i));
     for (unsigned jobs : {1u, 4u}) {
+        SCOPED_TRACE(jobs);
         auto s = scanner<HashSpyScan>();
         s->hold = true;
         s->setJobs(jobs);
         auto d = std::make_shared<VkRecordingScanDelegate>();
         s->startScan(std::vector<std::string>{root + "/many"}, d);
-        while (!s->holding)
-            std::this_thread::yield();
+        waitFor(s->holding);
         std::thread stopping([&] { s->stopCurrentScan(); });
         while (!s->isSearchStop())
             std::this_thread::yield();
         s->release = true;
         stopping.join();
         EXPECT_TRUE(s->isStopScan());
-        EXPECT_EQ(d->endCount(), 1u) << jobs;
+        EXPECT_EQ(d->endCount(), 1u);
         auto progress = d->progress();
         ASSERT_FALSE(progress.empty());
-        EXPECT_FALSE(progress.back().item.has_value());
+        EXPECT_FALSE(progress.back().item);
         EXPECT_LE(progress.size(), 2u) << "the held file came first in the walk";
-        EXPECT_LT(s->hashed().size(), 200u) << jobs;
+        EXPECT_LT(s->hashed().size(), 200u);
     }
 }
 
@@ -322,9 +321,7 @@ TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
     auto scanOnce = [&](std::set<std::string>& hashed) {
         auto s = scanner<HashSpyScan>();
         s->setHashCache(std::make_shared<VkHashCache>(cachePath, 100, std::chrono::seconds(0)));
-        auto d = std::make_shared<VkRecordingScanDelegate>();
-        s->startScan(std::vector<std::string>{root + "/c"}, d);
-        EXPECT_TRUE(d->waitForEnd());
+        auto d = run(*s, {root + "/c"});
         auto all = s->hashed();
         hashed = std::set<std::string>(all.begin(), all.end());
         auto found = d->resultPaths();
@@ -398,8 +395,7 @@ TEST_F(VkScanWalkTest, QuickScanReportsLaunchAgentsThroughLinksOnlyInsideTheRoot
         auto s = scanner();
         auto d = std::make_shared<BlockingDelegate>();
         s->startQuickScan(d);
-        while (!d->inside)
-            std::this_thread::yield();
+        waitFor(d->inside);
         EXPECT_TRUE(s->isStopScan()) << "a quick scan is not a walk";
         d->release = true;
         ASSERT_TRUE(d->waitForEnd());
@@ -409,11 +405,9 @@ TEST_F(VkScanWalkTest, QuickScanReportsLaunchAgentsThroughLinksOnlyInsideTheRoot
         if (!inside)
             continue;
         auto r = d->results()[0];
-        EXPECT_EQ(r->path(), plist);
-        EXPECT_TRUE(r->spec());
-        EXPECT_EQ(r->torjanName(), "OSX/DevilRobber.A");
-        EXPECT_EQ(r->torjanItem(), nullptr);
-        EXPECT_EQ(r->hashCode(), VkHashValue::hashWholeFile(target, 0));
+        EXPECT_TRUE(r->spec() && !r->torjanItem());
+        EXPECT_EQ(std::tuple(r->path(), r->torjanName(), r->hashCode()),
+                  std::tuple(plist, "OSX/DevilRobber.A", VkHashValue::hashWholeFile(target, 0)));
     }
 }
 
@@ -429,8 +423,8 @@ TEST_F(VkScanWalkTest, SingleFileCheckAnswersOnceWithTheSender) {
     EXPECT_EQ(answers[0].first, nullptr);
     EXPECT_EQ(std::any_cast<std::string>(answers[0].second), "row-7");
     ASSERT_NE(answers[1].first, nullptr);
-    EXPECT_EQ(answers[1].first->path(), bad);
-    EXPECT_EQ(std::any_cast<int>(answers[1].second), 42);
+    EXPECT_EQ(std::pair(answers[1].first->path(), std::any_cast<int>(answers[1].second)),
+              std::pair(std::optional(bad), 42));
     EXPECT_TRUE(d->progress().empty());
 }
 

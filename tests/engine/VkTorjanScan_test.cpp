@@ -26,8 +26,11 @@ class CountingScan : public VkTorjanScan {
         hashCalls.push_back(size);  // 0 for the whole file, else the head's length
         return VkTorjanScan::hashOpenFile(fd, item, size);
     }
-    size_t wholeHashes() const { return std::count(hashCalls.begin(), hashCalls.end(), 0u); }
-    size_t headHashes() const { return hashCalls.size() - wholeHashes(); }
+    // Head and whole-file hashes so far.
+    std::pair<size_t, size_t> hashes() const {
+        size_t whole = std::count(hashCalls.begin(), hashCalls.end(), 0u);
+        return {hashCalls.size() - whole, whole};
+    }
 
     std::vector<uint64_t> hashCalls;
     std::vector<std::string> attributeCalls;
@@ -82,20 +85,18 @@ class VkTorjanScanTest : public ::testing::Test {
 };
 
 TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinning) {
-    std::string bad = bytesOf(300, 1);
+    std::string bad = vkTestBytes(300, 1);
     std::string path = dir.write("files/bad.bin", bad);
     auto record = recordFor("OSX/Test.A", bad);
 
     auto result = check(path, {record});
     ASSERT_NE(result, nullptr);
-    EXPECT_EQ(result->path(), path);
-    EXPECT_EQ(result->torjanItem(), record);
-    EXPECT_EQ(result->fileSize(), 300u);
-    EXPECT_EQ(result->displayName(), "OSX/Test.A");
-    EXPECT_FALSE(result->spec());
+    EXPECT_EQ(std::tuple(result->path(), result->torjanItem(), result->fileSize(),
+                         result->displayName(), result->spec()),
+              std::tuple(path, record, 300u, "OSX/Test.A", false));
 
     // Same size, other contents: hashed and rejected.
-    EXPECT_EQ(check(dir.write("files/other.bin", bytesOf(300, 2)), {record}), nullptr);
+    EXPECT_EQ(check(dir.write("files/other.bin", vkTestBytes(300, 2)), {record}), nullptr);
     // The same bytes plus one: no record of that size among many, so one attribute read and
     // nothing hashed; nor is an empty file, even against a record of size zero.
     scan->hashCalls.clear();
@@ -113,8 +114,8 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
     EXPECT_TRUE(scan->hashCalls.empty());
 
     auto second = recordFor("Second", bad);
-    auto otherSize = recordFor("OtherSize", bytesOf(301, 1));
-    auto sameSizeOtherCode = recordFor("OtherCode", bytesOf(300, 9));
+    auto otherSize = recordFor("OtherSize", vkTestBytes(301, 1));
+    auto sameSizeOtherCode = recordFor("OtherCode", vkTestBytes(300, 9));
     EXPECT_EQ(check(path, {otherSize, sameSizeOtherCode, record, second})->torjanItem(), record);
     EXPECT_EQ(check(path, {second, otherSize, record})->torjanItem(), second);
 
@@ -127,14 +128,13 @@ TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinni
 // At exactly one mebibyte the whole-file code alone decides; one byte more and the head
 // code must match first. Each type is hashed once per judgment, every judgment afresh.
 TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
-    std::string exact = bytesOf(kMiB, 3);
+    std::string exact = vkTestBytes(kMiB, 3);
     auto exactRecord = recordFor("Exact", exact);
     exactRecord->setHeadeCode(std::nullopt);  // never consulted at this size
     ASSERT_NE(check(dir.write("exact.bin", exact), {exactRecord}), nullptr);
-    EXPECT_EQ(scan->headHashes(), 0u);
-    EXPECT_EQ(scan->wholeHashes(), 1u);
+    EXPECT_EQ(scan->hashes(), std::pair(0ul, 1ul));
 
-    std::string contents = bytesOf(kMiB + 1, 4);
+    std::string contents = vkTestBytes(kMiB + 1, 4);
     std::string path = dir.write("large.bin", contents);
     std::vector<std::shared_ptr<VkTorjanItem>> records;
     for (int i = 0; i < 5; ++i) {
@@ -145,30 +145,27 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     auto list = VkTorjanRecordList::make(records);
     scan->hashCalls.clear();
     ASSERT_NE(scan->checkTorjan(path, list), nullptr);
-    EXPECT_EQ(scan->headHashes(), 1u);
-    EXPECT_EQ(scan->wholeHashes(), 1u);
+    EXPECT_EQ(scan->hashes(), std::pair(1ul, 1ul));
 
     // A file that shares the head but differs at the end passes the head test only.
     std::string tail = contents;
     tail.back() = static_cast<char>(tail.back() ^ 0x5A);
     dir.write("large.bin", tail);
     EXPECT_EQ(scan->checkTorjan(path, list), nullptr);
-    EXPECT_EQ(scan->headHashes(), 2u);
-    EXPECT_EQ(scan->wholeHashes(), 2u);
+    EXPECT_EQ(scan->hashes(), std::pair(2ul, 2ul));
     dir.write("large.bin", contents);
 
     // Without a head code nothing matches; with a wrong one the whole file is never hashed.
     auto noHead = recordFor("NoHead", contents);
     noHead->setHeadeCode(std::nullopt);
     auto wrongHead = recordFor("WrongHead", contents);
-    wrongHead->setHeadeCode(md5(bytesOf(kMiB, 5)));
+    wrongHead->setHeadeCode(md5(vkTestBytes(kMiB, 5)));
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {noHead}), nullptr);
-    EXPECT_EQ(scan->wholeHashes(), 0u);
+    EXPECT_EQ(scan->hashes().second, 0u);
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {wrongHead}), nullptr);
-    EXPECT_EQ(scan->headHashes(), 1u);
-    EXPECT_EQ(scan->wholeHashes(), 0u);
+    EXPECT_EQ(scan->hashes(), std::pair(1ul, 0ul));
 }
 
 TEST_F(VkTorjanScanTest, HeadHashCoversAFixedMebibyteBufferWhateverTheFlag) {
@@ -187,7 +184,7 @@ TEST_F(VkTorjanScanTest, HeadHashCoversAFixedMebibyteBufferWhateverTheFlag) {
 // Links, FIFOs, folders and missing paths are never hashed; paths below /dev are neither
 // paced nor looked at, and a real file there is not reported though it matches.
 TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
-    std::string bad = bytesOf(64, 6);
+    std::string bad = vkTestBytes(64, 6);
     std::string target = dir.write("real/bad.bin", bad);
     std::filesystem::create_symlink(target, dir / "link.bin");
     std::string fifo = dir / "pipe";
@@ -204,9 +201,7 @@ TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
     scan->hashCalls.clear();
     EXPECT_EQ(check("/dev/null", {record}), nullptr);
     EXPECT_EQ(check("/dev/does-not-exist/file", {record}), nullptr);
-    EXPECT_TRUE(scan->attributeCalls.empty());
-    EXPECT_TRUE(scan->hashCalls.empty());
-    EXPECT_TRUE(pacing->sleeps.empty());
+    EXPECT_TRUE(scan->attributeCalls.empty() && scan->hashCalls.empty() && pacing->sleeps.empty());
 
     // /dev/shm is an ordinary writable file system on Linux.
     std::string devPath = "/dev/shm/vk-torjan-" + std::to_string(::getpid());
@@ -219,7 +214,7 @@ TEST_F(VkTorjanScanTest, OnlyRegularFilesOutsideDevAreJudged) {
 // The trust list is read afresh for every judgment; entries in plain text or missing a field
 // never match.
 TEST_F(VkTorjanScanTest, TrustOfPathAndContentsTogetherStopsTheSearch) {
-    std::string bad = bytesOf(90, 13);
+    std::string bad = vkTestBytes(90, 13);
     std::string path = dir.write("bad.bin", bad);
     auto record = recordFor("Trusted", bad);
     ctx->userDefaults->setObject(
@@ -264,7 +259,7 @@ TEST_F(VkTorjanScanTest, PacingSleepsOneToFifteenHundredMicrosecondsBeforeEachFi
 TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
     // A file that is no database after a good one leaves the good one's records in the store,
     // so they are listed twice; they must still come out readable.
-    std::string a = bytesOf(35, 18);
+    std::string a = vkTestBytes(35, 18);
     writeDatabase("a.sql", a, "A");
     dir.write("data/b.sql", std::string(4096, 'g'));  // not SQLite
     std::vector<std::string> order = VkSqliteManager(ctx).dataBasePaths();
@@ -273,12 +268,10 @@ TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
 
     testing::internal::CaptureStdout();
     VkTorjanRecordList::Items items = VkSqliteManager::loadAllRecords(ctx);
-    std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(printed.find("errorMsg "), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("errorMsg "), std::string::npos);
     ASSERT_EQ(items.size(), 2u);
     EXPECT_EQ(items[0], items[1]);
-    EXPECT_EQ(items[0]->name(), "A");
-    EXPECT_EQ(items[0]->TorjanCode(), md5(a));
+    EXPECT_EQ(std::tuple(items[0]->name(), items[0]->TorjanCode()), std::tuple("A", md5(a)));
 }
 
 }  // namespace

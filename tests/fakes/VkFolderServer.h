@@ -13,8 +13,9 @@
 
 #include "platform/VkFileUtil.h"
 
-// A static HTTP server on loopback serving a folder, recording every path asked for; a path
-// can be made to answer with an error status, or by a handler of the test, instead.
+// A static HTTP server on loopback serving a folder, recording every path asked for and the
+// User-Agent that asked; a path can be made to answer with an error status, or by a handler
+// of the test, instead.
 class VkFolderServer {
   public:
     explicit VkFolderServer(const std::string& root) {
@@ -24,6 +25,7 @@ class VkFolderServer {
             [this](const httplib::Request& req, httplib::Response& res) {
                 std::lock_guard lock(mutex_);
                 requests_.push_back(req.path);
+                userAgents_.push_back(req.get_header_value("User-Agent"));
                 if (auto it = handlers_.find(req.path); it != handlers_.end()) {
                     it->second(res);
                     return httplib::Server::HandlerResponse::Handled;
@@ -60,6 +62,10 @@ class VkFolderServer {
         std::lock_guard lock(mutex_);
         return requests_;
     }
+    std::vector<std::string> userAgents() {
+        std::lock_guard lock(mutex_);
+        return userAgents_;
+    }
 
   private:
     httplib::Server server_;
@@ -67,6 +73,7 @@ class VkFolderServer {
     int port_ = 0;
     std::mutex mutex_;
     std::vector<std::string> requests_;
+    std::vector<std::string> userAgents_;
     std::map<std::string, std::function<void(httplib::Response&)>> handlers_;
 
   public:

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "platform/VkPlist.h"
 
 // Property lists with a NUL character where libplist cannot take one. The list is written
@@ -29,11 +31,49 @@ inline const std::vector<VkNulCase> kVkNulCases = {
     {"binary key", VkNulPlace::BinaryKey},
 };
 
+// Zeroes the byte at `at` within every occurrence of `pattern`; fails the test when none.
+inline void vkZeroIn(std::string& bytes, const std::string& pattern, size_t at) {
+    size_t count = 0;
+    for (size_t pos = bytes.find(pattern); pos != std::string::npos;
+         pos = bytes.find(pattern, pos + 1), ++count)
+        bytes[pos + at] = '\0';
+    EXPECT_GT(count, 0u) << "no marker to plant a NUL at";
+}
+
+inline std::string vkUtf16BigEndian(const std::string& ascii) {
+    std::string out;
+    for (char c : ascii)
+        out += std::string(1, '\0') + c;
+    return out;
+}
+
 // The list's bytes in the place's format, with the NUL planted at the place's marker, which
 // the list must hold (fails the test otherwise); with plant false, the same bytes unharmed.
-std::string vkPlantNul(const VkPlist& plist, VkNulPlace place, bool plant = true);
+inline std::string vkPlantNul(const VkPlist& plist, VkNulPlace place, bool plant = true) {
+    bool key = place == VkNulPlace::XmlKey || place == VkNulPlace::BinaryKey;
+    std::string ascii = key ? "@KEY@" : "@NUL@";
+    std::string bytes;
+    if (place == VkNulPlace::XmlString || place == VkNulPlace::XmlKey) {
+        bytes = plist.toXml();
+        if (plant)
+            vkZeroIn(bytes, ascii, 0);
+    } else {
+        auto binary = plist.toBinary();
+        bytes.assign(binary.begin(), binary.end());
+        // The "@" unit 00 40 becomes 00 00.
+        if (plant)
+            vkZeroIn(bytes, vkUtf16BigEndian(ascii), 1);
+    }
+    return bytes;
+}
 // The same for a keyed archive: read back, given a top-level member named by the key marker
 // (the unarchiver ignores it), then written and planted as above. The archive must hold
 // the string marker.
-std::string vkPlantNulInArchive(const std::vector<uint8_t>& archive, VkNulPlace place,
-                                bool plant = true);
+inline std::string vkPlantNulInArchive(const std::vector<uint8_t>& archive, VkNulPlace place,
+                                       bool plant = true) {
+    auto top = VkPlist::parse(archive.data(), archive.size());
+    EXPECT_TRUE(top.ok()) << top.error();
+    VkPlist list = top.ok() ? *top : VkPlist();
+    list.set(kVkNulKeyMarker, "ignored");
+    return vkPlantNul(list, place, plant);
+}

@@ -21,12 +21,32 @@ class VkRecordingCoreFunction : public VkCoreFunction {
         : real_(std::move(systemRoot), std::move(dataFolder)) {}
 
     using VkCoreFunction::startClean;
-    bool systemCommand(const std::vector<std::string>& arguments) override;
+    bool systemCommand(const std::vector<std::string>& arguments) override {
+        record({"systemCommand", arguments});
+        return true;
+    }
     std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
-                                           VkCleanDelegate* delegate, VkCleanScope scope) override;
-    bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
-    bool killProcessByID(int32_t pid) override;
-    bool moveFileItem(const std::string& from, const std::string& to) override;
+                                           VkCleanDelegate* delegate, VkCleanScope scope) override {
+        record({"startClean", paths, scope});
+        if (performDeletes_)
+            return real_.startClean(paths, cutBinary, delegate, scope);
+        std::vector<VkCleanOutcome> out;
+        for (const auto& p : paths)
+            out.push_back({p, true, ""});
+        return out;
+    }
+    bool fixPlistFile(const std::string& path, const std::string& removeKey) override {
+        record({"fixPlistFile", {path, removeKey}});
+        return performPlistFixes_ ? real_.fixPlistFile(path, removeKey) : true;
+    }
+    bool killProcessByID(int32_t pid) override {
+        record({"killProcessByID", {std::to_string(pid)}});
+        return performKills_ ? real_.killProcessByID(pid) : true;
+    }
+    bool moveFileItem(const std::string& from, const std::string& to) override {
+        record({"moveFileItem", {from, to}});
+        return !failMoves_ && (!performMoves_ || real_.moveFileItem(from, to));
+    }
 
     void performDeletes(bool on) { performDeletes_ = on; }
     void performMoves(bool on) { performMoves_ = on; }
@@ -39,7 +59,11 @@ class VkRecordingCoreFunction : public VkCoreFunction {
         std::lock_guard lock(mutex_);
         return calls_;
     }
-    std::vector<Call> callsOf(const std::string& op) const;
+    std::vector<Call> callsOf(const std::string& op) const {
+        std::vector<Call> out = calls();
+        std::erase_if(out, [&](const Call& c) { return c.op != op; });
+        return out;
+    }
     void clear() {
         std::lock_guard lock(mutex_);
         calls_.clear();

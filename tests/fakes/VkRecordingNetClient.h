@@ -12,13 +12,44 @@
 // and lets a test push changes to the registered receivers as the service would.
 class VkRecordingNetClient : public VkNetClient {
   public:
-    bool setFileMonStat(bool on) override;
-    std::optional<std::vector<uint8_t>> fileMonLogs() override;
-    bool removeAllFileMonLogs() override;
-    void registerFileMonLogsDelegate(std::weak_ptr<VkFileMonLogsDelegate> delegate) override;
+    bool setFileMonStat(bool on) override {
+        std::lock_guard lock(mutex_);
+        statCalls.push_back(on);
+        return statSucceeds;
+    }
+    std::optional<std::vector<uint8_t>> fileMonLogs() override {
+        std::lock_guard lock(mutex_);
+        ++fileMonLogsCalls;
+        return archive;
+    }
+    bool removeAllFileMonLogs() override {
+        std::lock_guard lock(mutex_);
+        ++removeCalls;
+        return removeSucceeds;
+    }
+    void registerFileMonLogsDelegate(std::weak_ptr<VkFileMonLogsDelegate> delegate) override {
+        std::lock_guard lock(mutex_);
+        ++registerCalls;
+        for (const auto& kept : delegates) {
+            if (!kept.owner_before(delegate) && !delegate.owner_before(kept))
+                return;
+        }
+        delegates.push_back(std::move(delegate));
+    }
 
     // Delivers bytes to every registered receiver that is still alive, once each.
-    void push(const std::vector<uint8_t>& archive);
+    void push(const std::vector<uint8_t>& bytes) {
+        std::vector<std::shared_ptr<VkFileMonLogsDelegate>> targets;
+        {
+            std::lock_guard lock(mutex_);
+            for (const auto& kept : delegates) {
+                if (auto delegate = kept.lock())
+                    targets.push_back(std::move(delegate));
+            }
+        }
+        for (const auto& delegate : targets)
+            delegate->refreshFileMonLogsData(bytes);
+    }
 
     // What fileMonLogs answers (nullopt: unreachable).
     std::optional<std::vector<uint8_t>> archive;

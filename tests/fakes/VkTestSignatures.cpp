@@ -1,7 +1,5 @@
 #include "fakes/VkTestSignatures.h"
 
-#include <chrono>
-
 #include "database/VkDataBaseInfo.h"
 #include "database/VkSqliteManager.h"
 #include "platform/VkContext.h"
@@ -28,40 +26,4 @@ void vkWriteSignatureDatabase(const std::string& path, const std::string& dbName
         manager.addItemToDataBase(item);
     }
     manager.closeDataBase();
-}
-
-void VkRecordingScanDelegate::addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& item) {
-    std::lock_guard lock(mutex_);
-    results_.push_back(item);
-}
-
-void VkRecordingScanDelegate::addTorjanPathWithObj(const std::shared_ptr<VkTorjanResultItems>& item,
-                                                   const std::any& senderObj) {
-    std::lock_guard lock(mutex_);
-    answers_.emplace_back(item, senderObj);
-}
-
-bool VkRecordingScanDelegate::scanTorjanProcess(float progress,
-                                                const std::optional<std::string>& item) {
-    {
-        std::lock_guard lock(mutex_);
-        progress_.push_back({progress, item});
-        if (!item)
-            ++ends_;
-    }
-    changed_.notify_all();
-    return false;
-}
-
-bool VkRecordingScanDelegate::waitForEnd(double seconds, size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::duration<double>(seconds),
-                             [&] { return ends_ >= count; });
-}
-
-std::vector<std::string> VkRecordingScanDelegate::resultPaths() const {
-    std::vector<std::string> out;
-    for (const auto& r : results())
-        out.push_back(r->path().value_or(""));
-    return out;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -29,16 +30,39 @@ class VkRecordingScanDelegate : public VkTorjanScanDelegate {
         std::optional<std::string> item;
     };
 
-    void addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& item) override;
+    void addTorjanPath(const std::shared_ptr<VkTorjanResultItems>& item) override {
+        std::lock_guard lock(mutex_);
+        results_.push_back(item);
+    }
     void addTorjanPathWithObj(const std::shared_ptr<VkTorjanResultItems>& item,
-                              const std::any& senderObj) override;
-    bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override;
+                              const std::any& senderObj) override {
+        std::lock_guard lock(mutex_);
+        answers_.emplace_back(item, senderObj);
+    }
+    bool scanTorjanProcess(float progress, const std::optional<std::string>& item) override {
+        {
+            std::lock_guard lock(mutex_);
+            progress_.push_back({progress, item});
+            ends_ += item ? 0 : 1;
+        }
+        changed_.notify_all();
+        return false;
+    }
 
     // Waits (up to `seconds`) until `count` end reports (progress without a path) arrived.
-    bool waitForEnd(double seconds = 20.0, size_t count = 1);
+    bool waitForEnd(double seconds = 20.0, size_t count = 1) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::duration<double>(seconds),
+                                 [&] { return ends_ >= count; });
+    }
 
     std::vector<std::shared_ptr<VkTorjanResultItems>> results() const { return locked(results_); }
-    std::vector<std::string> resultPaths() const;
+    std::vector<std::string> resultPaths() const {
+        std::vector<std::string> out;
+        for (const auto& r : results())
+            out.push_back(r->path().value_or(""));
+        return out;
+    }
     std::vector<Progress> progress() const { return locked(progress_); }
     std::vector<std::pair<std::shared_ptr<VkTorjanResultItems>, std::any>> answers() const {
         return locked(answers_);

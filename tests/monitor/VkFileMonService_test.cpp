@@ -23,6 +23,7 @@ namespace {
 
 using P = VkMonitorProtocol;
 using vkmon::waitUntil;
+using Paths = std::vector<std::string>;
 
 // A service run on a thread of the test (see startService); stopped when the test ends.
 struct Runner {
@@ -39,6 +40,21 @@ struct Runner {
     std::thread thread;
     std::atomic<bool> finished{false};
 };
+
+// The records of a keyed archive as the service sends and stores it.
+VkFileMonLogsItem::Items itemsOf(const std::string& bytes) {
+    auto items =
+        VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+    EXPECT_TRUE(items && *items);
+    return items && *items ? **items : VkFileMonLogsItem::Items{};
+}
+
+Paths pathsOf(const VkFileMonLogsItem::Items& items) {
+    Paths paths;
+    for (const auto& item : items)
+        paths.push_back(item->filePath().value_or("?"));
+    return paths;
+}
 
 class VkFileMonServiceTest : public ::testing::Test {
   protected:
@@ -65,15 +81,15 @@ class VkFileMonServiceTest : public ::testing::Test {
         return runner;
     }
 
-    size_t judgedCount() {
+    Paths judgedPaths() {
         std::lock_guard lock(mutex);
-        return judged.size();
+        return judged;
     }
     bool wasJudged(const std::string& path) {
-        std::lock_guard lock(mutex);
-        return std::find(judged.begin(), judged.end(), path) != judged.end();
+        auto all = judgedPaths();
+        return std::find(all.begin(), all.end(), path) != all.end();
     }
-    std::vector<std::string> infected() {
+    Paths infected() {
         std::lock_guard lock(mutex);
         return infected_;
     }
@@ -81,15 +97,15 @@ class VkFileMonServiceTest : public ::testing::Test {
     VkResult<P::Frame> ask(uint8_t opcode, const std::string& body = {}) {
         return VkMonitorSocket::request(socketPath(), opcode, body, 5);
     }
+    // The reply's opcode, -1 when none came.
+    int answer(uint8_t opcode, const std::string& body = {}) {
+        auto reply = ask(opcode, body);
+        return reply ? reply->opcode : -1;
+    }
     VkFileMonLogsItem::Items records() {
         auto reply = ask(P::kGetLogs);
         EXPECT_TRUE(reply && reply->opcode == P::kOk);
-        if (!reply)
-            return {};
-        auto items = VkFileMonLogsItem::unarchiveItems(
-            std::vector<uint8_t>(reply->body.begin(), reply->body.end()));
-        EXPECT_TRUE(items);
-        return items && *items ? **items : VkFileMonLogsItem::Items{};
+        return reply ? itemsOf(reply->body) : VkFileMonLogsItem::Items{};
     }
     uint64_t statusNumber(const char* key) {
         auto reply = ask(P::kHello);
@@ -122,11 +138,11 @@ class VkFileMonServiceTest : public ::testing::Test {
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::string watchFolder = dir.mkdir("watch");
-    std::string evil = vkmon::contentsOf(777, 1);
+    std::string evil = vkTestBytes(777, 1);
     VkFileMonServiceOptions options;
     std::mutex mutex;
-    std::vector<std::string> judged;
-    std::vector<std::string> infected_;
+    Paths judged;
+    Paths infected_;
 };
 
 // A clean file, one on the trust list and the same contents elsewhere, an archive's member.
@@ -145,7 +161,7 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     std::string bad = watchFolder + "/installer.dmg";
     std::string clean = watchFolder + "/photo.jpg";
     std::string zip = watchFolder + "/download.zip";
-    vkmon::dropFile(clean, vkmon::contentsOf(777, 2));  // same size, other contents
+    vkmon::dropFile(clean, vkTestBytes(777, 2));  // same size, other contents
     vkmon::dropFile(trusted, evil);
     vkmon::dropFile(bad, evil);
     vkmon::dropFile(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));
@@ -154,11 +170,9 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     }));
 
     // Judged in the order they arrived; an archive's member is recorded with its name.
-    EXPECT_EQ(infected(), (std::vector<std::string>{bad, zip}));
+    EXPECT_EQ(infected(), (Paths{bad, zip}));
     auto items = records();
-    ASSERT_EQ(items.size(), 2u);
-    EXPECT_EQ(items[1]->filePath(), zip + "!App/evil");
-    EXPECT_EQ(items[0]->filePath(), bad);
+    ASSERT_EQ(pathsOf(items), (Paths{bad, zip + "!App/evil"}));
     EXPECT_EQ(items[0]->trojanName(), "OSX/Test.A");
     struct stat st {};
     ASSERT_EQ(::stat(bad.c_str(), &st), 0);
@@ -168,15 +182,11 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     EXPECT_EQ(items[0]->processName(), std::nullopt);  // Linux cannot tell
 
     // Kept as a keyed archive, owner only, and so is the socket.
-    std::string recordsFile = VkFileMonStore::recordsPath(ctx->dataFolder);
-    EXPECT_EQ(vkmon::permissionsOf(recordsFile), 0600);
+    EXPECT_EQ(vkmon::permissionsOf(VkFileMonStore::recordsPath(ctx->dataFolder)), 0600);
     EXPECT_EQ(vkmon::permissionsOf(socketPath()), 0600);
     auto onDisk = VkFileMonStore::readArchive(ctx->dataFolder);
     ASSERT_TRUE(onDisk);
-    auto stored = VkFileMonLogsItem::unarchiveItems(*onDisk);
-    ASSERT_TRUE(stored && *stored);
-    ASSERT_EQ((*stored)->size(), 2u);
-    EXPECT_EQ((**stored)[0]->filePath(), bad);
+    EXPECT_EQ(pathsOf(itemsOf(std::string(onDisk->begin(), onDisk->end()))), pathsOf(items));
     EXPECT_EQ(statusNumber("Records"), 2u);
     EXPECT_EQ(statusNumber("Signatures"), 1u);
 }
@@ -191,10 +201,6 @@ TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunAndNewDatabas
     ASSERT_TRUE(waitUntil([&] { return wasJudged(early); }));
     EXPECT_TRUE(infected().empty());  // no signatures yet
     first.reset();
-    {
-        std::lock_guard lock(mutex);
-        judged.clear();
-    }
     // A last run noted after every file changed.
     struct timespec later[2] = {{::time(nullptr) + 600, 0}, {::time(nullptr) + 600, 0}};
     std::string stamp = ctx->dataFolder + "/monitor.lastrun";
@@ -204,8 +210,8 @@ TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunAndNewDatabas
     std::string late = watchFolder + "/late.bin";
     vkmon::dropFile(late, evil);
     ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
-    EXPECT_FALSE(wasJudged(early));
-    EXPECT_EQ(infected(), std::vector<std::string>{late});
+    EXPECT_EQ(judgedPaths(), (Paths{early, late})) << "the early file is not judged again";
+    EXPECT_EQ(infected(), Paths{late});
     ASSERT_EQ(records().size(), 1u);
     EXPECT_EQ(records()[0]->trojanName(), "OSX/Late.B");
 }
@@ -219,22 +225,18 @@ TEST_F(VkFileMonServiceTest, AFileThatKeepsChangingIsJudgedOnceWhenItSettles) {
     // as some downloaders do. Every length but the last is clean, so a file judged before it
     // settled would be found clean.
     auto began = std::chrono::steady_clock::now();
-    for (size_t length = 13; length <= evil.size(); length += 13) {
+    for (size_t from = 0; from < evil.size(); from += 13) {
         FILE* f = std::fopen(growing.c_str(), "ab");
         ASSERT_NE(f, nullptr);
-        std::fwrite(evil.data() + length - 13, 1, 13, f);
+        std::fwrite(evil.data() + from, 1, std::min<size_t>(13, evil.size() - from), f);
         std::fclose(f);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    FILE* f = std::fopen(growing.c_str(), "ab");
-    size_t written = evil.size() / 13 * 13;
-    std::fwrite(evil.data() + written, 1, evil.size() - written, f);
-    std::fclose(f);
     ASSERT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1000));
     ASSERT_TRUE(waitUntil([&] { return wasJudged(growing); }));
-    EXPECT_EQ(infected(), std::vector<std::string>{growing});
+    EXPECT_EQ(infected(), Paths{growing});
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(judgedCount(), 1u);
+    EXPECT_EQ(judgedPaths().size(), 1u);
 }
 
 TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
@@ -244,13 +246,12 @@ TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
     vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
     auto runner = startService();
     constexpr int kFiles = 2000;
-    std::vector<std::string> expected;
+    Paths expected;
     for (int i = 0; i < kFiles; ++i) {
         char name[32];
         std::snprintf(name, sizeof name, "/f%04d.bin", i);
-        std::string path = watchFolder + name;
-        expected.push_back(path);
-        FILE* f = std::fopen(path.c_str(), "wb");
+        expected.push_back(watchFolder + name);
+        FILE* f = std::fopen(expected.back().c_str(), "wb");
         ASSERT_NE(f, nullptr);
         if (i == 1234)
             std::fwrite(evil.data(), 1, evil.size(), f);
@@ -258,12 +259,9 @@ TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
             std::fputs(name, f);
         std::fclose(f);
     }
-    ASSERT_TRUE(waitUntil([&] { return judgedCount() >= kFiles; }, 60)) << judgedCount();
-    {
-        std::lock_guard lock(mutex);
-        EXPECT_EQ(judged, expected);
-    }
-    EXPECT_EQ(infected(), std::vector<std::string>{expected[1234]});
+    ASSERT_TRUE(waitUntil([&] { return judgedPaths().size() >= kFiles; }, 60));
+    EXPECT_EQ(judgedPaths(), expected);
+    EXPECT_EQ(infected(), Paths{expected[1234]});
     EXPECT_LE(statusNumber("WaitingHighWater"), 32u);
     EXPECT_LE(statusNumber("QueuedHighWater"), 8u);
     EXPECT_EQ(statusNumber("Judged"), static_cast<uint64_t>(kFiles));
@@ -314,25 +312,24 @@ TEST_F(VkFileMonServiceTest, ABurstWithLostEventsIsTakenInAndEachFileJudgedOnce)
     };
     vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
     auto runner = startService();
-    std::string staging = dir.mkdir("staging");
     constexpr int kFiles = 300;
     std::set<std::string> expected;
     for (int i = 0; i < kFiles; ++i) {
         std::string name = "/f" + std::to_string(i) + ".bin";
         // Whole before it arrives, so that no file is seen half written.
-        dir.write("staging" + name, i == 123 ? evil : name);
-        ASSERT_EQ(std::rename((staging + name).c_str(), (watchFolder + name).c_str()), 0);
+        std::string staged = dir.write("staging" + name, i == 123 ? evil : name);
+        ASSERT_EQ(std::rename(staged.c_str(), (watchFolder + name).c_str()), 0);
         expected.insert(watchFolder + name);
     }
-    ASSERT_TRUE(waitUntil([&] { return judgedCount() >= kFiles; }, 60)) << judgedCount();
+    ASSERT_TRUE(waitUntil([&] { return judgedPaths().size() >= kFiles; }, 60));
     // Whatever the look at every folder brings up is known by then; give it time to show.
     EXPECT_TRUE(waitUntil([&] { return statusNumber("Unchanged") > 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_GT(statusNumber("BacklogHighWater"), 0u) << "events were read while the list was full";
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(judged.size(), static_cast<size_t>(kFiles));
-    EXPECT_EQ(std::set<std::string>(judged.begin(), judged.end()), expected);
-    EXPECT_EQ(infected_, std::vector<std::string>{watchFolder + "/f123.bin"});
+    auto all = judgedPaths();
+    EXPECT_EQ(all.size(), static_cast<size_t>(kFiles));
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()), expected);
+    EXPECT_EQ(infected(), Paths{watchFolder + "/f123.bin"});
 }
 
 TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {
@@ -345,22 +342,19 @@ TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {
     ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
 
     std::string other = dir.mkdir("other");
-    auto refused = ask(P::kWatch, "relative/path");
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->opcode, P::kError);
-    EXPECT_EQ(ask(P::kWatch, dir.write("a-file", "z"))->opcode, P::kError);
-    EXPECT_EQ(ask(P::kWatch, ctx->dataFolder + "/Logs")->opcode, P::kError);
+    for (const std::string& refused :
+         {std::string("relative/path"), dir.write("a-file", "z"), ctx->dataFolder + "/Logs"})
+        EXPECT_EQ(answer(P::kWatch, refused), P::kError) << refused;
     auto watched = ask(P::kWatch, other + "/");
     ASSERT_TRUE(watched);
     EXPECT_EQ(watched->opcode, P::kOk) << watched->body;
-    EXPECT_EQ(VkMonitorConfig(*ctx).savedWatchFolders(),
-              std::vector<std::string>{other});
+    EXPECT_EQ(VkMonitorConfig(*ctx).savedWatchFolders(), Paths{other});
     vkmon::dropFile(other + "/in-other.txt", "w");
     ASSERT_TRUE(waitUntil([&] { return wasJudged(other + "/in-other.txt"); }));
 
-    EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kOk);
+    EXPECT_EQ(answer(P::kUnwatch, other), P::kOk);
     EXPECT_TRUE(VkMonitorConfig(*ctx).savedWatchFolders().empty());
-    EXPECT_EQ(ask(P::kUnwatch, other)->opcode, P::kError);
+    EXPECT_EQ(answer(P::kUnwatch, other), P::kError);
     vkmon::dropFile(other + "/ignored.txt", "v");
     vkmon::dropFile(watchFolder + "/marker.txt", "m");
     ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/marker.txt"); }));
@@ -374,8 +368,7 @@ TEST_F(VkFileMonServiceTest, FilesOfTheDataFolderAreNeverJudged) {
     dir.write("data/trojan_Quarantine/kept.bin", evil);
     vkmon::dropFile(watchFolder + "/marker.txt", "m");
     ASSERT_TRUE(waitUntil([&] { return wasJudged(watchFolder + "/marker.txt"); }));
-    std::lock_guard lock(mutex);
-    for (const auto& path : judged)
+    for (const auto& path : judgedPaths())
         EXPECT_EQ(path.find(ctx->dataFolder), std::string::npos) << path;
 }
 
@@ -383,12 +376,12 @@ TEST_F(VkFileMonServiceTest, RejectsMalformedAndOversizedRequestsAndKeepsServing
     options.requestSeconds = 0.3;
     auto runner = startService();
     auto errorText = [](const std::string& bytes) -> std::string {
+        if (bytes.empty())
+            return "<nothing>";
         VkFrameDecoder decoder(P::kMaxReplyBytes);
         decoder.feed(bytes.data(), bytes.size());
         auto frame = decoder.next();
-        if (!frame || frame->opcode != P::kError)
-            return "<no error frame>";
-        return frame->body;
+        return frame && frame->opcode == P::kError ? frame->body : "<no error frame>";
     };
     const struct {
         std::string bytes;
@@ -399,20 +392,15 @@ TEST_F(VkFileMonServiceTest, RejectsMalformedAndOversizedRequestsAndKeepsServing
         {P::encode(0x42), "unknown request"},
         {P::encode(P::kHello, std::string("extra")), "malformed request"},
         {P::encode(P::kOk), "unknown request"},
+        // A request that never ends is let go without a word.
+        {std::string("\x00\x00\x00\x10\x01", 5), "<nothing>"},
     };
-    bool closed = false;
     for (const auto& c : cases) {
+        bool closed = false;
         EXPECT_EQ(errorText(rawExchange(c.bytes, closed)), c.error);
         EXPECT_TRUE(closed) << c.error;
     }
-    // A request that never ends is let go.
-    std::string started = rawExchange(std::string("\x00\x00\x00\x10\x01", 5), closed);
-    EXPECT_TRUE(started.empty());
-    EXPECT_TRUE(closed);
-
-    auto hello = ask(P::kHello);
-    ASSERT_TRUE(hello) << hello.error();
-    EXPECT_EQ(hello->opcode, P::kOk);
+    EXPECT_EQ(answer(P::kHello), P::kOk);
 }
 
 TEST_F(VkFileMonServiceTest, SubscribersHearOfEveryChangeAndClearing) {
@@ -422,31 +410,24 @@ TEST_F(VkFileMonServiceTest, SubscribersHearOfEveryChangeAndClearing) {
     ASSERT_TRUE(fd);
     ASSERT_TRUE(VkMonitorSocket::sendAll(fd->get(), P::encode(P::kSubscribe), 5));
     VkFrameDecoder decoder(P::kMaxReplyBytes);
-    auto first = VkMonitorSocket::readFrame(fd->get(), decoder, 5);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->opcode, P::kOk);
-    EXPECT_EQ(std::vector<uint8_t>(first->body.begin(), first->body.end()),
-              VkFileMonStore::emptyArchive());
+    const auto emptyArchive = VkFileMonStore::emptyArchive();
+    const std::string empty(emptyArchive.begin(), emptyArchive.end());
+    // The next frame as "opcode body".
+    auto next = [&] {
+        auto frame = VkMonitorSocket::readFrame(fd->get(), decoder, 10);
+        return frame ? std::to_string(frame->opcode) + " " + frame->body : frame.error();
+    };
+    EXPECT_EQ(next(), std::to_string(P::kOk) + " " + empty);
 
     vkmon::dropFile(watchFolder + "/bad.bin", evil);
-    auto pushed = VkMonitorSocket::readFrame(fd->get(), decoder, 10);
-    ASSERT_TRUE(pushed) << pushed.error();
-    EXPECT_EQ(pushed->opcode, P::kLogsChanged);
-    auto items = VkFileMonLogsItem::unarchiveItems(
-        std::vector<uint8_t>(pushed->body.begin(), pushed->body.end()));
-    ASSERT_TRUE(items && *items);
-    ASSERT_EQ((*items)->size(), 1u);
-    EXPECT_EQ((**items)[0]->filePath(), watchFolder + "/bad.bin");
+    std::string pushed = next();
+    ASSERT_EQ(pushed.rfind(std::to_string(P::kLogsChanged) + " ", 0), 0u) << pushed;
+    EXPECT_EQ(pathsOf(itemsOf(pushed.substr(pushed.find(' ') + 1))),
+              Paths{watchFolder + "/bad.bin"});
 
-    auto cleared = ask(P::kClear);
-    ASSERT_TRUE(cleared);
-    EXPECT_EQ(cleared->opcode, P::kOk);
-    auto emptied = VkMonitorSocket::readFrame(fd->get(), decoder, 10);
-    ASSERT_TRUE(emptied);
-    EXPECT_EQ(emptied->opcode, P::kLogsChanged);
-    EXPECT_EQ(std::vector<uint8_t>(emptied->body.begin(), emptied->body.end()),
-              VkFileMonStore::emptyArchive());
-    EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), VkFileMonStore::emptyArchive());
+    EXPECT_EQ(answer(P::kClear), P::kOk);
+    EXPECT_EQ(next(), std::to_string(P::kLogsChanged) + " " + empty);
+    EXPECT_EQ(*VkFileMonStore::readArchive(ctx->dataFolder), emptyArchive);
 }
 
 // Until it ends, by its owner, by a stop request or by the loss of its socket.
@@ -460,12 +441,12 @@ TEST_F(VkFileMonServiceTest, OneServicePerDataFolderUntilItEnds) {
         EXPECT_NE(refused.error().find("already running"), std::string::npos) << refused.error();
         EXPECT_EQ(VkFileMonService::runningPid(ctx->dataFolder), ::getpid());
         // The refused one left the running one alone.
-        EXPECT_EQ(ask(P::kHello)->opcode, P::kOk);
+        EXPECT_EQ(answer(P::kHello), P::kOk);
 
         if (way == "stop")
             runner->stop();
         else if (way == "stop request")
-            EXPECT_EQ(ask(P::kStop)->opcode, P::kOk);
+            EXPECT_EQ(answer(P::kStop), P::kOk);
         else
             ASSERT_EQ(::unlink(socketPath().c_str()), 0);
         EXPECT_TRUE(waitUntil([&] { return runner->finished.load(); }, 10));

@@ -1,5 +1,7 @@
 #include "monitor/VkFileMonStore.h"
 
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
 #include "fakes/VkTempDir.h"
@@ -38,26 +40,23 @@ TEST_F(VkFileMonStoreTest, KeepsRecordsOnDiskOwnerOnlyAndReadsThemBack) {
         ASSERT_TRUE(*store.append(record("/d/a")));
         ASSERT_TRUE(*store.append(record("/d/b")));
     }
-    std::string path = VkFileMonStore::recordsPath(data);
-    EXPECT_EQ(path, data + "/Logs/vkFileMon.logs");
-    EXPECT_EQ(vkmon::permissionsOf(path), 0600);
+    EXPECT_EQ(VkFileMonStore::recordsPath(data), data + "/Logs/vkFileMon.logs");
+    EXPECT_EQ(vkmon::permissionsOf(data + "/Logs/vkFileMon.logs"), 0600);
     EXPECT_EQ(vkmon::permissionsOf(data), 0700);  // made by us
 
     VkFileMonStore again(data);
     ASSERT_TRUE(again.load());
     EXPECT_EQ(pathsOf(again.items()), (std::vector<std::string>{"/d/a", "/d/b"}));
     // The file is exactly the archive that clients receive.
-    auto onDisk = VkFileMonStore::readArchive(data);
-    ASSERT_TRUE(onDisk);
-    EXPECT_EQ(*onDisk, again.archive());
+    EXPECT_EQ(*VkFileMonStore::readArchive(data), again.archive());
 
     // Clearing writes an empty list.
     ASSERT_TRUE(again.clear());
     EXPECT_EQ(again.count(), 0u);
+    EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
     VkFileMonStore cleared(data);
     ASSERT_TRUE(cleared.load());
     EXPECT_EQ(cleared.count(), 0u);
-    EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
 }
 
 TEST_F(VkFileMonStoreTest, AFileJudgedAgainIsNotRecordedTwiceAndTheOldestGiveWay) {
@@ -90,10 +89,8 @@ TEST_F(VkFileMonStoreTest, AnUnreadableFileIsSetAsideNotLost) {
 
 TEST_F(VkFileMonStoreTest, APlainFileNamedLogsGivesWayToTheFolder) {
     dir.write("data/Logs", "in the way");
-    VkFileMonStore store(data);
-    ASSERT_TRUE(*store.append(record("/d/a")));
-    bool isDirectory = false;
-    EXPECT_TRUE(VkFile::exists(data + "/Logs", &isDirectory) && isDirectory);
+    ASSERT_TRUE(*VkFileMonStore(data).append(record("/d/a")));
+    EXPECT_TRUE(std::filesystem::is_directory(data + "/Logs"));
 }
 
 TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {
@@ -124,18 +121,19 @@ TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {
 }
 
 TEST(VkMonitorConfigTest, FindsTheDownloadFolderInUserDirs) {
-    std::string text =
-        "# written by xdg-user-dirs-update\n"
-        "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-        "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements/\"\n";
-    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs(text, "/home/ann"),
-              "/home/ann/Téléchargements");
-    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("XDG_DOWNLOAD_DIR=\"/data/dl\"\n", "/h"),
-              "/data/dl");
-    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("XDG_DOWNLOAD_DIR=\"dl\"\n", "/h"),
-              std::nullopt);
-    EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs("# XDG_DOWNLOAD_DIR=\"/x\"\n", "/h"),
-              std::nullopt);
+    const struct {
+        const char* text;
+        std::optional<std::string> folder;
+    } cases[] = {
+        {"# written by xdg-user-dirs-update\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
+         "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements/\"\n",
+         "/h/Téléchargements"},
+        {"XDG_DOWNLOAD_DIR=\"/data/dl\"\n", "/data/dl"},
+        {"XDG_DOWNLOAD_DIR=\"dl\"\n", std::nullopt},
+        {"# XDG_DOWNLOAD_DIR=\"/x\"\n", std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(VkMonitorConfig::downloadFolderFromUserDirs(c.text, "/h"), c.folder) << c.text;
 }
 
 }  // namespace

@@ -54,12 +54,11 @@ TEST(VkFileSettlerTest, HandsOnFilesInTheOrderTheyCompletedOnceTheSettleTimeHasP
 TEST(VkFileSettlerTest, AFileThatKeepsChangingIsHandedOnOnceItSettles) {
     FakeFiles files;
     VkFileSettler settler(1.0, 10, files.observe());
-    files.touch("/w/big", 100);
-    settler.complete("/w/big", 0);
-    files.touch("/w/same", 7);
-    settler.complete("/w/same", 0);
-    files.touch("/w/small", 5);
-    settler.complete("/w/small", 0.5);
+    for (auto [name, size, at] :
+         {std::tuple{"/w/big", 100, 0.0}, {"/w/same", 7, 0.0}, {"/w/small", 5, 0.5}}) {
+        files.touch(name, size);
+        settler.complete(name, at);
+    }
 
     // Still growing when due (or rewritten at the same size): waits again, behind the file
     // that was quiet.
@@ -80,9 +79,8 @@ TEST(VkFileSettlerTest, IsBoundedAndKnownPathsStillMoveWhenFull) {
     VkFileSettler settler(1.0, 3, files.observe());
     for (const char* name : {"/a", "/b", "/c", "/d"})
         files.touch(name, 1);
-    EXPECT_TRUE(settler.complete("/a", 0));
-    EXPECT_TRUE(settler.complete("/b", 0));
-    EXPECT_TRUE(settler.complete("/c", 0));
+    for (const char* name : {"/a", "/b", "/c"})
+        EXPECT_TRUE(settler.complete(name, 0));
     EXPECT_TRUE(settler.full());
     EXPECT_FALSE(settler.complete("/d", 0));
     EXPECT_TRUE(settler.complete("/a", 0.5));  // already waiting: waits again, at the back
@@ -95,13 +93,10 @@ TEST(VkFileSettlerTest, IsBoundedAndKnownPathsStillMoveWhenFull) {
 TEST(VkFileSettlerTest, RealFilesAreObservedWithoutFollowingLinks) {
     VkTempDir dir;
     std::string file = dir.write("f", "12345");
-    auto seen = VkFileSettler::observeFile(file);
-    ASSERT_TRUE(seen);
-    EXPECT_EQ(seen->size, 5u);
+    EXPECT_EQ(VkFileSettler::observeFile(file).value_or(VkFileSettler::Observation{}).size, 5u);
     ASSERT_EQ(::symlink(file.c_str(), (dir / "link").c_str()), 0);
-    EXPECT_FALSE(VkFileSettler::observeFile(dir / "link"));
-    EXPECT_FALSE(VkFileSettler::observeFile(dir.path()));
-    EXPECT_FALSE(VkFileSettler::observeFile(dir / "missing"));
+    for (const std::string& refused : {dir / "link", dir.path(), dir / "missing"})
+        EXPECT_FALSE(VkFileSettler::observeFile(refused)) << refused;
 }
 
 TEST(VkFileSettlerTest, ABacklogTakesABurstInOrderWhileTheWaitingListIsFull) {

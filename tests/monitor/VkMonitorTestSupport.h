@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/VkTestBytes.h"
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
@@ -24,14 +25,6 @@ inline bool waitUntil(const std::function<bool()>& pred, double seconds = 10) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
-}
-
-// Synthetic contents of a given length; seed makes different contents of one length.
-inline std::string contentsOf(size_t length, unsigned seed) {
-    std::string s(length, '\0');
-    for (size_t i = 0; i < length; ++i)
-        s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 7)) & 0xFF);
-    return s;
 }
 
 // Adds a signature database `file` to the data folder with one record matching `contents`.

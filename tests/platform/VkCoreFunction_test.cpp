@@ -73,8 +73,7 @@ TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched)
 
 TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {
     std::string target = dir.write("root/Library/Data/precious.txt", "keep me");
-    std::string link = root + "/Library/Foo/link.plist";
-    fs::create_directories(root + "/Library/Foo");
+    std::string link = dir.mkdir("root/Library/Foo") + "/link.plist";
     fs::create_symlink(target, link);
     std::string dirLink = root + "/Library/Foo/dirlink";
     fs::create_directory_symlink(root + "/Library/Data", dirLink);
@@ -82,13 +81,11 @@ TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {
     fs::create_directory_symlink(root + "/Library/Data", root + "/Library/Bad/inner/up");
     std::string profile = dir.write("root/Users/x/.profile", "x");
 
-    EXPECT_TRUE(cleanOne(link));
-    EXPECT_TRUE(cleanOne(dirLink));
+    // A file directly in a home may go; a folder only when folders may.
+    EXPECT_TRUE(cleanOne(link) && cleanOne(dirLink) && cleanOne(profile));
     EXPECT_FALSE(cleanOne(root + "/Library/Bad", VkCleanScope::filesOnly));
     EXPECT_TRUE(cleanOne(root + "/Library/Bad"));
-    EXPECT_TRUE(cleanOne(profile)) << "a file directly in a home may go";
-    EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
-    EXPECT_FALSE(fs::exists(root + "/Library/Bad"));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(link)) || fs::exists(root + "/Library/Bad"));
     EXPECT_TRUE(fs::exists(target)) << "a link's target must survive";
 }
 
@@ -100,13 +97,8 @@ TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
     ASSERT_TRUE(p.writeBinaryFile(bin).ok());
     ::chmod(bin.c_str(), 0640);
     EXPECT_TRUE(core.fixPlistFile(bin, "LSEnvironment"));
-    auto bytes = VkFile::readAll(bin);
-    ASSERT_TRUE(bytes.ok());
-    EXPECT_EQ(bytes->rfind("bplist00", 0), 0u) << "binary stays binary";
-    auto back = VkPlist::contentsOfFile(bin);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back->get("LSEnvironment"), nullptr);
-    EXPECT_EQ(*back->getString("CFBundleName"), "Safari");
+    EXPECT_EQ(VkFile::readAll(bin)->rfind("bplist00", 0), 0u) << "binary stays binary";
+    EXPECT_EQ(VkPlist::contentsOfFile(bin), VkPlist::dictionary({{"CFBundleName", "Safari"}}));
     struct stat st {};
     ::stat(bin.c_str(), &st);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
@@ -117,7 +109,7 @@ TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
                     .ok());
     EXPECT_TRUE(core.fixPlistFile(xml, "DYLD_INSERT_LIBRARIES"));
     EXPECT_EQ(VkFile::readAll(xml)->rfind("<?xml", 0), 0u);
-    EXPECT_EQ(VkPlist::contentsOfFile(xml)->get("DYLD_INSERT_LIBRARIES"), nullptr);
+    EXPECT_EQ(VkPlist::contentsOfFile(xml), VkPlist::dictionary({{"PATH", "/bin"}}));
     EXPECT_FALSE(core.fixPlistFile(root + "/missing.plist", "x"));
 }
 
@@ -157,8 +149,8 @@ TEST_F(VkCoreFunctionTest, KillEndsAChildButNeverInitOrItself) {
 
 TEST_F(VkCoreFunctionTest, SystemCommandRunsAProgramNeverAShell) {
     EXPECT_TRUE(core.systemCommand({"true"}));
-    EXPECT_FALSE(core.systemCommand({"false"}));
-    EXPECT_FALSE(core.systemCommand({"launchctl-that-does-not-exist", "unsetenv", "X"}));
+    EXPECT_FALSE(core.systemCommand({"false"}) ||
+                 core.systemCommand({"launchctl-that-does-not-exist", "unsetenv", "X"}));
     // A launch item's name as one argument: nothing in it is run.
     std::string marker = dir / "PWNED";
     EXPECT_TRUE(core.systemCommand({"echo", "x;touch " + marker + ";.plist"}));

@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
+#include "fakes/VkFolderServer.h"
 #include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 
@@ -21,48 +20,29 @@ constexpr uint64_t kAnyCap = 1 << 20;
 // 100 bytes a second, for 30 seconds if nobody stops it.
 constexpr size_t kTrickleBytes = 3000;
 
+const std::string kPayload("\x00\x01payload", 9);
+
 class VkHttpClientTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        server.Get("/ok", [this](const httplib::Request& req, httplib::Response& res) {
-            std::lock_guard lock(mutex);
-            userAgent = req.get_header_value("User-Agent");
-            res.set_content(std::string("\x00\x01payload", 9), "application/octet-stream");
-        });
-        server.Get("/missing",
-                   [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
-        server.Get("/broken", [](const httplib::Request&, httplib::Response& res) {
+    VkHttpClientTest() {
+        dir.write("www/ok", kPayload);
+        dir.write("www/huge", std::string(4096, 'x'));
+        server.handle("/broken", [](httplib::Response& res) {
             res.status = 500;
             res.set_content("oops", "text/plain");
         });
-        server.Get("/moved", [](const httplib::Request&, httplib::Response& res) {
-            res.set_redirect("/ok");
-        });
-        server.Get("/huge", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content(std::string(4096, 'x'), "text/plain");
-        });
-        server.Get("/trickle", [this](const httplib::Request&, httplib::Response& res) {
+        server.handle("/moved", [](httplib::Response& res) { res.set_redirect("/ok"); });
+        server.handle("/trickle", [this](httplib::Response& res) {
             res.set_content_provider(
                 kTrickleBytes, "application/octet-stream",
                 [this](size_t offset, size_t, httplib::DataSink& sink) {
                     std::this_thread::sleep_for(100ms);
-                    return !stopping &&
+                    return !server.stopping &&
                            sink.write("0123456789", std::min<size_t>(10, kTrickleBytes - offset));
                 });
         });
-        port = server.bind_to_any_port("127.0.0.1");
-        thread = std::thread([this] { server.listen_after_bind(); });
-        while (!server.is_running())
-            std::this_thread::yield();
     }
-    void TearDown() override {
-        stopping = true;
-        server.stop();
-        thread.join();
-    }
-    std::string url(const std::string& path) {
-        return "http://127.0.0.1:" + std::to_string(port) + path;
-    }
+    std::string url(const std::string& path) { return server.url() + path; }
 
     // Small limits, so that the trickle is cut after about a second.
     static VkHttpClient::Options impatient() {
@@ -72,13 +52,8 @@ class VkHttpClientTest : public ::testing::Test {
         return options;
     }
 
-    httplib::Server server;
-    std::mutex mutex;
-    std::string userAgent;  // of the last request for /ok
-    std::atomic<bool> stopping{false};
-    int port = 0;
-    std::thread thread;
     VkTempDir dir;
+    VkFolderServer server{dir / "www"};
 };
 
 TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
@@ -87,11 +62,9 @@ TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
     VkCurlHttpClient client(quick);
     auto ok = client.get(url("/moved"), kAnyCap);
     ASSERT_TRUE(ok.ok()) << ok.error();
-    EXPECT_EQ(std::string(ok->begin(), ok->end()), std::string("\x00\x01payload", 9));
-    {
-        std::lock_guard lock(mutex);
-        EXPECT_EQ(userAgent, "VkSecurity/" VK_VERSION) << "the version of project(VERSION)";
-    }
+    EXPECT_EQ(std::string(ok->begin(), ok->end()), kPayload);
+    EXPECT_EQ(server.userAgents().back(), "VkSecurity/" VK_VERSION)
+        << "the version of project(VERSION)";
     auto missing = client.get(url("/missing"), kAnyCap);
     ASSERT_FALSE(missing.ok());
     EXPECT_NE(missing.error().find("404"), std::string::npos);
@@ -126,7 +99,7 @@ TEST_F(VkHttpClientTest, DownloadWritesTheBodyOrLeavesNothing) {
     auto done = client.download(url("/moved"), target, kAnyCap);
     ASSERT_TRUE(done.ok()) << done.error();
     EXPECT_EQ(*done, 9u);
-    EXPECT_EQ(*VkFile::readAll(target), std::string("\x00\x01payload", 9));
+    EXPECT_EQ(*VkFile::readAll(target), kPayload);
 
     struct Case {
         const char* path;

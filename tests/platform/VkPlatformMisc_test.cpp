@@ -23,9 +23,9 @@ TEST(VkLocalizerTest, ParsesStringsFilesWithCommentsAndEscapes) {
     auto t = VkLocalizer::parseStrings(
         "\xEF\xBB\xBF/* header */\n\"Security-1-4\" = \"%ld files\";\n// note\n"
         "\"quote\" = \"say \\\"hi\\\"\\n\";\nbroken line\n\"Secuirty Good\"=\"Fine\";");
-    EXPECT_EQ(t["Security-1-4"], "%ld files");
-    EXPECT_EQ(t["quote"], "say \"hi\"\n");
-    EXPECT_EQ(t["Secuirty Good"], "Fine");
+    EXPECT_EQ(t, (decltype(t){{"Security-1-4", "%ld files"},
+                              {"quote", "say \"hi\"\n"},
+                              {"Secuirty Good", "Fine"}}));
 
     VkTempDir dir;
     dir.write("en.lproj/Localizable.strings", "\"a\" = \"A\";\n\"b\" = \"B\";\n");

@@ -19,19 +19,23 @@ VkPlist sample() {
     return d;
 }
 
+std::string binary(const VkPlist& plist) {
+    auto bytes = plist.toBinary();
+    return std::string(bytes.begin(), bytes.end());
+}
+VkResult<VkPlist> parse(const std::string& bytes) {
+    return VkPlist::parse(bytes.data(), bytes.size());
+}
+
 TEST(VkPlistTest, XmlAndBinaryRoundTripKeepEveryType) {
     VkPlist d = sample();
-    std::string xml = d.toXml();
-    auto fromXml = VkPlist::parse(xml.data(), xml.size());
-    ASSERT_TRUE(fromXml.ok()) << fromXml.error();
-    EXPECT_EQ(*fromXml, d);
-    auto bin = d.toBinary();
-    ASSERT_GE(bin.size(), 8u);
-    auto fromBin = VkPlist::parse(bin.data(), bin.size());
-    ASSERT_TRUE(fromBin.ok()) << fromBin.error();
-    EXPECT_EQ(*fromBin, d);
-    EXPECT_EQ(*fromBin->get("big")->asUInt64(), 5000000000ULL);
-    EXPECT_EQ(*fromBin->get("count")->asInt64(), -3);
+    for (const std::string& bytes : {d.toXml(), binary(d)}) {
+        auto back = parse(bytes);
+        ASSERT_TRUE(back.ok()) << back.error();
+        EXPECT_EQ(*back, d);
+        EXPECT_EQ(*back->get("big")->asUInt64(), 5000000000ULL);
+        EXPECT_EQ(*back->get("count")->asInt64(), -3);
+    }
     VkTempDir dir;
     ASSERT_TRUE(d.writeXmlFile(dir / "list.plist").ok());
     EXPECT_EQ(VkPlist::contentsOfFile(dir / "list.plist"), d);
@@ -39,16 +43,14 @@ TEST(VkPlistTest, XmlAndBinaryRoundTripKeepEveryType) {
 }
 
 TEST(VkPlistTest, RefusesGarbageTruncationAndDeepNesting) {
-    std::string junk = "not a plist at all";
-    EXPECT_FALSE(VkPlist::parse(junk.data(), junk.size()).ok());
-    auto bin = sample().toBinary();
-    for (size_t cut : {size_t{9}, bin.size() / 2, bin.size() - 1}) {
-        EXPECT_FALSE(VkPlist::parse(bin.data(), cut).ok()) << cut;
-    }
+    EXPECT_FALSE(parse("not a plist at all").ok());
+    std::string bin = binary(sample());
+    for (size_t cut : {size_t{9}, bin.size() / 2, bin.size() - 1})
+        EXPECT_FALSE(parse(bin.substr(0, cut)).ok()) << cut;
     std::string deep = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
     for (int i = 0; i < 100000; ++i)
         deep += "<array>";
-    EXPECT_FALSE(VkPlist::parse(deep.data(), deep.size()).ok());
+    EXPECT_FALSE(parse(deep).ok());
 }
 
 TEST(VkPlistTest, BoundsXmlElementsInOnePass) {
@@ -56,12 +58,11 @@ TEST(VkPlistTest, BoundsXmlElementsInOnePass) {
     std::string many = "<plist><array>";
     for (size_t i = 0; i <= VkPlist::kMaxNodes; ++i)
         many += "<true/>";
-    many += "</array></plist>";
-    EXPECT_FALSE(VkPlist::parse(many.data(), many.size()).ok());
+    EXPECT_FALSE(parse(many + "</array></plist>").ok());
     // Open brackets without a tag end took the guard quadratic time: 4 MiB would not end.
     std::string brackets(4u << 20, '<');
     brackets.replace(brackets.size() / 2, 6, "array ");
-    EXPECT_FALSE(VkPlist::parse(brackets.data(), brackets.size()).ok());
+    EXPECT_FALSE(parse(brackets).ok());
 }
 
 TEST(VkPlistTest, RefusesBinaryCycles) {
@@ -121,21 +122,17 @@ TEST(VkPlistTest, RefusesANulInAStringOrKeyInsteadOfAborting) {
     VkPlist list = VkPlist::dictionary({{"Label", kVkNulMarker}, {kVkNulKeyMarker, "v"}});
     for (const auto& c : kVkNulCases) {
         SCOPED_TRACE(c.name);
-        std::string unharmed = vkPlantNul(list, c.place, false);
-        EXPECT_TRUE(VkPlist::parse(unharmed.data(), unharmed.size()).ok());
-        std::string bytes = vkPlantNul(list, c.place);
-        auto parsed = VkPlist::parse(bytes.data(), bytes.size());
+        EXPECT_TRUE(parse(vkPlantNul(list, c.place, false)).ok());
+        auto parsed = parse(vkPlantNul(list, c.place));
         ASSERT_FALSE(parsed.ok());
         EXPECT_EQ(parsed.error(), "a string or key holds a NUL character");
     }
     // An ASCII key of a binary list: libplist would read "k\0y" as "k" without a word.
-    auto bin = VkPlist::dictionary({{"k@y", "v"}}).toBinary();
-    std::string ascii(bin.begin(), bin.end());
+    std::string ascii = binary(VkPlist::dictionary({{"k@y", "v"}}));
     ascii[ascii.find("k@y") + 1] = '\0';
-    EXPECT_FALSE(VkPlist::parse(ascii.data(), ascii.size()).ok());
+    EXPECT_FALSE(parse(ascii).ok());
     // Zero bytes after an XML document end it harmlessly.
-    std::string padded = list.toXml() + std::string(3, '\0');
-    auto fine = VkPlist::parse(padded.data(), padded.size());
+    auto fine = parse(list.toXml() + std::string(3, '\0'));
     ASSERT_TRUE(fine.ok()) << fine.error();
     EXPECT_EQ(*fine, list);
 }
@@ -149,14 +146,12 @@ TEST(VkPlistTest, WritesWhatNoListCanCarryVisibly) {
                                        {"latin", "caf\xE9.txt"},
                                        {"\xC2Y", "\xC2Y"}});
     const std::string fffd = "\xEF\xBF\xBD";
-    for (bool binary : {false, true}) {
-        auto bin = odd.toBinary();
-        std::string bytes = binary ? std::string(bin.begin(), bin.end()) : odd.toXml();
-        auto back = VkPlist::parse(bytes.data(), bytes.size());
+    for (bool isBinary : {false, true}) {
+        auto back = parse(isBinary ? binary(odd) : odd.toXml());
         ASSERT_TRUE(back.ok()) << back.error();
         EXPECT_EQ(*back->getString("k" + fffd + "y"), "a" + fffd + "b");
-        EXPECT_EQ(*back->getString("latin"), binary ? "caf" + fffd + ".txt" : "caf\xE9.txt");
-        const std::string odd2 = binary ? fffd + "Y" : "\xC2Y";
+        EXPECT_EQ(*back->getString("latin"), isBinary ? "caf" + fffd + ".txt" : "caf\xE9.txt");
+        const std::string odd2 = isBinary ? fffd + "Y" : "\xC2Y";
         EXPECT_EQ(*back->getString(odd2), odd2);
         EXPECT_EQ(back->get("far")->asDate()->secondsSince1970,
                   VkDate::kReferenceDateOffset + 2147483647.0);

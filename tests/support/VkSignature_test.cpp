@@ -5,21 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/VkTestBytes.h"
 #include "support/VkCrypt.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes fromHex(const std::string& hex) {
-    Bytes out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 std::string pem(const char* label, const std::string& derHex) {
-    return std::string("-----BEGIN ") + label + "-----\n" + VkEncodeBase64(fromHex(derHex)) +
+    return std::string("-----BEGIN ") + label + "-----\n" + VkEncodeBase64(vkFromHex(derHex)) +
            "\n-----END " + label + "-----\n";
 }
 
@@ -43,31 +37,29 @@ const std::string kEcPublicPem =
 TEST(VkSignatureTest, KnownAnswerAndRoundTrip) {
     auto signature = VkSignature::sign(kPrivatePem, nullptr, 0);
     ASSERT_TRUE(signature.ok()) << signature.error();
-    EXPECT_EQ(*signature, fromHex(kSignatureHex));
-    EXPECT_TRUE(VkSignature::verify(kPublicPem, nullptr, 0, fromHex(kSignatureHex)));
+    EXPECT_EQ(*signature, vkFromHex(kSignatureHex));
+    EXPECT_TRUE(VkSignature::verify(kPublicPem, nullptr, 0, vkFromHex(kSignatureHex)));
     auto derived = VkSignature::publicKeyOf(kPrivatePem);
     ASSERT_TRUE(derived.ok());
     EXPECT_EQ(*derived, kPublicPem);
 
     auto pair = VkSignature::generateKeyPair();
     ASSERT_TRUE(pair.ok());
-    const std::string text = "manifest bytes";
-    auto mine = VkSignature::sign(pair->privatePem, reinterpret_cast<const uint8_t*>(text.data()),
-                                  text.size());
+    const Bytes text = {'m', 'a', 'n', 'i', 'f', 'e', 's', 't'};
+    auto mine = VkSignature::sign(pair->privatePem, text.data(), text.size());
     ASSERT_TRUE(mine.ok());
-    EXPECT_TRUE(VkSignature::verify(pair->publicPem, reinterpret_cast<const uint8_t*>(text.data()),
-                                    text.size(), *mine));
+    EXPECT_TRUE(VkSignature::verify(pair->publicPem, text.data(), text.size(), *mine));
     EXPECT_NE(*VkSignature::fingerprint(pair->publicPem), *VkSignature::fingerprint(kPublicPem));
 }
 
 // Whatever arrives from the server or a key folder: each answers "does not verify", never
 // aborts and never accepts.
 TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
-    const Bytes good = fromHex(kSignatureHex);
+    const Bytes good = vkFromHex(kSignatureHex);
     Bytes flipped = good, longer = good;
     flipped[10] ^= 1;
     longer.push_back(0);
-    const std::string message = "x";
+    const uint8_t message[] = {'x'};
     struct Case {
         const char* name;
         std::string key;
@@ -88,9 +80,8 @@ TEST(VkSignatureTest, HostileKeysAndSignaturesNeverVerify) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_FALSE(VkSignature::verify(
-            c.key, c.withMessage ? reinterpret_cast<const uint8_t*>(message.data()) : nullptr,
-            c.withMessage ? message.size() : 0, c.signature));
+        EXPECT_FALSE(VkSignature::verify(c.key, c.withMessage ? message : nullptr,
+                                         c.withMessage ? 1 : 0, c.signature));
     }
     EXPECT_FALSE(VkSignature::fingerprint(kEcPublicPem).ok());
     EXPECT_FALSE(VkSignature::fingerprint("not a key").ok());
