@@ -120,9 +120,7 @@ class VkPanelLookTest : public VkPanelFixture, public ::testing::WithParamInterf
 // screen shows only texts of the table and is saved as a picture.
 TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     // No clean on record yet: the warning.
-    for (const char* control : {"mainView", "userScanView", "headView"})
-        EXPECT_TRUE(shown(find(control))) << control;
-    EXPECT_FALSE(shown(find("scanView")));
+    EXPECT_TRUE(showing({"mainView", "userScanView", "headView", "!scanView"}));
     EXPECT_EQ(label("warningText"), localized("Secuirty Warning"));
     EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
     EXPECT_EQ(label("lastUpdateText"), localized("Security-50-1"));
@@ -138,9 +136,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     // Every path the walk reports counts, the folders included.
     EXPECT_EQ(label("scanCountText"), localized("Security-1-7-1") + "7");
     EXPECT_EQ(find<QProgressBar>("scanProgressIndicator")->value(), 1000);
-    EXPECT_TRUE(shown(find("cleanButton")));
-    EXPECT_TRUE(shown(find("backButton")));
-    EXPECT_FALSE(shown(find("cancelButton")));
+    EXPECT_TRUE(showing({"cleanButton", "backButton", "!cancelButton"}));
     expectOnlyTableTexts("result");
 
     // The two small.bin go to the quarantine, the other file onto the trust list.
@@ -157,15 +153,14 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     EXPECT_EQ(center->ecryptTrustFileArray().size(), 1u);
     EXPECT_EQ(label("warningText"), localized("Secuirty Good"));
     // The finish state: one centred button with the painted face.
-    EXPECT_TRUE(shown(find("backButton")));
-    EXPECT_FALSE(shown(find("cleanButton")));
+    EXPECT_TRUE(showing({"backButton", "!cleanButton"}));
     EXPECT_FALSE(find<QAbstractButton>("backButton")->icon().isNull());
     expectOnlyTableTexts("cleaned");
 
     // Back on the main screen, the trust list shows the trusted file until it is dropped
     // from it; closed and opened again, it covers the trojan screens whole once more.
     click(find("backButton"));
-    EXPECT_TRUE(shown(find("mainView")));
+    EXPECT_TRUE(showing({"mainView"}));
     click(find("trustListButton"));
     VkTrustFileWidget* trust = trojan()->trustWidget();
     ASSERT_TRUE(shown(trust));
@@ -188,10 +183,9 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     click(find("quarantineButton"));
     VkQuarantineFileWidget* quarantine = trojan()->quarantineWidget();
     ASSERT_TRUE(shown(quarantine));
-    EXPECT_FALSE(shown(find("headView")));
+    EXPECT_TRUE(showing({"!headView"}));
     EXPECT_EQ(column(quarantine->outline(), "fileNameColumn"), (Lines{"small.bin", "small.bin"}));
-    EXPECT_EQ(find<QLabel>("QuarantineFileText")->text().toStdString(),
-              counted("Security-1-12-1", 2));
+    EXPECT_EQ(label("QuarantineFileText"), counted("Security-1-12-1", 2));
     expectOnlyTableTexts("quarantine");
     // Two files of one name are told apart by their whole places, shown as tool tips; the
     // column shows each place shortened, never cut.
@@ -218,13 +212,11 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     EXPECT_EQ(restored.value(), kSample);
     EXPECT_EQ(list->rowModel()->rowCount(), 1);
     EXPECT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
-    EXPECT_EQ(find<QLabel>("QuarantineFileText")->text().toStdString(),
-              counted("Security-1-12-1", 1));
+    EXPECT_EQ(label("QuarantineFileText"), counted("Security-1-12-1", 1));
     // The finish button closes the screen and brings the main screen's controls back.
     click(quarantine, "completeButton");
     EXPECT_FALSE(shown(quarantine));
-    EXPECT_TRUE(shown(find("userScanView")));
-    EXPECT_TRUE(shown(find("headView")));
+    EXPECT_TRUE(showing({"userScanView", "headView"}));
 
     // The head strip's link opens the logs page on the file monitor's records.
     ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
@@ -250,8 +242,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     // Its result button opens the sheet with the entries.
     click(logs->resultButton(0));
     QWidget* sheet = page.widget("detailWind");
-    ASSERT_NE(sheet, nullptr);
-    EXPECT_TRUE(sheet->isVisibleTo(logs));
+    ASSERT_TRUE(sheet && sheet->isVisibleTo(logs));
     EXPECT_EQ(column(logs->outline("scanDetailOutline"), "scanNameColumn"),
               (Lines{"tool.bin", "small.bin", "small.bin"}));
     expectOnlyTableTexts("logs-detail");
@@ -261,49 +252,42 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     click(logs, "completeButton");
     EXPECT_FALSE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
     EXPECT_TRUE(trojan()->isVisibleTo(panel.get()));
-    EXPECT_TRUE(shown(find("mainView")));
+    EXPECT_TRUE(showing({"mainView"}));
 
     panel->postHostNotification("ReadlyStartScanNotify");
     expectOnlyTableTexts("scanning");
     panel->postHostNotification("StopScanNotify");
 }
 
-// Table-driven over window sizes: the default and a larger one.
+// The logs page and the result screen at two window sizes: each covers the window, its list
+// grows with it, the logs page's search field and clear button lie side by side inside it.
 TEST_P(VkPanelLookTest, ScreensUseTheWholeWindowAndShortenWhatDoesNotFit) {
     EXPECT_EQ(panel->size(), QSize(640, 480));
     dropAndScan(plantThree());
-    click(panel.get(), "viewFileMonLogs");
-    VkLogsWidget* logs = panel->logsWidget();
-    // The logs page covers the panel; its search field and clear button lie side by side
-    // inside it, and its list takes the room the window gives.
-    int lastListHeight = 0;
+    VkLogsWidget* logs = nullptr;
+    int lastLogsList = 0, lastResults = 0;
     for (QSize size : {QSize(640, 480), QSize(1000, 720)}) {
-        panel->resize(size);
-        QCoreApplication::processEvents();
         SCOPED_TRACE(size.width());
+        panel->resize(size);
+        click(panel.get(), "viewFileMonLogs");
+        logs = panel->logsWidget();
+        QCoreApplication::processEvents();
         EXPECT_EQ(logs->geometry(), panel->rect());
         QWidget* field = logs->findChild<QWidget*>("serachField");
         QWidget* clear = logs->findChild<QWidget*>("clearLogsButton");
         EXPECT_FALSE(field->geometry().intersects(clear->geometry()));
         EXPECT_TRUE(logs->rect().contains(clear->geometry()));
         EXPECT_TRUE(logs->rect().contains(field->geometry()));
-        int listHeight = logs->outline("fileLogsOutlineView")->height();
-        EXPECT_GT(listHeight, lastListHeight);
-        lastListHeight = listHeight;
-    }
-    click(logs, "completeButton");
-    // The result screen covers the trojan screens with no band left above it; its list grows.
-    lastListHeight = 0;
-    for (QSize size : {QSize(640, 480), QSize(1000, 720)}) {
-        panel->resize(size);
+        EXPECT_GT(logs->outline("fileLogsOutlineView")->height(), lastLogsList);
+        lastLogsList = logs->outline("fileLogsOutlineView")->height();
+        click(logs, "completeButton");
         QCoreApplication::processEvents();
-        SCOPED_TRACE(size.width());
+        // No band is left above the result screen.
         EXPECT_EQ(trojan()->geometry(), panel->rect());
         EXPECT_EQ(find("scanView")->geometry(), trojan()->rect());
         EXPECT_EQ(find("progressHeaderView")->geometry().bottom(), trojan()->rect().bottom());
-        int listHeight = trojan()->resultView()->height();
-        EXPECT_GT(listHeight, lastListHeight);
-        lastListHeight = listHeight;
+        EXPECT_GT(trojan()->resultView()->height(), lastResults);
+        lastResults = trojan()->resultView()->height();
     }
     panel->grab().save(
         QString("%1/screenshots/%2/result-large.png").arg(VK_BINARY_DIR, GetParam()));

@@ -141,6 +141,16 @@ class VkPanelFixture : public ::testing::Test {
     bool shown(QWidget* w) const {
         return w && w->isVisibleTo(panel.get()) && w->window() == panel->window();
     }
+    // Holds when every named control of the trojan screens is shown and every "!name" is not.
+    ::testing::AssertionResult showing(std::initializer_list<std::string> names) const {
+        std::string wrong;
+        for (const std::string& name : names)
+            if (shown(find(name.c_str() + (name[0] == '!'))) == (name[0] == '!'))
+                wrong += " " + name;
+        if (wrong.empty())
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "not as wanted:" << wrong;
+    }
     void click(QWidget* button) {
         ASSERT_NE(button, nullptr);
         QTest::mouseClick(button, Qt::LeftButton);

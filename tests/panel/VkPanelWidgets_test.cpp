@@ -9,6 +9,7 @@
 #include <QTest>
 #include <QToolButton>
 #include <atomic>
+#include <numeric>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -63,20 +64,21 @@ TEST(VkQtMainQueueTest, TimersFireUntilInvalidatedFromAWorkerOrOnceForAOneShot) 
     EXPECT_EQ(once, 1);
 }
 
-// A window with named controls in a 400 x 300 top view.
+// A named control of a window.
+template <typename T>
+T* named(QWidget* parent, const char* name, QRect geometry) {
+    auto* control = new T(parent);
+    control->setObjectName(name);
+    control->setGeometry(geometry);
+    return control;
+}
+
+// A window with named controls in a 400 x 300 top view, and another screen.
 class VkQtPanelViewTest : public ::testing::Test {
   protected:
     void SetUp() override {
         root.setObjectName("VkTestScreen");
         root.resize(400, 300);
-        box = new QWidget(&root);
-        box->setObjectName("box");
-        box->setGeometry(10, 20, 100, 50);
-        label = new QLabel(box);
-        label->setObjectName("label");
-        label->setGeometry(5, 5, 80, 20);
-        check = new QCheckBox(&root);
-        check->setObjectName("check");
         other.setObjectName("VkOtherScreen");
         other.resize(200, 100);
         screens->add("VkOtherScreen", &other);
@@ -84,9 +86,9 @@ class VkQtPanelViewTest : public ::testing::Test {
 
     QWidget root;
     QWidget other;
-    QWidget* box = nullptr;
-    QLabel* label = nullptr;
-    QCheckBox* check = nullptr;
+    QWidget* box = named<QWidget>(&root, "box", {10, 20, 100, 50});
+    QLabel* label = named<QLabel>(box, "label", {5, 5, 80, 20});
+    QCheckBox* check = named<QCheckBox>(&root, "check", {});
     std::shared_ptr<VkQtScreens> screens = std::make_shared<VkQtScreens>("");
     VkQtPanelView view{&root, screens};
 };
@@ -134,33 +136,28 @@ TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet
     EXPECT_GT(view.drawnWidth(styled), 0);
 }
 
-// What a header of the style in use shows, looked at in its pixels.
+// Whether the sort arrow a header draws in a section points up: the rows of pixels that
+// differ from the header without the arrow are wider in its lower half.
 bool headerArrowPointsUp(QHeaderView* header, int section) {
     QImage image = header->grab().toImage();
-    QImage plain;
-    {
-        bool shown = header->isSortIndicatorShown();
-        header->setSortIndicatorShown(false);
-        plain = header->grab().toImage();
-        header->setSortIndicatorShown(shown);
-    }
+    bool shown = header->isSortIndicatorShown();
+    header->setSortIndicatorShown(false);
+    QImage plain = header->grab().toImage();
+    header->setSortIndicatorShown(shown);
     int left = header->sectionViewportPosition(section);
-    int right = left + header->sectionSize(section);
-    int first = -1, last = -1;
-    std::vector<int> widths(static_cast<size_t>(image.height()), 0);
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = left; x < right; ++x)
-            if (image.pixel(x, y) != plain.pixel(x, y)) {
-                ++widths[static_cast<size_t>(y)];
-                first = first < 0 ? y : first;
-                last = y;
-            }
-    EXPECT_GT(last, first) << "no arrow drawn";
-    long top = 0, bottom = 0;
-    int middle = (first + last + 1) / 2;
-    for (int y = first; y <= last; ++y)
-        (y < middle ? top : bottom) += widths[static_cast<size_t>(y)];
-    return bottom > top;
+    std::vector<long> widths;  // from the first row drawn to the last
+    for (int y = 0; y < image.height(); ++y) {
+        long width = 0;
+        for (int x = left; x < left + header->sectionSize(section); ++x)
+            width += image.pixel(x, y) != plain.pixel(x, y);
+        if (width || !widths.empty())
+            widths.push_back(width);
+    }
+    while (!widths.empty() && widths.back() == 0)
+        widths.pop_back();
+    EXPECT_GT(widths.size(), 1u) << "no arrow drawn";
+    auto middle = widths.begin() + static_cast<long>(widths.size() / 2);
+    return std::accumulate(middle, widths.end(), 0L) > std::accumulate(widths.begin(), middle, 0L);
 }
 
 TEST(VkQtSortIndicatorTest, NamesShowTheirPictureInFusionAndInWindowsStyle) {

@@ -17,10 +17,8 @@ namespace {
 void recordLine(const char* line, void* user) {
     static_cast<std::vector<std::string>*>(user)->push_back(line);
 }
-
 void recordNotice(const char* name, const char* detail, void* user) {
-    std::string line = std::string("notify ") + name + (*detail ? " " : "") + detail;
-    static_cast<std::vector<std::string>*>(user)->push_back(line);
+    recordLine((std::string("notify ") + name + (*detail ? " " : "") + detail).c_str(), user);
 }
 
 // The plug-in as a host sees it: loaded by path, one C entry point, the host's entry points
@@ -42,15 +40,14 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
     VkPanelHostOptions options{data.c_str(), root.c_str(), &recordLine, &lines, 30, &recordNotice};
     std::unique_ptr<QWidget> panel(create(nullptr, &options));
     ASSERT_NE(panel, nullptr);
-    for (const char* slot : {"startQuickScan()", "startFullScan()", "setFileMonStat(bool)",
-                             "postHostNotification(QString)"})
-        EXPECT_GE(panel->metaObject()->indexOfSlot(slot), 0) << slot;
+    // The other slots the host reaches by name are called below.
+    EXPECT_GE(panel->metaObject()->indexOfSlot("startFullScan()"), 0);
 
     auto has = [&lines](const std::string& line) {
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     };
     auto serveUntilHas = [&](const std::string& line) {
-        return serveUntil([&] { return has(line); }, 20000);
+        return serveUntil([&] { return has(line); });
     };
     // The panel registers with the host at once; the host's "stop" notification, addressed
     // to the panel's controller, brings the home view back and is reported as such.

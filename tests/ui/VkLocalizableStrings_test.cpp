@@ -1,10 +1,8 @@
 // The strings tables shipped in the build's resource folder: every key the panel asks for is
 // there in every language, and each translation keeps the placeholders the code fills.
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -28,17 +26,12 @@ std::set<std::string> usedKeys() {
     for (const char* folder : {"src/ui", "src/panel"})
         for (const auto& entry :
              std::filesystem::directory_iterator(VkFile::join(VK_SOURCE_DIR, folder))) {
-            std::ifstream in(entry.path());
-            std::stringstream text;
-            text << in.rdbuf();
-            std::string s = text.str();
+            std::string s = VkFile::readAll(entry.path()).value();
             for (std::sregex_iterator it(s.begin(), s.end(), keyLiteral), end; it != end; ++it)
                 used.insert((*it)[1]);
         }
     return used;
 }
-
-const std::vector<std::string> kLanguages = {"en", "de"};
 
 std::map<std::string, std::string> table(const std::string& language) {
     auto text = VkFile::readAll(
@@ -62,7 +55,7 @@ std::string placeholders(const std::string& text) {
 TEST(VkLocalizableStrings, EveryKeyUsedIsInEveryLanguageWithItsPlaceholders) {
     std::set<std::string> used = usedKeys();
     EXPECT_GE(used.size(), 40u);
-    for (const auto& language : kLanguages) {
+    for (const char* language : {"en", "de"}) {
         auto strings = table(language);
         ASSERT_FALSE(strings.empty()) << language << " table missing from " << kBuiltResources;
         for (const auto& key : used) {

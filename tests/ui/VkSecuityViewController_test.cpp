@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
 #include "detectors/VkAntiTrojan.h"
 #include "fakes/VkRecordingNetClient.h"
-#include "fakes/VkRecordingPanelView.h"
 #include "fakes/VkScriptedCenter.h"
 #include "fakes/VkTempDir.h"
 #include "logs/VkFileMonLogsOper.h"
@@ -16,20 +16,13 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
+// Monitor records of `count` downloads.
 std::vector<uint8_t> archiveOf(size_t count) {
-    VkFileMonLogsItem::Items items;
-    for (size_t i = 0; i < count; ++i) {
-        auto item = std::make_shared<VkFileMonLogsItem>();
-        item->setFilePath("/Users/t/Downloads/file" + std::to_string(i) + ".dmg");
-        item->setProcessName("Safari");
-        item->setTrojanName("OSX/Mon.A");
-        item->setDownLoadTime(VkDate{100.0 + static_cast<double>(i)});
-        item->setLogTime(VkDate{200});
-        items.push_back(item);
-    }
-    return *VkFileMonLogsItem::archiveItems(items);
+    std::vector<VkMonitorRow> rows;
+    for (size_t i = 0; i < count; ++i)
+        rows.push_back({"/Users/t/Downloads/file" + std::to_string(i) + ".dmg", "Safari",
+                        100.0 + static_cast<double>(i)});
+    return vkMonitorArchive(rows);
 }
 
 class VkSecuityViewControllerTest : public ::testing::Test {
@@ -37,11 +30,9 @@ class VkSecuityViewControllerTest : public ::testing::Test {
     void SetUp() override {
         ctx = VkContext::forTesting(dir.path());
         ctx->netClient = client;
-        for (auto [key, text] : std::initializer_list<std::pair<const char*, const char*>>{
-                 {"Security-1-3-1", "Monitor on"},
-                 {"Security-1-3-2", "Monitor off"},
-                 {"Security-1-4", "Logged: %ld files"}})
-            ctx->localizer->setString(key, text);
+        vkSetStrings(*ctx->localizer, R"(
+            "Security-1-3-1" = "Monitor on"; "Security-1-3-2" = "Monitor off";
+            "Security-1-4" = "Logged: %ld files";)");
         queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
         ctx->notificationCenter->addObserver(
             "ReloadIntrodutNotify", nullptr, [this](const VkNotification& n) {
@@ -101,23 +92,18 @@ class VkSecuityViewControllerTest : public ::testing::Test {
 TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelInOrder) {
     show();
     EXPECT_EQ(client->statCalls, (std::vector<bool>{true}));
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor on");
     EXPECT_FALSE(storedFileMonStart());  // the default YES is registered, never stored
-
-    Lines expected = {
-        "addSubview contentView VkTrojanMainController",
-        "setOrigin headView 0.000000 431.000000",
-        "addSubview VkTrojanMainController headView",
-        "setStyledText fileMonDetailText Logged: 0 files",
-        "setOrigin viewFileMonLogs 120.000000 12.000000",
-        "setStyledText viewFileMonLogs View logs",
-        "setText fileMonOnText Monitor on",
-    };
-    EXPECT_EQ(view.calls, expected);
+    EXPECT_EQ(view.calls, (Lines{"addSubview contentView VkTrojanMainController",
+                                 "setOrigin headView 0.000000 431.000000",
+                                 "addSubview VkTrojanMainController headView",
+                                 "setStyledText fileMonDetailText Logged: 0 files",
+                                 "setOrigin viewFileMonLogs 120.000000 12.000000",
+                                 "setStyledText viewFileMonLogs View logs",
+                                 "setText fileMonOnText Monitor on"}));
     auto link = view.styledText("viewFileMonLogs");
     ASSERT_TRUE(link);
-    EXPECT_EQ(link->fontSize, 12);
-    EXPECT_EQ(link->color, VkColor::rgb255(75, 137, 208));
+    EXPECT_EQ(std::tuple(link->fontSize, link->color),
+              std::tuple(12.0, VkColor::rgb255(75, 137, 208)));
     // The trojan screens had their own first showing and know the head strip.
     EXPECT_EQ(center->calls, (Lines{"startUpdate"}));
     EXPECT_TRUE(trojanView.isSubview("view", "mainView"));
@@ -125,9 +111,8 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     auto sentence = view.styledText("fileMonDetailText");
     ASSERT_TRUE(sentence);
     EXPECT_EQ(sentence->text.substr(sentence->highlightStart, sentence->highlightLength), "0");
-    EXPECT_EQ(sentence->highlightColor, VkColor::rgb255(75, 137, 208));
-    EXPECT_EQ(sentence->color, VkColor::black());
-    EXPECT_EQ(sentence->fontSize, 12);
+    EXPECT_EQ(std::tuple(sentence->highlightColor, sentence->color, sentence->fontSize),
+              std::tuple(VkColor::rgb255(75, 137, 208), VkColor::black(), 12.0));
     EXPECT_EQ(counts, (std::vector<double>{0}));
 
     // A quick scan before the logs were ever opened does not make the logs page.
@@ -138,28 +123,41 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     EXPECT_EQ(center->calls.back(), "startQuickScan");
 }
 
-// A start the monitor refuses is stored as NO and said; a monitor the user switched off is
-// not asked. Either way the switch shows off (0), and a refused switch-on by the user too.
-TEST_F(VkSecuityViewControllerTest, AMonitorThatIsOffShowsTheSwitchOffAndARefusalSaysSo) {
+// A switch-on by the user that the monitor refuses shows off again, stored NO, and says so.
+// (A start refused or not asked when the panel is shown: VkPanelFlowTest.TheMonitorSwitch...)
+TEST_F(VkSecuityViewControllerTest, AUserSwitchOnTheMonitorRefusesShowsOffAndSaysSo) {
     ctx->localizer->setString("Security-80-1", "Monitor failed");
-    for (bool switchedOff : {false, true}) {
-        SCOPED_TRACE(switchedOff ? "switched off" : "refused");
-        client->statCalls.clear();
-        client->statSucceeds = false;
-        if (switchedOff)
-            ctx->userDefaults->setBool("FileMonStart", false);
-        show();
-        EXPECT_EQ(client->statCalls, switchedOff ? std::vector<bool>{} : std::vector<bool>{true});
-        EXPECT_EQ(view.text("fileMonOnText"), switchedOff ? "Monitor off" : "Monitor failed");
-        EXPECT_EQ(view.state("startFileMon"), 0);
-        EXPECT_EQ(storedFileMonStart(), false);
-    }
-    // The user's click turned it on; the monitor refuses: off again, stored NO, said.
+    ctx->userDefaults->setBool("FileMonStart", false);
+    show();
+    client->statSucceeds = false;
     view.setState("startFileMon", 1);
     panel->swithChange();
-    EXPECT_EQ(view.state("startFileMon"), 0);
+    EXPECT_EQ(client->statCalls, std::vector<bool>{true});
+    EXPECT_TRUE(vkViewShows(view, {"state startFileMon=0", "text fileMonOnText=Monitor failed"}));
     EXPECT_EQ(storedFileMonStart(), false);
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor failed");
+}
+
+// The host sets the monitor either way; the user flipping the switch off stores it whatever
+// the monitor answers. Each is stored, shown and told.
+TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEveryone) {
+    show();
+    client->statCalls.clear();
+    for (int step : {1, 2, 3}) {
+        SCOPED_TRACE(step);
+        bool on = step == 2;
+        if (step < 3) {
+            panel->setFileMonStat(on);
+        } else {
+            client->statSucceeds = false;
+            view.setState("startFileMon", 0);
+            panel->swithChange();
+        }
+        ASSERT_EQ(client->statCalls.size(), static_cast<size_t>(step));
+        EXPECT_EQ(client->statCalls.back(), on);
+        EXPECT_EQ(storedFileMonStart(), on);
+        EXPECT_EQ(view.text("fileMonOnText"), on ? "Monitor on" : "Monitor off");
+        EXPECT_EQ(switchNotices, step);
+    }
 }
 
 TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueueWhileItLives) {
@@ -204,7 +202,6 @@ TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClose
 
     logs->closeFileMonLogsView();
     EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
-
     // Made once and kept.
     panel->viewFileMonLogs();
     EXPECT_EQ(panel->logsController(), logs);
@@ -214,32 +211,6 @@ TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClose
     EXPECT_FALSE(view.isSubview("view", "VkLogsController"));
     EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
     EXPECT_EQ(center->calls.back(), "startScan full");
-}
-
-TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEveryone) {
-    show();
-    client->statCalls.clear();
-
-    panel->setFileMonStat(false);
-    EXPECT_EQ(client->statCalls, (std::vector<bool>{false}));
-    EXPECT_EQ(storedFileMonStart(), false);
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-    EXPECT_EQ(switchNotices, 1);
-
-    panel->setFileMonStat(true);
-    EXPECT_EQ(client->statCalls, (std::vector<bool>{false, true}));
-    EXPECT_EQ(storedFileMonStart(), true);
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor on");
-    EXPECT_EQ(switchNotices, 2);
-
-    // The user flipping the switch off stores it whatever the monitor answers.
-    client->statSucceeds = false;
-    view.setState("startFileMon", 0);
-    panel->swithChange();
-    EXPECT_EQ(client->statCalls.back(), false);
-    EXPECT_EQ(storedFileMonStart(), false);
-    EXPECT_EQ(view.text("fileMonOnText"), "Monitor off");
-    EXPECT_EQ(switchNotices, 3);
 }
 
 }  // namespace

@@ -4,64 +4,44 @@
 
 #include <gtest/gtest.h>
 
+#include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
-#include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingHostReporter.h"
 #include "fakes/VkRecordingListView.h"
-#include "fakes/VkRecordingPanelView.h"
 #include "fakes/VkScriptedCenter.h"
-#include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
 #include "logs/VkScanLogsOper.h"
-#include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "ui/VkListSupport.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 
 const char kSample[] = "panel-synthetic-sample-bytes";
 
-class VkTrojanMainControllerTest : public ::testing::Test {
+class VkTrojanMainControllerTest : public VkUiTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
         ctx->pacing = std::make_shared<VkQuietPacing>();
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
-        core->performMoves(true);
-        core->performDeletes(true);
-        ctx->coreFunction = core;
-        host = std::make_shared<VkRecordingHostReporter>();
         ctx->hostReporter = host;
-        VkFile::createDirectory(ctx->dataFolder, true);
-        VkFile::createDirectory(ctx->systemRoot, true);
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"OSX/Panel.A", kSample, {}}});
-        for (auto [key, text] : std::initializer_list<std::pair<const char*, const char*>>{
-                 {"Security-1-7-1", "Files: "},
-                 {"Security-1-5-1", "Time: "},
-                 {"Security-1-5-2", "No threats found"},
-                 {"Security-1-9-1", "threats found"},
-                 {"Security-1-9-7", "Back"},
-                 {"Security-1-4-3", "Finish"},
-                 {"Security-1-11", "Signatures of "},
-                 {"Security-1-11-1", "Checking..."},
-                 {"Security-1-11-2", "Updated to %@"},
-                 {"Security-50-1", "Update failed"},
-                 {"Security-50-2", "Up to date (100%%)"},
-                 {"Secuirty Warning", "At risk"},
-                 {"Secuirty Good", "Protected"}})
-            ctx->localizer->setString(key, text);
-        auto quarantine = VkServices::makeQuarantine(*ctx);
-        center =
-            std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx), quarantine);
+        vkSetStrings(*ctx->localizer, R"x(
+            "Security-1-7-1" = "Files: "; "Security-1-5-1" = "Time: ";
+            "Security-1-5-2" = "No threats found"; "Security-1-9-1" = "threats found";
+            "Security-1-9-7" = "Back"; "Security-1-4-3" = "Finish";
+            "Security-1-11" = "Signatures of "; "Security-1-11-1" = "Checking...";
+            "Security-1-11-2" = "Updated to %@"; "Security-50-1" = "Update failed";
+            "Security-50-2" = "Up to date (100%%)"; "Secuirty Warning" = "At risk";
+            "Secuirty Good" = "Protected";)x");
+        center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
+                                                    VkServices::makeQuarantine(*ctx));
         center->trjanScan().setPaceScans(false);
         scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
@@ -110,10 +90,8 @@ class VkTrojanMainControllerTest : public ::testing::Test {
     }
 
     Lines column(const std::string& name) const {
-        Lines out;
-        for (uint64_t row = 0; row < controller->numberOfRows(); ++row)
-            out.push_back(controller->objectValue(name, static_cast<int64_t>(row)).value_or("-"));
-        return out;
+        return vkRows(controller->numberOfRows(),
+                      [&](int64_t row) { return controller->objectValue(name, row); });
     }
 
     std::optional<double> storedTime(const char* key) {
@@ -123,10 +101,7 @@ class VkTrojanMainControllerTest : public ::testing::Test {
         return ctx->userDefaults->doubleForKey(key);
     }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingCoreFunction> core;
-    std::shared_ptr<VkRecordingHostReporter> host;
+    std::shared_ptr<VkRecordingHostReporter> host = std::make_shared<VkRecordingHostReporter>();
     std::shared_ptr<VkScriptedCenter> center;
     std::shared_ptr<VkScanLogsOper> scanLogs;
     VkRunLoopMainQueue* queue = nullptr;
@@ -138,16 +113,13 @@ class VkTrojanMainControllerTest : public ::testing::Test {
 };
 
 TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUpdate) {
-    EXPECT_EQ(view.indicatorOn("fileNameColumn"), "NSAscendingSortIndicator");
-    EXPECT_EQ(view.subviews("view"), Lines{"mainView"});
-    // No clean on record: the status warns.
-    EXPECT_EQ(view.shows("warningImageView"), "security_warning");
-    EXPECT_EQ(view.text("warningText"), "At risk");
-    EXPECT_EQ(view.text("lastUpdateText"), "Signatures of 2013-2-27");
+    // No clean on record: the status warns. The titles are drawn into the button images.
+    EXPECT_TRUE(vkViewShows(
+        view, {"indicator fileNameColumn=NSAscendingSortIndicator", "subviews view=mainView",
+               "shows warningImageView=security_warning", "text warningText=At risk",
+               "text lastUpdateText=Signatures of 2013-2-27", "shows cancelButton=button:Stop",
+               "text cleanButton="}));
     EXPECT_EQ(center->calls, Lines{"startUpdate"});
-    // The titles are drawn into the button images.
-    EXPECT_EQ(view.shows("cancelButton"), "button:Stop");
-    EXPECT_EQ(view.text("cleanButton"), "");
     EXPECT_EQ(host->lines(), Lines{"updateOperObjs"});
 
     ctx->userDefaults->setObject("LastSecurityScanTime",
@@ -159,11 +131,9 @@ TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUp
     controller->showQuarantineFiles();
     EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
     EXPECT_EQ(view.frame("VkQuarantineFileController"), view.frame("mainView"));
-    EXPECT_TRUE(view.isHidden("headView"));
-    EXPECT_TRUE(view.isHidden("userScanView"));
+    EXPECT_TRUE(vkViewShows(view, {"hidden headView=1", "hidden userScanView=1"}));
     controller->quarantineFileController().operaComplete();
-    EXPECT_FALSE(view.isHidden("headView"));
-    EXPECT_FALSE(view.isHidden("userScanView"));
+    EXPECT_TRUE(vkViewShows(view, {"hidden headView=0", "hidden userScanView=0"}));
     EXPECT_EQ(quarantineView.closes, 1);
 }
 
@@ -172,23 +142,20 @@ TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
     EXPECT_EQ(center->calls.back(), "startScan full");
     EXPECT_TRUE(controller->isScanning());
     EXPECT_EQ(controller->currenSelectedView(), "scanView");
-    EXPECT_TRUE(view.isHidden("headView"));
-    EXPECT_FALSE(view.isHidden("shutDownButton")) << "a full scan offers the shutdown box";
-    EXPECT_EQ(view.frame("scanProgressIndicator").origin, (VkPoint{9, 28}));
-    EXPECT_EQ(view.frame("currentScanPathText").origin, (VkPoint{85, 77}));
+    // A full scan offers the shutdown box.
+    EXPECT_TRUE(vkViewShows(
+        view, {"hidden headView=1", "hidden shutDownButton=0", "origin scanProgressIndicator=9,28",
+               "origin currentScanPathText=85,77"}));
 
     endScan();
     EXPECT_FALSE(controller->isScanning());
-    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
-    EXPECT_EQ(view.text("currentScanPathText"), "No threats found");
-    EXPECT_EQ(view.frame("currentScanPathText").origin, (VkPoint{63, 77}));
-    EXPECT_EQ(view.shows("scanDisplayImage"), "security_good");
-    EXPECT_EQ(view.subviews("scanContentView"), Lines{"safeView"});
-    EXPECT_EQ(view.frame("safeView").size, (VkSize{500, 300}));
     // The finish button, centred: (400 - 100) / 2 and (50 - 30) / 2.
-    EXPECT_EQ(view.frame("backButton").origin, (VkPoint{150, 10}));
-    EXPECT_EQ(view.shows("backButton"), "button:Finish");
-    EXPECT_TRUE(view.isHidden("cleanButton"));
+    EXPECT_TRUE(vkViewShows(
+        view,
+        {"text scanCountText=Files: 0", "text currentScanPathText=No threats found",
+         "origin currentScanPathText=63,77", "shows scanDisplayImage=security_good",
+         "subviews scanContentView=safeView", "size safeView=500,300", "origin backButton=150,10",
+         "shows backButton=button:Finish", "hidden cleanButton=1"}));
 
     double now = ctx->clock->now();
     EXPECT_EQ(storedTime("LastScanTroajnTime"), now);
@@ -203,21 +170,18 @@ TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
 }
 
 TEST_F(VkTrojanMainControllerTest, ElapsedTimeAndCountFollowTheTick) {
-    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3599), "59:59");
-    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3600), "1:00:00");
-    EXPECT_EQ(VkTrojanMainController::elapsedTimeText(3661), "1:01:01");
+    for (auto [seconds, text] : {std::pair{3599, "59:59"}, {3600, "1:00:00"}, {3661, "1:01:01"}})
+        EXPECT_EQ(VkTrojanMainController::elapsedTimeText(seconds), text);
 
     controller->fullScanAction();
     EXPECT_EQ(view.text("scanTimeText"), "Time: 00:00");
     report(0.01f, "/Users/x/report.PDF");
     report(0.01f, "/Users/x/notes");
     // Path, count and icon wait for the tick in a full scan.
-    EXPECT_EQ(view.text("currentScanPathText"), "");
-    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
+    EXPECT_TRUE(vkViewShows(view, {"text currentScanPathText=", "text scanCountText=Files: 0"}));
     queue->advance(1.0);
-    EXPECT_EQ(view.text("scanTimeText"), "Time: 00:01");
-    EXPECT_EQ(view.text("scanCountText"), "Files: 2");
-    EXPECT_EQ(view.text("currentScanPathText"), "/Users/x/notes");
+    EXPECT_TRUE(vkViewShows(view, {"text scanTimeText=Time: 00:01", "text scanCountText=Files: 2",
+                                   "text currentScanPathText=/Users/x/notes"}));
     EXPECT_EQ(view.image("litteIconImage"),
               VkPanelImage::fromIcon(VkImage::iconForFileType("rtf").resized(16, 16)));
     queue->advance(3660.0);
@@ -233,16 +197,15 @@ TEST_F(VkTrojanMainControllerTest, ElapsedTimeAndCountFollowTheTick) {
 TEST_F(VkTrojanMainControllerTest, QuickScanShowsEachPathButNeverTheCount) {
     controller->quickScanAction();
     EXPECT_EQ(center->calls.back(), "startQuickScan");
-    EXPECT_TRUE(view.isHidden("scanCountText"));
-    EXPECT_TRUE(view.isHidden("shutDownButton"));
-    EXPECT_EQ(view.frame("scanProgressIndicator").origin, (VkPoint{9, 21}));
-    EXPECT_EQ(view.shows("litteIconImage"), "quick_icon");
+    EXPECT_TRUE(vkViewShows(
+        view, {"hidden scanCountText=1", "hidden shutDownButton=1",
+               "origin scanProgressIndicator=9,21", "shows litteIconImage=quick_icon"}));
 
     report(0.5f, "OSX/Flashback");
     EXPECT_EQ(view.text("currentScanPathText"), "OSX/Flashback");
     queue->advance(1.0);
-    EXPECT_EQ(view.text("scanCountText"), "Files: 0");
-    EXPECT_EQ(view.shows("litteIconImage"), "quick_icon");
+    EXPECT_TRUE(
+        vkViewShows(view, {"text scanCountText=Files: 0", "shows litteIconImage=quick_icon"}));
 
     endScan();
     EXPECT_EQ(storedTime("LastQuickScanTime"), ctx->clock->now());
@@ -295,14 +258,12 @@ TEST_F(VkTrojanMainControllerTest, DroppedFilesScanAfterASecondAndAreLoggedWitho
     auto text = view.styledText("currentScanPathText");
     ASSERT_TRUE(text);
     EXPECT_EQ(text->text, "1 threats found");
-    EXPECT_EQ(text->highlightStart, 0u);
-    EXPECT_EQ(text->highlightLength, 1u);
+    EXPECT_EQ(std::tuple(text->highlightStart, text->highlightLength, text->fontOf),
+              std::tuple(0u, 1u, "warningDetailText"));
     EXPECT_EQ(text->highlightColor, VkColor::rgb255(1, 183, 1));
-    EXPECT_EQ(text->fontOf, "warningDetailText");
-    EXPECT_EQ(view.shows("scanDisplayImage"), "security_warning");
-    EXPECT_EQ(view.frame("cleanButton").origin, (VkPoint{95, 10}));
-    EXPECT_EQ(view.frame("backButton").origin, (VkPoint{210, 10}));
-    EXPECT_FALSE(view.isHidden("cleanButton"));
+    EXPECT_TRUE(
+        vkViewShows(view, {"shows scanDisplayImage=security_warning", "origin cleanButton=95,10",
+                           "origin backButton=210,10", "hidden cleanButton=0"}));
 }
 
 TEST_F(VkTrojanMainControllerTest, CleaningOnlyTrustAndQuarantineEndsAtOnce) {
@@ -354,8 +315,7 @@ TEST_F(VkTrojanMainControllerTest, RemovalProgressDropsRowsAndTheEndStoresTheCle
     std::string countLine = view.text("scanCountText");
     controller->killTorjansAction();
     EXPECT_EQ(center->calls.back(), "killTorjanItem 2");
-    EXPECT_EQ(view.text("scanCountText"), "2 left");
-    EXPECT_TRUE(view.isHidden("backButton"));
+    EXPECT_TRUE(vkViewShows(view, {"text scanCountText=2 left", "hidden backButton=1"}));
     EXPECT_TRUE(view.called("setEnabled cancelButton 0"));
     EXPECT_TRUE(view.called("setEnabled removeFileButon 0"));
 
@@ -372,11 +332,11 @@ TEST_F(VkTrojanMainControllerTest, RemovalProgressDropsRowsAndTheEndStoresTheCle
     EXPECT_EQ(host->count("postProgressInfo 0.50 two.bin"), 0u) << "the user's own clean";
 
     controller->killTorjansEnd();
-    EXPECT_EQ(view.text("scanCountText"), countLine);
+    EXPECT_TRUE(
+        vkViewShows(view, {"text scanCountText=" + countLine, "text warningText=Protected"}));
     EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityScanTime"), ctx->clock->date());
     EXPECT_TRUE(view.called("setEnabled cancelButton 1"));
     EXPECT_EQ(host->lines().back(), "userOperEnd");
-    EXPECT_EQ(view.text("warningText"), "Protected");
 }
 
 TEST_F(VkTrojanMainControllerTest, ShutdownAfterACleanScanRunsTheScriptAndLogsItsFailure) {
@@ -388,8 +348,8 @@ TEST_F(VkTrojanMainControllerTest, ShutdownAfterACleanScanRunsTheScriptAndLogsIt
     auto* log = dynamic_cast<VkCapturedLog*>(ctx->systemLog.get());
     ASSERT_TRUE(log);
     EXPECT_EQ(log->lines().back(), "[Shut down ERR] : not allowed");
-    EXPECT_TRUE(view.isHidden("shutDownButton"));
-    EXPECT_EQ(view.state("shutDownButton"), 1) << "the box keeps its state";
+    // The box is hidden but keeps its state.
+    EXPECT_TRUE(vkViewShows(view, {"hidden shutDownButton=1", "state shutDownButton=1"}));
 
     // With results the box starts the clean instead, and the finish image of the clean
     // scan before gives way to the link title.
@@ -402,8 +362,7 @@ TEST_F(VkTrojanMainControllerTest, ShutdownAfterACleanScanRunsTheScriptAndLogsIt
     EXPECT_EQ(view.shows("backButton"), "none");
     auto title = view.styledText("backButton");
     ASSERT_TRUE(title);
-    EXPECT_EQ(title->text, "Back");
-    EXPECT_EQ(title->fontSize, 11);
+    EXPECT_EQ(std::tuple(title->text, title->fontSize), std::tuple("Back", 11));
     EXPECT_EQ(title->color, VkColor::rgb255(60, 126, 218));
 }
 
@@ -423,8 +382,8 @@ TEST_F(VkTrojanMainControllerTest, SortingByHeaderClicksWithTheEqualSizeRule) {
     EXPECT_EQ(column("fileNameColumn"), (Lines{"a.bin", "b.bin", "c.bin"}));
 
     controller->didClickTableColumn("fileSizeColumn");
-    EXPECT_EQ(view.indicatorOn("fileSizeColumn"), "NSDescendingSortIndicator");
-    EXPECT_EQ(view.indicatorOn("fileNameColumn"), "");
+    EXPECT_TRUE(vkViewShows(
+        view, {"indicator fileSizeColumn=NSDescendingSortIndicator", "indicator fileNameColumn="}));
     EXPECT_EQ(column("fileNameColumn"), (Lines{"b.bin", "a.bin", "c.bin"}))
         << "the first click sorts descending";
     controller->didClickTableColumn("fileSizeColumn");
@@ -440,9 +399,8 @@ TEST_F(VkTrojanMainControllerTest, SortingByHeaderClicksWithTheEqualSizeRule) {
 
 TEST_F(VkTrojanMainControllerTest, UpdateLineShowsEachOutcomeAndComesBackAfterTwoSeconds) {
     controller->checkUpdate();
-    EXPECT_EQ(view.text("lastUpdateText"), "Checking...");
-    EXPECT_TRUE(view.isHidden("updateButton"));
-    EXPECT_FALSE(view.isHidden("updateIndicator"));
+    EXPECT_TRUE(vkViewShows(view, {"text lastUpdateText=Checking...", "hidden updateButton=1",
+                                   "hidden updateIndicator=0"}));
 
     controller->updateTrojanData(false, std::nullopt);
     queue->runPending();

@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
 #include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
-#include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingListView.h"
-#include "fakes/VkTempDir.h"
-#include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "support/VkStringExtern.h"
 
@@ -21,62 +19,49 @@ class RecordingCommonDelegate : public VkTrojanCommonDelegate {
     int calls = 0;
 };
 
-class VkTrustFileControllerTest : public ::testing::Test {
+class VkTrustFileControllerTest : public VkUiTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
-        ctx->coreFunction =
-            std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
-        VkFile::createDirectory(ctx->dataFolder, true);
-        center = std::make_shared<VkTorjanCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
-                                                  VkServices::makeQuarantine(*ctx));
-        localizer = std::make_shared<VkLocalizer>();
         localizer->setString("Security-1-13-1", "%d trusted files");
         // File-name order (alpha, mid, zeta) differs from trojan-name order on purpose.
-        trust("home/zeta.bin", "OSX/Alpha", 3);
-        trust("home/alpha.bin", "OSX/Gamma", 1);
-        trust("home/mid.bin", "OSX/Beta", 20);
-        controller = std::make_unique<VkTrustFileController>(center, localizer);
+        for (auto [name, trojan, size] : {std::tuple{"home/zeta.bin", "OSX/Alpha", 3},
+                                          {"home/alpha.bin", "OSX/Gamma", 1},
+                                          {"home/mid.bin", "OSX/Beta", 20}}) {
+            auto r = std::make_shared<VkTorjanResultItems>();
+            r->setPath(dir.write(name, std::string(size, 'x')));
+            r->setTorjanName(std::string(trojan));
+            r->setHashCode(std::string("00112233445566778899aabbccddeeff"));
+            center->addTrustFile(r);
+        }
         controller->setView(&view);
         controller->setCommonDelegate(&delegate);
         controller->awakeFromNib();
         controller->reloadDataView();
     }
 
-    void trust(const std::string& name, const char* trojan, size_t size) {
-        auto r = std::make_shared<VkTorjanResultItems>();
-        r->setPath(dir.write(name, std::string(size, 'x')));
-        r->setTorjanName(std::string(trojan));
-        r->setHashCode(std::string("00112233445566778899aabbccddeeff"));
-        center->addTrustFile(r);
+    Lines column(VkListColumn c) {
+        return vkRows(controller->numberOfRows(),
+                      [&](int64_t row) { return controller->objectValue(c, row); });
     }
 
-    std::vector<std::string> column(VkListColumn c) {
-        std::vector<std::string> out;
-        for (uint64_t i = 0; i < controller->numberOfRows(); ++i)
-            out.push_back(controller->objectValue(c, static_cast<int64_t>(i)).value_or("-"));
-        return out;
-    }
-
-    using Names = std::vector<std::string>;
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkTorjanCenter> center;
-    std::shared_ptr<VkLocalizer> localizer;
+    std::shared_ptr<VkTorjanCenter> center = std::make_shared<VkTorjanCenter>(
+        ctx, VkServices::makeAntiTrojan(*ctx), VkServices::makeQuarantine(*ctx));
+    std::shared_ptr<VkLocalizer> localizer = std::make_shared<VkLocalizer>();
     VkRecordingListView view;
     RecordingCommonDelegate delegate;
-    std::unique_ptr<VkTrustFileController> controller;
+    std::unique_ptr<VkTrustFileController> controller =
+        std::make_unique<VkTrustFileController>(center, localizer);
 };
 
 // The first showing sorts by trojan name under the file-name indicator; every header but
 // the check column flips one shared direction.
 TEST_F(VkTrustFileControllerTest, SortsByTrojanNameAndHeadersFlipOneDirection) {
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSAscendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
-    EXPECT_EQ(column(VkListColumn::fileName), (Names{"zeta.bin", "mid.bin", "alpha.bin"}));
+    EXPECT_EQ(column(VkListColumn::torjanName), (Lines{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Lines{"zeta.bin", "mid.bin", "alpha.bin"}));
     EXPECT_EQ(column(VkListColumn::fileSize),
-              (Names{stringFromFileSize(3), stringFromFileSize(20), stringFromFileSize(1)}));
-    EXPECT_EQ(column(VkListColumn::check), (Names{"-", "-", "-"}));
+              (Lines{stringFromFileSize(3), stringFromFileSize(20), stringFromFileSize(1)}));
+    EXPECT_EQ(column(VkListColumn::check), (Lines{"-", "-", "-"}));
     EXPECT_EQ(*controller->iconPath(0), dir / "home/zeta.bin");
     EXPECT_EQ(view.texts["trustFileText"], "3 trusted files");
     EXPECT_EQ(view.reloads, 1);
@@ -86,20 +71,20 @@ TEST_F(VkTrustFileControllerTest, SortsByTrojanNameAndHeadersFlipOneDirection) {
     controller->didClickTableColumn(VkListColumn::check);
     EXPECT_EQ(view.indicatorCalls, indicatorCalls);
     EXPECT_EQ(view.reloads, 1);
-    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
+    EXPECT_EQ(column(VkListColumn::torjanName), (Lines{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
 
     controller->didClickTableColumn(VkListColumn::fileName);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "NSDescendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "mid.bin", "zeta.bin"}))
+    EXPECT_EQ(column(VkListColumn::fileName), (Lines{"alpha.bin", "mid.bin", "zeta.bin"}))
         << "by trojan name, not by file name";
     controller->didClickTableColumn(VkListColumn::fileSize);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileName), "");
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "NSAscendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::fileName), (Names{"alpha.bin", "zeta.bin", "mid.bin"}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Lines{"alpha.bin", "zeta.bin", "mid.bin"}));
     controller->didClickTableColumn(VkListColumn::torjanName);
     EXPECT_EQ(view.indicatorOn(VkListColumn::fileSize), "");
     EXPECT_EQ(view.indicatorOn(VkListColumn::torjanName), "NSDescendingSortIndicator");
-    EXPECT_EQ(column(VkListColumn::torjanName), (Names{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
+    EXPECT_EQ(column(VkListColumn::torjanName), (Lines{"OSX/Gamma", "OSX/Beta", "OSX/Alpha"}));
 }
 
 TEST_F(VkTrustFileControllerTest, DropRevealAndFinishActOnTheRightRowOrNothing) {
@@ -115,12 +100,12 @@ TEST_F(VkTrustFileControllerTest, DropRevealAndFinishActOnTheRightRowOrNothing) 
     controller->realInFinder();
     view.clicked = 2;
     controller->realInFinder();
-    EXPECT_EQ(view.revealed, (Names{dir / "home/mid.bin", dir / "home/alpha.bin"}));
+    EXPECT_EQ(view.revealed, (Lines{dir / "home/mid.bin", dir / "home/alpha.bin"}));
 
     controller->disFileTrust(1);  // OSX/Beta, mid.bin
     EXPECT_EQ(view.reloads, 2);
     EXPECT_EQ(view.texts["trustFileText"], "2 trusted files");
-    EXPECT_EQ(column(VkListColumn::fileName), (Names{"zeta.bin", "alpha.bin"}));
+    EXPECT_EQ(column(VkListColumn::fileName), (Lines{"zeta.bin", "alpha.bin"}));
     auto stored = center->ecryptTrustFileArray();
     ASSERT_EQ(stored.size(), 2u);
     for (const auto& row : stored)
