@@ -26,7 +26,8 @@ class VkCannedHttpClient : public VkHttpClient {
         return body;
     }
     VkResult<uint64_t> download(const std::string& url, const std::string& destinationPath,
-                                uint64_t maxBytes, const std::atomic<bool>* cancel = nullptr) override {
+                                uint64_t maxBytes,
+                                const std::atomic<bool>* cancel = nullptr) override {
         auto body = get(url, maxBytes, cancel);
         if (!body)
             return VkError{body.error()};
