@@ -480,7 +480,6 @@ void VkTorjanScan::scanBaseItem() {
     const std::shared_ptr<const VkTorjanRecordList> records = torjanItems();
     loaded.set_value(records);
 
-
     std::vector<std::thread> judges;
     for (unsigned i = 0, n = judgingJobs(); i < n; ++i) {
         judges.emplace_back([&] {
