@@ -251,7 +251,6 @@ VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct sta
     return outcome;
 }
 
-
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     int fd, const struct stat& st, const std::string& path,
     const std::shared_ptr<const VkTorjanRecordList>& records,
@@ -270,8 +269,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     auto hasher = [&](int32_t type, uint64_t head) -> std::optional<std::string> {
         auto it = knownByType.find(type);
         if (it == knownByType.end())
-            it = knownByType
-                     .emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{})
+            it = knownByType.emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{})
                      .first;
         std::optional<std::string>& slot = head != 0 ? it->second.head : it->second.whole;
         if (!slot && fd < 0) {

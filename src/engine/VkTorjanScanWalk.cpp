@@ -263,8 +263,7 @@ void VkTorjanScan::scanBaseItem() {
             }
             return true;
         };
-        std::function<bool(int, const std::string&, const std::string&, const struct stat&,
-                           Report)>
+        std::function<bool(int, const std::string&, const std::string&, const struct stat&, Report)>
             judgeLater;
         // Hands on, in order, what was held; false on stop.
         auto release = [&] {
@@ -277,8 +276,8 @@ void VkTorjanScan::scanBaseItem() {
                 bool goOn = false;
                 if (entry.judge) {
                     const std::string path = entry.report.path;  // the report moves on
-                    goOn = judgeLater(entry.folder ? entry.folder->get() : AT_FDCWD, entry.at,
-                                      path, entry.st, std::move(entry.report));
+                    goOn = judgeLater(entry.folder ? entry.folder->get() : AT_FDCWD, entry.at, path,
+                                      entry.st, std::move(entry.report));
                 } else {
                     goOn = post(std::move(entry.report));
                 }
@@ -370,8 +369,8 @@ void VkTorjanScan::scanBaseItem() {
                     if (folderFd != AT_FDCWD) {
                         std::string parent = path.substr(0, path.size() - at.size());
                         if (!heldFolder || parent != heldFolderPath) {
-                            heldFolder = std::make_shared<VkFd>(
-                                ::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
+                            heldFolder =
+                                std::make_shared<VkFd>(::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
                             heldFolderPath = std::move(parent);
                             ++heldFolders;
                         }
@@ -403,8 +402,8 @@ void VkTorjanScan::scanBaseItem() {
                 // A file the cache knows as it stands is judged here, without being opened:
                 // the cache answers only for this device, inode, size and both times.
                 bool undecided = false;
-                auto result = judgeOpenFile(-1, st, path, records, cache, nullptr,
-                                            &candidate.known, &undecided);
+                auto result = judgeOpenFile(-1, st, path, records, cache, nullptr, &candidate.known,
+                                            &undecided);
                 if (!undecided) {
                     report.result = std::move(result);
                     return settle(std::move(report));
@@ -502,9 +501,8 @@ void VkTorjanScan::scanBaseItem() {
                     } else if (!report.result && wantsArchive(candidate.path)) {
                         // An archive is opened whatever its own size: its members are judged
                         // one by one.
-                        ArchiveOutcome outcome = judgeArchive(candidate.fd.get(), opened,
-                                                              candidate.path, *records,
-                                                              &isSearchStop_);
+                        ArchiveOutcome outcome = judgeArchive(
+                            candidate.fd.get(), opened, candidate.path, *records, &isSearchStop_);
                         report.members = std::move(outcome.findings);
                         report.memberSkips = std::move(outcome.notExamined);
                     }

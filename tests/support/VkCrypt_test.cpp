@@ -8,9 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include <iconv.h>
-
 #include "fakes/VkTestBytes.h"
+#include <iconv.h>
 
 namespace {
 
