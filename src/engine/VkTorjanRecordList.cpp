@@ -50,12 +50,14 @@ bool digestOf(const std::string& text, std::array<uint8_t, 16>& digest) {
     return true;
 }
 
+// A digest as the hash facility writes it: lower-case hex.
+constexpr char kHexDigits[] = "0123456789abcdef";
+
 std::string hexOf(const std::array<uint8_t, 16>& digest) {
-    static const char kDigits[] = "0123456789abcdef";
     std::string text(32, '0');
     for (size_t i = 0; i < 16; ++i) {
-        text[2 * i] = kDigits[digest[i] >> 4];
-        text[2 * i + 1] = kDigits[digest[i] & 15];
+        text[2 * i] = kHexDigits[digest[i] >> 4];
+        text[2 * i + 1] = kHexDigits[digest[i] & 15];
     }
     return text;
 }
@@ -408,10 +410,10 @@ bool VkTorjanRecords::hashIs(size_t index, bool head, std::string_view text) con
         const Digest* digest = head ? findRow(heads_, index) : &row.whole;
         if (!digest || text.size() != 32)
             return false;
-        static const char kDigits[] = "0123456789abcdef";
+        // Compared digit by digit, as hexOf would write it, without making the text.
         for (size_t i = 0; i < 16; ++i) {
-            if (text[2 * i] != kDigits[(*digest)[i] >> 4] ||
-                text[2 * i + 1] != kDigits[(*digest)[i] & 15])
+            if (text[2 * i] != kHexDigits[(*digest)[i] >> 4] ||
+                text[2 * i + 1] != kHexDigits[(*digest)[i] & 15])
                 return false;
         }
         return true;
