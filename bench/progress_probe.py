@@ -34,6 +34,15 @@ def main():
         os.execvp(sys.argv[1], sys.argv[1:])
     samples = []  # (seconds, percent or None for the listing stage)
     pending = b""
+    pending_timed = False  # the line in `pending` was timed already
+
+    def sample(line, now):
+        m = PERCENT.search(line)
+        if m:
+            samples.append((now, int(m.group(1))))
+        elif b"[listing]" in line:
+            samples.append((now, None))
+        return bool(m) or b"[listing]" in line
     while True:
         ready, _, _ = select.select([fd], [], [], 1.0)
         if not ready:
@@ -48,12 +57,16 @@ def main():
         pending += chunk
         parts = re.split(rb"[\r\n]", pending)
         pending = parts.pop()
+        # Each draw starts with "\r", so a line is timed as soon as its head arrives, not
+        # when the next draw ends it; a line already timed that way is not timed again.
+        if parts and pending_timed:
+            parts.pop(0)
+        elif not parts and pending_timed:
+            continue
+        pending_timed = False
         for part in parts:
-            m = PERCENT.search(part)
-            if m:
-                samples.append((now, int(m.group(1))))
-            elif b"[listing]" in part:
-                samples.append((now, None))
+            sample(part, now)
+        pending_timed = sample(pending, now)
     _, status = os.waitpid(pid, 0)
     total = time.monotonic() - start
     first = next((t for t, p in samples if p is not None), None)
