@@ -32,19 +32,23 @@ bool isDots(const char* name) {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// Opens a folder below an open parent without following a link in its place.
-DIR* openChild(DIR* parent, const std::string& fullPath, const char* name) {
-    int fd = parent ? ::openat(::dirfd(parent), name, kFolderFlags)
-                    : VkDirectoryWalker::openFolder(fullPath).release();
+// A folder's descriptor made into a listing (closed if that fails, errno kept).
+DIR* adopt(int fd) {
     if (fd < 0)
         return nullptr;
-    DIR* d = ::fdopendir(fd);
-    if (!d) {
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
         int error = errno;
         ::close(fd);
         errno = error;
     }
-    return d;
+    return dir;
+}
+
+// Opens a folder below an open parent without following a link in its place.
+DIR* openChild(DIR* parent, const std::string& fullPath, const char* name) {
+    return adopt(parent ? ::openat(::dirfd(parent), name, kFolderFlags)
+                        : VkDirectoryWalker::openFolder(fullPath).release());
 }
 
 // Whether an entry is a real folder (links are not), asking the file system only when
@@ -58,6 +62,29 @@ bool isFolder(DIR* parent, const std::string& fullPath, const char* name, unsign
     int rc = parent ? ::fstatat(::dirfd(parent), name, &st, AT_SYMLINK_NOFOLLOW)
                     : ::lstat(fullPath.c_str(), &st);
     return rc == 0 && S_ISDIR(st.st_mode);
+}
+
+// Whether an open folder is one of those never entered (one attribute read, and only when
+// there is something to skip).
+bool isSkipped(DIR* dir, const std::vector<VkDirectoryWalker::FolderId>& skip) {
+    if (skip.empty())
+        return false;
+    struct stat st {};
+    return ::fstat(::dirfd(dir), &st) == 0 &&
+           std::find(skip.begin(), skip.end(), VkDirectoryWalker::FolderId{st.st_dev, st.st_ino}) !=
+               skip.end();
+}
+
+// Opens the root of a walk; it may be a link to a folder: followed, as the platform's
+// enumerator does for the folder it is asked to list.
+DIR* openRoot(const std::string& base) {
+    return adopt(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
 }
 
 }  // namespace
@@ -99,28 +126,11 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
         if (failed)
             failed(path, errno != 0 ? errno : EIO);
     };
-    // One attribute read per folder, and only when there is something to skip.
-    auto skipped = [&](DIR* dir) {
-        if (skip.empty())
-            return false;
-        struct stat st {};
-        return ::fstat(::dirfd(dir), &st) == 0 &&
-               std::find(skip.begin(), skip.end(), FolderId{st.st_dev, st.st_ino}) != skip.end();
-    };
-    std::string base = root;
-    while (base.size() > 1 && base.back() == '/')
-        base.pop_back();
-    // The root itself may be a link to a folder: follow it, as the platform's enumerator
-    // does for the folder it is asked to list.
-    int rootFd = ::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (rootFd < 0) {
-        fail(root);
-        return false;
-    }
-    DIR* rootDir = ::fdopendir(rootFd);
+    auto skipped = [&](DIR* dir) { return isSkipped(dir, skip); };
+    const std::string base = withoutTrailingSlashes(root);
+    DIR* rootDir = openRoot(base);
     if (!rootDir) {
         fail(root);
-        ::close(rootFd);
         return false;
     }
     if (skipped(rootDir)) {
@@ -191,4 +201,90 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
         stack.push_back(std::move(frame));
     }
     return true;
+}
+
+uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
+                                         const std::function<bool()>& stopped,
+                                         const std::function<bool(const std::string&)>& counts) {
+    auto skipped = [&](DIR* dir) { return isSkipped(dir, skip); };
+    const std::string base = withoutTrailingSlashes(root);
+    DIR* rootDir = openRoot(base);
+    if (!rootDir)
+        return 0;
+    if (skipped(rootDir)) {
+        ::closedir(rootDir);
+        return 0;
+    }
+    // The order of the folders does not matter to a count: a folder met deeper than the
+    // open folders allow is read whole at once and only the names of its subfolders kept.
+    struct Folder {
+        std::string path;
+        DIR* dir = nullptr;
+        std::vector<std::string> subfolders;  // left to enter, once `dir` is read and closed
+
+        ~Folder() {
+            if (dir)
+                ::closedir(dir);
+        }
+    };
+    std::vector<std::unique_ptr<Folder>> stack;
+    stack.push_back(std::make_unique<Folder>());
+    stack.back()->path = base == "/" ? "" : base;
+    stack.back()->dir = rootDir;
+    uint64_t entries = 0;
+    std::string full;
+    auto enter = [&](DIR* parent, const std::string& path, const char* name) {
+        DIR* child = openChild(parent, path, name);
+        if (!child)
+            return;
+        if (skipped(child)) {
+            ::closedir(child);
+            return;
+        }
+        auto folder = std::make_unique<Folder>();
+        folder->path = path;
+        folder->dir = child;
+        if (stack.size() >= kMaxOpenFolders) {
+            while (struct dirent* e = ::readdir(folder->dir)) {
+                if (isDots(e->d_name))
+                    continue;
+                std::string childPath = folder->path + "/" + e->d_name;
+                if (!counts || counts(childPath))
+                    ++entries;
+                if (isFolder(folder->dir, childPath, e->d_name, e->d_type))
+                    folder->subfolders.push_back(e->d_name);
+            }
+            ::closedir(folder->dir);
+            folder->dir = nullptr;
+        }
+        stack.push_back(std::move(folder));
+    };
+    while (!stack.empty() && !stopped()) {
+        Folder& f = *stack.back();
+        if (!f.dir) {
+            if (f.subfolders.empty()) {
+                stack.pop_back();
+                continue;
+            }
+            std::string name = std::move(f.subfolders.back());
+            f.subfolders.pop_back();
+            enter(nullptr, f.path + "/" + name, name.c_str());
+            continue;
+        }
+        struct dirent* e = ::readdir(f.dir);
+        if (!e) {
+            stack.pop_back();
+            continue;
+        }
+        if (isDots(e->d_name))
+            continue;
+        bool folder = e->d_type == DT_DIR || e->d_type == DT_UNKNOWN;
+        if (counts || folder)
+            full.assign(f.path).append("/").append(e->d_name);
+        if (!counts || counts(full))
+            ++entries;
+        if (folder && isFolder(f.dir, full, e->d_name, e->d_type))
+            enter(f.dir, full, e->d_name);
+    }
+    return entries;
 }

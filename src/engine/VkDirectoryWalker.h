@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -42,6 +43,14 @@ class VkDirectoryWalker {
     static bool walkEntries(const std::string& root, const std::function<bool(const Entry&)>& visit,
                             const std::vector<FolderId>& skip = {},
                             const std::function<void(const std::string&, int)>& failed = {});
+    // How many entries walkEntries() would list below root, read from the listings alone (an
+    // entry's attributes only when the listing cannot say whether it is a folder). When
+    // `counts` is given, an entry counts only if it says so of its path; without it no path
+    // is built, which is what makes the count cheap beside a walk that judges. Gives up,
+    // returning what it counted so far, as soon as stopped() says so.
+    static uint64_t countEntries(const std::string& root, const std::vector<FolderId>& skip,
+                                 const std::function<bool()>& stopped,
+                                 const std::function<bool(const std::string&)>& counts = {});
     // Opens a folder without following a link in its place, one component at a time when
     // the path is too long for the system to take whole (links met on the way refused).
     static VkFd openFolder(const std::string& path);

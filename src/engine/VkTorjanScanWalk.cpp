@@ -201,14 +201,11 @@ void VkTorjanScan::scanBaseItem() {
             if (kind == RootKind::file && !ours(root)) {
                 ++entries;
             } else if (kind == RootKind::folder) {
-                VkDirectoryWalker::walkEntries(
-                    root,
-                    [&](const VkDirectoryWalker::Entry& entry) {
-                        if (!outOfScope(entry.path))
-                            ++entries;
-                        return !ended();
-                    },
-                    ownFolders);
+                // Paths are made only when some of them may be out of scope.
+                std::function<bool(const std::string&)> inScope;
+                if (fullScan || skip)
+                    inScope = [&](const std::string& path) { return !outOfScope(path); };
+                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope);
             }
             if (ended())
                 return;

@@ -46,6 +46,17 @@ TEST(VkDirectoryWalkerTest, ListsEverythingInPreOrderWithoutEnteringLinks) {
         for (size_t j = i + 1; j < seen.size(); ++j)
             EXPECT_NE(seen[i].rfind(seen[j] + "/", 0), 0u) << seen[j] << " after what it holds";
     }
+    // The count agrees with the walk, with and without paths; skipped folders are not entered.
+    auto never = [] { return false; };
+    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never), seen.size());
+    EXPECT_EQ(VkDirectoryWalker::countEntries(
+                  dir / "t", {}, never,
+                  [](const std::string& p) { return p.find("/App.app") == std::string::npos; }),
+              seen.size() - 3);
+    struct stat app {};
+    ASSERT_EQ(::stat((dir / "t/App.app").c_str(), &app), 0);
+    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {{app.st_dev, app.st_ino}}, never),
+              seen.size() - 2);
 }
 
 TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
@@ -62,6 +73,13 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
     // 300 nested folders and "locked" (its content too when running as root).
     EXPECT_GE(seen.size(), 301u);
     EXPECT_NE(std::find(seen.begin(), seen.end(), p), seen.end()) << "deepest folder listed";
+    // Deeper than the folders held open, the count reads ahead and still finds every entry.
+    dir.write(
+        "d/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/"
+        "n/n/n/n/n/n/n/x/y",
+        "deep");
+    EXPECT_EQ(VkDirectoryWalker::countEntries(deep, {}, [] { return false; }),
+              walkAll(deep).size());
     ::chmod((dir / "d/locked").c_str(), 0700);
 
     int visits = 0;
