@@ -68,7 +68,7 @@ bool VkScanPipeline::submit(std::vector<Report>& settled, Candidate candidate) {
         return false;
     appendLocked(settled);
     candidate.seq = base_ + slots_.size();
-    slots_.emplace_back(std::nullopt);
+    slots_.resize(slots_.size() + std::max<size_t>(1, candidate.lookups.size()));
     candidates_.push_back(std::move(candidate));
     if (judgesWaiting_ > 0 && candidates_.size() >= std::min(kWakeJudges, candidateRoom_))
         judgeCv_.notify_one();
@@ -108,6 +108,18 @@ void VkScanPipeline::complete(uint64_t seq, Report report) {
     slots_[seq - base_] = std::move(report);
     if (seq == base_)
         wakeReporterLocked();
+}
+
+void VkScanPipeline::complete(uint64_t seq, std::vector<Report>& reports) {
+    std::lock_guard lock(mutex_);
+    for (size_t k = 0; k < reports.size(); ++k) {
+        uint64_t at = seq + k;
+        if (at >= base_ && at - base_ < slots_.size())
+            slots_[at - base_] = std::move(reports[k]);
+    }
+    if (seq <= base_ && seq + reports.size() > base_)
+        wakeReporterLocked();
+    reports.clear();
 }
 
 bool VkScanPipeline::drain(std::vector<Report>& out) {

@@ -56,6 +56,10 @@ class VkScanPipeline {
         VkFd fd;
         struct stat walked {};
         VkHashCache::KnownHashes known;  // what the walk already learnt from the hash cache
+        // Or entries of one folder listed but not looked at yet (name, path): the judges read
+        // their attributes, relative to the folder, and settle or judge them. One place each.
+        std::shared_ptr<VkFd> folder;
+        std::vector<std::pair<std::string, std::string>> lookups;
     };
 
     explicit VkScanPipeline(const std::atomic<bool>& stop, size_t window = kWindow,
@@ -63,7 +67,8 @@ class VkScanPipeline {
 
     // The walk: appends settled reports in order (and empties the vector). False on stop.
     bool post(std::vector<Report>& settled);
-    // The walk: appends settled reports, then the candidate's place, and hands it to judging.
+    // The walk: appends settled reports, then the candidate's place (a place per look-up),
+    // and hands it to judging.
     bool submit(std::vector<Report>& settled, Candidate candidate);
     // The walk has ended (for whatever reason).
     void finishWalk();
@@ -72,6 +77,8 @@ class VkScanPipeline {
     bool take(Candidate& out);
     // A judge: the report of candidate `seq`.
     void complete(uint64_t seq, Report report);
+    // The reports of consecutive places from `seq` on, under one lock (and empties them).
+    void complete(uint64_t seq, std::vector<Report>& reports);
 
     // The reporter: moves every report ready at the front into `out`, waiting until there is
     // one; false when the walk has ended and everything was handed out, or on stop.

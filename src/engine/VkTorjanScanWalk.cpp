@@ -3,12 +3,14 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstring>
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
 #include <future>
 #include <set>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
 
@@ -223,6 +225,47 @@ void VkTorjanScan::scanBaseItem() {
     const bool paced = needDelay();
     VkScanPipeline pipeline(isSearchStop_);
 
+    // A file some record's size fits, looked at relative to its open folder: judged from the
+    // hash cache when the cache knows it as it stands, else opened for the judges. Nothing
+    // comes back when the report is settled (the cache answered, or the file did not open).
+    auto openForJudging = [&](const std::shared_ptr<const VkTorjanRecordList>& records,
+                              int folderFd, const std::string& at, const std::string& path,
+                              const struct stat& st,
+                              Report& report) -> std::optional<VkScanPipeline::Candidate> {
+        VkScanPipeline::Candidate candidate;
+        if (cache && !wantsArchive(path)) {
+            // The cache answers only for this device, inode, size and both times.
+            bool undecided = false;
+            auto result =
+                judgeOpenFile(-1, st, path, records, cache, nullptr, &candidate.known, &undecided);
+            if (!undecided) {
+                report.result = std::move(result);
+                return std::nullopt;
+            }
+        }
+        candidate.fd.reset(::openat(folderFd, at.c_str(),
+                                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+        if (!candidate.fd.valid()) {
+            int error = errno != 0 ? errno : EIO;
+            // A link in its place now was swapped in after it was looked at.
+            report.skipped =
+                VkNotExamined{path, error == ELOOP ? Reason::changed : reasonOf(error), error};
+            return std::nullopt;
+        }
+#ifdef POSIX_FADV_WILLNEED
+        // The kernel starts reading what the judges will hash while they hash the files
+        // before it: a cold disk then has more than one read per judge in flight. Only the
+        // head of a large file, which is all a judgment reads unless the head matches.
+        ::posix_fadvise(
+            candidate.fd.get(), 0,
+            static_cast<off_t>(std::min<uint64_t>(static_cast<uint64_t>(st.st_size), kHeadLength)),
+            POSIX_FADV_WILLNEED);
+#endif
+        candidate.path = path;
+        candidate.walked = st;
+        return candidate;
+    };
+
     // The judging walk: settles every entry it can by its attributes, read relative to the
     // open folder, and opens the rest (the files some record's size fits) for the judges.
     std::thread walker([&] {
@@ -230,7 +273,23 @@ void VkTorjanScan::scanBaseItem() {
         // Reports are handed over in batches: one lock per entry would cost more than the
         // entry.
         constexpr size_t kBatch = 128;
+        // Files listed in a folder, looked at by the judges: the walk itself only lists. A
+        // batch goes out before anything that comes after it in the walk.
+        constexpr size_t kLookups = 64;
+        VkScanPipeline::Candidate lookups;
+        std::string lookupFolder;
+        auto sendLookups = [&] {
+            if (lookups.lookups.empty())
+                return true;
+            auto folderFd = lookups.folder;
+            bool sent = pipeline.submit(settled, std::move(lookups));
+            lookups = {};
+            lookups.folder = std::move(folderFd);
+            return sent;
+        };
         auto post = [&](Report report) {
+            if (!sendLookups())
+                return false;
             settled.push_back(std::move(report));
             return settled.size() < kBatch || pipeline.post(settled);
         };
@@ -242,6 +301,7 @@ void VkTorjanScan::scanBaseItem() {
             std::shared_ptr<VkFd> folder;  // nullptr: `at` is the whole path
             std::string at;
             struct stat st {};
+            bool lookup = false;  // listed only: goes to the judges to be looked at
         };
         constexpr size_t kMaxHeld = 65536;
         constexpr size_t kMaxHeldFolders = 256;
@@ -271,7 +331,17 @@ void VkTorjanScan::scanBaseItem() {
             heldFolders = 0;
             for (Held& entry : waiting) {
                 bool goOn = false;
-                if (entry.judge) {
+                if (entry.lookup) {
+                    if (lookups.folder != entry.folder) {
+                        if (!sendLookups())
+                            return false;
+                        lookups.folder = entry.folder;
+                        lookupFolder =
+                            entry.report.path.substr(0, entry.report.path.size() - entry.at.size());
+                    }
+                    lookups.lookups.emplace_back(std::move(entry.at), entry.report.path);
+                    goOn = lookups.lookups.size() < kLookups || sendLookups();
+                } else if (entry.judge) {
                     const std::string path = entry.report.path;  // the report moves on
                     goOn = judgeLater(entry.folder ? entry.folder->get() : AT_FDCWD, entry.at, path,
                                       entry.st, std::move(entry.report));
@@ -288,7 +358,7 @@ void VkTorjanScan::scanBaseItem() {
                 return post(std::move(report));
             if (haveRecords(false))
                 return release() && post(std::move(report));
-            held.push_back({std::move(report), false, nullptr, {}, {}});
+            held.push_back({std::move(report), false, nullptr, {}, {}, false});
             return true;
         };
         auto pause = [&] {
@@ -298,6 +368,39 @@ void VkTorjanScan::scanBaseItem() {
         };
         auto visit = [&](int folderFd, const char* name, const std::string& path,
                          unsigned char type) -> bool {
+            // Unpaced, a listed file goes to the judges whole: they read its attributes,
+            // relative to its folder, and settle or judge it. Before the records are there it
+            // is held, listed only, with its folder.
+            if (!paced && folderFd >= 0 && type != DT_DIR && type != DT_UNKNOWN) {
+                if (!held.empty() && haveRecords(false) && !release())
+                    return false;
+                std::string_view parent(path.data(), path.size() - std::strlen(name));
+                if (held.empty() && haveRecords(false)) {
+                    if (!lookups.folder || parent != lookupFolder) {
+                        if (!sendLookups())
+                            return false;
+                        lookups.folder =
+                            std::make_shared<VkFd>(::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
+                        lookupFolder = parent;
+                    }
+                    if (lookups.folder->valid()) {
+                        lookups.lookups.emplace_back(name, path);
+                        return lookups.lookups.size() < kLookups || sendLookups();
+                    }
+                } else {
+                    if (!heldFolder || parent != heldFolderPath) {
+                        heldFolder = std::make_shared<VkFd>(::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
+                        heldFolderPath = parent;
+                        ++heldFolders;
+                    }
+                    if (heldFolder->valid()) {
+                        held.push_back({Report(path), false, heldFolder, name, {}, true});
+                        if (held.size() < kMaxHeld && heldFolders < kMaxHeldFolders)
+                            return true;
+                        return haveRecords(true) && release();
+                    }
+                }
+            }
             Report report(path);
             if (type == DT_DIR)
                 return settle(std::move(report));
@@ -362,7 +465,7 @@ void VkTorjanScan::scanBaseItem() {
                         return false;
                 } else {
                     // Held with its folder, which stays open until the records are there.
-                    Held entry{std::move(report), true, nullptr, at, st};
+                    Held entry{std::move(report), true, nullptr, at, st, false};
                     if (folderFd != AT_FDCWD) {
                         std::string parent = path.substr(0, path.size() - at.size());
                         if (!heldFolder || parent != heldFolderPath) {
@@ -394,38 +497,10 @@ void VkTorjanScan::scanBaseItem() {
             auto size = static_cast<uint64_t>(st.st_size);
             if (!records->hasSize(size) && !wantsArchive(path))
                 return settle(std::move(report));
-            VkScanPipeline::Candidate candidate;
-            if (cache && !wantsArchive(path)) {
-                // A file the cache knows as it stands is judged here, without being opened:
-                // the cache answers only for this device, inode, size and both times.
-                bool undecided = false;
-                auto result = judgeOpenFile(-1, st, path, records, cache, nullptr, &candidate.known,
-                                            &undecided);
-                if (!undecided) {
-                    report.result = std::move(result);
-                    return settle(std::move(report));
-                }
-            }
-            candidate.fd.reset(::openat(folderFd, at.c_str(),
-                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-            if (!candidate.fd.valid()) {
-                int error = errno != 0 ? errno : EIO;
-                // A link in its place now was swapped in after it was looked at.
-                report.skipped =
-                    VkNotExamined{path, error == ELOOP ? Reason::changed : reasonOf(error), error};
+            auto candidate = openForJudging(records, folderFd, at, path, st, report);
+            if (!candidate)
                 return settle(std::move(report));
-            }
-#ifdef POSIX_FADV_WILLNEED
-            // The kernel starts reading what the judges will hash while they hash the files
-            // before it: a cold disk then has more than one read per judge in flight. Only the
-            // head of a large file, which is all a judgment reads unless the head matches.
-            ::posix_fadvise(candidate.fd.get(), 0,
-                            static_cast<off_t>(std::min<uint64_t>(size, kHeadLength)),
-                            POSIX_FADV_WILLNEED);
-#endif
-            candidate.path = path;
-            candidate.walked = st;
-            return pipeline.submit(settled, std::move(candidate));
+            return sendLookups() && pipeline.submit(settled, std::move(*candidate));
         };
 
         for (const auto& root : roots) {
@@ -468,6 +543,7 @@ void VkTorjanScan::scanBaseItem() {
         // A walk shorter than the load waits for it here.
         if (!held.empty() && !isSearchStop_.load() && haveRecords(true))
             release();
+        sendLookups();
         pipeline.post(settled);
         pipeline.finishWalk();
     });
@@ -476,36 +552,82 @@ void VkTorjanScan::scanBaseItem() {
     const std::shared_ptr<const VkTorjanRecordList> records = torjanItems();
     loaded.set_value(records);
 
+    // A file opened by the walk: its descriptor must still be the file the walk looked at; one
+    // swapped meanwhile (for a link, a FIFO, another file) is not examined, never clean.
+    auto judgeCandidate = [&](VkScanPipeline::Candidate& candidate) {
+        Report report(candidate.path);
+        struct stat opened {};
+        int failure = 0;
+        if (::fstat(candidate.fd.get(), &opened) != 0 || opened.st_dev != candidate.walked.st_dev ||
+            opened.st_ino != candidate.walked.st_ino || !S_ISREG(opened.st_mode)) {
+            report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
+        } else {
+            report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path, records,
+                                          cache, &failure, &candidate.known);
+            if (!report.result && failure != 0) {
+                report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
+            } else if (!report.result && wantsArchive(candidate.path)) {
+                // An archive is opened whatever its own size: its members are judged one by
+                // one.
+                ArchiveOutcome outcome = judgeArchive(candidate.fd.get(), opened, candidate.path,
+                                                      *records, &isSearchStop_);
+                report.members = std::move(outcome.findings);
+                report.memberSkips = std::move(outcome.notExamined);
+            }
+        }
+        candidate.fd.reset();
+        return report;
+    };
+    // A listed file the walk handed over unread: what the walk does with the files it looks
+    // at itself, unpaced, relative to their folder.
+    auto lookAt = [&](int folderFd, const std::string& name, const std::string& path) {
+        Report report(path);
+        struct stat st {};
+        if (::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            int error = errno != 0 ? errno : EIO;
+            report.skipped = VkNotExamined{path, reasonOf(error), error};
+            return report;
+        }
+        if (S_ISDIR(st.st_mode))
+            return report;
+        if (S_ISLNK(st.st_mode)) {
+            // A link counts as judged (and is refused) when it leads to no folder.
+            struct stat target {};
+            if (::fstatat(folderFd, name.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode))
+                filesJudged_.fetch_add(1);
+            return report;
+        }
+        filesJudged_.fetch_add(1);
+        // Device nodes are never opened: reading one can block or have side effects.
+        if (path.rfind("/dev/", 0) == 0) {
+            if (S_ISREG(st.st_mode))
+                report.skipped = VkNotExamined{path, Reason::device, 0};
+            return report;
+        }
+        auto size = static_cast<uint64_t>(st.st_size);
+        if (!S_ISREG(st.st_mode) || size == 0 || (!records->hasSize(size) && !wantsArchive(path)))
+            return report;
+        auto candidate = openForJudging(records, folderFd, name, path, st, report);
+        return candidate ? judgeCandidate(*candidate) : report;
+    };
+
     std::vector<std::thread> judges;
     for (unsigned i = 0, n = judgingJobs(); i < n; ++i) {
         judges.emplace_back([&] {
             VkScanPipeline::Candidate candidate;
+            std::vector<Report> looked;
             while (pipeline.take(candidate)) {
-                Report report(candidate.path);
-                struct stat opened {};
-                int failure = 0;
-                // The descriptor must still be the file the walk looked at: one swapped
-                // meanwhile (for a link, a FIFO, another file) is not examined, never clean.
-                if (::fstat(candidate.fd.get(), &opened) != 0 ||
-                    opened.st_dev != candidate.walked.st_dev ||
-                    opened.st_ino != candidate.walked.st_ino || !S_ISREG(opened.st_mode)) {
-                    report.skipped = VkNotExamined{candidate.path, Reason::changed, 0};
-                } else {
-                    report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path,
-                                                  records, cache, &failure, &candidate.known);
-                    if (!report.result && failure != 0) {
-                        report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
-                    } else if (!report.result && wantsArchive(candidate.path)) {
-                        // An archive is opened whatever its own size: its members are judged
-                        // one by one.
-                        ArchiveOutcome outcome = judgeArchive(
-                            candidate.fd.get(), opened, candidate.path, *records, &isSearchStop_);
-                        report.members = std::move(outcome.findings);
-                        report.memberSkips = std::move(outcome.notExamined);
-                    }
+                if (candidate.lookups.empty()) {
+                    pipeline.complete(candidate.seq, judgeCandidate(candidate));
+                    continue;
                 }
-                candidate.fd.reset();
-                pipeline.complete(candidate.seq, std::move(report));
+                int folderFd = candidate.folder->get();
+                for (size_t k = 0; k < candidate.lookups.size() && !isSearchStop_.load(); ++k) {
+                    const auto& [name, path] = candidate.lookups[k];
+                    looked.push_back(lookAt(folderFd, name, path));
+                }
+                pipeline.complete(candidate.seq, looked);
+                candidate.folder.reset();
             }
         });
     }

@@ -240,8 +240,19 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
             hits.push_back(p);
         return true;
     });
-    // The last run's records come only once the walk has looked at every file: all of it
-    // is held meanwhile, then judged in the same order.
+    // The last run's records come only once the walk has listed every folder (each is held
+    // open, with its files, until the records are there), then everything is judged in the
+    // same order.
+    auto listedFolders = [&] {
+        std::set<std::string> open;
+        for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            std::string target = fs::read_symlink(fd.path(), error).string();
+            if (!error && target.rfind(root + "/tree/d", 0) == 0)
+                open.insert(target);
+        }
+        return open.size();
+    };
     for (auto [jobs, slowLoad] : {std::pair{1u, false}, {4u, false}, {2u, true}}) {
         SCOPED_TRACE(jobs);
         auto s = scanner<HashSpyScan>();
@@ -249,11 +260,11 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
         s->setJobs(jobs);
         std::atomic<bool> walkedFirst{false};
         if (slowLoad) {
-            s->setRecordLoader([ctx = ctx, scan = s.get(), &walkedFirst] {
+            s->setRecordLoader([ctx = ctx, &walkedFirst, &listedFolders] {
                 auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-                while (scan->filesJudged() < 120 && std::chrono::steady_clock::now() < deadline)
+                while (listedFolders() < 7 && std::chrono::steady_clock::now() < deadline)
                     std::this_thread::yield();
-                walkedFirst = scan->filesJudged() >= 120;
+                walkedFirst = listedFolders() >= 7;
                 return VkSqliteManager::loadAllRecords(ctx);
             });
         }
