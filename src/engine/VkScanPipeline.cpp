@@ -69,8 +69,11 @@ bool VkScanPipeline::submit(std::vector<Report>& settled, Candidate candidate) {
     appendLocked(settled);
     candidate.seq = base_ + slots_.size();
     slots_.resize(slots_.size() + std::max<size_t>(1, candidate.lookups.size()));
+    // Files to look at are a batch of work already: a waiting judge takes them at once.
+    bool batch = !candidate.lookups.empty();
     candidates_.push_back(std::move(candidate));
-    if (judgesWaiting_ > 0 && candidates_.size() >= std::min(kWakeJudges, candidateRoom_))
+    if (judgesWaiting_ > 0 &&
+        (batch || candidates_.size() >= std::min(kWakeJudges, candidateRoom_)))
         judgeCv_.notify_one();
     wakeReporterLocked();
     return true;

@@ -73,6 +73,9 @@ class VkScanPipeline {
     // The walk has ended (for whatever reason).
     void finishWalk();
 
+    // Whether a judge is waiting for work (a hint: it may have been given some meanwhile).
+    bool judgeIdle() const { return judgesWaiting_.load(std::memory_order_relaxed) > 0; }
+
     // A judge: the next candidate; false when no more will come.
     bool take(Candidate& out);
     // A judge: the report of candidate `seq`.
@@ -102,5 +105,5 @@ class VkScanPipeline {
     bool walkDone_ = false;
     bool walkerWaiting_ = false;
     bool reporterWaiting_ = false;
-    int judgesWaiting_ = 0;
+    std::atomic<int> judgesWaiting_{0};  // changed under mutex_, read without it
 };

@@ -228,6 +228,10 @@ void VkTorjanScan::scanBaseItem() {
     // A file some record's size fits, looked at relative to its open folder: judged from the
     // hash cache when the cache knows it as it stands, else opened for the judges. Nothing
     // comes back when the report is settled (the cache answered, or the file did not open).
+    // How the candidates of late were settled: from the cache, or opened to be read. Halved
+    // now and then by the walk, so that they speak of the last few thousand.
+    std::atomic<uint32_t> answeredByCache{0};
+    std::atomic<uint32_t> opened{0};
     auto openForJudging = [&](const std::shared_ptr<const VkTorjanRecordList>& records,
                               int folderFd, const std::string& at, const std::string& path,
                               const struct stat& st,
@@ -239,10 +243,12 @@ void VkTorjanScan::scanBaseItem() {
             auto result =
                 judgeOpenFile(-1, st, path, records, cache, nullptr, &candidate.known, &undecided);
             if (!undecided) {
+                answeredByCache.fetch_add(1, std::memory_order_relaxed);
                 report.result = std::move(result);
                 return std::nullopt;
             }
         }
+        opened.fetch_add(1, std::memory_order_relaxed);
         candidate.fd.reset(::openat(folderFd, at.c_str(),
                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
         if (!candidate.fd.valid()) {
@@ -301,7 +307,6 @@ void VkTorjanScan::scanBaseItem() {
             std::shared_ptr<VkFd> folder;  // nullptr: `at` is the whole path
             std::string at;
             struct stat st {};
-            bool lookup = false;  // listed only: goes to the judges to be looked at
         };
         constexpr size_t kMaxHeld = 65536;
         constexpr size_t kMaxHeldFolders = 256;
@@ -331,17 +336,7 @@ void VkTorjanScan::scanBaseItem() {
             heldFolders = 0;
             for (Held& entry : waiting) {
                 bool goOn = false;
-                if (entry.lookup) {
-                    if (lookups.folder != entry.folder) {
-                        if (!sendLookups())
-                            return false;
-                        lookups.folder = entry.folder;
-                        lookupFolder =
-                            entry.report.path.substr(0, entry.report.path.size() - entry.at.size());
-                    }
-                    lookups.lookups.emplace_back(std::move(entry.at), entry.report.path);
-                    goOn = lookups.lookups.size() < kLookups || sendLookups();
-                } else if (entry.judge) {
+                if (entry.judge) {
                     const std::string path = entry.report.path;  // the report moves on
                     goOn = judgeLater(entry.folder ? entry.folder->get() : AT_FDCWD, entry.at, path,
                                       entry.st, std::move(entry.report));
@@ -358,7 +353,7 @@ void VkTorjanScan::scanBaseItem() {
                 return post(std::move(report));
             if (haveRecords(false))
                 return release() && post(std::move(report));
-            held.push_back({std::move(report), false, nullptr, {}, {}, false});
+            held.push_back({std::move(report), false, nullptr, {}, {}});
             return true;
         };
         auto pause = [&] {
@@ -366,16 +361,31 @@ void VkTorjanScan::scanBaseItem() {
             int r = pacing_->random();
             pacing_->sleepMicroseconds(static_cast<long long>(((r % 1000) + 1) * 1.5));
         };
+        // Handing the attributes over pays only when the judges have little else to do: when
+        // nearly every candidate is answered by the cache. While they read files, the walk
+        // reading the attributes itself keeps both going, and the kernel reading ahead of a
+        // cold disk for them.
+        uint32_t sinceDecay = 0;
+        auto mostlyCached = [&] {
+            if (++sinceDecay >= 4096) {
+                sinceDecay = 0;
+                answeredByCache.store(answeredByCache.load() / 2);
+                opened.store(opened.load() / 2);
+            }
+            uint32_t cached = answeredByCache.load(std::memory_order_relaxed);
+            return cached >= 16 && opened.load(std::memory_order_relaxed) * 16 <= cached;
+        };
         auto visit = [&](int folderFd, const char* name, const std::string& path,
                          unsigned char type) -> bool {
-            // Unpaced, a listed file goes to the judges whole: they read its attributes,
-            // relative to its folder, and settle or judge it. Before the records are there it
-            // is held, listed only, with its folder.
-            if (!paced && folderFd >= 0 && type != DT_DIR && type != DT_UNKNOWN) {
-                if (!held.empty() && haveRecords(false) && !release())
-                    return false;
+            // Unpaced, once the records are there, a listed file may go to the judges whole:
+            // they read its attributes, relative to its folder, and settle or judge it, while
+            // one of them waits for work and the cache answers for nearly everything (a batch
+            // once begun is filled).
+            if (!paced && folderFd >= 0 && type != DT_DIR && type != DT_UNKNOWN && held.empty() &&
+                haveRecords(false)) {
                 std::string_view parent(path.data(), path.size() - std::strlen(name));
-                if (held.empty() && haveRecords(false)) {
+                bool batchOpen = !lookups.lookups.empty() && parent == lookupFolder;
+                if (batchOpen || (pipeline.judgeIdle() && mostlyCached())) {
                     if (!lookups.folder || parent != lookupFolder) {
                         if (!sendLookups())
                             return false;
@@ -386,18 +396,6 @@ void VkTorjanScan::scanBaseItem() {
                     if (lookups.folder->valid()) {
                         lookups.lookups.emplace_back(name, path);
                         return lookups.lookups.size() < kLookups || sendLookups();
-                    }
-                } else {
-                    if (!heldFolder || parent != heldFolderPath) {
-                        heldFolder = std::make_shared<VkFd>(::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
-                        heldFolderPath = parent;
-                        ++heldFolders;
-                    }
-                    if (heldFolder->valid()) {
-                        held.push_back({Report(path), false, heldFolder, name, {}, true});
-                        if (held.size() < kMaxHeld && heldFolders < kMaxHeldFolders)
-                            return true;
-                        return haveRecords(true) && release();
                     }
                 }
             }
@@ -465,7 +463,7 @@ void VkTorjanScan::scanBaseItem() {
                         return false;
                 } else {
                     // Held with its folder, which stays open until the records are there.
-                    Held entry{std::move(report), true, nullptr, at, st, false};
+                    Held entry{std::move(report), true, nullptr, at, st};
                     if (folderFd != AT_FDCWD) {
                         std::string parent = path.substr(0, path.size() - at.size());
                         if (!heldFolder || parent != heldFolderPath) {

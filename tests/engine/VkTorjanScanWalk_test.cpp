@@ -225,13 +225,17 @@ TEST_F(VkScanWalkTest, StopAndRestartAlwaysEndWithTheFinalReport) {
 TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
     const std::string sameSize(sizeof kPayload - 1, 'c');
     std::set<std::string> planted;
-    for (int i = 0; i < 120; ++i) {
+    constexpr int kFiles = 300;
+    size_t toRead = 0;  // files of a record's size: planted, or of the same size
+    for (int i = 0; i < kFiles; ++i) {
         std::string rel = "tree/d" + std::to_string(i % 7) + "/f" + std::to_string(i);
         if (i % 5 == 0)
             planted.insert(plant(rel));
         else
             dir.write("root/" + rel, i % 2 ? sameSize : "small");
+        toRead += i % 5 == 0 || i % 2;
     }
+    const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
     std::vector<std::string> walkOrder;
     std::vector<std::string> hits;
     VkDirectoryWalker::walk(root + "/tree", [&](const std::string& p) {
@@ -240,31 +244,37 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
             hits.push_back(p);
         return true;
     });
-    // The last run's records come only once the walk has listed every folder (each is held
-    // open, with its files, until the records are there), then everything is judged in the
-    // same order.
-    auto listedFolders = [&] {
-        std::set<std::string> open;
-        for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
-            std::error_code error;
-            std::string target = fs::read_symlink(fd.path(), error).string();
-            if (!error && target.rfind(root + "/tree/d", 0) == 0)
-                open.insert(target);
-        }
-        return open.size();
+    // The last run's records come only once the walk has looked at every file: all of it
+    // is held meanwhile, then judged in the same order.
+    // The cached runs: the first reads every file of a record's size, the second none, the
+    // judges then reading the attributes of what the walk lists while they wait for work.
+    struct Run {
+        unsigned jobs;
+        bool slowLoad;
+        bool cached;
     };
-    for (auto [jobs, slowLoad] : {std::pair{1u, false}, {4u, false}, {2u, true}}) {
+    for (auto [jobs, slowLoad, cached] :
+         {Run{1, false, false}, Run{4, false, false}, Run{2, true, false}, Run{2, false, true},
+          Run{2, false, true}}) {
         SCOPED_TRACE(jobs);
         auto s = scanner<HashSpyScan>();
         s->jitter = true;
         s->setJobs(jobs);
+        bool cacheFilled = cached && ::access(cachePath.c_str(), F_OK) == 0;
+        if (cached) {
+            s->setHashCache(
+                std::make_shared<VkHashCache>(cachePath, 1000, std::chrono::seconds(0)));
+            // Records at hand from the start: nothing is held, the judges are idle at once.
+            s->setRecordLoader(
+                [records = VkSqliteManager::loadAllRecords(ctx)] { return records; });
+        }
         std::atomic<bool> walkedFirst{false};
         if (slowLoad) {
-            s->setRecordLoader([ctx = ctx, &walkedFirst, &listedFolders] {
+            s->setRecordLoader([ctx = ctx, scan = s.get(), &walkedFirst] {
                 auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-                while (listedFolders() < 7 && std::chrono::steady_clock::now() < deadline)
+                while (scan->filesJudged() < kFiles && std::chrono::steady_clock::now() < deadline)
                     std::this_thread::yield();
-                walkedFirst = listedFolders() >= 7;
+                walkedFirst = scan->filesJudged() >= kFiles;
                 return VkSqliteManager::loadAllRecords(ctx);
             });
         }
@@ -286,8 +296,8 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
         EXPECT_EQ(items, walkOrder);
         EXPECT_EQ(d->endCount(), 1u);
         EXPECT_TRUE(d->progress().back().progress == 1.0f && !d->progress().back().item);
-        // Only files of a record's size are read, each once: 24 planted, 48 of the same size.
-        EXPECT_EQ(s->hashed().size(), 72u);
+        // Only files of a record's size are read, each once (none again from the cache).
+        EXPECT_EQ(s->hashed().size(), cacheFilled ? 0u : toRead);
     }
 }
 
