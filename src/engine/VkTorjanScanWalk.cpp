@@ -28,6 +28,11 @@ namespace {
 // automounter, devices, other volumes, and on Linux the kernel's pseudo file systems.
 const std::set<std::string> kExcludedRoots = {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"};
 
+// A look at a file's attributes slower than this on average came from the disk; the walk
+// then keeps such reads for a while.
+constexpr std::chrono::microseconds kColdLookUp{10};
+constexpr std::chrono::milliseconds kKeepReads{250};
+
 void sleepMicroseconds(int us) {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
 }
@@ -232,6 +237,9 @@ void VkTorjanScan::scanBaseItem() {
     // now and then by the walk, so that they speak of the last few thousand.
     std::atomic<uint32_t> answeredByCache{0};
     std::atomic<uint32_t> opened{0};
+    // Until when the walk reads the attributes itself because the judges found them slow
+    // (on the disk, not in memory): it then keeps the kernel reading ahead of the judges.
+    std::atomic<std::chrono::steady_clock::duration> coldUntil{};
     auto openForJudging = [&](const std::shared_ptr<const VkTorjanRecordList>& records,
                               int folderFd, const std::string& at, const std::string& path,
                               const struct stat& st,
@@ -361,10 +369,10 @@ void VkTorjanScan::scanBaseItem() {
             int r = pacing_->random();
             pacing_->sleepMicroseconds(static_cast<long long>(((r % 1000) + 1) * 1.5));
         };
-        // Handing the attributes over pays only when the judges have little else to do: when
-        // nearly every candidate is answered by the cache. While they read files, the walk
-        // reading the attributes itself keeps both going, and the kernel reading ahead of a
-        // cold disk for them.
+        // Handing the attributes over pays when the judges wait for the walk: they look at a
+        // folder's files while the walk lists on. Not while the attributes come from the disk
+        // (a judge would read each file right after its attributes, where the walk has the
+        // kernel read ahead), unless the cache answers for nearly every candidate anyway.
         uint32_t sinceDecay = 0;
         auto mostlyCached = [&] {
             if (++sinceDecay >= 4096) {
@@ -374,6 +382,9 @@ void VkTorjanScan::scanBaseItem() {
             }
             uint32_t cached = answeredByCache.load(std::memory_order_relaxed);
             return cached >= 16 && opened.load(std::memory_order_relaxed) * 16 <= cached;
+        };
+        auto warm = [&] {
+            return std::chrono::steady_clock::now().time_since_epoch() >= coldUntil.load();
         };
         auto visit = [&](int folderFd, const char* name, const std::string& path,
                          unsigned char type) -> bool {
@@ -385,7 +396,7 @@ void VkTorjanScan::scanBaseItem() {
                 haveRecords(false)) {
                 std::string_view parent(path.data(), path.size() - std::strlen(name));
                 bool batchOpen = !lookups.lookups.empty() && parent == lookupFolder;
-                if (batchOpen || (pipeline.judgeIdle() && mostlyCached())) {
+                if (batchOpen || (pipeline.judgeIdle() && (mostlyCached() || warm()))) {
                     if (!lookups.folder || parent != lookupFolder) {
                         if (!sendLookups())
                             return false;
@@ -578,10 +589,14 @@ void VkTorjanScan::scanBaseItem() {
     };
     // A listed file the walk handed over unread: what the walk does with the files it looks
     // at itself, unpaced, relative to their folder.
-    auto lookAt = [&](int folderFd, const std::string& name, const std::string& path) {
+    auto lookAt = [&](int folderFd, const std::string& name, const std::string& path,
+                      std::chrono::nanoseconds& looking) {
         Report report(path);
         struct stat st {};
-        if (::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        auto start = std::chrono::steady_clock::now();
+        int looked = ::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+        looking += std::chrono::steady_clock::now() - start;
+        if (looked != 0) {
             int error = errno != 0 ? errno : EIO;
             report.skipped = VkNotExamined{path, reasonOf(error), error};
             return report;
@@ -620,10 +635,15 @@ void VkTorjanScan::scanBaseItem() {
                     continue;
                 }
                 int folderFd = candidate.folder->get();
+                std::chrono::nanoseconds looking{0};
                 for (size_t k = 0; k < candidate.lookups.size() && !isSearchStop_.load(); ++k) {
                     const auto& [name, path] = candidate.lookups[k];
-                    looked.push_back(lookAt(folderFd, name, path));
+                    looked.push_back(lookAt(folderFd, name, path, looking));
                 }
+                // Attributes that had to come from the disk: the walk keeps the reads a while.
+                if (!looked.empty() && looking / looked.size() > kColdLookUp)
+                    coldUntil.store(
+                        (std::chrono::steady_clock::now() + kKeepReads).time_since_epoch());
                 pipeline.complete(candidate.seq, looked);
                 candidate.folder.reset();
             }
