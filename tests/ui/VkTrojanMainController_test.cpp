@@ -89,10 +89,7 @@ class VkTrojanMainControllerTest : public VkUiTest {
         return item;
     }
 
-    Lines column(const std::string& name) const {
-        return vkRows(controller->numberOfRows(),
-                      [&](int64_t row) { return controller->objectValue(name, row); });
-    }
+    Lines column(const std::string& c) const { return vkColumn(*controller, c); }
 
     std::optional<double> storedTime(const char* key) {
         auto value = ctx->userDefaults->objectForKey(key);
