@@ -65,26 +65,6 @@ TEST_F(VkPanelFlowTest, TheMonitorSwitchShowsTheMonitorAsItIsAndOneClickFlipsIt)
     }
 }
 
-TEST_F(VkPanelFlowTest, HostNotificationsPrepareRunAndStopAQuickScan) {
-    panel->postHostNotification("ReadlyStartScanNotify");
-    EXPECT_TRUE(showing({"scanView", "!cancelButton", "!scanCountText", "!headView"}));
-
-    int before = *scanEnds;
-    panel->postHostNotification("StartScanNotify");
-    EXPECT_TRUE(controller().isScanning());
-    ASSERT_TRUE(serveUntil([&] { return *scanEnds > before; }));
-    QCoreApplication::processEvents();
-    // Nothing found on the empty test system: the safe view.
-    EXPECT_TRUE(showing({"safeView"}));
-    EXPECT_EQ(label("currentScanPathText"), localized("Security-1-5-2"));
-
-    panel->postHostNotification("StopScanNotify");
-    EXPECT_TRUE(showing({"mainView", "!scanView"}));
-    // A notification naming another panel's controller is not for this one.
-    ctx->notificationCenter->post("ReadlyStartScanNotify", panel.get());
-    EXPECT_TRUE(showing({"mainView"}));
-}
-
 TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndTheRowButtonRevealsItsFile) {
     dir.write("root/Users/me/a-small.bin", kSample);
     dir.write("root/Users/me/z-big.bin", kBigSample);

@@ -425,6 +425,12 @@ TEST_F(VkTrojanMainControllerTest, HostNotificationsActOnlyForThisController) {
     ctx->notificationCenter->post("StartScanNotify", &other);
     EXPECT_EQ(center->calls, Lines{"startUpdate"});
 
+    // Getting ready shows the scan screen without the stop button and the count.
+    ctx->notificationCenter->post("ReadlyStartScanNotify", controller.get());
+    EXPECT_EQ(controller->currenSelectedView(), "scanView");
+    EXPECT_TRUE(vkViewShows(
+        view, {"hidden headView=1", "hidden cancelButton=1", "hidden scanCountText=1"}));
+
     ctx->notificationCenter->post("StartCleanNotify", controller.get());
     EXPECT_EQ(host->lines().back(), "cleanEndInfo") << "nothing listed to clean";
 
