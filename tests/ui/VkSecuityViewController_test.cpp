@@ -186,12 +186,10 @@ TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClose
     VkLogsController* logs = panel->logsController();
     ASSERT_NE(logs, nullptr);
     EXPECT_EQ(logs->logsControllerDelegate(), panel.get());
-    EXPECT_EQ(logs->logsDisplay(), 0);
-    EXPECT_TRUE(logsView.isSubview("contentView", "fileLogsView"));
-    EXPECT_EQ(logsView.state("showFileMonButton"), 1);
-    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
+    EXPECT_EQ(logs->logsDisplay(), 0);  // the monitor's records
     EXPECT_TRUE(view.isSubview("view", "VkLogsController"));
-    EXPECT_EQ(view.frame("VkLogsController"), (VkRect{{0, 0}, {700, 480}}));
+    EXPECT_TRUE(vkViewShows(view, {"hidden VkTrojanMainController=1", "origin VkLogsController=0,0",
+                                   "size VkLogsController=700,480"}));
 
     logs->closeFileMonLogsView();
     EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
