@@ -197,6 +197,12 @@ class VkTrojanOutlineViewTest : public ::testing::Test {
         outline.show();
     }
 
+    // Each button's row tag and whether it is shown.
+    std::tuple<int, bool, int, bool> buttons() const {
+        return {VkTrojanOutlineView::tag(one), !one->isHidden(), VkTrojanOutlineView::tag(two),
+                !two->isHidden()};
+    }
+
     VkTrojanOutlineView outline;
     QToolButton* one = new QToolButton;
     QToolButton* two = new QToolButton;
@@ -206,26 +212,19 @@ class VkTrojanOutlineViewTest : public ::testing::Test {
 TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOrTheSelectionAndHideOffRows) {
     QRect second = outline.visualRect(outline.model()->index(1, 0));
     outline.mouseMoved(second.center());
-    EXPECT_EQ(VkTrojanOutlineView::tag(one), 1);
-    EXPECT_EQ(VkTrojanOutlineView::tag(two), 1);
-    EXPECT_FALSE(one->isHidden());
+    EXPECT_EQ(buttons(), std::tuple(1, true, 1, true));
     int y = second.y() + (second.height() - 16) / 2;
-    EXPECT_EQ(one->pos(), QPoint(2, y));
-    EXPECT_EQ(two->pos(), QPoint(20, y));
+    EXPECT_EQ(std::pair(one->pos(), two->pos()), std::pair(QPoint(2, y), QPoint(20, y)));
     outline.reloadData();
-    EXPECT_TRUE(one->isHidden());
-    EXPECT_TRUE(two->isHidden());
-    EXPECT_EQ(VkTrojanOutlineView::tag(one), -1);
+    EXPECT_EQ(buttons(), std::tuple(-1, false, -1, false));
 
     outline.mouseMoved(second.center());
     ASSERT_FALSE(one->isHidden());
     outline.mouseMoved(QPoint(5, 190));  // below the last row
-    EXPECT_EQ(VkTrojanOutlineView::tag(one), -1);
-    EXPECT_EQ(VkTrojanOutlineView::tag(two), -1);
-    EXPECT_TRUE(one->isHidden());
-    EXPECT_TRUE(two->isHidden());
+    EXPECT_EQ(buttons(), std::tuple(-1, false, -1, false));
 
-    // A selected row places the second button twice over at the right end.
+    // A selected row places the second button twice over at the right end; the first button
+    // is not touched.
     outline.selectionModel()->select(
         outline.model()->index(2, 0),
         QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
@@ -233,12 +232,10 @@ TEST_F(VkTrojanOutlineViewTest, ButtonsFollowThePointerOrTheSelectionAndHideOffR
     QRect third = outline.visualRect(outline.model()->index(2, 0));
     int x = outline.viewport()->width() - 16 - 5 + 18;
     EXPECT_EQ(two->pos(), QPoint(x, third.y() + (third.height() - 16) / 2));
-    EXPECT_EQ(VkTrojanOutlineView::tag(two), 2);
-    EXPECT_TRUE(one->isHidden());  // the first button is not touched
+    EXPECT_EQ(buttons(), std::tuple(-1, false, 2, true));
     outline.selectionModel()->clearSelection();
     outline.checkSelectedProcess();
-    EXPECT_TRUE(two->isHidden());
-    EXPECT_EQ(VkTrojanOutlineView::tag(two), -1);
+    EXPECT_EQ(buttons(), std::tuple(-1, false, -1, false));
 }
 
 TEST(VkCenterTextCellTest, TextAtNaturalSizeLeftAlignedAndCentredVertically) {

@@ -7,7 +7,6 @@
 #include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "fakes/VkRecordingListView.h"
-#include "platform/VkPlist.h"
 #include "ui/VkListSupport.h"
 
 namespace {
@@ -33,10 +32,7 @@ class VkQuarantineFileControllerTest : public VkUiTest {
         controller->reloadDataView();
     }
 
-    Lines column(VkListColumn c) {
-        return vkRows(controller->numberOfRows(),
-                      [&](int64_t row) { return controller->objectValue(c, row); });
-    }
+    Lines column(VkListColumn c) const { return vkColumn(*controller, c); }
 
     std::shared_ptr<VkQuarantineFileManager> store = VkServices::makeQuarantine(*ctx);
     std::shared_ptr<VkLocalizer> localizer = std::make_shared<VkLocalizer>();
@@ -54,13 +50,10 @@ TEST_F(VkQuarantineFileControllerTest, ListsByFileNameAndSortsTheStoresOwnList) 
     EXPECT_EQ(view.texts["QuarantineFileText"], "3 in quarantine");
     EXPECT_EQ(*controller->iconPath(0), *store->allQuarantineItems()[0]->filePath());
 
-    // The view sorted the store's live list: the next save writes the shown order.
-    ASSERT_TRUE(store->saveQuarantineInfoList());
-    auto saved = VkPlist::contentsOfFile(store->infoListPath());
-    ASSERT_TRUE(saved && saved->asArray());
+    // The view sorted the store's live list, the one its next save writes.
     Lines trojans;
-    for (const auto& row : *saved->asArray())
-        trojans.push_back(row.getString("trojanName") ? *row.getString("trojanName") : "-");
+    for (const auto& item : store->allQuarantineItems())
+        trojans.push_back(item->trojanName().value_or("-"));
     EXPECT_EQ(trojans, (Lines{"OSX/Alpha", "OSX/Beta", "OSX/Gamma"}));
 }
 

@@ -50,17 +50,14 @@ class VkSecuityViewControllerTest : public ::testing::Test {
         view.setText("viewFileMonLogs", "View logs");
     }
 
-    // Builds the panel the way the host does, once the monitor's records are in place.
-    void build() {
+    // Builds and shows the panel the way the host does, once the monitor's records are in place.
+    void show() {
         fileMonLogs = std::make_shared<VkFileMonLogsOper>(ctx);
         panel =
             std::make_unique<VkSecuityViewController>(ctx, center, scanLogs, fileMonLogs, client);
         panel->setView(&view);
         panel->setLogsView(&logsView);
         panel->trojanController()->setView(&trojanView);
-    }
-    void show() {
-        build();
         view.calls.clear();
         panel->awakeFromNib();
     }
@@ -123,40 +120,36 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     EXPECT_EQ(center->calls.back(), "startQuickScan");
 }
 
-// A switch-on by the user that the monitor refuses shows off again, stored NO, and says so.
-// (A start refused or not asked when the panel is shown: VkPanelFlowTest.TheMonitorSwitch...)
-TEST_F(VkSecuityViewControllerTest, AUserSwitchOnTheMonitorRefusesShowsOffAndSaysSo) {
+// The host sets the monitor either way, the user flips the switch: each is stored, shown and
+// told. A switch-off is stored whatever the monitor answers; a switch-on it refuses shows off
+// again, stored NO, and says so. (A start refused or not asked when the panel is shown:
+// VkPanelFlowTest.TheMonitorSwitch...)
+TEST_F(VkSecuityViewControllerTest, EveryWayOfSwitchingTheMonitorIsStoredShownAndTold) {
     ctx->localizer->setString("Security-80-1", "Monitor failed");
-    ctx->userDefaults->setBool("FileMonStart", false);
     show();
-    client->statSucceeds = false;
-    view.setState("startFileMon", 1);
-    panel->swithChange();
-    EXPECT_EQ(client->statCalls, std::vector<bool>{true});
-    EXPECT_TRUE(vkViewShows(view, {"state startFileMon=0", "text fileMonOnText=Monitor failed"}));
-    EXPECT_EQ(storedFileMonStart(), false);
-}
-
-// The host sets the monitor either way; the user flipping the switch off stores it whatever
-// the monitor answers. Each is stored, shown and told.
-TEST_F(VkSecuityViewControllerTest, TheHostSwitchingTheMonitorStoresItAndTellsEveryone) {
-    show();
-    client->statCalls.clear();
-    for (int step : {1, 2, 3}) {
-        SCOPED_TRACE(step);
-        bool on = step == 2;
-        if (step < 3) {
-            panel->setFileMonStat(on);
+    struct Step {
+        bool byHost, on, works;
+        const char* shows;  // the switch's state and the text
+    };
+    int step = 0;
+    for (const Step& s : {Step{true, false, true, "0 Monitor off"},
+                          {true, true, true, "1 Monitor on"},
+                          {false, false, false, "0 Monitor off"},
+                          {false, true, false, "0 Monitor failed"}}) {
+        SCOPED_TRACE(s.shows);
+        client->statCalls.clear();
+        client->statSucceeds = s.works;
+        if (s.byHost) {
+            panel->setFileMonStat(s.on);
         } else {
-            client->statSucceeds = false;
-            view.setState("startFileMon", 0);
+            view.setState("startFileMon", s.on);
             panel->swithChange();
         }
-        ASSERT_EQ(client->statCalls.size(), static_cast<size_t>(step));
-        EXPECT_EQ(client->statCalls.back(), on);
-        EXPECT_EQ(storedFileMonStart(), on);
-        EXPECT_EQ(view.text("fileMonOnText"), on ? "Monitor on" : "Monitor off");
-        EXPECT_EQ(switchNotices, step);
+        EXPECT_EQ(client->statCalls, std::vector<bool>{s.on});
+        EXPECT_EQ(storedFileMonStart(), s.shows[0] == '1');
+        EXPECT_EQ(std::to_string(view.state("startFileMon")) + " " + view.text("fileMonOnText"),
+                  s.shows);
+        EXPECT_EQ(switchNotices, ++step);
     }
 }
 
@@ -193,12 +186,10 @@ TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClose
     VkLogsController* logs = panel->logsController();
     ASSERT_NE(logs, nullptr);
     EXPECT_EQ(logs->logsControllerDelegate(), panel.get());
-    EXPECT_EQ(logs->logsDisplay(), 0);
-    EXPECT_TRUE(logsView.isSubview("contentView", "fileLogsView"));
-    EXPECT_EQ(logsView.state("showFileMonButton"), 1);
-    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
+    EXPECT_EQ(logs->logsDisplay(), 0);  // the monitor's records
     EXPECT_TRUE(view.isSubview("view", "VkLogsController"));
-    EXPECT_EQ(view.frame("VkLogsController"), (VkRect{{0, 0}, {700, 480}}));
+    EXPECT_TRUE(vkViewShows(view, {"hidden VkTrojanMainController=1", "origin VkLogsController=0,0",
+                                   "size VkLogsController=700,480"}));
 
     logs->closeFileMonLogsView();
     EXPECT_FALSE(view.isHidden("VkTrojanMainController"));

@@ -89,16 +89,19 @@ class VkTrojanMainControllerTest : public VkUiTest {
         return item;
     }
 
-    Lines column(const std::string& name) const {
-        return vkRows(controller->numberOfRows(),
-                      [&](int64_t row) { return controller->objectValue(name, row); });
-    }
+    Lines column(const std::string& c) const { return vkColumn(*controller, c); }
 
-    std::optional<double> storedTime(const char* key) {
-        auto value = ctx->userDefaults->objectForKey(key);
-        if (!value)
-            return std::nullopt;
-        return ctx->userDefaults->doubleForKey(key);
+    // What ended scans left: the kinds of the logged scans, then the scan times stored.
+    Lines traces() const {
+        Lines out;
+        for (const auto& node : scanLogs->scanLogsArray())
+            out.push_back("logged " + std::to_string(node->scanType()));
+        for (const char* key : {"LastScanTroajnTime", "LastQuickScanTime"}) {
+            bool now = ctx->userDefaults->doubleForKey(key) == ctx->clock->now();
+            if (ctx->userDefaults->objectForKey(key))
+                out.push_back(std::string(key) + (now ? " now" : " earlier"));
+        }
+        return out;
     }
 
     std::shared_ptr<VkRecordingHostReporter> host = std::make_shared<VkRecordingHostReporter>();
@@ -157,14 +160,10 @@ TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
          "subviews scanContentView=safeView", "size safeView=500,300", "origin backButton=150,10",
          "shows backButton=button:Finish", "hidden cleanButton=1"}));
 
-    double now = ctx->clock->now();
-    EXPECT_EQ(storedTime("LastScanTroajnTime"), now);
-    EXPECT_EQ(storedTime("LastQuickScanTime"), now);
+    EXPECT_EQ(traces(), (Lines{"logged 1", "LastScanTroajnTime now", "LastQuickScanTime now"}));
     EXPECT_FALSE(ctx->userDefaults->objectForKey("LastSecurityScanTime"));
     EXPECT_EQ(posted,
               (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO", "ReloadIntrodutNotify"}));
-    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
-    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanType(), 1);
     EXPECT_EQ(host->lines(), (Lines{"updateOperObjs", "startUserOper", "fullTrojanScan",
                                     "sendUserAction 14", "userOperEnd"}));
 }
@@ -208,8 +207,7 @@ TEST_F(VkTrojanMainControllerTest, QuickScanShowsEachPathButNeverTheCount) {
         vkViewShows(view, {"text scanCountText=Files: 0", "shows litteIconImage=quick_icon"}));
 
     endScan();
-    EXPECT_EQ(storedTime("LastQuickScanTime"), ctx->clock->now());
-    EXPECT_FALSE(storedTime("LastScanTroajnTime"));
+    EXPECT_EQ(traces(), (Lines{"logged 0", "LastQuickScanTime now"}));
     EXPECT_EQ(posted.back(), "ReloadIntrodutNotify");
     EXPECT_EQ(host->count("quickTrojanScan"), 1u);
     EXPECT_EQ(host->count("sendUserAction -1"), 1u);
@@ -225,9 +223,7 @@ TEST_F(VkTrojanMainControllerTest, StopLeavesNoTraceEvenWithShutdownChecked) {
     EXPECT_FALSE(view.isHidden("headView"));
     endScan();
 
-    EXPECT_TRUE(scanLogs->scanLogsArray().empty());
-    EXPECT_FALSE(storedTime("LastScanTroajnTime"));
-    EXPECT_FALSE(storedTime("LastQuickScanTime"));
+    EXPECT_EQ(traces(), Lines{});
     EXPECT_EQ(posted, (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO"}));
     EXPECT_EQ(host->count("runScript tell application \"Finder\" to shut down"), 0u);
     EXPECT_EQ(host->count("resetHomeView"), 2u) << "the stop and the way back both reset";
@@ -247,9 +243,7 @@ TEST_F(VkTrojanMainControllerTest, DroppedFilesScanAfterASecondAndAreLoggedWitho
 
     found("drop/evil.bin");
     endScan();
-    ASSERT_EQ(scanLogs->scanLogsArray().size(), 1u);
-    EXPECT_EQ(scanLogs->scanLogsArray()[0]->scanType(), 2);
-    EXPECT_FALSE(storedTime("LastQuickScanTime"));
+    EXPECT_EQ(traces(), Lines{"logged 2"});
     EXPECT_EQ(posted, (Lines{"TrojanScanNotify YES", "TrojanScanNotify NO"}));
     EXPECT_EQ(host->count("userTrojanScan"), 1u);
 
@@ -427,6 +421,12 @@ TEST_F(VkTrojanMainControllerTest, HostNotificationsActOnlyForThisController) {
     int other = 0;
     ctx->notificationCenter->post("StartScanNotify", &other);
     EXPECT_EQ(center->calls, Lines{"startUpdate"});
+
+    // Getting ready shows the scan screen without the stop button and the count.
+    ctx->notificationCenter->post("ReadlyStartScanNotify", controller.get());
+    EXPECT_EQ(controller->currenSelectedView(), "scanView");
+    EXPECT_TRUE(vkViewShows(
+        view, {"hidden headView=1", "hidden cancelButton=1", "hidden scanCountText=1"}));
 
     ctx->notificationCenter->post("StartCleanNotify", controller.get());
     EXPECT_EQ(host->lines().back(), "cleanEndInfo") << "nothing listed to clean";

@@ -39,10 +39,7 @@ class VkTrustFileControllerTest : public VkUiTest {
         controller->reloadDataView();
     }
 
-    Lines column(VkListColumn c) {
-        return vkRows(controller->numberOfRows(),
-                      [&](int64_t row) { return controller->objectValue(c, row); });
-    }
+    Lines column(VkListColumn c) const { return vkColumn(*controller, c); }
 
     std::shared_ptr<VkTorjanCenter> center = std::make_shared<VkTorjanCenter>(
         ctx, VkServices::makeAntiTrojan(*ctx), VkServices::makeQuarantine(*ctx));

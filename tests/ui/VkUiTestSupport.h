@@ -40,12 +40,12 @@ class VkUiTest : public ::testing::Test {
         std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
 };
 
-// A list's column, row by row ("-" for a row without a value).
-template <typename Value>
-Lines vkRows(uint64_t count, const Value& value) {
+// A list controller's column, row by row ("-" for a row without a value).
+template <typename Controller, typename Column>
+Lines vkColumn(const Controller& controller, const Column& column) {
     Lines out;
-    for (int64_t row = 0; row < static_cast<int64_t>(count); ++row)
-        out.push_back(value(row).value_or("-"));
+    for (int64_t row = 0; row < static_cast<int64_t>(controller.numberOfRows()); ++row)
+        out.push_back(controller.objectValue(column, row).value_or("-"));
     return out;
 }
 
