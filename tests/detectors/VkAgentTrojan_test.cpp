@@ -66,10 +66,6 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
     const std::string startp = "/Library/Application Support/google/startp";
     const std::string launched = "/Library/launched";
     const VkPlist arguments = VkPlist::array({launched});
-    std::vector<uint8_t> binary = launchItem(startp).toBinary();
-    std::string nested;
-    for (int i = 0; i < 100000; ++i)
-        nested += "<array>";
     auto padded = [&](unsigned mebibytes) {  // a launch item padded with text
         std::string xml = launchItem(startp).toXml();
         return xml.insert(
@@ -102,15 +98,8 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
         {"program of the wrong type", kontrol,
          bin(VkPlist::dictionary({{"Program", arguments}, {"ProgramArguments", arguments}})),
          "OSX/MacKontrol.A", false},
-        // Bad property lists count as absent.
+        // Bad property lists count as absent (the parser's own tests hold the hostile shapes).
         {"malformed xml", olyx, "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>",
-         "OSX/Olyx.A", false},
-        {"truncated binary", olyx,
-         std::string(binary.begin(), binary.begin() + static_cast<long>(binary.size() / 2)),
-         "OSX/Olyx.A", false},
-        {"deeply nested", olyx,
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Program</key><string>" + startp +
-             "</string><key>X</key>" + nested,
          "OSX/Olyx.A", false},
         {"not a dictionary", olyx, VkPlist::array({startp}).toXml(), "OSX/Olyx.A", false},
         {"empty", olyx, "", "OSX/Olyx.A", false},
