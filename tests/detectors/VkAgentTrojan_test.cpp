@@ -1,6 +1,5 @@
 #include "detectors/VkAgentTrojan.h"
 
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -160,27 +159,6 @@ TEST_F(VkAgentTrojanTest, FindingsAccumulateAndRemovalDeletesLaunchItemsThenProg
     const std::string clean =
         "startClean (files) " + legion + " " + logind + " " + legion + " " + logind + " " + agent;
     EXPECT_EQ(coreCalls(), (Paths{unset, clean, unset, clean}));
-}
-
-// On the real file operations: the files found go; a program folder swapped for a link out
-// of the inspected system is still reported, but removal never deletes through the link.
-TEST_F(VkAgentTrojanTest, RemovalDeletesOnDiskButNeverThroughALinkOutOfTheSystem) {
-    core->performDeletes(true);
-    std::string elsewhere = dir.write("elsewhere/agent", "precious");
-    Paths gone = plant({{"~/Library/LaunchAgents/com.apple.pixel.plist",
-                         launchItem("~/Library/Pixel_mator/run").toXml()},
-                        {"~/Library/Pixel_mator/run", "x"},
-                        {"~/Library/LaunchAgents/com.apple.legion.plist",
-                         launchItem("~/Library/mdsa1331/agent").toXml()},
-                        {"~/Library/mdsa1331", "->" + dir / "elsewhere"}});
-    gone.pop_back();
-    auto detector = make<VkAgentTrojan>();
-    ASSERT_EQ(scan(detector).count("OSX/DevilRobber.A"), 1u);
-    detector.remove();
-    for (const auto& path : gone)
-        EXPECT_FALSE(VkFile::existsNoFollow(path)) << path;
-    EXPECT_EQ(*VkFile::readAll(elsewhere), "precious");
-    EXPECT_TRUE(VkFile::exists(onDisk("~/Library/LaunchAgents")));
 }
 
 }  // namespace
