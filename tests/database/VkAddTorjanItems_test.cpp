@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
-#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>

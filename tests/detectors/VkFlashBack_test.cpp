@@ -1,6 +1,5 @@
 #include "detectors/VkFlashBack.h"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
