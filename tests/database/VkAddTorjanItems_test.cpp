@@ -395,6 +395,7 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
 
     VkUpdateReport report = make().checkUpdateOnce();
     ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::DownloadFailed}));
+    EXPECT_FALSE(report.entries[1].detail.empty()) << "the client's reason is passed on";
     {
         std::lock_guard lock(midway->mutex);
         ASSERT_EQ(midway->names.size(), 1u) << "half a database on disk before it was whole";
