@@ -30,7 +30,6 @@ class VkDataBaseCheckTest : public ::testing::Test {
     }
 
     VkTempDir dir;
-    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::string path = dir / "db.sql";
 };
 

@@ -1,6 +1,5 @@
 #include "detectors/VkAgentTrojan.h"
 
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -66,10 +65,6 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
     const std::string startp = "/Library/Application Support/google/startp";
     const std::string launched = "/Library/launched";
     const VkPlist arguments = VkPlist::array({launched});
-    std::vector<uint8_t> binary = launchItem(startp).toBinary();
-    std::string nested;
-    for (int i = 0; i < 100000; ++i)
-        nested += "<array>";
     auto padded = [&](unsigned mebibytes) {  // a launch item padded with text
         std::string xml = launchItem(startp).toXml();
         return xml.insert(
@@ -102,15 +97,8 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
         {"program of the wrong type", kontrol,
          bin(VkPlist::dictionary({{"Program", arguments}, {"ProgramArguments", arguments}})),
          "OSX/MacKontrol.A", false},
-        // Bad property lists count as absent.
+        // Bad property lists count as absent (the parser's own tests hold the hostile shapes).
         {"malformed xml", olyx, "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>",
-         "OSX/Olyx.A", false},
-        {"truncated binary", olyx,
-         std::string(binary.begin(), binary.begin() + static_cast<long>(binary.size() / 2)),
-         "OSX/Olyx.A", false},
-        {"deeply nested", olyx,
-         "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Program</key><string>" + startp +
-             "</string><key>X</key>" + nested,
          "OSX/Olyx.A", false},
         {"not a dictionary", olyx, VkPlist::array({startp}).toXml(), "OSX/Olyx.A", false},
         {"empty", olyx, "", "OSX/Olyx.A", false},
@@ -171,27 +159,6 @@ TEST_F(VkAgentTrojanTest, FindingsAccumulateAndRemovalDeletesLaunchItemsThenProg
     const std::string clean =
         "startClean (files) " + legion + " " + logind + " " + legion + " " + logind + " " + agent;
     EXPECT_EQ(coreCalls(), (Paths{unset, clean, unset, clean}));
-}
-
-// On the real file operations: the files found go; a program folder swapped for a link out
-// of the inspected system is still reported, but removal never deletes through the link.
-TEST_F(VkAgentTrojanTest, RemovalDeletesOnDiskButNeverThroughALinkOutOfTheSystem) {
-    core->performDeletes(true);
-    std::string elsewhere = dir.write("elsewhere/agent", "precious");
-    Paths gone = plant({{"~/Library/LaunchAgents/com.apple.pixel.plist",
-                         launchItem("~/Library/Pixel_mator/run").toXml()},
-                        {"~/Library/Pixel_mator/run", "x"},
-                        {"~/Library/LaunchAgents/com.apple.legion.plist",
-                         launchItem("~/Library/mdsa1331/agent").toXml()},
-                        {"~/Library/mdsa1331", "->" + dir / "elsewhere"}});
-    gone.pop_back();
-    auto detector = make<VkAgentTrojan>();
-    ASSERT_EQ(scan(detector).count("OSX/DevilRobber.A"), 1u);
-    detector.remove();
-    for (const auto& path : gone)
-        EXPECT_FALSE(VkFile::existsNoFollow(path)) << path;
-    EXPECT_EQ(*VkFile::readAll(elsewhere), "precious");
-    EXPECT_TRUE(VkFile::exists(onDisk("~/Library/LaunchAgents")));
 }
 
 }  // namespace

@@ -66,9 +66,8 @@ class VkFakeMacTest : public ::testing::Test {
     std::string writeFile(const std::string& inspected, const std::string& bytes) const {
         return plant({{inspected, bytes}})[0];
     }
-    std::string writePlist(const std::string& inspected, const VkPlist& plist,
-                           bool binary = false) const {
-        return writeFile(inspected, binary ? bin(plist) : plist.toXml());
+    std::string writePlist(const std::string& inspected, const VkPlist& plist) const {
+        return writeFile(inspected, plist.toXml());
     }
     static std::string bin(const VkPlist& plist) {
         std::vector<uint8_t> bytes = plist.toBinary();

@@ -1,6 +1,5 @@
 #include "detectors/VkFlashBack.h"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
@@ -240,44 +239,6 @@ TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
     EXPECT_EQ(cleans[0].args,
               (Paths{deepPath, folders + "/zz/" + kCsstoreB, onDisk("/etc/launchd.conf")}));
     removeChain(folders + "/deep");
-}
-
-// On the real file operations. A launch item naming the home itself ("~/.") as its hidden
-// program, or a hidden program behind a link: its own file goes, nothing it names outside
-// of that does.
-TEST_F(VkFlashBackRemoveTest, RemoveWithRealOperationsCleansTheTreeButNeverTheHomeNorALink) {
-    core->performDeletes(true);
-    core->performPlistFixes(true);
-    std::string target = dir.write("elsewhere/.hidden", "precious");
-    Paths p = plant(
-        {{"~/Documents/doc.txt", "mine"},
-         {"~/Library/LaunchAgents/evil.plist",
-          launchItemWithArguments(VkPlist(VkPlist::Array{VkPlist("~/.")})).toXml()},
-         {"~/Library/lnk", "->" + dir / "elsewhere"},
-         {"/Library/LaunchAgents/evil2.plist", launchItem("~/Library/lnk/.hidden").toXml()},
-         {kSafari, bin(browserInfo(insert("/Library/Internet Plug-Ins/x.dylib")))},
-         {kEnvironment,
-          VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/Users/tester/.l"}, {"PATH", "/bin"}})
-              .toXml()},
-         {"/var/folders/q/r/C/com.apple.other.csstore", "db"},
-         // Gone after the removal:
-         {"/Library/Internet Plug-Ins/x.dylib", "x"},
-         {"/Users/tester/.l", "x"},
-         {"~/Library/LaunchAgents/com.x.plist", launchItem("~/.l").toXml()},
-         {"/var/folders/q/r/C/" + std::string(kCsstoreA), "db"}});
-    auto detector = make<VkFlashBack>();
-    ASSERT_FALSE(scan(detector).empty());
-    detector.remove();
-
-    EXPECT_EQ(VkPlist::contentsOfFile(p[4]),
-              VkPlist::dictionary({{"CFBundleIdentifier", "com.example.browser"}}));
-    EXPECT_EQ(VkPlist::contentsOfFile(p[5]), VkPlist::dictionary({{"PATH", "/bin"}}));
-    for (size_t i = 7; i < p.size(); ++i)
-        EXPECT_FALSE(VkFile::existsNoFollow(p[i])) << p[i];
-    EXPECT_FALSE(VkFile::existsNoFollow(p[1]));
-    EXPECT_TRUE(VkFile::exists(p[6]));
-    EXPECT_EQ(*VkFile::readAll(p[0]), "mine");
-    EXPECT_EQ(*VkFile::readAll(target), "precious");
 }
 
 }  // namespace

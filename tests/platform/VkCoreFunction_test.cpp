@@ -1,7 +1,6 @@
 #include "platform/VkCoreFunction.h"
 
 #include <filesystem>
-#include <set>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

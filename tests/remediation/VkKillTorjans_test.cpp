@@ -1,7 +1,6 @@
 #include "remediation/VkKillTorjans.h"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
