@@ -92,9 +92,9 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     ASSERT_EQ(second.exitCode, 0) << second.err;
     auto report = nlohmann::json::parse(second.out);
     EXPECT_EQ(report["updateDate"], "2024-05-01T00:00:00Z");
-    ASSERT_EQ(report["entries"].size(), 1u);
-    EXPECT_EQ(report["entries"][0]["action"], "current");
-    EXPECT_EQ(report["entries"][0]["localVersion"], "1.2");
+    EXPECT_EQ(report["entries"], nlohmann::json::parse(R"([{"name": "Mine", "version": "1.2",
+        "localVersion": "1.2", "action": "current", "detail": "local version 1.2",
+        "webpath": "Mine.sql"}])"));
     EXPECT_TRUE(report["installed"].empty());
 
     auto listed = run("vksecurity", {"--json", "db"});
