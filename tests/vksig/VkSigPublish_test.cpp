@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,9 +66,8 @@ class VkSigPublishTest : public ::testing::Test {
 
 TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     std::string key = keygen("publisher", true);
-    struct stat status {};
-    ASSERT_EQ(::stat(key.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    namespace fs = std::filesystem;
+    EXPECT_EQ(fs::status(key).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     auto again = run("vksig", {"keygen", dir / "keys/publisher"});
     EXPECT_EQ(again.exitCode, 2) << "a key is never overwritten";
     std::string db = dir / "Mine.sql";
@@ -124,10 +122,8 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
                        const std::string& serial) {
         std::filesystem::remove_all(dir / "www");
         std::vector<std::string> args = {"publish", dir / "www", db, "--serial", serial};
-        if (!signer.empty()) {
-            args.push_back("--key");
-            args.push_back(signer);
-        }
+        if (!signer.empty())
+            args.insert(args.end(), {"--key", signer});
         auto published = run("vksig", args);
         ASSERT_EQ(published.exitCode, 0) << published.err;
     };
