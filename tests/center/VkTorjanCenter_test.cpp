@@ -45,6 +45,16 @@ class VkTorjanCenterTest : public ::testing::Test {
         EXPECT_TRUE(d->waitForEnd());
         return d->results();
     }
+    // A finding as the trust list takes it.
+    static std::shared_ptr<VkTorjanResultItems> finding(const std::string& path,
+                                                        const std::string& name,
+                                                        const std::string& hash) {
+        auto item = std::make_shared<VkTorjanResultItems>();
+        item->setPath(path);
+        item->setTorjanName(name);
+        item->setHashCode(hash);
+        return item;
+    }
     size_t trustCount() {
         return ctx->userDefaults->arrayForKey("TrustFileKey").value_or(VkPlist::Array{}).size();
     }
@@ -80,17 +90,9 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsContentsChangeOrItsTrustI
     EXPECT_EQ(*listed[0].get("TrustFileSize")->asUInt64(), sizeof kSample - 1);
 
     center->addTrustFile(found[0]);
-    auto other = std::make_shared<VkTorjanResultItems>();
-    other->setPath(file);
-    other->setTorjanName(std::string("OSX/Other"));
-    other->setHashCode(std::string("0123456789abcdef"));
-    center->addTrustFile(other);
+    center->addTrustFile(finding(file, "OSX/Other", "0123456789abcdef"));
     // An entry stops at its first missing value: the empty name enciphers to nothing.
-    auto partial = std::make_shared<VkTorjanResultItems>();
-    partial->setPath(dir.write("root/home/x.bin", "x"));
-    partial->setTorjanName(std::string(""));
-    partial->setHashCode(std::string("abc"));
-    center->addTrustFile(partial);
+    center->addTrustFile(finding(dir.write("root/home/x.bin", "x"), "", "abc"));
     auto stored = ctx->userDefaults->arrayForKey("TrustFileKey");
     ASSERT_TRUE(stored && stored->size() == 4);
     EXPECT_NE(stored->at(3).get("TrustFilePath"), nullptr);
@@ -139,13 +141,9 @@ TEST_F(VkTorjanCenterTest, FullAndCustomScansApplyStagedDatabasesFirst) {
 // Two processes trusting files at once (the panel and the command line): none is lost.
 TEST_F(VkTorjanCenterTest, TwoProcessesTrustingAtOnceLoseNoEntry) {
     auto trustMany = [&](const std::string& prefix) {
-        for (int i = 0; i < 30; ++i) {
-            auto item = std::make_shared<VkTorjanResultItems>();
-            item->setPath(dir / (prefix + std::to_string(i)));
-            item->setTorjanName(std::string("OSX/Race"));
-            item->setHashCode(std::string("0123456789abcdef0123456789abcdef"));
-            center->addTrustFile(item);
-        }
+        for (int i = 0; i < 30; ++i)
+            center->addTrustFile(finding(dir / (prefix + std::to_string(i)), "OSX/Race",
+                                         "0123456789abcdef0123456789abcdef"));
     };
     pid_t child = ::fork();
     if (child == 0) {

@@ -63,8 +63,9 @@ TEST_F(VkCliConventionsTest, UsageErrorsAndMonitorSettingsAsTheTableSays) {
         {"vksecurity", {"monitor", "--stop"}, 0, "", "the file monitor is not running"},
         {"vksecurity", {"monitor", "--settle", "2.5"}, 0, "", "it is not running"},
         {"vksecurity", {"monitor", "--watch", watched}, 0, "", "it is not running"},
-        // The service's own reason, not a time-out.
+        // The service's own reason, not a time-out; in the foreground it refuses at once.
         {"vksecurity", {"monitor", "--start"}, 2, "no signatures loaded", ""},
+        {"vksecurity", {"monitor"}, 2, "no signatures loaded from " + dir / "data", ""},
     };
     // `db` on a data folder it cannot list (a file where the folder should be; root reads
     // any folder).

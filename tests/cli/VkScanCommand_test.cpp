@@ -15,6 +15,7 @@
 #include "fakes/VkRunProgram.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestArchives.h"
+#include "fakes/VkTestBytes.h"
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "platform/VkContext.h"
@@ -112,16 +113,13 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorr
     EXPECT_EQ(j.exitCode, 1);
     auto objects = jsonLines(j.out);
     ASSERT_EQ(objects.size(), 3u) << j.out;
-    std::set<std::string> names;
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(objects[i]["type"], "finding");
-        names.insert(objects[i]["name"].get<std::string>());
-    }
-    EXPECT_EQ(names, (std::set<std::string>{"Test.Alpha", "Test.Beta"}));
-    EXPECT_EQ(objects[2]["type"], "summary");
-    EXPECT_EQ(objects[2]["findings"], 2);
-    EXPECT_EQ(objects[2]["filesJudged"], 4);
-    EXPECT_EQ(objects[2]["interrupted"], false);
+    EXPECT_EQ((std::set<std::string>{objects[0]["name"], objects[1]["name"]}),
+              (std::set<std::string>{"Test.Alpha", "Test.Beta"}));
+    for (const char* key : {"seconds", "databases", "signatures"})
+        objects[2].erase(key);
+    EXPECT_EQ(objects[2], json::parse(R"({"type": "summary", "scan": "custom", "findings": 2,
+        "filesJudged": 4, "entries": 7, "notExamined": 0, "interrupted": false,
+        "archiveMembers": 0, "archiveMembersDecompressed": 0})"));
 
     // A corrupt database gives nothing; the packaged one is installed beside the test's.
     dir.write("data/corrupt.sql", "this is not a database");
@@ -133,11 +131,7 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorr
     EXPECT_GE(last["signatures"].get<int>(), 3);
 }
 
-TEST_F(VkScanCommandTest, CleanFolderExitsZeroAndErrorsExitTwo) {
-    auto clean = run({"scan", dir / "root/tree/docs/clean.txt"});
-    EXPECT_EQ(clean.exitCode, 0) << clean.out << clean.err;
-    EXPECT_THAT(clean.out, HasSubstr("Findings:      0"));
-
+TEST_F(VkScanCommandTest, ErrorsExitTwo) {
     std::string file = dir.write("plain", "x");
     const struct {
         std::vector<std::string> args;
@@ -176,13 +170,7 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
     EXPECT_EQ(run({"scan", "--file-list", list}).exitCode, 1);
     EXPECT_EQ(run({"scan", "--no-archives", zip}).exitCode, 0);
     EXPECT_EQ(run({"scan", "--exclude", "*.zip", dir / "root/arch"}).exitCode, 0);
-    // The history names the member; trust binds the archive, and a changed one is found again.
-    EXPECT_THAT(run({"--json", "logs"}).out, HasSubstr(zip + "!in/alpha"));
-    EXPECT_EQ(run({"scan", "--trust", zip}).exitCode, 1);
-    EXPECT_EQ(run({"scan", zip}).exitCode, 0);
-    dir.write("root/arch/a.zip",
-              vkMakeArchive("zip", "", {{"in/alpha", "alpha-synthetic-sample"}, {"more", "x"}}));
-    EXPECT_EQ(run({"scan", zip}).exitCode, 1);
+    EXPECT_THAT(run({"--json", "logs"}).out, HasSubstr(zip + "!in/alpha")) << "history names it";
     // A broken archive is never called clean.
     auto broken = run({"scan", dir.write("root/cut.zip", archive.substr(0, 40))});
     EXPECT_EQ(broken.exitCode, 2);
@@ -191,11 +179,9 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
 
 TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {
     std::string hit = dir.write("root/Applications/x/alpha.bin", "alpha-synthetic-sample");
-    dir.write("root/Volumes/Other/alpha.bin", "alpha-synthetic-sample");
     auto r = run({"scan", "--full"});
     EXPECT_EQ(r.exitCode, 1) << r.err;
     EXPECT_THAT(r.out, HasSubstr(hit + ": Test.Alpha FOUND"));
-    EXPECT_THAT(r.out, Not(HasSubstr("Volumes")));
 }
 
 // --remove says what became of each file: a finding is deleted, a browser's list cleaned in
@@ -226,7 +212,6 @@ TEST_F(VkScanCommandTest, RemovalReportsWhatWasReallyDone) {
         EXPECT_EQ(VkFile::existsNoFollow(c.path), c.kept) << c.path;
     }
     EXPECT_TRUE(VkFile::existsNoFollow(dir / "root/tree/docs/clean.txt"));
-    EXPECT_EQ(VkPlist::contentsOfFile(safari)->get("LSEnvironment"), nullptr);
     auto logs = runJson({"logs"});
     ASSERT_EQ(logs.size(), 3u);
     EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");
@@ -261,9 +246,10 @@ TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
 
     auto records = runJson({"logs", "--monitor"});
     ASSERT_EQ(records.size(), 1u) << records.dump();
-    EXPECT_EQ(records[0]["path"], dir / "Downloads/setup.dmg");
-    EXPECT_EQ(records[0]["name"], "Test.Alpha");
-    EXPECT_FALSE(records[0].contains("processName"));
+    EXPECT_EQ(records[0], json({{"path", dir / "Downloads/setup.dmg"},
+                                {"name", "Test.Alpha"},
+                                {"downloadTime", 1700000000},
+                                {"logTime", 1700000100}}));
     EXPECT_EQ(run({"logs", "--monitor", "--clear"}).exitCode, 0);
     EXPECT_EQ(runJson({"logs", "--monitor"}).size(), 0u);
 }
@@ -386,10 +372,10 @@ TEST_F(VkScanCommandTest, TrustByRelativePathHoldsUntilRemovedAndTheHistoryShows
     EXPECT_EQ(run({"scan", "docs"}).exitCode, 0);
     auto history = runJson({"logs"});
     ASSERT_EQ(history.size(), 3u) << history.dump();
-    EXPECT_EQ(history[0]["kind"], "custom");
-    ASSERT_EQ(history[0]["entries"].size(), 1u);
-    EXPECT_EQ(history[0]["entries"][0]["operation"], "trusted");
-    EXPECT_EQ(history[0]["entries"][0]["name"], "Test.Alpha");
+    history[0].erase("time");
+    json trusted = {
+        {"name", "Test.Alpha"}, {"operation", "trusted"}, {"path", alpha}, {"size", 22}};
+    EXPECT_EQ(history[0], json({{"kind", "custom"}, {"entries", json::array({trusted})}}));
     EXPECT_TRUE(history[2]["entries"].empty());
     EXPECT_EQ(run({"logs", "--keep-days", "7"}).exitCode, 0);
     EXPECT_EQ(VkUserDefaults(dir / "defaults.plist").integerForKey("LogsKeepDay"), 7);
@@ -424,13 +410,9 @@ TEST_F(VkScanCommandTest, AnInterruptedScanEndsWithTheSummaryAndExit130) {
 }
 
 // On an empty data folder the monitor installs the packaged database and judges the test
-// file dropped while it was down as well as one dropped while it runs; with no signatures
-// at all it refuses to start.
+// file dropped while it was down as well as one dropped while it runs.
 TEST_F(VkScanCommandTest, MonitorOnAFreshDataFolderJudgesFilesFromBeforeAndAfterItsStart) {
-    std::string eicar;
-    for (const char* part :
-         {"X5O!P%@AP[4\\PZX", "54(P^)7CC)7}$", "EICAR-STANDARD-ANTI", "VIRUS-TEST-FILE!", "$H+H*"})
-        eicar += part;
+    std::string eicar = vkAntiVirusTestFile();
     std::string data = dir / "fresh", downloads = dir.mkdir("dl");
     dir.write("dl/before.com", eicar);
     std::map<std::string, std::string> env = {{"VK_DEFAULTS_FILE", dir / "defaults.plist"},
@@ -448,11 +430,6 @@ TEST_F(VkScanCommandTest, MonitorOnAFreshDataFolderJudgesFilesFromBeforeAndAfter
     auto logs = vkRunProgram(kProgram, {"--data-dir", data, "--json", "logs", "--monitor"}, env);
     for (const char* name : {"/before.com", "/after.com"})
         EXPECT_THAT(logs.out, HasSubstr(downloads + name)) << r.out;
-
-    std::string file = dir.write("plain", "x");
-    auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "monitor"}, env);
-    EXPECT_EQ(none.exitCode, 2) << none.out;
-    EXPECT_THAT(none.err, HasSubstr("no signatures loaded from " + file + "/data"));
 }
 
 // `scan --quarantine` and files the store quarantined (one without a name, of bytes no text
@@ -473,19 +450,17 @@ TEST_F(VkScanCommandTest, QuarantinedFilesAreListedAndRestoredByteForByte) {
     EXPECT_THAT(text.out, HasSubstr("2  " + agent));
     auto list = runJson({"quarantine", "list"});
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[1]["number"], 2);
-    EXPECT_EQ(list[1]["originalPath"], agent);
-    EXPECT_EQ(list[1]["fileSize"], bytes.size());
+    list[1].erase("filePath");
+    EXPECT_EQ(list[1], json({{"number", 2},
+                             {"originalPath", agent},
+                             {"fileSize", bytes.size()},
+                             {"size", stringFromFileSize(bytes.size())},
+                             {"trojanName", ""}}));
     EXPECT_EQ(list[0]["trojanName"], "Test.Beta");
-    EXPECT_EQ(list[1]["trojanName"], "");
 
     ASSERT_EQ(run({"quarantine", "restore", "2"}).exitCode, 0);
     EXPECT_EQ(*VkFile::readAll(agent), bytes);
-    list = runJson({"quarantine", "list"});
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0]["originalPath"], beta);
-    ASSERT_EQ(run({"quarantine", "restore", "1"}).exitCode, 0);
-    EXPECT_EQ(*VkFile::readAll(beta), original);
+    EXPECT_FALSE(VkFile::existsNoFollow(beta)) << "only the number given is restored";
 }
 
 // A bad number anywhere means nothing is done; a delete is for good; a restore onto an

@@ -19,3 +19,13 @@ inline std::string vkTestBytes(size_t length, unsigned seed) {
         s[i] = static_cast<char>((i * 131 + seed * 7919 + (i >> 9)) & 0xFF);
     return s;
 }
+
+// The standard anti-virus test file, put together here so that the sources never hold it
+// in one piece.
+inline std::string vkAntiVirusTestFile() {
+    std::string whole;
+    for (const char* part :
+         {"X5O!P%@AP[4\\PZX", "54(P^)7CC)7}$", "EICAR-STANDARD-ANTI", "VIRUS-TEST-FILE!", "$H+H*"})
+        whole += part;
+    return whole;
+}
