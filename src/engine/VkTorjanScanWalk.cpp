@@ -230,9 +230,6 @@ void VkTorjanScan::scanBaseItem() {
     const bool paced = needDelay();
     VkScanPipeline pipeline(isSearchStop_);
 
-    // A file some record's size fits, looked at relative to its open folder: judged from the
-    // hash cache when the cache knows it as it stands, else opened for the judges. Nothing
-    // comes back when the report is settled (the cache answered, or the file did not open).
     // How the candidates of late were settled: from the cache, or opened to be read. Halved
     // now and then by the walk, so that they speak of the last few thousand.
     std::atomic<uint32_t> answeredByCache{0};
@@ -240,6 +237,33 @@ void VkTorjanScan::scanBaseItem() {
     // Until when the walk reads the attributes itself because the judges found them slow
     // (on the disk, not in memory): it then keeps the kernel reading ahead of the judges.
     std::atomic<std::chrono::steady_clock::duration> coldUntil{};
+    // What an entry's attributes settle before anything is read, for the walk and the judges
+    // alike: a folder; a link, which counts as judged (and is refused) when it leads to
+    // something that is no folder; a device's node, never opened (reading one can block or
+    // have side effects). True when settled; `judged` says whether it counted as judged.
+    auto settledByAttributes = [&](int folderFd, const char* at, const std::string& path,
+                                   const struct stat& st, Report& report, bool& judged) {
+        judged = false;
+        if (S_ISDIR(st.st_mode))
+            return true;
+        if (S_ISLNK(st.st_mode)) {
+            struct stat target {};
+            judged = ::fstatat(folderFd, at, &target, 0) == 0 && !S_ISDIR(target.st_mode);
+            if (judged)
+                filesJudged_.fetch_add(1);
+            return true;
+        }
+        judged = true;
+        filesJudged_.fetch_add(1);
+        if (path.rfind("/dev/", 0) != 0)
+            return false;
+        if (S_ISREG(st.st_mode))
+            report.skipped = VkNotExamined{path, Reason::device, 0};
+        return true;
+    };
+    // A file some record's size fits, looked at relative to its open folder: judged from the
+    // hash cache when the cache knows it as it stands, else opened for the judges. Nothing
+    // comes back when the report is settled (the cache answered, or the file did not open).
     auto openForJudging = [&](const std::shared_ptr<const VkTorjanRecordList>& records,
                               int folderFd, const std::string& at, const std::string& path,
                               const struct stat& st,
@@ -287,8 +311,8 @@ void VkTorjanScan::scanBaseItem() {
         // Reports are handed over in batches: one lock per entry would cost more than the
         // entry.
         constexpr size_t kBatch = 128;
-        // Files listed in a folder, looked at by the judges: the walk itself only lists. A
-        // batch goes out before anything that comes after it in the walk.
+        // Files of one folder handed to the judges to look at, listed only. A batch goes out
+        // before anything that comes after it in the walk.
         constexpr size_t kLookups = 64;
         VkScanPipeline::Candidate lookups;
         std::string lookupFolder;
@@ -390,8 +414,7 @@ void VkTorjanScan::scanBaseItem() {
                          unsigned char type) -> bool {
             // Unpaced, once the records are there, a listed file may go to the judges whole:
             // they read its attributes, relative to its folder, and settle or judge it, while
-            // one of them waits for work and the cache answers for nearly everything (a batch
-            // once begun is filled).
+            // one of them waits for work (see above; a batch once begun is filled).
             if (!paced && folderFd >= 0 && type != DT_DIR && type != DT_UNKNOWN && held.empty() &&
                 haveRecords(false)) {
                 std::string_view parent(path.data(), path.size() - std::strlen(name));
@@ -440,24 +463,13 @@ void VkTorjanScan::scanBaseItem() {
                 report.skipped = VkNotExamined{path, reasonOf(error), error};
                 return false;
             };
-            if (!look() || S_ISDIR(st.st_mode))
+            if (!look())
                 return settle(std::move(report));
-            if (S_ISLNK(st.st_mode)) {
-                // A link counts as judged (and is refused) when it leads to something that is
-                // no folder.
-                struct stat target {};
-                if (::fstatat(folderFd, at.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode)) {
-                    filesJudged_.fetch_add(1);
-                    if (paced && path.rfind("/dev/", 0) != 0)
-                        pause();
-                }
-                return settle(std::move(report));
-            }
-            filesJudged_.fetch_add(1);
-            // Device nodes are never opened: reading one can block or have side effects.
-            if (path.rfind("/dev/", 0) == 0) {
-                if (S_ISREG(st.st_mode))
-                    report.skipped = VkNotExamined{path, Reason::device, 0};
+            bool judged = false;
+            if (settledByAttributes(folderFd, at.c_str(), path, st, report, judged)) {
+                // A judged link is paced like a file; a device's node is not.
+                if (judged && paced && S_ISLNK(st.st_mode) && path.rfind("/dev/", 0) != 0)
+                    pause();
                 return settle(std::move(report));
             }
             if (paced) {
@@ -601,22 +613,9 @@ void VkTorjanScan::scanBaseItem() {
             report.skipped = VkNotExamined{path, reasonOf(error), error};
             return report;
         }
-        if (S_ISDIR(st.st_mode))
+        bool judged = false;
+        if (settledByAttributes(folderFd, name.c_str(), path, st, report, judged))
             return report;
-        if (S_ISLNK(st.st_mode)) {
-            // A link counts as judged (and is refused) when it leads to no folder.
-            struct stat target {};
-            if (::fstatat(folderFd, name.c_str(), &target, 0) == 0 && !S_ISDIR(target.st_mode))
-                filesJudged_.fetch_add(1);
-            return report;
-        }
-        filesJudged_.fetch_add(1);
-        // Device nodes are never opened: reading one can block or have side effects.
-        if (path.rfind("/dev/", 0) == 0) {
-            if (S_ISREG(st.st_mode))
-                report.skipped = VkNotExamined{path, Reason::device, 0};
-            return report;
-        }
         auto size = static_cast<uint64_t>(st.st_size);
         if (!S_ISREG(st.st_mode) || size == 0 || (!records->hasSize(size) && !wantsArchive(path)))
             return report;
