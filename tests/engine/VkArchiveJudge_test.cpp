@@ -104,6 +104,17 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
     for (int i = 0; i < 3; ++i)
         nest = vkMakeArchive("zip", "", {{"n" + std::to_string(i) + ".zip", nest}});
     const std::string bombData(64 * kMiB, '\0');
+    // A 7z header whose counts make the reader ask for gigabytes (found by fuzzing): refused
+    // as corrupt, the memory never used.
+    const std::string hugeCounts(
+        "\x03\x37\x7a\xbc\xaf\x27\x1c\x00\x03\x67\x29\x93\x41\x23\x00\x00\x00\x00\x00\x00\x00\x36"
+        "\x00\x00\x00\x00\x00\x00\x00\x22\xd5\x7f\x79\x00\x39\x9e\x4a\x01\x01\xfc\xa2\xfc\xd4\x1c"
+        "\x36\x6f\x0f\x67\x92\x95\xfc\x72\x1f\xbe\xac\xbd\x82\x05\xe1\x15\xa7\xde\x1f\xff\xfa\xe6"
+        "\xf0\x00\x01\x04\x06\x00\x01\x09\x23\x00\x07\x0b\x01\x00\x01\x23\x03\x01\x01\x05\x5d\x00"
+        "\x00\x80\x00\x0c\x19\x00\x08\x0a\x01\xf0\xd3\x30\x66\x00\x00\x05\xe1\x15\xa7\xde\x1f\xff"
+        "\xfa\xe6\xf0\x00\x01\x01\x11\x05\x00\x78\x00\x00\x00\x15\x06\x01\x00\x20\x80\xa4\x81\x00"
+        "\x00",
+        133);
     VkArchiveLimits small;
     small.maxTotalBytes = 4 * kMiB;
     struct Case {
@@ -122,6 +133,7 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
          VkArchiveSkip::Reason::overLimit, bombData, small},
         {"disk.dmg", kPlanted, VkArchiveSkip::Reason::diskImage},
         {"fake.zip", "not an archive at all", VkArchiveSkip::Reason::corrupt},
+        {"counts.7z", hugeCounts, VkArchiveSkip::Reason::corrupt},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
