@@ -104,6 +104,8 @@ class VkHashCache {
     bool writing_ = false;
     size_t pending_ = 0;
     bool broken_ = false;  // a corruption was met: the file is replaced at the next open
+    // This instance made the file and has not flushed yet: no lookup can find anything.
+    bool created_ = false;
     std::chrono::steady_clock::time_point nextOpen_{};
     // Entries waiting to be written; their own lock, so that queuing never waits on SQLite.
     std::mutex queueMutex_;
