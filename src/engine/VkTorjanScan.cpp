@@ -126,9 +126,10 @@ bool VkTorjanScan::attributesOfItem(const std::string& path, struct stat& attrib
     return ::lstat(path.c_str(), &attributes) == 0;
 }
 
-std::optional<std::string> VkTorjanScan::hashOpenFile(int fd, int32_t type, uint64_t size) {
-    if (size == 0)
-        return VkHashValue::hashWholeOpenFile(fd, type);
+std::optional<std::string> VkTorjanScan::hashOpenFile(int fd, int32_t type, uint64_t head,
+                                                      uint64_t fileSize) {
+    if (head == 0)
+        return VkHashValue::hashWholeOpenFile(fd, type, fileSize);
     return VkHashValue::hashOpenFileHead(fd, static_cast<uint32_t>(kHeadLength), type);
 }
 
@@ -237,7 +238,8 @@ VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct sta
     if (report.findings.empty())
         return outcome;
     // What the user trusts, removes or quarantines is the file: its path and whole hash.
-    std::optional<std::string> archiveHash = hashOpenFile(fd, 0, 0);
+    std::optional<std::string> archiveHash =
+        hashOpenFile(fd, 0, 0, static_cast<uint64_t>(st.st_size));
     if (archiveHash && checkTrustFile(path, *archiveHash))
         return {};
     for (const VkArchiveFinding& finding : report.findings) {
@@ -277,7 +279,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
                 *undecided = true;
         } else if (!slot) {
             errno = 0;
-            slot = hashOpenFile(fd, type, head);
+            slot = hashOpenFile(fd, type, head, size);
             if (slot)
                 read.insert(type);
         }

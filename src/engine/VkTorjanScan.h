@@ -207,9 +207,11 @@ class VkTorjanScan {
   protected:
     // Attributes of the item itself, a final link not followed (lstat). False on failure.
     virtual bool attributesOfItem(const std::string& path, struct stat& attributes);
-    // Hash of an open regular file, as hashCodeWithPath: whole when size is 0, else the
-    // head. Called from the judging threads.
-    virtual std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t size);
+    // Hash of an open regular file of `fileSize` bytes (as its descriptor's attributes
+    // said), as hashCodeWithPath: whole when `head` is 0, else the head. Called from the
+    // judging threads.
+    virtual std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t head,
+                                                    uint64_t fileSize);
 
     std::atomic<bool> isSearchStop_{false};
     std::atomic<bool> isQuickScan_{false};

@@ -159,13 +159,19 @@ std::optional<std::string> VkHashValue::hashWholeFileAt(int folderFd, const std:
 }
 
 std::optional<std::string> VkHashValue::hashWholeOpenFile(int fd, int32_t hashType) {
-    const EVP_MD* md = digestFor(hashType);
     struct stat st {};
-    if (!md || ::fstat(fd, &st) != 0)
+    if (::fstat(fd, &st) != 0)
+        return std::nullopt;
+    return hashWholeOpenFile(fd, hashType, static_cast<uint64_t>(st.st_size));
+}
+
+std::optional<std::string> VkHashValue::hashWholeOpenFile(int fd, int32_t hashType,
+                                                          uint64_t size) {
+    const EVP_MD* md = digestFor(hashType);
+    if (!md)
         return std::nullopt;
     // The system passes the byte count as 32 bits; keep that so stored hashes match.
-    uint64_t length = static_cast<uint32_t>(static_cast<uint64_t>(st.st_size));
-    return hashOpenFile(fd, length, md);
+    return hashOpenFile(fd, static_cast<uint32_t>(size), md);
 }
 
 std::optional<std::string> VkHashValue::hashFileHeadAt(int folderFd, const std::string& name,

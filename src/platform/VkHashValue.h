@@ -35,6 +35,8 @@ class VkHashValue {
     // The same for a file already open (a regular file the caller checked), read from its
     // start whatever the descriptor's offset, so that one descriptor serves both hashes.
     static std::optional<std::string> hashWholeOpenFile(int fd, int32_t hashType);
+    // The same when the caller already read the descriptor's attributes: `size` bytes.
+    static std::optional<std::string> hashWholeOpenFile(int fd, int32_t hashType, uint64_t size);
     static std::optional<std::string> hashOpenFileHead(int fd, uint32_t bufferLength,
                                                        int32_t hashType);
 };

@@ -67,7 +67,8 @@ class HashSpyScan : public VkTorjanScan {
     }
 
   protected:
-    std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t size) override {
+    std::optional<std::string> hashOpenFile(int fd, int32_t type, uint64_t head,
+                                            uint64_t size) override {
         char target[PATH_MAX];
         ssize_t n =
             ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
@@ -83,7 +84,7 @@ class HashSpyScan : public VkTorjanScan {
         if (jitter)
             std::this_thread::sleep_for(
                 std::chrono::microseconds(std::hash<std::string>{}(path) % 400));
-        return VkTorjanScan::hashOpenFile(fd, type, size);
+        return VkTorjanScan::hashOpenFile(fd, type, head, size);
     }
 
   private:

@@ -22,9 +22,10 @@ class CountingScan : public VkTorjanScan {
   public:
     using VkTorjanScan::VkTorjanScan;
 
-    std::optional<std::string> hashOpenFile(int fd, int32_t item, uint64_t size) override {
-        hashCalls.push_back(size);  // 0 for the whole file, else the head's length
-        return VkTorjanScan::hashOpenFile(fd, item, size);
+    std::optional<std::string> hashOpenFile(int fd, int32_t item, uint64_t head,
+                                            uint64_t size) override {
+        hashCalls.push_back(head);  // 0 for the whole file, else the head's length
+        return VkTorjanScan::hashOpenFile(fd, item, head, size);
     }
     // Head and whole-file hashes so far.
     std::pair<size_t, size_t> hashes() const {
