@@ -1,6 +1,8 @@
 // Writes the seed corpora of the fuzz targets: `vk_make_seeds FOLDER` fills FOLDER/<target>/
 // with small inputs made here by the program's own writers. Everything is synthetic.
+#include <chrono>
 #include <cstdio>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,7 @@
 #include "database/VkDataBaseInfo.h"
 #include "database/VkManifestCipher.h"
 #include "database/VkSqliteManager.h"
+#include "engine/VkHashCache.h"
 #include "fakes/VkTestArchives.h"
 #include "logs/VkFileMonLogsItem.h"
 #include "monitor/VkMonitorProtocol.h"
@@ -212,6 +215,24 @@ void archiveJudgeSeeds() {
         seed("archive_judge", "archive-" + std::to_string(n++), std::string(1, name) + bytes);
 }
 
+// A cache as a scan leaves it: entries of two types, one of them a stamp the target looks up.
+void hashCacheSeeds() {
+    std::string folder = VkFile::join(gFolder, "hash_cache");
+    VkFile::createDirectory(folder, true);
+    {
+        VkHashCache cache(VkFile::join(folder, "cache"), 100, std::chrono::seconds(0));
+        cache.remember({2049, 77, 5, 100, 100}, 0, {std::nullopt, std::string(32, 'a')},
+                       "/nowhere/a");
+        cache.remember({2049, 78, 2000000, 100, 100}, 2,
+                       {std::string(64, 'b'), std::string(64, 'c')}, "/nowhere/b");
+        cache.flush();
+    }
+    // The write-ahead log is folded into the file when the cache closes.
+    for (const char* suffix : {"-wal", "-shm"})
+        ::unlink(VkFile::join(folder, std::string("cache") + suffix).c_str());
+    ++gWritten;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -229,6 +250,7 @@ int main(int argc, char** argv) {
     databaseSeeds();
     hdbSeeds();
     archiveJudgeSeeds();
+    hashCacheSeeds();
     VkFile::removeTree(VkFile::deletingLastPathComponent(vkFuzzContext()->dataFolder));
     std::printf("vk_make_seeds: %d seeds in %s\n", gWritten, gFolder.c_str());
     return 0;
