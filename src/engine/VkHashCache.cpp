@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <set>
+#include <thread>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -94,11 +96,35 @@ VkHashCache::~VkHashCache() {
     closeLocked();
 }
 
+void VkHashCache::Reader::commit() {
+    if (inTransaction && db && !exec(db.get(), "COMMIT"))
+        exec(db.get(), "ROLLBACK");
+    inTransaction = false;
+    pending = 0;
+}
+
+void VkHashCache::Reader::close() {
+    commit();
+    find.finalize();
+    db.reset();
+}
+
+void VkHashCache::commitReaders() {
+    for (Reader& reader : readers_) {
+        std::lock_guard lock(reader.mutex);
+        reader.commit();
+    }
+}
+
 void VkHashCache::closeLocked() {
+    for (Reader& reader : readers_) {
+        std::lock_guard lock(reader.mutex);
+        reader.close();
+    }
     commitLocked();
-    find_.finalize();
     store_.finalize();
     db_.reset();
+    open_ = false;
     if (broken_) {
         // Rebuilt from nothing at the next open.
         for (const char* suffix : {"", "-wal", "-shm"})
@@ -107,7 +133,7 @@ void VkHashCache::closeLocked() {
     }
 }
 
-void VkHashCache::noteErrorLocked(int rc) {
+void VkHashCache::noteError(int rc) {
     if (isCorruption(rc))
         broken_ = true;
 }
@@ -115,6 +141,7 @@ void VkHashCache::noteErrorLocked(int rc) {
 bool VkHashCache::openLocked() {
     if (db_ && !broken_)
         return true;
+    open_ = false;
     if (broken_)
         closeLocked();
     auto now = std::chrono::steady_clock::now();
@@ -123,8 +150,10 @@ bool VkHashCache::openLocked() {
     // A file that is no cache of ours is replaced once; a second failure (a read-only
     // folder, a busy file) waits for the next attempt.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (tryOpenLocked())
+        if (tryOpenLocked()) {
+            open_ = true;
             return true;
+        }
         if (!broken_)
             break;
         closeLocked();
@@ -196,41 +225,94 @@ bool VkHashCache::tryOpenLocked() {
         created_ = true;
     }
     rc = sqlite3_prepare_v2(db,
-                            "SELECT size, mtime, ctime, head, whole FROM hashes WHERE device = ? "
-                            "AND inode = ? AND type = ?",
-                            -1, find_.out(), nullptr);
-    if (rc == SQLITE_OK)
-        rc = sqlite3_prepare_v2(db,
-                                "INSERT OR REPLACE INTO hashes(device, inode, type, size, mtime, "
-                                "ctime, head, whole, path) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                                -1, store_.out(), nullptr);
+                            "INSERT OR REPLACE INTO hashes(device, inode, type, size, mtime, "
+                            "ctime, head, whole, path) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                            -1, store_.out(), nullptr);
     if (rc != SQLITE_OK) {
-        noteErrorLocked(rc);
+        noteError(rc);
         return false;
     }
     return true;
 }
 
+// Opened once the writing connection has made or checked the file; the same guards, and
+// nothing but the lookup is ever prepared on it.
+bool VkHashCache::openReader(Reader& reader) {
+    if (reader.db)
+        return true;
+    auto now = std::chrono::steady_clock::now();
+    if (now < reader.nextOpen)
+        return false;
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path_.c_str(), &raw,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             nullptr);
+    reader.db.reset(raw);
+    if (rc == SQLITE_OK) {
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+        sqlite3_busy_timeout(raw, kBusyMilliseconds);
+        rc = sqlite3_prepare_v2(raw,
+                                "SELECT size, mtime, ctime, head, whole FROM hashes WHERE "
+                                "device = ? AND inode = ? AND type = ?",
+                                -1, reader.find.out(), nullptr);
+    }
+    if (rc == SQLITE_OK)
+        return true;
+    noteError(rc);
+    reader.close();
+    reader.nextOpen = now + kRetryOpen;
+    return false;
+}
+
 VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
-    std::lock_guard lock(mutex_);
     Hashes found;
     // The queue is written here, by whoever looks files up (the walk, in a scan), in
     // batches, and at least every second for a monitor that judges a file now and then.
-    if (size_t queued = queued_.load(std::memory_order_relaxed);
-        queued >= kBatch ||
-        (queued > 0 && std::chrono::steady_clock::now() - lastWrite_ > kWriteLatest))
-        writeQueuedLocked();
+    // The same lock opens, checks or replaces the file.
+    auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    size_t queued = queued_.load(std::memory_order_relaxed);
+    bool due = queued >= kBatch ||
+               (queued > 0 && now - lastWrite_.load(std::memory_order_relaxed) >
+                                  std::chrono::nanoseconds(kWriteLatest).count());
+    if (due || !open_ || broken_) {
+        std::lock_guard lock(mutex_);
+        if (due)
+            writeQueuedLocked();
+        if (!openLocked())
+            return found;
+    }
     // A file this instance made holds only what it hashed since: in a scan, that is no file
     // judged yet (another link to a file already read is simply read again).
-    if (!openLocked() || created_)
+    if (created_)
+        return found;
+    // The first free reader, else the one this thread falls to.
+    std::unique_lock<std::mutex> held;
+    Reader* reader = nullptr;
+    for (Reader& candidate : readers_) {
+        std::unique_lock<std::mutex> attempt(candidate.mutex, std::try_to_lock);
+        if (attempt.owns_lock()) {
+            held = std::move(attempt);
+            reader = &candidate;
+            break;
+        }
+    }
+    if (!reader) {
+        reader = &readers_[std::hash<std::thread::id>{}(std::this_thread::get_id()) % kReaders];
+        held = std::unique_lock<std::mutex>(reader->mutex);
+    }
+    if (broken_ || !openReader(*reader))
         return found;
     // Lookups share one read transaction per batch: each one on its own would take and
     // drop the file's locks, two system calls per file.
-    if (!inTransaction_ && exec(db_.get(), "BEGIN"))
-        inTransaction_ = true;
-    if (inTransaction_ && ++pending_ >= kBatch)
-        commitLocked();
-    sqlite3_stmt* stmt = find_.get();
+    sqlite3* db = reader->db.get();
+    if (!reader->inTransaction && exec(db, "BEGIN"))
+        reader->inTransaction = true;
+    if (reader->inTransaction && ++reader->pending >= kBatch)
+        reader->commit();
+    sqlite3_stmt* stmt = reader->find.get();
     sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(stamp.device));
     sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(stamp.inode));
     sqlite3_bind_int(stmt, 3, type);
@@ -241,7 +323,7 @@ VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
         found.head = hashColumn(stmt, 3);
         found.whole = hashColumn(stmt, 4);
     } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
-        noteErrorLocked(rc);
+        noteError(rc);
     }
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
@@ -269,7 +351,7 @@ void VkHashCache::writeQueuedLocked() {
         writing.swap(queue_);
         queued_.store(0, std::memory_order_relaxed);
     }
-    lastWrite_ = std::chrono::steady_clock::now();
+    lastWrite_ = std::chrono::steady_clock::now().time_since_epoch().count();
     if (writing.empty() || !openLocked())
         return;
     // In key order, each batch touches fewer pages of the key's index.
@@ -282,7 +364,6 @@ void VkHashCache::writeQueuedLocked() {
     if (!exec(db_.get(), "BEGIN IMMEDIATE"))
         return;
     inTransaction_ = true;
-    writing_ = true;
     sqlite3_stmt* stmt = store_.get();
     for (const Queued& entry : writing) {
         sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(entry.stamp.device));
@@ -306,7 +387,7 @@ void VkHashCache::writeQueuedLocked() {
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
         if (rc != SQLITE_DONE) {
-            noteErrorLocked(rc);
+            noteError(rc);
             if (broken_)
                 break;
         }
@@ -320,13 +401,12 @@ void VkHashCache::commitLocked() {
     if (!exec(db_.get(), "COMMIT"))
         exec(db_.get(), "ROLLBACK");
     inTransaction_ = false;
-    writing_ = false;
-    pending_ = 0;
 }
 
 void VkHashCache::flush() {
     std::lock_guard lock(mutex_);
     created_ = false;
+    commitReaders();
     writeQueuedLocked();
     commitLocked();
     if (broken_)
@@ -336,6 +416,7 @@ void VkHashCache::flush() {
 void VkHashCache::prune() {
     std::lock_guard lock(mutex_);
     created_ = false;
+    commitReaders();
     writeQueuedLocked();
     commitLocked();
     if (openLocked())
@@ -386,7 +467,7 @@ void VkHashCache::pruneLocked() {
                 gone.push_back(last);
         }
     }
-    noteErrorLocked(rc);
+    noteError(rc);
     slice.finalize();
     VkSqliteStatement drop;
     if (!gone.empty() && sqlite3_prepare_v2(db, "DELETE FROM hashes WHERE rowid = ?", -1,
@@ -424,7 +505,7 @@ void VkHashCache::pruneLocked() {
             sqlite3_bind_int64(
                 trim.get(), 1,
                 entries - static_cast<sqlite3_int64>(maxEntries_ - maxEntries_ / 10));
-            noteErrorLocked(sqlite3_step(trim.get()));
+            noteError(sqlite3_step(trim.get()));
         }
     }
     if (!exec(db, "COMMIT"))
@@ -433,6 +514,7 @@ void VkHashCache::pruneLocked() {
 
 size_t VkHashCache::entryCount() {
     std::lock_guard lock(mutex_);
+    commitReaders();
     writeQueuedLocked();
     commitLocked();
     if (!openLocked())

@@ -78,11 +78,28 @@ class VkHashCache {
     size_t entryCount();
 
   private:
+    // A connection that only looks entries up, with its own read transaction over a batch of
+    // lookups. Judges and the walk each take a free one, so that they do not queue on one
+    // lock for every file (the file is in WAL mode: readers go beside the writer).
+    struct Reader {
+        std::mutex mutex;
+        VkSqliteDb db;
+        VkSqliteStatement find;
+        bool inTransaction = false;
+        size_t pending = 0;
+        std::chrono::steady_clock::time_point nextOpen{};
+        void commit();
+        void close();
+    };
+    static constexpr size_t kReaders = 4;
+
     bool openLocked();
     bool tryOpenLocked();
+    bool openReader(Reader& reader);
     void closeLocked();
     void commitLocked();
-    void noteErrorLocked(int rc);
+    void commitReaders();
+    void noteError(int rc);
     void pruneLocked();
     void writeQueuedLocked();
 
@@ -96,20 +113,21 @@ class VkHashCache {
     const std::string path_;
     const size_t maxEntries_;
     const std::chrono::nanoseconds settle_;
-    std::mutex mutex_;
+    // Lock order: mutex_, then a reader's, then queueMutex_.
+    std::mutex mutex_;  // the connection that writes, prunes and counts
     VkSqliteDb db_;
-    VkSqliteStatement find_;
     VkSqliteStatement store_;
     bool inTransaction_ = false;
-    bool writing_ = false;
-    size_t pending_ = 0;
-    bool broken_ = false;  // a corruption was met: the file is replaced at the next open
+    std::atomic<bool> open_{false};
+    // A corruption was met: every connection closes and the file is replaced at the next open.
+    std::atomic<bool> broken_{false};
     // This instance made the file and has not flushed yet: no lookup can find anything.
-    bool created_ = false;
+    std::atomic<bool> created_{false};
     std::chrono::steady_clock::time_point nextOpen_{};
+    Reader readers_[kReaders];
     // Entries waiting to be written; their own lock, so that queuing never waits on SQLite.
     std::mutex queueMutex_;
     std::vector<Queued> queue_;
     std::atomic<size_t> queued_{0};
-    std::chrono::steady_clock::time_point lastWrite_{};
+    std::atomic<int64_t> lastWrite_{0};  // steady clock, nanoseconds
 };

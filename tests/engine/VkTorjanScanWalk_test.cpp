@@ -404,6 +404,39 @@ TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
     }
 }
 
+// Judges look entries up beside one another while others are written and the file is
+// overwritten under them: nothing wrong is answered, and the rebuilt file keeps what comes.
+TEST_F(VkScanWalkTest, HashCacheServesJudgesTogetherAndOutlivesAFileOverwrittenUnderThem) {
+    const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
+    auto hashOf = [](uint64_t inode) { return std::string(32, static_cast<char>('a' + inode % 6)); };
+    VkHashCache cache(cachePath, 10000, std::chrono::seconds(0));
+    std::atomic<bool> wrong{false};
+    std::vector<std::thread> judges;
+    for (int t = 0; t < 4; ++t) {
+        judges.emplace_back([&] {
+            for (int round = 0; round < 3; ++round) {
+                for (uint64_t inode = 0; inode < 1500; ++inode) {
+                    VkFileStamp stamp{1, inode, inode + 1, 1, 1};
+                    VkHashCache::Hashes known = cache.find(stamp, 0);
+                    if (known.head || (known.whole && *known.whole != hashOf(inode)))
+                        wrong = true;
+                    if (!known.whole)
+                        cache.remember(stamp, 0, {std::nullopt, hashOf(inode)}, "/gone");
+                }
+                cache.flush();
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    dir.write("cache/" + std::string(VkHashCache::kFileName), std::string(8192, 'Z'));
+    for (auto& judge : judges)
+        judge.join();
+    EXPECT_FALSE(wrong);
+    cache.remember({1, 7, 8, 1, 1}, 0, {std::nullopt, hashOf(7)}, "/gone");
+    cache.flush();
+    EXPECT_EQ(VkHashCache(cachePath).find({1, 7, 8, 1, 1}, 0).whole, hashOf(7));
+}
+
 // DevilRobber's program matches by prefix; here it is a folder, which is not reported. A
 // launch agent that is a link is hashed through it, but only while it stays in the root.
 TEST_F(VkScanWalkTest, QuickScanReportsLaunchAgentsThroughLinksOnlyInsideTheRoot) {
