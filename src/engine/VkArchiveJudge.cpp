@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -42,27 +43,35 @@ const char* const kPackageStreams[] = {"Payload", "Scripts"};
 
 using ArchiveHandle = VkHandle<archive, archive_read_free>;
 
-std::string lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
-    return s;
+// The last component of a path, trailing slashes left out.
+std::string_view baseNameView(std::string_view path) {
+    size_t end = path.find_last_not_of('/');
+    if (end == std::string_view::npos)
+        return path;
+    size_t slash = path.rfind('/', end);
+    size_t start = slash == std::string_view::npos ? 0 : slash + 1;
+    return path.substr(start, end - start + 1);
 }
 
 std::string baseName(const std::string& path) {
-    size_t end = path.find_last_not_of('/');
-    if (end == std::string::npos)
-        return path;
-    size_t slash = path.rfind('/', end);
-    return path.substr(slash == std::string::npos ? 0 : slash + 1,
-                       end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+    return std::string(baseNameView(path));
 }
 
+// Asked of every file a scan lists whose size no record has: no copy of the name is made.
 template <size_t N>
 const char* suffixOf(const std::string& name, const char* const (&suffixes)[N]) {
-    std::string low = lower(baseName(name));
+    std::string_view base = baseNameView(name);
     for (const char* suffix : suffixes) {
         size_t n = std::strlen(suffix);
-        if (low.size() > n && low.compare(low.size() - n, n, suffix) == 0)
+        if (base.size() <= n)
+            continue;
+        std::string_view tail = base.substr(base.size() - n);
+        bool same = true;
+        for (size_t i = 0; i < n && same; ++i) {
+            char c = tail[i];
+            same = static_cast<char>((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c) == suffix[i];
+        }
+        if (same)
             return suffix;
     }
     return nullptr;

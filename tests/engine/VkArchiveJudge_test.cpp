@@ -169,3 +169,15 @@ TEST_F(VkArchiveJudgeTest, OnlyCandidateSizesAreDecompressedAndNamesAreNeverPath
 }
 
 }  // namespace
+
+// Whether a listed file is opened as an archive depends on its name alone, in any case.
+TEST(VkArchiveNames, ArchivesAreKnownByTheSuffixOfTheirLastComponent) {
+    const std::pair<const char*, bool> names[] = {
+        {"/a/b.zip", true},     {"/a/B.ZIP", true},      {"/a/b.tar.Gz", true},
+        {"/a/b.Z", true},       {"/a/b.7z", true},       {"/a/b.zip/", true},
+        {"/a/.gz", false},      {"/a/b.zipx", false},    {"/a.zip/b", false},
+        {"/a/b.txt", false},    {"b.sparseimage", true}, {"", false},
+    };
+    for (const auto& [name, archive] : names)
+        EXPECT_EQ(VkArchiveJudge::looksLikeArchive(name), archive) << name;
+}
