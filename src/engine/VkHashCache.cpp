@@ -121,7 +121,6 @@ void VkHashCache::closeLocked() {
         std::lock_guard lock(reader.mutex);
         reader.close();
     }
-    commitLocked();
     store_.finalize();
     db_.reset();
     open_ = false;
@@ -359,11 +358,9 @@ void VkHashCache::writeQueuedLocked() {
         return std::tie(a.stamp.device, a.stamp.inode, a.type) <
                std::tie(b.stamp.device, b.stamp.inode, b.type);
     });
-    commitLocked();  // a read transaction cannot always become a write one
     // Busy: another scan is writing; these entries wait for a later scan.
     if (!exec(db_.get(), "BEGIN IMMEDIATE"))
         return;
-    inTransaction_ = true;
     sqlite3_stmt* stmt = store_.get();
     for (const Queued& entry : writing) {
         sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(entry.stamp.device));
@@ -392,15 +389,8 @@ void VkHashCache::writeQueuedLocked() {
                 break;
         }
     }
-    commitLocked();
-}
-
-void VkHashCache::commitLocked() {
-    if (!inTransaction_ || !db_)
-        return;
     if (!exec(db_.get(), "COMMIT"))
         exec(db_.get(), "ROLLBACK");
-    inTransaction_ = false;
 }
 
 void VkHashCache::flush() {
@@ -408,7 +398,6 @@ void VkHashCache::flush() {
     created_ = false;
     commitReaders();
     writeQueuedLocked();
-    commitLocked();
     if (broken_)
         closeLocked();
 }
@@ -418,7 +407,6 @@ void VkHashCache::prune() {
     created_ = false;
     commitReaders();
     writeQueuedLocked();
-    commitLocked();
     if (openLocked())
         pruneLocked();
     if (broken_)
@@ -516,7 +504,6 @@ size_t VkHashCache::entryCount() {
     std::lock_guard lock(mutex_);
     commitReaders();
     writeQueuedLocked();
-    commitLocked();
     if (!openLocked())
         return 0;
     VkSqliteStatement count;

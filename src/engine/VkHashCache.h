@@ -97,7 +97,6 @@ class VkHashCache {
     bool tryOpenLocked();
     bool openReader(Reader& reader);
     void closeLocked();
-    void commitLocked();
     void commitReaders();
     void noteError(int rc);
     void pruneLocked();
@@ -117,7 +116,6 @@ class VkHashCache {
     std::mutex mutex_;  // the connection that writes, prunes and counts
     VkSqliteDb db_;
     VkSqliteStatement store_;
-    bool inTransaction_ = false;
     std::atomic<bool> open_{false};
     // A corruption was met: every connection closes and the file is replaced at the next open.
     std::atomic<bool> broken_{false};
