@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "logs/VkFileMonLogsItem.h"
 #include "platform/VkNetClient.h"
 
 // An in-process file-monitor client: hands out the archive it was given, records every call
@@ -67,3 +68,27 @@ class VkRecordingNetClient : public VkNetClient {
   private:
     std::mutex mutex_;
 };
+
+// One file monitor record: downloaded at `downloaded`, logged a second later.
+struct VkMonitorRow {
+    std::string path;
+    std::string process = "Safari";
+    double downloaded = 100;
+    std::optional<std::string> trojan = "OSX/Mon.A";
+};
+
+// The rows as the monitor archives them for the panel.
+inline std::vector<uint8_t> vkMonitorArchive(const std::vector<VkMonitorRow>& rows) {
+    VkFileMonLogsItem::Items items;
+    for (const auto& r : rows) {
+        auto item = std::make_shared<VkFileMonLogsItem>();
+        item->setFilePath(r.path);
+        item->setProcessName(r.process);
+        item->setProcessPath("/Applications/" + r.process);
+        item->setTrojanName(r.trojan);
+        item->setDownLoadTime(VkDate{r.downloaded});
+        item->setLogTime(VkDate{r.downloaded + 1});
+        items.push_back(item);
+    }
+    return *VkFileMonLogsItem::archiveItems(items);
+}

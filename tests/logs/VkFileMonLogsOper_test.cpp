@@ -22,22 +22,6 @@ class CountingListener : public VkFileMonLogsOperDelegate {
     VkFileMonLogsOper* oper_;
 };
 
-std::shared_ptr<VkFileMonLogsItem> record(const std::string& path) {
-    auto item = std::make_shared<VkFileMonLogsItem>();
-    item->setFilePath(path);
-    item->setTrojanName("OSX/Test.A");
-    item->setDownLoadTime(VkDate{100});
-    item->setLogTime(VkDate{200});
-    return item;
-}
-
-std::vector<uint8_t> archiveOf(const std::vector<std::string>& paths) {
-    VkFileMonLogsItem::Items items;
-    for (const auto& path : paths)
-        items.push_back(record(path));
-    return *VkFileMonLogsItem::archiveItems(items);
-}
-
 std::vector<std::string> pathsOf(const VkFileMonLogsOper& oper) {
     std::vector<std::string> paths;
     for (const auto& item : oper.fileMonLogsArray())
@@ -59,7 +43,7 @@ class VkFileMonLogsOperTest : public ::testing::Test {
 };
 
 TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) {
-    client->archive = archiveOf({"/a", "/b"});
+    client->archive = vkMonitorArchive({{"/a"}, {"/b"}});
     auto oper = makeOper();
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/a", "/b"}));
     EXPECT_EQ(client->fileMonLogsCalls, 1);
@@ -77,7 +61,7 @@ TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) 
     EXPECT_EQ(client->registerCalls, 3);
     EXPECT_EQ(client->delegates.size(), 1u);
     oper.reset();
-    client->push(archiveOf({"/late"}));
+    client->push(vkMonitorArchive({{"/late"}}));
     ctx->notificationCenter->post("RegisterNetClientDidEnd");
     EXPECT_EQ(listener->calls, 0);
     EXPECT_EQ(client->registerCalls, 3);
@@ -92,7 +76,7 @@ TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) 
 }
 
 TEST_F(VkFileMonLogsOperTest, PushedListsReplaceTheRecordsAndTellEachListenerOnce) {
-    client->archive = archiveOf({"/kept"});
+    client->archive = vkMonitorArchive({{"/kept"}});
     auto oper = makeOper();
     auto listener = std::make_shared<CountingListener>(oper.get());
     auto other = std::make_shared<CountingListener>(oper.get());
@@ -107,15 +91,15 @@ TEST_F(VkFileMonLogsOperTest, PushedListsReplaceTheRecordsAndTellEachListenerOnc
     EXPECT_EQ(listener->calls, 0);
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/kept"}));
 
-    client->push(archiveOf({"/x"}));
-    client->push(archiveOf({"/x", "/y"}));
-    client->push(archiveOf({}));  // an empty list is a change like any other
+    client->push(vkMonitorArchive({{"/x"}}));
+    client->push(vkMonitorArchive({{"/x"}, {"/y"}}));
+    client->push(vkMonitorArchive({}));  // an empty list is a change like any other
     EXPECT_EQ(other->calls, 3);
     // Told after the list was replaced.
     EXPECT_EQ(listener->seenCounts, (std::vector<uint64_t>{1, 2, 0}));
 
     // Removing empties the list even when the client fails.
-    client->push(archiveOf({"/a", "/b"}));
+    client->push(vkMonitorArchive({{"/a"}, {"/b"}}));
     client->removeSucceeds = false;
     oper->removeAllLogs();
     EXPECT_EQ(client->removeCalls, 1);

@@ -55,43 +55,39 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeysAndRemovedAll) {
     logs.scanEnd(1);
     auto evil = result("a/evil.bin", "Test.A");
     logs.addScanLogsArray({evil, result("b/bad.bin", "Test.B")});
-    auto file = onDisk(logs);
-    ASSERT_EQ(file.asArray()->size(), 1u);
-    const VkPlist& node = file.asArray()->at(0);
-    EXPECT_EQ(*node.get("ScanType")->asInt64(), 1);
-    EXPECT_TRUE(node.get("ScanTime")->isDate());
-    EXPECT_TRUE(node.get("LogCreateTime")->isDate());
-    const auto& items = *node.get("ScanItems")->asArray();
-    ASSERT_EQ(items.size(), 2u);
-    EXPECT_EQ(*items[0].getString("FilePath"), dir / "a/evil.bin");
-    EXPECT_EQ(*items[0].get("FileSize")->asUInt64(), 7u);
-    EXPECT_EQ(*items[0].get("OperType")->asInt64(), 2);
-    EXPECT_EQ(*items[0].getString("TrojanName"), "Test.A");
     EXPECT_EQ(listener.refreshes, 4) << "scanEnd, two items, and the final write";
+    // The log as written, the first file with the given operation.
+    auto written = [&](int64_t evilOper) {
+        auto item = [&](const char* rel, int64_t oper, const char* name) {
+            return VkPlist::dictionary({{"FilePath", dir / rel},
+                                        {"FileSize", VkPlist::unsignedInteger(7)},
+                                        {"OperType", VkPlist::integer(oper)},
+                                        {"TrojanName", name}});
+        };
+        return VkPlist::array(
+                   {VkPlist::dictionary(
+                       {{"ScanType", VkPlist::integer(1)},
+                        {"ScanTime", clock->date()},
+                        {"LogCreateTime", clock->date()},
+                        {"ScanItems", VkPlist::array({item("a/evil.bin", evilOper, "Test.A"),
+                                                      item("b/bad.bin", 2, "Test.B")})}})})
+            .toXml();
+    };
+    EXPECT_EQ(onDisk(logs).toXml(), written(2));
 
     // An already listed file only changes its operation, on disk at the next write.
-    auto operOnDisk = [&] {
-        VkPlist file = onDisk(logs);
-        const VkPlist& item = file.asArray()->at(0).get("ScanItems")->asArray()->at(0);
-        return *item.get("OperType")->asInt64();
-    };
     logs.addScanLogsItem(evil, 1);
-    ASSERT_EQ(logs.currentLogs()->scanLogsItems().size(), 2u);
-    EXPECT_EQ(logs.currentLogs()->scanLogsItems()[0]->operType(), 1);
-    EXPECT_EQ(operOnDisk(), 2);
+    EXPECT_EQ(onDisk(logs).toXml(), written(2));
     logs.saveFileMonToDisk();
-    EXPECT_EQ(operOnDisk(), 1);
+    EXPECT_EQ(onDisk(logs).toXml(), written(1));
 
-    bool isDir = false;
-    ASSERT_TRUE(VkFile::exists(ctx->dataPath("Logs"), &isDir));
-    EXPECT_TRUE(isDir);
+    EXPECT_TRUE(fs::is_directory(ctx->dataPath("Logs")));
     logs.removeAllLogs();
     EXPECT_EQ(logs.currentLogs(), nullptr);
-    ASSERT_TRUE(onDisk(logs).asArray());
-    EXPECT_TRUE(onDisk(logs).asArray()->empty());
+    EXPECT_EQ(onDisk(logs), VkPlist::array());
     // With no scan ended in this run, a recorded item is dropped but the write happens.
     logs.addScanLogsItem(result("z.bin", "Z"), 0);
-    EXPECT_TRUE(onDisk(logs).asArray()->empty());
+    EXPECT_EQ(onDisk(logs), VkPlist::array());
 }
 
 // Old scans go by LogsKeepDay; loading brings both time stamps up to the latest full scan.

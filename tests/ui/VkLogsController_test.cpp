@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "VkUiTestSupport.h"
-#include "fakes/VkRecordingNetClient.h"
-#include "fakes/VkTempDir.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
@@ -27,25 +25,15 @@ class RecordingLogsDelegate : public VkLogsControllerDelegate {
     int closed = 0;
 };
 
-class VkLogsControllerTest : public ::testing::Test {
+class VkLogsControllerTest : public VkUiTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
-        ctx->netClient = client;
         ctx->userDefaults->setInteger("LogsKeepDay", 30);
         vkSetStrings(*ctx->localizer, R"(
             "Security-1-5" = "Quick scan"; "Security-1-7" = "Full scan";
             "Security-1-9" = "Custom scan"; "Security-50-3" = "%ld threats";
             "Security-50-4" = "No threats"; "Security-50-5" = "Unknown";
             "Security-50-6" = "Removed"; "Security-50-7" = "Trusted"; "Security-50-8" = "Found";)");
-        ctx->notificationCenter->addObserver(
-            "ReloadIntrodutNotify", nullptr, [this](const VkNotification& n) {
-                const VkPlist::Dictionary* info = n.userInfo.asDictionary();
-                posted.push_back(info && info->count("DetectedFileCount")
-                                     ? info->at("DetectedFileCount").asDouble().value_or(-1)
-                                     : -2);
-            });
-        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         view.setFrame("contentView", {{20, 30}, {500, 300}});
         view.setFrame("serachField", {{200, 340}, {150, 22}});
         view.setFrame("clearLogsButton", {{0, 338}, {60, 24}});
@@ -106,15 +94,9 @@ class VkLogsControllerTest : public ::testing::Test {
         controller->serachFieldAction();
     }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
-    std::shared_ptr<VkScanLogsOper> scanLogs;
     std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
-    VkRecordingPanelView view;
     RecordingLogsDelegate delegate;
     std::unique_ptr<VkLogsController> controller;
-    std::vector<double> posted;
 };
 
 TEST_F(VkLogsControllerTest, OpensOnTheScanListAndEachModePlacesItsListAndControls) {
@@ -251,7 +233,7 @@ TEST_F(VkLogsControllerTest, ClearingOneListLeavesTheOtherAlone) {
     EXPECT_EQ(client->removeCalls, 1);
     EXPECT_TRUE(records().empty());
     EXPECT_EQ(scanLogs->scanLogsArray().size(), 1u);
-    EXPECT_EQ(posted, (std::vector<double>{0, 0}));
+    EXPECT_EQ(counts, (std::vector<double>{0, 0}));
 }
 
 TEST_F(VkLogsControllerTest, DetailOpensOnlyForAScanWithEntries) {

@@ -6,9 +6,7 @@
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
 #include "detectors/VkAntiTrojan.h"
-#include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkScriptedCenter.h"
-#include "fakes/VkTempDir.h"
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsOper.h"
 #include "remediation/VkQuarantineFileManager.h"
@@ -25,26 +23,16 @@ std::vector<uint8_t> archiveOf(size_t count) {
     return vkMonitorArchive(rows);
 }
 
-class VkSecuityViewControllerTest : public ::testing::Test {
+class VkSecuityViewControllerTest : public VkUiTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
-        ctx->netClient = client;
         vkSetStrings(*ctx->localizer, R"(
             "Security-1-3-1" = "Monitor on"; "Security-1-3-2" = "Monitor off";
             "Security-1-4" = "Logged: %ld files";)");
-        queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
-        ctx->notificationCenter->addObserver(
-            "ReloadIntrodutNotify", nullptr, [this](const VkNotification& n) {
-                const VkPlist::Dictionary* info = n.userInfo.asDictionary();
-                if (info && info->count("DetectedFileCount"))
-                    counts.push_back(info->at("DetectedFileCount").asDouble().value_or(-1));
-            });
         ctx->notificationCenter->addObserver("OnlineDownScanChangeNotify", nullptr,
                                              [this](const VkNotification&) { ++switchNotices; });
         center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
                                                     VkServices::makeQuarantine(*ctx));
-        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
         view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
         view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});
         view.setText("viewFileMonLogs", "View logs");
@@ -71,18 +59,11 @@ class VkSecuityViewControllerTest : public ::testing::Test {
         return values->at("FileMonStart").asBool();
     }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
-    VkRunLoopMainQueue* queue = nullptr;
     std::shared_ptr<VkScriptedCenter> center;
-    std::shared_ptr<VkScanLogsOper> scanLogs;
     std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
-    VkRecordingPanelView view;
     VkRecordingPanelView trojanView;
     VkRecordingPanelView logsView;
     std::unique_ptr<VkSecuityViewController> panel;
-    std::vector<double> counts;
     int switchNotices = 0;
 };
 

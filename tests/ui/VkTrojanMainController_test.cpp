@@ -43,20 +43,20 @@ class VkTrojanMainControllerTest : public VkUiTest {
         center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
                                                     VkServices::makeQuarantine(*ctx));
         center->trjanScan().setPaceScans(false);
-        scanLogs = std::make_shared<VkScanLogsOper>(ctx);
-        queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
         for (const char* name : {"TrojanScanNotify", "ReloadIntrodutNotify"}) {
             ctx->notificationCenter->addObserver(name, nullptr, [this](const VkNotification& n) {
                 std::optional<bool> flag = n.object.asBool();
                 posted.push_back(n.name + (flag ? (*flag ? " YES" : " NO") : ""));
             });
         }
-        view.setFrame("progressHeaderView", {{0, 0}, {400, 50}});
-        view.setFrame("cleanButton", {{0, 0}, {100, 30}});
-        view.setFrame("backButton", {{0, 0}, {100, 30}});
-        view.setFrame("scanContentView", {{0, 40}, {500, 300}});
-        view.setFrame("mainView", {{0, 0}, {600, 460}});
-        view.setFrame("currentScanPathText", {{10, 77}, {300, 20}});
+        for (auto [control, frame] :
+             {std::pair<const char*, VkRect>{"progressHeaderView", {{0, 0}, {400, 50}}},
+              {"cleanButton", {{0, 0}, {100, 30}}},
+              {"backButton", {{0, 0}, {100, 30}}},
+              {"scanContentView", {{0, 40}, {500, 300}}},
+              {"mainView", {{0, 0}, {600, 460}}},
+              {"currentScanPathText", {{10, 77}, {300, 20}}}})
+            view.setFrame(control, frame);
         view.setText("cancelButton", "Stop");
         view.setText("cleanButton", "Clean");
         controller = VkTrojanMainController::make(ctx, center, scanLogs);
@@ -106,9 +106,6 @@ class VkTrojanMainControllerTest : public VkUiTest {
 
     std::shared_ptr<VkRecordingHostReporter> host = std::make_shared<VkRecordingHostReporter>();
     std::shared_ptr<VkScriptedCenter> center;
-    std::shared_ptr<VkScanLogsOper> scanLogs;
-    VkRunLoopMainQueue* queue = nullptr;
-    VkRecordingPanelView view;
     VkRecordingListView trustView;
     VkRecordingListView quarantineView;
     std::shared_ptr<VkTrojanMainController> controller;

@@ -13,9 +13,10 @@
 #include <gtest/gtest.h>
 
 #include "fakes/VkRecordingCoreFunction.h"
+#include "fakes/VkRecordingNetClient.h"
 #include "fakes/VkRecordingPanelView.h"
 #include "fakes/VkTempDir.h"
-#include "logs/VkFileMonLogsItem.h"
+#include "logs/VkScanLogsOper.h"
 #include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkLocalizer.h"
@@ -23,21 +24,33 @@
 using Lines = std::vector<std::string>;
 
 // A data folder and an inspected root in a temporary folder; file operations are recorded
-// and carried out.
+// and carried out. The monitor's client and the window are recorded, and so is the count
+// each "ReloadIntrodutNotify" carries (-1 without one).
 class VkUiTest : public ::testing::Test {
   protected:
     VkUiTest() {
         core->performMoves(true);
         core->performDeletes(true);
         ctx->coreFunction = core;
+        ctx->netClient = client;
         VkFile::createDirectory(ctx->dataFolder, true);
         VkFile::createDirectory(ctx->systemRoot, true);
+        ctx->notificationCenter->addObserver(
+            "ReloadIntrodutNotify", nullptr, [this](const VkNotification& n) {
+                const VkPlist* count = n.userInfo.get("DetectedFileCount");
+                counts.push_back(count ? count->asDouble().value_or(-1) : -1);
+            });
     }
 
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::shared_ptr<VkRecordingCoreFunction> core =
         std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
+    std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
+    VkRunLoopMainQueue* queue = dynamic_cast<VkRunLoopMainQueue*>(ctx->mainQueue.get());
+    std::shared_ptr<VkScanLogsOper> scanLogs = std::make_shared<VkScanLogsOper>(ctx);
+    VkRecordingPanelView view;
+    std::vector<double> counts;
 };
 
 // A list controller's column, row by row ("-" for a row without a value).
@@ -53,30 +66,6 @@ Lines vkColumn(const Controller& controller, const Column& column) {
 inline void vkSetStrings(VkLocalizer& localizer, const std::string& table) {
     for (const auto& [key, text] : VkLocalizer::parseStrings(table))
         localizer.setString(key, text);
-}
-
-// One file monitor record: downloaded at `downloaded`, logged a second later.
-struct VkMonitorRow {
-    std::string path;
-    std::string process;
-    double downloaded;
-    std::optional<std::string> trojan = "OSX/Mon.A";
-};
-
-// The rows as the monitor archives them for the panel.
-inline std::vector<uint8_t> vkMonitorArchive(const std::vector<VkMonitorRow>& rows) {
-    VkFileMonLogsItem::Items items;
-    for (const auto& r : rows) {
-        auto item = std::make_shared<VkFileMonLogsItem>();
-        item->setFilePath(r.path);
-        item->setProcessName(r.process);
-        item->setProcessPath("/Applications/" + r.process);
-        item->setTrojanName(r.trojan);
-        item->setDownLoadTime(VkDate{r.downloaded});
-        item->setLogTime(VkDate{r.downloaded + 1});
-        items.push_back(item);
-    }
-    return *VkFileMonLogsItem::archiveItems(items);
 }
 
 // One fact about a control: hidden (0/1), text, shows (its image in words), origin and size
@@ -111,24 +100,19 @@ inline std::string vkViewFact(const VkRecordingPanelView& view, const std::strin
     return "unknown fact " + what;
 }
 
-// Holds when the window shows every "<fact> <control>=<value>" line; a failure names each
-// line that differs with what the window shows instead.
+// Holds when the window shows every "<fact> <control>=<value>" line; a failure prints every
+// line as the window shows it.
 inline ::testing::AssertionResult vkViewShows(const VkRecordingPanelView& view,
                                               const Lines& expected) {
-    auto result = ::testing::AssertionSuccess();
-    bool same = true;
+    Lines got;
     for (const std::string& line : expected) {
         size_t space = line.find(' ');
         size_t equals = line.find('=', space);
-        std::string got =
+        got.push_back(
             line.substr(0, equals) + "=" +
-            vkViewFact(view, line.substr(0, space), line.substr(space + 1, equals - space - 1));
-        if (got != line) {
-            if (same)
-                result = ::testing::AssertionFailure();
-            same = false;
-            result << "\n  shows " << got << ", not " << line;
-        }
+            vkViewFact(view, line.substr(0, space), line.substr(space + 1, equals - space - 1)));
     }
-    return result;
+    if (got == expected)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the window shows " << ::testing::PrintToString(got);
 }
