@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "center/VkServices.h"
-#include "database/VkAddTorjanItems.h"
-#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "engine/VkTorjanScan.h"
 #include "fakes/VkQuietPacing.h"

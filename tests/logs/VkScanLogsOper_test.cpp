@@ -7,7 +7,6 @@
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkTempDir.h"
-#include "logs/VkLogsOperCommon.h"
 #include "platform/VkFileUtil.h"
 
 namespace {

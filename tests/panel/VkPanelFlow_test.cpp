@@ -5,7 +5,6 @@
 
 #include "VkPanelTestSupport.h"
 #include "engine/VkTorjanResultItems.h"
-#include "logs/VkScanLogsNode.h"
 #include "panel/VkLogsWidget.h"
 #include "panel/VkSwitchButton.h"
 #include "ui/VkSecuityViewController.h"

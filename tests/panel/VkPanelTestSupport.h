@@ -17,8 +17,6 @@
 
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
-#include "database/VkAddTorjanItems.h"
-#include "detectors/VkAntiTrojan.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"
 #include "fakes/VkRecordingNetClient.h"

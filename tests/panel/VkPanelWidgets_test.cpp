@@ -4,8 +4,6 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QMimeData>
-#include <QStandardItemModel>
-#include <QStyleFactory>
 #include <QTest>
 #include <QToolButton>
 #include <atomic>

@@ -1,4 +1,3 @@
-#include <QApplication>
 #include <QLibrary>
 #include <QMetaObject>
 #include <QWidget>

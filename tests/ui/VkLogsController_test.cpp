@@ -6,9 +6,6 @@
 #include "logs/VkFileMonLogsOper.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
-#include "logs/VkScanLogsOper.h"
-#include "platform/VkFileUtil.h"
-#include "ui/VkListSupport.h"
 
 namespace {
 
@@ -179,7 +176,7 @@ TEST_F(VkLogsControllerTest, HeaderClicksReverseAndEveryClickFlipsTheListsDirect
                                    "indicator downLoadTimeColumn="}));
     controller->didClickTableColumn(outline, "fileNameColumn");
     EXPECT_EQ(records(), (Lines{"c.dmg", "b.dmg", "a.dmg"}));
-    EXPECT_EQ(view.indicatorOn("fileNameColumn"), kDescendingSortIndicator);
+    EXPECT_EQ(view.indicatorOn("fileNameColumn"), "NSDescendingSortIndicator");
 
     // Another header keeps flipping the same flag: now ascending by process name.
     controller->didClickTableColumn(outline, "downLoadToolColumn");

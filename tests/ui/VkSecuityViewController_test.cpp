@@ -4,13 +4,8 @@
 
 #include "VkUiTestSupport.h"
 #include "center/VkServices.h"
-#include "center/VkTorjanCenter.h"
-#include "detectors/VkAntiTrojan.h"
 #include "fakes/VkScriptedCenter.h"
 #include "logs/VkFileMonLogsOper.h"
-#include "logs/VkScanLogsOper.h"
-#include "remediation/VkQuarantineFileManager.h"
-#include "ui/VkListSupport.h"
 
 namespace {
 

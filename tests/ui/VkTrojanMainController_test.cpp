@@ -6,7 +6,6 @@
 
 #include "VkUiTestSupport.h"
 #include "center/VkServices.h"
-#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"
@@ -15,7 +14,6 @@
 #include "fakes/VkTestSignatures.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
-#include "logs/VkScanLogsOper.h"
 #include "remediation/VkQuarantineFileManager.h"
 #include "ui/VkListSupport.h"
 

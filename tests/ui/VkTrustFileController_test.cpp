@@ -5,10 +5,8 @@
 #include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "center/VkTorjanCenter.h"
-#include "detectors/VkAntiTrojan.h"
 #include "engine/VkTorjanResultItems.h"
 #include "fakes/VkRecordingListView.h"
-#include "remediation/VkQuarantineFileManager.h"
 #include "support/VkStringExtern.h"
 
 namespace {

@@ -3,11 +3,9 @@
 // from short rows, and a recorded window read back as short lines so that many facts about
 // it compare in one check.
 
-#include <initializer_list>
 #include <iomanip>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
