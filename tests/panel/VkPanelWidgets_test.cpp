@@ -119,7 +119,6 @@ TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet
     EXPECT_EQ(view.text("label"), "plain");
     VkStyledText styled;
     styled.text = "3 threats";
-    styled.highlightStart = 0;
     styled.highlightLength = 1;
     styled.highlightColor = VkColor::rgb255(1, 183, 1);
     view.setStyledText("label", styled);
@@ -271,8 +270,9 @@ class VkTrojanDragViewTest : public ::testing::Test {
         QApplication::sendEvent(&drop, andDrop ? static_cast<QEvent*>(&dropped) : &leave);
     }
 
+    using Calls = std::vector<std::vector<std::string>>;
     VkTrojanDragView drop;
-    std::vector<std::vector<std::string>> calls;
+    Calls calls;
     std::vector<QString> prompts;
     std::optional<std::string> picked;
 };
@@ -289,8 +289,7 @@ TEST_F(VkTrojanDragViewTest, ADropTellsTheDelegateOnceInOrderAndADragLeavingNoth
     drag({QUrl::fromLocalFile("/tmp/b"), QUrl::fromLocalFile("/tmp/a dir"),
           QUrl::fromLocalFile("/tmp/c")},
          true);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0], (std::vector<std::string>{"/tmp/b", "/tmp/a dir", "/tmp/c"}));
+    EXPECT_EQ(calls, (Calls{{"/tmp/b", "/tmp/a dir", "/tmp/c"}}));
     EXPECT_TRUE(drop.anchorImageView()->isHidden());
     EXPECT_FALSE(drop.isAnimating());
     // Shown again by its owner, the anchor comes back with the view.
@@ -303,18 +302,15 @@ TEST_F(VkTrojanDragViewTest, ClickInsideTheMarginsPicksOnePathAndInTheMarginNoth
     picked = "/tmp/picked";
     QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(20, 100));  // left margin
     QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(150, 10));  // top margin
-    EXPECT_TRUE(prompts.empty());
-    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(prompts.empty() && calls.empty());
     QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(31, 16));
-    ASSERT_EQ(prompts.size(), 1u);
-    EXPECT_EQ(prompts[0], "Scan");
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0], (std::vector<std::string>{"/tmp/picked"}));
+    EXPECT_EQ(prompts, std::vector<QString>{"Scan"});
+    EXPECT_EQ(calls, Calls{{"/tmp/picked"}});
     // Cancelling the picker calls nothing.
     picked.reset();
     QTest::mouseClick(&drop, Qt::LeftButton, Qt::NoModifier, QPoint(150, 100));
-    EXPECT_EQ(prompts.size(), 2u);
-    EXPECT_EQ(calls.size(), 1u);
+    EXPECT_EQ(prompts, (std::vector<QString>{"Scan", "Scan"}));
+    EXPECT_EQ(calls, Calls{{"/tmp/picked"}});
 }
 
 TEST(VkBaseImageUtilTest, ButtonFaceHasTheSizeAndCarriesItsTitle) {

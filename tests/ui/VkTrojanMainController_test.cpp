@@ -120,11 +120,6 @@ TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUp
     EXPECT_EQ(center->calls, Lines{"startUpdate"});
     EXPECT_EQ(host->lines(), Lines{"updateOperObjs"});
 
-    ctx->userDefaults->setObject("LastSecurityScanTime",
-                                 VkPlist(VkDate{ctx->clock->now() - 604800}));
-    controller->killTorjansEnd();  // re-reads the status with a clean just stored
-    EXPECT_EQ(view.text("warningText"), "Protected");
-
     // The quarantine screen covers the main view until it is finished with.
     controller->showQuarantineFiles();
     EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
