@@ -47,19 +47,21 @@ TEST_F(VkPanelFlowTest, TheMonitorSwitchShowsTheMonitorAsItIsAndOneClickFlipsIt)
         restart();
         auto* toggle = panel->findChild<VkSwitchButton*>("startFileMon");
         ASSERT_NE(toggle, nullptr);
-        EXPECT_EQ(net->statCalls, c.wish == false ? std::vector<bool>{} : std::vector<bool>{true});
-        EXPECT_EQ(toggle->isOn(), c.on);
-        EXPECT_EQ(panel->panelView().text("fileMonOnText"), c.text);
-        EXPECT_EQ(ctx->userDefaults->boolForKey("FileMonStart"), c.on);
+        // What the monitor was asked, the switch, its text and the stored wish.
+        auto shows = [&] {
+            return std::tuple(net->statCalls, toggle->isOn(),
+                              panel->panelView().text("fileMonOnText"),
+                              ctx->userDefaults->boolForKey("FileMonStart"));
+        };
+        EXPECT_EQ(shows(), std::tuple(c.wish == false ? std::vector<bool>{} : std::vector{true},
+                                      c.on, c.text, c.on));
 
         net->statSucceeds = true;
         net->statCalls.clear();
         click(toggle);
-        EXPECT_EQ(net->statCalls, std::vector<bool>{!c.on});
-        EXPECT_EQ(toggle->isOn(), !c.on);
-        EXPECT_EQ(panel->panelView().text("fileMonOnText"),
-                  c.on ? "File monitoring is off" : "File monitoring is on");
-        EXPECT_EQ(ctx->userDefaults->boolForKey("FileMonStart"), !c.on);
+        EXPECT_EQ(shows(),
+                  std::tuple(std::vector{!c.on}, !c.on,
+                             c.on ? "File monitoring is off" : "File monitoring is on", !c.on));
         ASSERT_TRUE(ctx->userDefaults->objectForKey("FileMonStart").has_value());
     }
 }

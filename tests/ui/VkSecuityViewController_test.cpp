@@ -48,10 +48,8 @@ class VkSecuityViewControllerTest : public VkUiTest {
     // Whether "FileMonStart" was written (not only answered by the registration domain).
     std::optional<bool> storedFileMonStart() const {
         auto file = VkPlist::contentsOfFile(ctx->defaultsFile);
-        const VkPlist::Dictionary* values = file ? file->asDictionary() : nullptr;
-        if (!values || !values->count("FileMonStart"))
-            return std::nullopt;
-        return values->at("FileMonStart").asBool();
+        const VkPlist* value = file ? file->get("FileMonStart") : nullptr;
+        return value ? value->asBool() : std::nullopt;
     }
 
     std::shared_ptr<VkScriptedCenter> center;

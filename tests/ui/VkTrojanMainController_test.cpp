@@ -7,11 +7,9 @@
 #include "VkUiTestSupport.h"
 #include "center/VkServices.h"
 #include "engine/VkTorjanResultItems.h"
-#include "fakes/VkQuietPacing.h"
 #include "fakes/VkRecordingHostReporter.h"
 #include "fakes/VkRecordingListView.h"
 #include "fakes/VkScriptedCenter.h"
-#include "fakes/VkTestSignatures.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
 #include "remediation/VkQuarantineFileManager.h"
@@ -26,10 +24,7 @@ const char kSample[] = "panel-synthetic-sample-bytes";
 class VkTrojanMainControllerTest : public VkUiTest {
   protected:
     void SetUp() override {
-        ctx->pacing = std::make_shared<VkQuietPacing>();
         ctx->hostReporter = host;
-        vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
-                                 {{"OSX/Panel.A", kSample, {}}});
         vkSetStrings(*ctx->localizer, R"x(
             "Security-1-7-1" = "Files: "; "Security-1-5-1" = "Time: ";
             "Security-1-5-2" = "No threats found"; "Security-1-9-1" = "threats found";
@@ -40,21 +35,18 @@ class VkTrojanMainControllerTest : public VkUiTest {
             "Secuirty Good" = "Protected";)x");
         center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
                                                     VkServices::makeQuarantine(*ctx));
-        center->trjanScan().setPaceScans(false);
         for (const char* name : {"TrojanScanNotify", "ReloadIntrodutNotify"}) {
             ctx->notificationCenter->addObserver(name, nullptr, [this](const VkNotification& n) {
                 std::optional<bool> flag = n.object.asBool();
                 posted.push_back(n.name + (flag ? (*flag ? " YES" : " NO") : ""));
             });
         }
-        for (auto [control, frame] :
-             {std::pair<const char*, VkRect>{"progressHeaderView", {{0, 0}, {400, 50}}},
-              {"cleanButton", {{0, 0}, {100, 30}}},
-              {"backButton", {{0, 0}, {100, 30}}},
-              {"scanContentView", {{0, 40}, {500, 300}}},
-              {"mainView", {{0, 0}, {600, 460}}},
-              {"currentScanPathText", {{10, 77}, {300, 20}}}})
-            view.setFrame(control, frame);
+        view.setFrame("progressHeaderView", {{0, 0}, {400, 50}});
+        view.setFrame("cleanButton", {{0, 0}, {100, 30}});
+        view.setFrame("backButton", {{0, 0}, {100, 30}});
+        view.setFrame("scanContentView", {{0, 40}, {500, 300}});
+        view.setFrame("mainView", {{0, 0}, {600, 460}});
+        view.setFrame("currentScanPathText", {{10, 77}, {300, 20}});
         view.setText("cancelButton", "Stop");
         view.setText("cleanButton", "Clean");
         controller = VkTrojanMainController::make(ctx, center, scanLogs);
@@ -64,8 +56,6 @@ class VkTrojanMainControllerTest : public VkUiTest {
         controller->setHeadView("headView");
         controller->awakeFromNib();
     }
-
-    void TearDown() override { center->trjanScan().stopCurrentScan(); }
 
     // The engine's reports, delivered the way the scanner delivers them.
     void report(float progress, std::optional<std::string> path) {
