@@ -1,7 +1,6 @@
 #pragma once
-// What the screen-logic tests share: texts for a localizer from one table, monitor records
-// from short rows, and a recorded window read back as short lines so that many facts about
-// it compare in one check.
+// What the screen-logic tests share: one fixture, texts for a localizer from one table, and a
+// recorded window read back as short lines so that many facts about it compare in one check.
 
 #include <iomanip>
 #include <sstream>
