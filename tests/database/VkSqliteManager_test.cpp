@@ -26,14 +26,22 @@ std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::strin
     return item;
 }
 
+std::string text(const std::optional<std::string>& s) {
+    return s ? *s : "-";
+}
+
 // Every property of a record on one line, "-" for no value and the kill array's length.
 std::string describe(const VkTorjanItem& item) {
-    auto text = [](const std::optional<std::string>& s) { return s ? *s : "-"; };
     auto kill = item.killArray();
     return text(item.name()) + "|" + text(item.detail()) + "|" + std::to_string(item.level()) +
            "|" + text(item.version()) + "|" + std::to_string(item.fileSize()) + "|" +
            text(item.headeCode()) + "|" + text(item.TorjanCode()) + "|" +
            (kill ? std::to_string(kill->entries().size() + kill->droppedCount()) : "-");
+}
+
+// A description as "name version", "none" without one.
+std::string describe(const std::shared_ptr<VkDataBaseInfo>& info) {
+    return info ? text(info->name()) + " " + text(info->version()) : "none";
 }
 
 template <class Items>
@@ -80,13 +88,12 @@ class VkSqliteManagerTest : public ::testing::Test {
 TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder) {
     for (const char* name : {"a.sql", "b.SQL", "c.sqlite", "d.sql.bak", "e.sql", "temp/t.sql"})
         dir.write(std::string("data/") + name, "");
-    Strings expected;
     auto names = VkFile::listDirectory(ctx->dataFolder);
     ASSERT_TRUE(names.ok());
-    for (const auto& name : *names) {
+    Strings expected;
+    for (const auto& name : *names)
         if (name == "a.sql" || name == "e.sql")
             expected.push_back(ctx->dataFolder + "/" + name);
-    }
     EXPECT_EQ(manager.dataBasePaths(), expected);
     EXPECT_EQ(manager.dataBaseTempPaths(), Strings{ctx->dataFolder + "/temp/t.sql"});
     EXPECT_TRUE(VkSqliteManager::contentFilesOfPath(dir / "nowhere").empty());
@@ -95,8 +102,8 @@ TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder
 TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) {
     manager.openDataBase(dbPath);
     ASSERT_TRUE(manager.isOpen());
-    EXPECT_TRUE(manager.TorjanItemArray().empty());
-    EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
+    EXPECT_EQ(described(manager.TorjanItemArray()), Strings{});
+    EXPECT_EQ(describe(manager.currentDataBaseInfo()), "none");
     // What `sqlite3 FILE .schema` shows is the text stored in sqlite_master.
     EXPECT_EQ(VkRawDb(dbPath).column("select sql from sqlite_master order by rowid"),
               (Strings{"CREATE TABLE description(name varchar[50], version varchar[10])",
@@ -192,11 +199,8 @@ TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverCh
         "create table description(name); insert into description values('only a name');"
         "create table test(name, detail); insert into test values('n', 'd')");
     manager.openDataBase(narrow);
-    ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(describe(*manager.TorjanItemArray()[0]), "n|d|0|1.0|0|-|-|-");
-    ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
-    EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
-    EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
+    EXPECT_EQ(described(manager.TorjanItemArray()), Strings{"n|d|0|1.0|0|-|-|-"});
+    EXPECT_EQ(describe(manager.currentDataBaseInfo()), "only a name -");
 
     // A file that is no SQLite database changes nothing and says so.
     auto info = manager.currentDataBaseInfo();
@@ -218,20 +222,16 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
     ASSERT_TRUE(manager.addItemToDataBase(makeItem("x", "c")));
 
     auto info = manager.dataBaseForPath(dbPath);
-    ASSERT_NE(info, nullptr);
-    EXPECT_EQ(info->name(), "Db");
-    EXPECT_EQ(info->version(), "1.10");
+    EXPECT_EQ(describe(info), "Db 1.10");
     EXPECT_EQ(info->compareVersion(VkDataBaseInfo("Db", "1.9")), 1);
-    EXPECT_FALSE(manager.isOpen());
-    EXPECT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
-    EXPECT_EQ(openDescriptorsFor(dbPath), 0);
+    EXPECT_EQ(std::tuple(manager.isOpen(), manager.TorjanItemArray().size(),
+                         manager.currentDataBaseInfo(), openDescriptorsFor(dbPath)),
+              std::tuple(false, 1u, nullptr, 0));
 
     // No file there: SQLite's default open leaves an empty file, and there is no description.
     std::string missing = dir / "missing.sql";
     EXPECT_EQ(manager.dataBaseForPath(missing), nullptr);
-    EXPECT_TRUE(VkFile::existsNoFollow(missing));
-    EXPECT_EQ(std::filesystem::file_size(missing), 0u);
+    EXPECT_EQ(*VkFile::readAll(missing), "");
 
     // Closing releases the file because every statement was finalized.
     manager.openDataBase(dbPath);

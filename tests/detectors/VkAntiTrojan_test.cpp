@@ -10,8 +10,6 @@
 
 namespace {
 
-using Paths = std::vector<std::string>;
-
 class VkAntiTrojanTest : public VkFakeMacTest {
   protected:
     // Infects the tree for both detectors.

@@ -16,6 +16,8 @@
 #include "platform/VkFileUtil.h"
 #include "platform/VkPlist.h"
 
+using Paths = std::vector<std::string>;
+
 // A fake Mac tree in a temporary folder: the context's system root is <tmp>/root, the
 // inspected home "/Users/tester", core operations recorded, nothing sleeps.
 class VkFakeMacTest : public ::testing::Test {

@@ -11,6 +11,7 @@
 #include "engine/VkEngineTestData.h"
 #include "fakes/VkRecordingPacing.h"
 #include "fakes/VkTempDir.h"
+#include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
 #include "support/VkCrypt.h"
@@ -65,18 +66,6 @@ class VkTorjanScanTest : public ::testing::Test {
                                             {"TrustFileHash", *vkEncryptString(hash)},
                                             {"TrustFileSize", VkPlist::unsignedInteger(1)}}));
         other.setObject("TrustFileKey", list);
-    }
-
-    // Adds a record for `contents`, stored enciphered, to the database `file` of the data
-    // folder.
-    void writeDatabase(const std::string& file, const std::string& contents,
-                       const std::string& name) {
-        VkFile::createDirectory(ctx->dataFolder, true);
-        VkSqliteManager manager(ctx);
-        manager.openDataBase(VkFile::join(ctx->dataFolder, file));
-        auto item = recordFor(name, contents);
-        item->enCodeTrojanInfo();
-        ASSERT_TRUE(manager.addItemToDataBase(item));
     }
 
     VkTempDir dir;
@@ -159,13 +148,11 @@ TEST_F(VkTorjanScanTest, FilesOverAMebibyteNeedTheHeadCodeFirst) {
     // Without a head code nothing matches; with a wrong one the whole file is never hashed.
     auto noHead = recordFor("NoHead", contents);
     noHead->setHeadeCode(std::nullopt);
-    auto wrongHead = recordFor("WrongHead", contents);
-    wrongHead->setHeadeCode(md5(vkTestBytes(kMiB, 5)));
     scan->hashCalls.clear();
     EXPECT_EQ(check(path, {noHead}), nullptr);
     EXPECT_EQ(scan->hashes().second, 0u);
     scan->hashCalls.clear();
-    EXPECT_EQ(check(path, {wrongHead}), nullptr);
+    EXPECT_EQ(check(path, {recordFor("WrongHead", contents, false)}), nullptr);
     EXPECT_EQ(scan->hashes(), std::pair(1ul, 0ul));
 }
 
@@ -261,8 +248,8 @@ TEST_F(VkTorjanScanTest, ARecordListedTwiceIsDecipheredOnce) {
     // A file that is no database after a good one leaves the good one's records in the store,
     // so they are listed twice; they must still come out readable.
     std::string a = vkTestBytes(35, 18);
-    writeDatabase("a.sql", a, "A");
     dir.write("data/b.sql", std::string(4096, 'g'));  // not SQLite
+    vkWriteSignatureDatabase(ctx->dataPath("a.sql"), "Db", "1.0", {{"A", a, {}}});
     std::vector<std::string> order = VkSqliteManager(ctx).dataBasePaths();
     if (order.size() != 2 || VkFile::lastPathComponent(order[0]) != "a.sql")
         GTEST_SKIP() << "the folder lists b.sql first here";
