@@ -333,8 +333,8 @@ TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
     auto panelCache = std::make_shared<VkHashCache>(cachePath, 100, std::chrono::seconds(0));
     auto scanOnce = [&](std::set<std::string>& hashed, std::shared_ptr<VkHashCache> cache = {}) {
         auto s = scanner<HashSpyScan>();
-        s->setHashCache(cache ? cache
-                              : std::make_shared<VkHashCache>(cachePath, 100, std::chrono::seconds(0)));
+        s->setHashCache(
+            cache ? cache : std::make_shared<VkHashCache>(cachePath, 100, std::chrono::seconds(0)));
         auto d = run(*s, {root + "/c"});
         auto all = s->hashed();
         hashed = std::set<std::string>(all.begin(), all.end());
@@ -397,7 +397,9 @@ TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
 // overwritten under them: nothing wrong is answered, and the rebuilt file keeps what comes.
 TEST_F(VkScanWalkTest, HashCacheServesJudgesTogetherAndOutlivesAFileOverwrittenUnderThem) {
     const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
-    auto hashOf = [](uint64_t inode) { return std::string(32, static_cast<char>('a' + inode % 6)); };
+    auto hashOf = [](uint64_t inode) {
+        return std::string(32, static_cast<char>('a' + inode % 6));
+    };
     VkHashCache cache(cachePath, 10000, std::chrono::seconds(0));
     std::atomic<bool> wrong{false};
     std::vector<std::thread> judges;

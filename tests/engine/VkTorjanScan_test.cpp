@@ -9,8 +9,6 @@
 
 #include "database/VkSqliteManager.h"
 #include "engine/VkEngineTestData.h"
-#include "fakes/VkRecordingPacing.h"
-#include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
@@ -44,19 +42,8 @@ class CountingScan : public VkTorjanScan {
     }
 };
 
-class VkTorjanScanTest : public ::testing::Test {
+class VkTorjanScanTest : public VkEngineScanTest<CountingScan> {
   protected:
-    VkTorjanScanTest() {
-        ctx->pacing = pacing;
-        scan = std::make_unique<CountingScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
-                                              ctx->pacing);
-    }
-
-    std::shared_ptr<VkTorjanResultItems> check(const std::string& path,
-                                               std::vector<std::shared_ptr<VkTorjanItem>> records) {
-        return scan->checkTorjan(path, VkTorjanRecordList::make(std::move(records)));
-    }
-
     // Trusts the file the way the panel does, through another writer of the defaults file.
     void trust(const std::string& path, const std::string& hash) {
         VkUserDefaults other(ctx->defaultsFile);
@@ -67,11 +54,6 @@ class VkTorjanScanTest : public ::testing::Test {
                                             {"TrustFileSize", VkPlist::unsignedInteger(1)}}));
         other.setObject("TrustFileKey", list);
     }
-
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
-    std::shared_ptr<VkRecordingPacing> pacing = std::make_shared<VkRecordingPacing>();
-    std::unique_ptr<CountingScan> scan;
 };
 
 TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinning) {

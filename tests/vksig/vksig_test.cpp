@@ -13,9 +13,7 @@
 #include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
 #include "engine/VkEngineTestData.h"
-#include "engine/VkTorjanScan.h"
 #include "fakes/VkRunProgram.h"
-#include "fakes/VkTempDir.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkKeyedArchiver.h"
 
@@ -24,7 +22,7 @@ namespace {
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
-class VksigTest : public ::testing::Test {
+class VksigTest : public VkEngineScanTest<> {
   protected:
     VkProgramOutput vksig(const std::vector<std::string>& args) {
         return vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/vksig/vksig", args);
@@ -48,15 +46,12 @@ class VksigTest : public ::testing::Test {
 
     std::optional<std::string> detected(const std::string& path,
                                         const std::shared_ptr<const VkTorjanRecordList>& list) {
-        auto result = scan.checkTorjan(path, list);
+        auto result = scan->checkTorjan(path, list);
         return result ? result->displayName() : std::nullopt;
     }
 
     void create() { ok({"create", db, "--name", "TestDb", "--version", "1.2"}); }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
-    VkTorjanScan scan{ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing};
     std::string db = dir / "test.sql";
 };
 
@@ -66,11 +61,11 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
     std::string large = vkTestBytes(kMiB + 100, 2);
     std::string smallPath = dir.write("samples/small.bin", small);
     std::string largePath = dir.write("samples/large.bin", large);
-    EXPECT_THAT(ok({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail",
-                    "a small one", "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill",
-                    "k:FooAgent"})
-                    .out,
-                HasSubstr(md5(small)));
+    EXPECT_THAT(
+        ok({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail", "a small one",
+            "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill", "k:FooAgent"})
+            .out,
+        HasSubstr(md5(small)));
     ok({"add", db, "--sample", largePath, "--name", "OSX/Large.B"});
 
     auto list = load(db);
@@ -118,7 +113,8 @@ TEST_F(VksigTest, RecordsWithoutASampleAreAddedOnceAndRemovedByCode) {
     std::string upper = md5("head");
     for (auto& c : upper)
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    ok({"add", db, "--size", "2000000", "--code", md5("big"), "--head-code", upper, "--name", "Big"});
+    ok({"add", db, "--size", "2000000", "--code", md5("big"), "--head-code", upper, "--name",
+        "Big"});
     EXPECT_EQ(load(db)->items().back()->headeCode(), md5("head"));
 
     // The same code twice is refused.
@@ -223,7 +219,8 @@ TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
     EXPECT_TRUE(problems && problems->empty());
     auto info = VkSqliteManager(ctx).dataBaseForPath(packaged);
     EXPECT_EQ(info ? info->name() : std::nullopt, "VkTrojanDB");
-    auto name = detected(dir.write("downloads/test-file.txt", vkAntiVirusTestFile()), load(packaged));
+    auto name =
+        detected(dir.write("downloads/test-file.txt", vkAntiVirusTestFile()), load(packaged));
     EXPECT_THAT(name.value_or(""), HasSubstr("EICAR"));
 }
 
