@@ -270,7 +270,7 @@ TEST_F(VkSqliteManagerTest, WritesAnswerNoWhenTheyFailButYesWhenTheyCannotBePrep
     manager.openDataBase(viewed);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
     auto current = manager.currentDataBaseInfo();
-    ASSERT_NE(current, nullptr);
+    EXPECT_EQ(describe(current), "Db 1.0");
     EXPECT_TRUE(manager.addItemToDataBase(item));
     EXPECT_EQ(manager.TorjanItemArray().size(), 1u);  // nothing appended
     EXPECT_TRUE(manager.updateItem(*item, "viewed"));
