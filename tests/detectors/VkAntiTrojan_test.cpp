@@ -65,7 +65,7 @@ TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRangeStoppingOnly
         for (size_t i : c.stopAt)
             answers[i] = true;
         calls.clear();
-        auto anti = make<VkAntiTrojan>();
+        auto anti = make<VkAntiTrojan>(pacing);
         EXPECT_EQ(anti.scan(recorder(answers), false), c.result);
         std::vector<std::pair<std::string, float>> expected;
         for (const auto& [name, definition] : anti.antiAgentTrojan().agentTrojanDefs())
@@ -80,7 +80,7 @@ TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRangeStoppingOnly
 }
 
 TEST_F(VkAntiTrojanTest, NeedDelayPausesAfterEveryProgressCallAndOnlyThen) {
-    auto anti = make<VkAntiTrojan>();
+    auto anti = make<VkAntiTrojan>(pacing);
     anti.scan(recorder(), false);
     EXPECT_TRUE(pacing->sleeps.empty());
 
@@ -105,7 +105,7 @@ TEST_F(VkAntiTrojanTest, NeedDelayPausesAfterEveryProgressCallAndOnlyThen) {
 
 TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     infect();
-    auto anti = make<VkAntiTrojan>();
+    auto anti = make<VkAntiTrojan>(pacing);
     anti.scan(recorder(), false);
     anti.remove();
     const std::string unset = "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES";
@@ -122,7 +122,7 @@ TEST_F(VkAntiTrojanTest, RemoveHandsOnToTheLaunchAgentDetectorThenFlashback) {
     VkFile::removeTree(ctx->systemRoot);
     writeFile("/var/folders/ab/com.apple.LaunchServices-034501.csstore", "db");
     core->clear();
-    auto clean = make<VkAntiTrojan>();
+    auto clean = make<VkAntiTrojan>(pacing);
     EXPECT_TRUE(clean.scan(recorder(), false).empty());
     auto linesBefore = logLines().size();
     clean.remove();

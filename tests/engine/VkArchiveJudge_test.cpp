@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <functional>
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,6 @@
 // HTTP server serves it, and `vksecurity update` verifies, fetches, stages and installs from
 // it, or refuses it and leaves the data folder as it was.
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>

@@ -1,7 +1,7 @@
 // End-to-end tests of the built vksig program: the databases it writes are read by the store
 // and judged by the scanner exactly as shipped databases are.
 
-#include <cstdlib>
+#include <cctype>
 #include <filesystem>
 #include <map>
 
