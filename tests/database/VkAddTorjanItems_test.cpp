@@ -104,7 +104,6 @@ class RecordingDelegate : public VkAddTorjanDelegate {
 class VkAddTorjanItemsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
         ctx->pacing = gate;
         ctx->updateServer = server.url();
         VkFile::createDirectory(ctx->dataFolder, true);
@@ -135,7 +134,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     void publish(const std::vector<std::string>& databases, std::optional<VkDate> date) {
         VkUpdatePublisher::Options options;
         options.date = date;
-        auto published = VkUpdatePublisher::publish(www(), databases, options);
+        auto published = VkUpdatePublisher::publish(dir / "www", databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -145,9 +144,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         serveRaw(kManifestPath, std::string(body.begin(), body.end()));
     }
     void serveRaw(const std::string& urlPath, const std::string& bytes) {
-        std::string path = www() + urlPath;
-        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
-        ASSERT_TRUE(VkFile::writeAtomically(path, bytes).ok());
+        dir.write("www" + urlPath, bytes);
     }
     // A database made here and served under the update folder; answers its bytes.
     std::string serveDb(const std::string& file, const std::string& name,
@@ -164,7 +161,6 @@ class VkAddTorjanItemsTest : public ::testing::Test {
             e.set("sha256", *sha256);
         return e;
     }
-    std::string www() { return dir / "www"; }
     std::string contents(const std::string& path) {
         auto read = VkFile::readAll(path);
         return read.ok() ? *read : std::string("(missing)");
@@ -207,7 +203,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     }
 
     VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
     VkFolderServer server{dir / "www"};
     std::unique_ptr<VkAddTorjanItems> items;
