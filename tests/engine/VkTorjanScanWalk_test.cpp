@@ -94,7 +94,6 @@ class HashSpyScan : public VkTorjanScan {
 class VkScanWalkTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
         ctx->pacing = std::make_shared<VkQuietPacing>();
         ctx->coreFunction =
             std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
@@ -102,7 +101,6 @@ class VkScanWalkTest : public ::testing::Test {
         vkWriteSignatureDatabase(ctx->dataPath("test.sql"), "test", "1.0",
                                  {{"Test.Walk", kPayload, {}}});
         anti = VkServices::makeAntiTrojan(*ctx);
-        root = ctx->systemRoot;
     }
     std::string plant(const std::string& rel) { return dir.write("root/" + rel, kPayload); }
     // Scans the paths with a fresh recorder and waits for the end.
@@ -123,9 +121,9 @@ class VkScanWalkTest : public ::testing::Test {
     }
 
     VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::shared_ptr<VkAntiTrojan> anti;
-    std::string root;
+    std::string root = ctx->systemRoot;
 };
 
 TEST_F(VkScanWalkTest, FullScanSkipsExcludedRootsAndVolumesButCustomScanEntersThem) {

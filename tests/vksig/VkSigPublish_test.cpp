@@ -217,8 +217,8 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
     }
     EXPECT_FALSE(VkFile::exists(manifest()));
 
-    VkFile::createDirectory(VkFile::deletingLastPathComponent(manifest()), true);
-    ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
+    dir.write("www/velkora_soft_upgrade_files/trojanupdate/version.xml",
+              "<plist>plain text</plist>");
     auto garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
     EXPECT_EQ(garbled.exitCode, 2);
     EXPECT_THAT(garbled.err, HasSubstr("does not decipher"));
