@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <limits>
 #include <thread>
 
@@ -103,7 +104,6 @@ class RecordingDelegate : public VkAddTorjanDelegate {
 class VkAddTorjanItemsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
         ctx->pacing = gate;
         ctx->updateServer = server.url();
         VkFile::createDirectory(ctx->dataFolder, true);
@@ -134,7 +134,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     void publish(const std::vector<std::string>& databases, std::optional<VkDate> date) {
         VkUpdatePublisher::Options options;
         options.date = date;
-        auto published = VkUpdatePublisher::publish(www(), databases, options);
+        auto published = VkUpdatePublisher::publish(dir / "www", databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -144,9 +144,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         serveRaw(kManifestPath, std::string(body.begin(), body.end()));
     }
     void serveRaw(const std::string& urlPath, const std::string& bytes) {
-        std::string path = www() + urlPath;
-        VkFile::createDirectory(VkFile::deletingLastPathComponent(path), true);
-        ASSERT_TRUE(VkFile::writeAtomically(path, bytes).ok());
+        dir.write("www" + urlPath, bytes);
     }
     // A database made here and served under the update folder; answers its bytes.
     std::string serveDb(const std::string& file, const std::string& name,
@@ -163,7 +161,6 @@ class VkAddTorjanItemsTest : public ::testing::Test {
             e.set("sha256", *sha256);
         return e;
     }
-    std::string www() { return dir / "www"; }
     std::string contents(const std::string& path) {
         auto read = VkFile::readAll(path);
         return read.ok() ? *read : std::string("(missing)");
@@ -198,13 +195,15 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         EXPECT_TRUE(gate->waitBlockedAfter(0)) << "the loop should wait after its check";
         return calls.empty() ? std::string("(none)") : calls[0];
     }
+    // The date the loop holds, 0 for none.
+    long long date() { return items->updateDate() ? items->updateDate()->secondsSince1970 : 0; }
     size_t manifestRequests() { return server.count(kManifestPath); }
     size_t fileRequests(const std::string& webpath) {
         return server.count(std::string(kFolder) + webpath);
     }
 
     VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
     VkFolderServer server{dir / "www"};
     std::unique_ptr<VkAddTorjanItems> items;
@@ -272,12 +271,11 @@ TEST_F(VkAddTorjanItemsTest, TrailingDateIsReportedAndAMissingOneKeepsThePreviou
     make();
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql")}));
     EXPECT_FALSE(items->checkUpdateOnce().manifestDate);
-    EXPECT_FALSE(items->updateDate()) << "no date at first";
+    EXPECT_EQ(date(), 0) << "no date at first";
 
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), VkPlist(VkDate{1600000000})}));
     items->checkUpdateOnce();
-    ASSERT_TRUE(items->updateDate());
-    EXPECT_EQ(items->updateDate()->secondsSince1970, 1600000000);
+    EXPECT_EQ(date(), 1600000000);
 
     // A date that is not last does not count; the previous one stays.
     serveManifest(VkPlist::array({VkPlist(VkDate{1650000000}), entry("Alpha", "1.0", "A.sql"),
@@ -285,8 +283,7 @@ TEST_F(VkAddTorjanItemsTest, TrailingDateIsReportedAndAMissingOneKeepsThePreviou
     VkUpdateReport report = items->checkUpdateOnce();
     EXPECT_TRUE(report.success);
     EXPECT_EQ(report.entries.size(), 1u) << "elements that are not dictionaries are skipped";
-    ASSERT_TRUE(items->updateDate());
-    EXPECT_EQ(items->updateDate()->secondsSince1970, 1600000000);
+    EXPECT_EQ(date(), 1600000000);
 
     // A failed check reports the previous date too.
     server.force(kManifestPath, 500);
@@ -320,12 +317,10 @@ TEST_F(VkAddTorjanItemsTest, OnlyPlainDatabaseFileNamesAreFetched) {
     Actions expected(bad.size() + 1, Action::BadWebPath);
     expected.insert(expected.end(), {Action::Downloaded, Action::Downloaded});
     EXPECT_EQ(actionsOf(report), expected);
-    for (const std::string& path : server.requests()) {
-        EXPECT_TRUE(path == kManifestPath || path == std::string(kManifestPath) + ".sig" ||
-                    path == std::string(kFolder) + "good.sql" ||
-                    path == std::string(kFolder) + "Vk-DB_2+b.sql")
-            << path;
-    }
+    const std::string folder = kFolder;
+    EXPECT_EQ(server.requests(),
+              (std::vector<std::string>{kManifestPath, folder + "version.xml.sig",
+                                        folder + "good.sql", folder + "Vk-DB_2+b.sql"}));
     EXPECT_FALSE(VkFile::existsNoFollow(ctx->dataPath("x.sql")));
     EXPECT_EQ(stagedNames(), (std::vector<std::string>{"Vk-DB_2+b.sql", "good.sql"}));
     // A NUL cannot travel through a property list; the rule refuses it all the same.
@@ -354,11 +349,9 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
     // Shared with the server's threads, which may outlive this body by a moment.
     auto a = std::make_shared<const std::string>(contents(source("A.sql", "Alpha", "1.0")));
     const size_t half = a->size() / 2;
-    struct Midway {
-        std::mutex mutex;
-        std::vector<std::string> names;  // the staging folder once half of A.sql was on disk
-    };
-    auto midway = std::make_shared<Midway>();
+    // The staging folder once half of A.sql was on disk.
+    auto midway = std::make_shared<std::promise<std::vector<std::string>>>();
+    auto seen = midway->get_future();
     // A.sql: half, then (once the partial file on disk holds it) the rest.
     server.handle(std::string(kFolder) + "A.sql", [this, a, half, midway](httplib::Response& res) {
         res.set_content_provider(
@@ -372,8 +365,7 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
                     std::vector<std::string> names = stagedNames();
                     for (const std::string& name : names) {
                         if (contents(ctx->dataPath("temp/" + name)).size() == half) {
-                            std::lock_guard lock(midway->mutex);
-                            midway->names = names;
+                            midway->set_value(names);
                             return true;
                         }
                     }
@@ -396,12 +388,10 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
     VkUpdateReport report = make().checkUpdateOnce();
     ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::DownloadFailed}));
     EXPECT_FALSE(report.entries[1].detail.empty()) << "the client's reason is passed on";
-    {
-        std::lock_guard lock(midway->mutex);
-        ASSERT_EQ(midway->names.size(), 1u) << "half a database on disk before it was whole";
-        EXPECT_NE(VkFile::pathExtension(midway->names[0]), "sql")
-            << "half a database must never look like one: " << midway->names[0];
-    }
+    ASSERT_EQ(seen.wait_for(0s), std::future_status::ready) << "half a database never on disk";
+    std::vector<std::string> names = seen.get();
+    ASSERT_EQ(names.size(), 1u);
+    EXPECT_NE(VkFile::pathExtension(names[0]), "sql") << "half a database must never look like one";
     EXPECT_EQ(contents(staged("A.sql")), *a);
     EXPECT_EQ(stagedNames(), std::vector<std::string>{"A.sql"});
 }

@@ -26,14 +26,22 @@ std::shared_ptr<VkTorjanItem> makeItem(const std::string& name, const std::strin
     return item;
 }
 
+std::string text(const std::optional<std::string>& s) {
+    return s ? *s : "-";
+}
+
 // Every property of a record on one line, "-" for no value and the kill array's length.
 std::string describe(const VkTorjanItem& item) {
-    auto text = [](const std::optional<std::string>& s) { return s ? *s : "-"; };
     auto kill = item.killArray();
     return text(item.name()) + "|" + text(item.detail()) + "|" + std::to_string(item.level()) +
            "|" + text(item.version()) + "|" + std::to_string(item.fileSize()) + "|" +
            text(item.headeCode()) + "|" + text(item.TorjanCode()) + "|" +
            (kill ? std::to_string(kill->entries().size() + kill->droppedCount()) : "-");
+}
+
+// A description as "name version", "none" without one.
+std::string describe(const std::shared_ptr<VkDataBaseInfo>& info) {
+    return info ? text(info->name()) + " " + text(info->version()) : "none";
 }
 
 template <class Items>
@@ -44,17 +52,10 @@ Strings described(const Items& items) {
     return out;
 }
 
-// How many of this process's open file descriptors refer to path.
-int openDescriptorsFor(const std::string& path) {
-    int count = 0;
-    std::error_code ec;
-    auto wanted = std::filesystem::weakly_canonical(path, ec);
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-        std::error_code linkError;
-        if (std::filesystem::read_symlink(entry.path(), linkError) == wanted && !linkError)
-            ++count;
-    }
-    return count;
+// How many file descriptors this process holds open.
+long openDescriptors() {
+    namespace fs = std::filesystem;
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
 class VkSqliteManagerTest : public ::testing::Test {
@@ -64,29 +65,26 @@ class VkSqliteManagerTest : public ::testing::Test {
         manager.openDataBase(dbPath);
         manager.closeDataBase();
     }
-    const char* refuse(const char* op, const char* table) {
-        trigger_ = std::string("create trigger refuse_") + op + " before " + op + " on " + table +
-                   " begin select raise(abort, 'no'); end";
-        return trigger_.c_str();
+    static std::string refuse(const std::string& op, const std::string& table) {
+        return "create trigger refuse_" + op + " before " + op + " on " + table +
+               " begin select raise(abort, 'no'); end";
     }
 
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     VkSqliteManager manager{ctx};
     std::string dbPath = dir / "sigs.sql";
-    std::string trigger_;
 };
 
 TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder) {
     for (const char* name : {"a.sql", "b.SQL", "c.sqlite", "d.sql.bak", "e.sql", "temp/t.sql"})
         dir.write(std::string("data/") + name, "");
-    Strings expected;
     auto names = VkFile::listDirectory(ctx->dataFolder);
     ASSERT_TRUE(names.ok());
-    for (const auto& name : *names) {
+    Strings expected;
+    for (const auto& name : *names)
         if (name == "a.sql" || name == "e.sql")
             expected.push_back(ctx->dataFolder + "/" + name);
-    }
     EXPECT_EQ(manager.dataBasePaths(), expected);
     EXPECT_EQ(manager.dataBaseTempPaths(), Strings{ctx->dataFolder + "/temp/t.sql"});
     EXPECT_TRUE(VkSqliteManager::contentFilesOfPath(dir / "nowhere").empty());
@@ -95,8 +93,8 @@ TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder
 TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) {
     manager.openDataBase(dbPath);
     ASSERT_TRUE(manager.isOpen());
-    EXPECT_TRUE(manager.TorjanItemArray().empty());
-    EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
+    EXPECT_EQ(described(manager.TorjanItemArray()), Strings{});
+    EXPECT_EQ(describe(manager.currentDataBaseInfo()), "none");
     // What `sqlite3 FILE .schema` shows is the text stored in sqlite_master.
     EXPECT_EQ(VkRawDb(dbPath).column("select sql from sqlite_master order by rowid"),
               (Strings{"CREATE TABLE description(name varchar[50], version varchar[10])",
@@ -192,11 +190,8 @@ TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverCh
         "create table description(name); insert into description values('only a name');"
         "create table test(name, detail); insert into test values('n', 'd')");
     manager.openDataBase(narrow);
-    ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(describe(*manager.TorjanItemArray()[0]), "n|d|0|1.0|0|-|-|-");
-    ASSERT_NE(manager.currentDataBaseInfo(), nullptr);
-    EXPECT_EQ(manager.currentDataBaseInfo()->name(), "only a name");
-    EXPECT_FALSE(manager.currentDataBaseInfo()->version().has_value());
+    EXPECT_EQ(described(manager.TorjanItemArray()), Strings{"n|d|0|1.0|0|-|-|-"});
+    EXPECT_EQ(describe(manager.currentDataBaseInfo()), "only a name -");
 
     // A file that is no SQLite database changes nothing and says so.
     auto info = manager.currentDataBaseInfo();
@@ -213,32 +208,29 @@ TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverCh
 
 TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpen) {
     createEmpty();
+    const long idle = openDescriptors();
     VkRawDb(dbPath).exec("insert into description values('Db', '1.9'), ('Db', '1.10')");
     manager.openDataBase(dir / "other.sql");
     ASSERT_TRUE(manager.addItemToDataBase(makeItem("x", "c")));
 
     auto info = manager.dataBaseForPath(dbPath);
-    ASSERT_NE(info, nullptr);
-    EXPECT_EQ(info->name(), "Db");
-    EXPECT_EQ(info->version(), "1.10");
+    EXPECT_EQ(describe(info), "Db 1.10");
     EXPECT_EQ(info->compareVersion(VkDataBaseInfo("Db", "1.9")), 1);
-    EXPECT_FALSE(manager.isOpen());
-    EXPECT_EQ(manager.TorjanItemArray().size(), 1u);
-    EXPECT_EQ(manager.currentDataBaseInfo(), nullptr);
-    EXPECT_EQ(openDescriptorsFor(dbPath), 0);
+    EXPECT_EQ(std::tuple(manager.isOpen(), manager.TorjanItemArray().size(),
+                         manager.currentDataBaseInfo(), openDescriptors()),
+              std::tuple(false, 1u, nullptr, idle));
 
     // No file there: SQLite's default open leaves an empty file, and there is no description.
     std::string missing = dir / "missing.sql";
     EXPECT_EQ(manager.dataBaseForPath(missing), nullptr);
-    EXPECT_TRUE(VkFile::existsNoFollow(missing));
-    EXPECT_EQ(std::filesystem::file_size(missing), 0u);
+    EXPECT_EQ(*VkFile::readAll(missing), "");
 
     // Closing releases the file because every statement was finalized.
     manager.openDataBase(dbPath);
-    EXPECT_GT(openDescriptorsFor(dbPath), 0);
+    EXPECT_GT(openDescriptors(), idle);
     manager.closeDataBase();
     manager.closeDataBase();
-    EXPECT_EQ(openDescriptorsFor(dbPath), 0);
+    EXPECT_EQ(openDescriptors(), idle);
 }
 
 // Writes without an open file, or that fail, answer NO; writes that cannot be prepared
@@ -270,7 +262,7 @@ TEST_F(VkSqliteManagerTest, WritesAnswerNoWhenTheyFailButYesWhenTheyCannotBePrep
     manager.openDataBase(viewed);
     ASSERT_EQ(manager.TorjanItemArray().size(), 1u);
     auto current = manager.currentDataBaseInfo();
-    ASSERT_NE(current, nullptr);
+    EXPECT_EQ(describe(current), "Db 1.0");
     EXPECT_TRUE(manager.addItemToDataBase(item));
     EXPECT_EQ(manager.TorjanItemArray().size(), 1u);  // nothing appended
     EXPECT_TRUE(manager.updateItem(*item, "viewed"));

@@ -46,13 +46,11 @@ TEST_F(VkUpdatePublisherTest, WritesDatabasesAndAnEncipheredManifestWithDigests)
     ASSERT_TRUE(published.ok()) << published.error();
     EXPECT_EQ(published->signer, *VkSignature::fingerprint(keys->publicPem));
 
-    auto body = VkFile::readAll(folder() + "/version.xml");
-    ASSERT_TRUE(body.ok());
-    auto signature = VkFile::readAll(folder() + "/version.xml.sig");
-    ASSERT_TRUE(signature.ok());
-    EXPECT_TRUE(VkSignature::verify(keys->publicPem, reinterpret_cast<const uint8_t*>(body->data()),
-                                    body->size(), {signature->begin(), signature->end()}));
-    auto plain = VkManifestCipher::decrypt({body->begin(), body->end()});
+    std::string body = *VkFile::readAll(folder() + "/version.xml");
+    std::string signature = *VkFile::readAll(folder() + "/version.xml.sig");
+    EXPECT_TRUE(VkSignature::verify(keys->publicPem, reinterpret_cast<const uint8_t*>(body.data()),
+                                    body.size(), {signature.begin(), signature.end()}));
+    auto plain = VkManifestCipher::decrypt({body.begin(), body.end()});
     ASSERT_TRUE(plain);
     auto manifest = VkAddTorjanItems::arrayWithContentsOfData(*plain);
     ASSERT_TRUE(manifest);

@@ -10,8 +10,6 @@
 
 namespace {
 
-using Paths = std::vector<std::string>;
-
 class VkAgentTrojanTest : public VkFakeMacTest {};
 
 // One infection per family: where its launch item lives and a program that it accepts.
@@ -120,13 +118,10 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
 TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
     writePlist("~/Library/LaunchAgents/evil.plist", launchItem("/opt/evil"));
     auto detector = make<VkAgentTrojan>();
-    detector.agentTrojanDefs()["OSX/Two.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
-                                               VkPlist("/opt/evil")};
-    detector.agentTrojanDefs()["OSX/Four.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
-                                                VkPlist("/opt/evil"), VkPlist::boolean(false),
-                                                VkPlist("extra")};
-    detector.agentTrojanDefs()["OSX/Three.A"] = {VkPlist("~/Library/LaunchAgents/evil.plist"),
-                                                 VkPlist("/opt/evil"), VkPlist::boolean(false)};
+    const VkPlist plist("~/Library/LaunchAgents/evil.plist"), program("/opt/evil");
+    detector.agentTrojanDefs()["OSX/Two.A"] = {plist, program};
+    detector.agentTrojanDefs()["OSX/Four.A"] = {plist, program, VkPlist::boolean(false), "extra"};
+    detector.agentTrojanDefs()["OSX/Three.A"] = {plist, program, VkPlist::boolean(false)};
     EXPECT_EQ(scan(detector),
               (VkSpecialResult{{"OSX/Three.A", {onDisk("~/Library/LaunchAgents/evil.plist")}}}));
     EXPECT_EQ(progress.size(), 13u);

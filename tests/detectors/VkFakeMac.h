@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -16,6 +15,8 @@
 #include "platform/VkFileUtil.h"
 #include "platform/VkPlist.h"
 
+using Paths = std::vector<std::string>;
+
 // A fake Mac tree in a temporary folder: the context's system root is <tmp>/root, the
 // inspected home "/Users/tester", core operations recorded, nothing sleeps.
 class VkFakeMacTest : public ::testing::Test {
@@ -28,16 +29,10 @@ class VkFakeMacTest : public ::testing::Test {
         ctx->pacing = pacing;
     }
 
-    // A detector (VkAgentTrojan, VkFlashBack, or with pacing VkAntiTrojan) on the fake
-    // Mac's services.
-    template <class Detector>
-    Detector make() const {
-        if constexpr (std::is_constructible_v<Detector, VkInspectedSystem,
-                                              std::shared_ptr<VkCoreFunction>,
-                                              std::shared_ptr<VkSystemLog>>)
-            return Detector(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog);
-        else
-            return Detector(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog, pacing);
+    // A detector on the fake Mac's services (VkAntiTrojan takes the pacing too).
+    template <class Detector, class... More>
+    Detector make(More... more) const {
+        return Detector(ctx->inspectedSystem(), ctx->coreFunction, ctx->systemLog, more...);
     }
 
     // An inspected path ("~" allowed) as a path on this machine.

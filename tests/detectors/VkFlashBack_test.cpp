@@ -13,8 +13,6 @@
 
 namespace {
 
-using Paths = std::vector<std::string>;
-
 const char* const kSafari = "/Applications/Safari.app/Contents/Info.plist";
 const char* const kFirefox = "/Applications/Firefox.app/Contents/Info.plist";
 const char* const kChrome = "/Applications/Google Chrome.app/Contents/Info.plist";
@@ -143,42 +141,39 @@ TEST_F(VkFlashBackTest, LaunchdConfIsInfectedUnlessItMentionsUsrLib) {
     EXPECT_TRUE(scan(make<VkFlashBack>()).empty());
 }
 
-class VkFlashBackRemoveTest : public VkFlashBackTest {
-  protected:
-    // Builds top/d/d/.../d `depth` levels deep, never naming a path longer than one
-    // component, and puts a file named `name` into level `fileAt`.
-    static void makeChain(const std::string& top, int depth, int fileAt, const std::string& name) {
-        int fd = ::open(top.c_str(), O_DIRECTORY | O_RDONLY);
-        ASSERT_GE(fd, 0);
-        for (int level = 1; level <= depth; ++level) {
-            ASSERT_EQ(::mkdirat(fd, "d", 0755), 0);
-            int next = ::openat(fd, "d", O_DIRECTORY | O_RDONLY);
-            ::close(fd);
-            ASSERT_GE(next, 0);
-            fd = next;
-            if (level == fileAt)
-                ::close(::openat(fd, name.c_str(), O_CREAT | O_WRONLY, 0644));
-        }
+// Builds top/d/d/.../d `depth` levels deep, never naming a path longer than one component,
+// and puts a file named `name` into level `fileAt`.
+void makeChain(const std::string& top, int depth, int fileAt, const std::string& name) {
+    int fd = ::open(top.c_str(), O_DIRECTORY | O_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (int level = 1; level <= depth; ++level) {
+        ASSERT_EQ(::mkdirat(fd, "d", 0755), 0);
+        int next = ::openat(fd, "d", O_DIRECTORY | O_RDONLY);
         ::close(fd);
+        ASSERT_GE(next, 0);
+        fd = next;
+        if (level == fileAt)
+            ::close(::openat(fd, name.c_str(), O_CREAT | O_WRONLY, 0644));
     }
+    ::close(fd);
+}
 
-    // Takes such a chain apart from the top, lifting each grandchild up a level, so that
-    // no path ever gets too long to name.
-    static void removeChain(const std::string& top) {
-        int fd = ::open(top.c_str(), O_DIRECTORY | O_RDONLY);
-        ASSERT_GE(fd, 0);
-        for (;;) {
-            bool deeper = ::renameat(fd, "d/d", fd, "lifted") == 0;
-            std::filesystem::remove_all(top + "/d");
-            if (!deeper)
-                break;
+// Takes such a chain apart from the top, lifting each grandchild up a level, so that no path
+// ever gets too long to name.
+void removeChain(const std::string& top) {
+    int fd = ::open(top.c_str(), O_DIRECTORY | O_RDONLY);
+    ASSERT_GE(fd, 0);
+    for (bool deeper = true; deeper;) {
+        deeper = ::renameat(fd, "d/d", fd, "lifted") == 0;
+        std::filesystem::remove_all(top + "/d");
+        if (deeper) {
             ASSERT_EQ(::renameat(fd, "lifted", fd, "d"), 0);
         }
-        ::close(fd);
     }
-};
+    ::close(fd);
+}
 
-TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
+TEST_F(VkFlashBackTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
     Paths p = plant({{kSafari, browserInfo(insert("/Library/x.dylib")).toXml()},
                      {kChrome, browserInfo(insert("/Library/y.dylib")).toXml()},
                      {kEnvironment, insert("/Library/x.dylib").toXml()},
@@ -207,7 +202,7 @@ TEST_F(VkFlashBackRemoveTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
               (Paths{"[VkAnti] remove cstore: " + p[4], "[VkAnti] remove cstore: " + p[5]}));
 }
 
-TEST_F(VkFlashBackRemoveTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
+TEST_F(VkFlashBackTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
     // Links: loops, the machine's root, a folder outside holding a database (not ours to walk),
     // and one that carries the name itself (listed like any entry).
     dir.write("outside/" + std::string(kCsstoreA), "");

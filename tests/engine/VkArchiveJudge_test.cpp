@@ -2,16 +2,11 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <functional>
 
 #include <gtest/gtest.h>
 
 #include "engine/VkEngineTestData.h"
-#include "engine/VkTorjanScan.h"
-#include "fakes/VkQuietPacing.h"
-#include "fakes/VkTempDir.h"
 #include "fakes/VkTestArchives.h"
-#include "platform/VkContext.h"
 #include "platform/VkHandle.h"
 
 namespace {
@@ -19,18 +14,8 @@ namespace {
 const std::string kPlanted = vkTestBytes(3000, 1);
 const std::string kBig = vkTestBytes(kMiB + 4321, 2);
 
-class VkArchiveJudgeTest : public ::testing::Test {
+class VkArchiveJudgeTest : public VkEngineScanTest<> {
   protected:
-    VkArchiveJudgeTest() {
-        ctx->pacing = std::make_shared<VkQuietPacing>();
-        scan = std::make_unique<VkTorjanScan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults,
-                                              ctx->pacing);
-    }
-    // The first member found by the scanner's judging of one file.
-    std::shared_ptr<VkTorjanResultItems> check(const std::string& path,
-                                               std::shared_ptr<VkTorjanItem> record) {
-        return scan->checkTorjan(path, VkTorjanRecordList::make({std::move(record)}));
-    }
     // The judge alone, with a record list of one record, for what it did not examine.
     VkArchiveReport judge(const std::string& path, const std::string& contents,
                           VkArchiveLimits limits = {}) {
@@ -45,10 +30,6 @@ class VkArchiveJudgeTest : public ::testing::Test {
         VkFd fd(::open(path.c_str(), O_RDONLY));
         return judge.judge(fd.get(), path);
     }
-
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
-    std::unique_ptr<VkTorjanScan> scan;
 };
 
 TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMember) {
@@ -83,7 +64,8 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         SCOPED_TRACE(c.file);
         ASSERT_FALSE(c.contents.empty());
         std::string path = dir.write(c.file, c.contents);
-        auto result = check(path, recordFor("Test.Archived", c.planted, c.rightHead));
+        // The first member found by the scanner's judging of the file.
+        auto result = check(path, {recordFor("Test.Archived", c.planted, c.rightHead)});
         if (c.member.empty()) {
             EXPECT_EQ(result, nullptr);
             continue;
@@ -173,10 +155,9 @@ TEST_F(VkArchiveJudgeTest, OnlyCandidateSizesAreDecompressedAndNamesAreNeverPath
 // Whether a listed file is opened as an archive depends on its name alone, in any case.
 TEST(VkArchiveNames, ArchivesAreKnownByTheSuffixOfTheirLastComponent) {
     const std::pair<const char*, bool> names[] = {
-        {"/a/b.zip", true},     {"/a/B.ZIP", true},      {"/a/b.tar.Gz", true},
-        {"/a/b.Z", true},       {"/a/b.7z", true},       {"/a/b.zip/", true},
-        {"/a/.gz", false},      {"/a/b.zipx", false},    {"/a.zip/b", false},
-        {"/a/b.txt", false},    {"b.sparseimage", true}, {"", false},
+        {"/a/b.zip", true},  {"/a/B.ZIP", true},  {"/a/b.tar.Gz", true},   {"/a/b.Z", true},
+        {"/a/b.7z", true},   {"/a/b.zip/", true}, {"/a/.gz", false},       {"/a/b.zipx", false},
+        {"/a.zip/b", false}, {"/a/b.txt", false}, {"b.sparseimage", true}, {"", false},
     };
     for (const auto& [name, archive] : names)
         EXPECT_EQ(VkArchiveJudge::looksLikeArchive(name), archive) << name;

@@ -3,9 +3,15 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "engine/VkTorjanItem.h"
+#include <gtest/gtest.h>
+
+#include "engine/VkTorjanScan.h"
+#include "fakes/VkRecordingPacing.h"
+#include "fakes/VkTempDir.h"
 #include "fakes/VkTestBytes.h"
+#include "platform/VkContext.h"
 #include "platform/VkHashValue.h"
 
 // Synthetic files and the plain-text records that match them, shared by the engine's tests.
@@ -27,3 +33,20 @@ inline std::shared_ptr<VkTorjanItem> recordFor(const std::string& name, const st
         item->setHeadeCode(md5(rightHead ? contents.substr(0, kMiB) : vkTestBytes(kMiB, 9)));
     return item;
 }
+
+// A scanner on a context of the test's own, its pacing recorded (never sleeping).
+template <class Scan = VkTorjanScan>
+class VkEngineScanTest : public ::testing::Test {
+  protected:
+    // The scanner's judgment of one file against these records.
+    std::shared_ptr<VkTorjanResultItems> check(const std::string& path,
+                                               std::vector<std::shared_ptr<VkTorjanItem>> records) {
+        return scan->checkTorjan(path, VkTorjanRecordList::make(std::move(records)));
+    }
+
+    VkTempDir dir;
+    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
+    std::shared_ptr<VkRecordingPacing> pacing = std::make_shared<VkRecordingPacing>();
+    std::unique_ptr<Scan> scan =
+        std::make_unique<Scan>(ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, pacing);
+};

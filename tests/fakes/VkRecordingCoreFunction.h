@@ -37,7 +37,7 @@ class VkRecordingCoreFunction : public VkCoreFunction {
     }
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override {
         record({"fixPlistFile", {path, removeKey}});
-        return performPlistFixes_ ? real_.fixPlistFile(path, removeKey) : true;
+        return true;
     }
     bool killProcessByID(int32_t pid) override {
         record({"killProcessByID", {std::to_string(pid)}});
@@ -50,7 +50,6 @@ class VkRecordingCoreFunction : public VkCoreFunction {
 
     void performDeletes(bool on) { performDeletes_ = on; }
     void performMoves(bool on) { performMoves_ = on; }
-    void performPlistFixes(bool on) { performPlistFixes_ = on; }
     void performKills(bool on) { performKills_ = on; }
     // Makes every moveFileItem answer false.
     void failMoves(bool on) { failMoves_ = on; }
@@ -80,7 +79,6 @@ class VkRecordingCoreFunction : public VkCoreFunction {
     std::vector<Call> calls_;
     bool performDeletes_ = false;
     bool performMoves_ = false;
-    bool performPlistFixes_ = false;
     bool performKills_ = false;
     bool failMoves_ = false;
 };

@@ -2,7 +2,6 @@
 // HTTP server serves it, and `vksecurity update` verifies, fetches, stages and installs from
 // it, or refuses it and leaves the data folder as it was.
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -35,11 +34,16 @@ class VkSigPublishTest : public ::testing::Test {
                              {"VK_RESOURCE_DIR", dir / "resources"},
                              {"VK_UPDATE_KEYS_DIR", dir / "trusted"}});
     }
+    // A run that must succeed.
+    VkProgramOutput ok(const std::string& program, const std::vector<std::string>& args) {
+        auto r = run(program, args);
+        EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+        return r;
+    }
     // A key pair made by vksig; with `trust`, its public half is given to the client.
     std::string keygen(const std::string& name, bool trust) {
         dir.mkdir("keys");
-        auto made = run("vksig", {"keygen", dir / ("keys/" + name)});
-        EXPECT_EQ(made.exitCode, 0) << made.err;
+        ok("vksig", {"keygen", dir / ("keys/" + name)});
         if (trust)
             dir.write("trusted/" + name + ".pub",
                       *VkFile::readAll(dir / ("keys/" + name + ".pub")));
@@ -68,36 +72,30 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     std::string key = keygen("publisher", true);
     namespace fs = std::filesystem;
     EXPECT_EQ(fs::status(key).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    auto again = run("vksig", {"keygen", dir / "keys/publisher"});
-    EXPECT_EQ(again.exitCode, 2) << "a key is never overwritten";
+    EXPECT_EQ(run("vksig", {"keygen", dir / "keys/publisher"}).exitCode, 2)
+        << "a key is never overwritten";
     std::string db = dir / "Mine.sql";
-    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1.2"}).exitCode, 0);
-    auto published =
-        run("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key});
-    ASSERT_EQ(published.exitCode, 0) << published.err;
-    EXPECT_THAT(published.out, HasSubstr("sha256"));
+    ok("vksig", {"create", db, "--name", "Mine", "--version", "1.2"});
+    EXPECT_THAT(ok("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key}).out,
+                HasSubstr("sha256"));
     EXPECT_TRUE(VkFile::exists(manifest()));
 
-    auto update = run("vksecurity", {"update", "--server", url()});
-    ASSERT_EQ(update.exitCode, 0) << update.out << update.err;
+    auto update = ok("vksecurity", {"update", "--server", url()});
     EXPECT_THAT(update.out, HasSubstr("signed by key"));
     EXPECT_THAT(update.out, HasSubstr("downloaded Mine 1.2"));
     EXPECT_THAT(update.out, HasSubstr("installed " + (dir / "data/Mine.sql")));
     EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
-    auto second = run("vksecurity", {"--json", "update", "--server", url()});
-    ASSERT_EQ(second.exitCode, 0) << second.err;
-    auto report = nlohmann::json::parse(second.out);
+    auto report =
+        nlohmann::json::parse(ok("vksecurity", {"--json", "update", "--server", url()}).out);
     EXPECT_EQ(report["updateDate"], "2024-05-01T00:00:00Z");
     EXPECT_EQ(report["entries"], nlohmann::json::parse(R"([{"name": "Mine", "version": "1.2",
         "localVersion": "1.2", "action": "current", "detail": "local version 1.2",
         "webpath": "Mine.sql"}])"));
     EXPECT_TRUE(report["installed"].empty());
 
-    auto listed = run("vksecurity", {"--json", "db"});
-    ASSERT_EQ(listed.exitCode, 0) << listed.err;
-    auto dbs = nlohmann::json::parse(listed.out);
+    auto dbs = nlohmann::json::parse(ok("vksecurity", {"--json", "db"}).out);
     ASSERT_EQ(dbs["installed"].size(), 1u);
     EXPECT_EQ(dbs["installed"][0]["name"], "Mine");
     EXPECT_EQ(dbs["installed"][0]["version"], "1.2");
@@ -113,19 +111,16 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     std::string other = dir.mkdir("other") + "/Mine.sql";
     for (const auto& [db, version] :
          std::map<std::string, std::string>{{v1, "1"}, {v2, "2"}, {other, "2"}})
-        ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", version}).exitCode, 0);
-    ASSERT_EQ(run("vksig", {"add", other, "--size", "3", "--code",
-                            "0123456789abcdef0123456789abcdef", "--name", "Not.Publishers"})
-                  .exitCode,
-              0);
+        ok("vksig", {"create", db, "--name", "Mine", "--version", version});
+    ok("vksig", {"add", other, "--size", "3", "--code", "0123456789abcdef0123456789abcdef",
+                 "--name", "Not.Publishers"});
     auto publish = [&](const std::string& db, const std::string& signer,
                        const std::string& serial) {
         std::filesystem::remove_all(dir / "www");
         std::vector<std::string> args = {"publish", dir / "www", db, "--serial", serial};
         if (!signer.empty())
             args.insert(args.end(), {"--key", signer});
-        auto published = run("vksig", args);
-        ASSERT_EQ(published.exitCode, 0) << published.err;
+        ok("vksig", args);
     };
     // A served file with one bit changed.
     auto flip = [&](const std::string& name) {
@@ -134,7 +129,7 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
         VkFile::writeAtomically(served(name), body);
     };
     publish(v1, key, "100");
-    ASSERT_EQ(run("vksecurity", {"update", "--server", url()}).exitCode, 0);
+    ok("vksecurity", {"update", "--server", url()});
     const auto before = dataFiles();
     ASSERT_EQ(before.at(dir / "data/Mine.sql"), *VkFile::readAll(v1));
 
@@ -193,18 +188,17 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     EXPECT_FALSE(VkFile::exists(dir / "data/temp/Mine.sql"));
 
     // The next check fetches the publisher's file again and installs it.
-    auto healed = run("vksecurity", {"update", "--server", url()});
-    EXPECT_EQ(healed.exitCode, 0) << healed.err;
+    ok("vksecurity", {"update", "--server", url()});
     EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v2));
 }
 
 // Runs that must fail: exit code 2 with the reason, no manifest published, nothing installed.
 TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) {
     std::string db = dir / "Mine.sql";
-    ASSERT_EQ(run("vksig", {"create", db, "--name", "Mine", "--version", "1"}).exitCode, 0);
+    ok("vksig", {"create", db, "--name", "Mine", "--version", "1"});
     // A name the update would skip as not a plain NAME.sql.
     std::string spaced = dir / "My DB.sql";
-    ASSERT_EQ(run("vksig", {"create", spaced, "--name", "Spaced", "--version", "1"}).exitCode, 0);
+    ok("vksig", {"create", spaced, "--name", "Spaced", "--version", "1"});
     const struct {
         const char* program;
         std::vector<std::string> args;
@@ -223,24 +217,21 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
     }
     EXPECT_FALSE(VkFile::exists(manifest()));
 
-    VkFile::createDirectory(VkFile::deletingLastPathComponent(manifest()), true);
-    ASSERT_TRUE(VkFile::writeAtomically(manifest(), std::string("<plist>plain text</plist>")).ok());
+    dir.write("www/velkora_soft_upgrade_files/trojanupdate/version.xml",
+              "<plist>plain text</plist>");
     auto garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
     EXPECT_EQ(garbled.exitCode, 2);
     EXPECT_THAT(garbled.err, HasSubstr("does not decipher"));
     EXPECT_FALSE(VkFile::exists(dir / "data/temp"));
 
     // Unsigned: publishing warns, and the client takes it only when allowed.
-    auto published = run("vksig", {"publish", dir / "www", db});
-    ASSERT_EQ(published.exitCode, 0) << published.err;
-    EXPECT_THAT(published.err, HasSubstr("unsigned"));
+    EXPECT_THAT(ok("vksig", {"publish", dir / "www", db}).err, HasSubstr("unsigned"));
     auto unsigned_ = run("vksecurity", {"update", "--server", url()});
     EXPECT_EQ(unsigned_.exitCode, 2);
     EXPECT_THAT(unsigned_.err, HasSubstr("AllowUnsignedUpdates"));
     EXPECT_FALSE(VkFile::exists(dir / "data/Mine.sql"));
-    auto allowed = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
-    EXPECT_EQ(allowed.exitCode, 0) << allowed.err;
-    EXPECT_THAT(allowed.out, HasSubstr("UNSIGNED"));
+    EXPECT_THAT(ok("vksecurity", {"update", "--server", url(), "--allow-unsigned"}).out,
+                HasSubstr("UNSIGNED"));
     EXPECT_EQ(*VkFile::readAll(dir / "data/Mine.sql"), *VkFile::readAll(db));
 }
 

@@ -1,7 +1,7 @@
 // End-to-end tests of the built vksig program: the databases it writes are read by the store
 // and judged by the scanner exactly as shipped databases are.
 
-#include <cstdlib>
+#include <cctype>
 #include <filesystem>
 #include <map>
 
@@ -12,12 +12,9 @@
 #include "database/VkDataBaseCheck.h"
 #include "database/VkRawDb.h"
 #include "database/VkSqliteManager.h"
-#include "engine/VkTorjanScan.h"
+#include "engine/VkEngineTestData.h"
 #include "fakes/VkRunProgram.h"
-#include "fakes/VkTempDir.h"
-#include "fakes/VkTestBytes.h"
 #include "platform/VkFileUtil.h"
-#include "platform/VkHashValue.h"
 #include "platform/VkKeyedArchiver.h"
 
 namespace {
@@ -25,16 +22,16 @@ namespace {
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
-constexpr size_t kMiB = 1048576;
-
-std::string md5(const std::string& bytes) {
-    return *VkHashValue::hashWithData(bytes.data(), static_cast<uint32_t>(bytes.size()), 0);
-}
-
-class VksigTest : public ::testing::Test {
+class VksigTest : public VkEngineScanTest<> {
   protected:
     VkProgramOutput vksig(const std::vector<std::string>& args) {
         return vkRunProgram(std::string(VK_BINARY_DIR) + "/apps/vksig/vksig", args);
+    }
+    // A run that must succeed.
+    VkProgramOutput ok(const std::vector<std::string>& args) {
+        auto r = vksig(args);
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        return r;
     }
 
     // The database's records as the scanner loads them: read by the store, deciphered.
@@ -49,20 +46,12 @@ class VksigTest : public ::testing::Test {
 
     std::optional<std::string> detected(const std::string& path,
                                         const std::shared_ptr<const VkTorjanRecordList>& list) {
-        auto result = scan.checkTorjan(path, list);
-        if (!result)
-            return std::nullopt;
-        return result->displayName();
+        auto result = scan->checkTorjan(path, list);
+        return result ? result->displayName() : std::nullopt;
     }
 
-    void create() {
-        auto r = vksig({"create", db, "--name", "TestDb", "--version", "1.2"});
-        ASSERT_EQ(r.exitCode, 0) << r.err;
-    }
+    void create() { ok({"create", db, "--name", "TestDb", "--version", "1.2"}); }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
-    VkTorjanScan scan{ctx->systemRoot, ctx->dataFolder, ctx->userDefaults, ctx->pacing};
     std::string db = dir / "test.sql";
 };
 
@@ -72,13 +61,12 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
     std::string large = vkTestBytes(kMiB + 100, 2);
     std::string smallPath = dir.write("samples/small.bin", small);
     std::string largePath = dir.write("samples/large.bin", large);
-    auto r =
-        vksig({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail", "a small one",
-               "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill", "k:FooAgent"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(md5(small)));
-    r = vksig({"add", db, "--sample", largePath, "--name", "OSX/Large.B"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_THAT(
+        ok({"add", db, "--sample", smallPath, "--name", "OSX/Small.A", "--detail", "a small one",
+            "--level", "3", "--kill", "d:/Library/Foo:bar.plist", "--kill", "k:FooAgent"})
+            .out,
+        HasSubstr(md5(small)));
+    ok({"add", db, "--sample", largePath, "--name", "OSX/Large.B"});
 
     auto list = load(db);
     ASSERT_EQ(list->size(), 2u);
@@ -90,8 +78,7 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
     EXPECT_EQ(detected(dir.write("x/same-head", sameHead), list), std::nullopt);
 
     // Listed deciphered, as text and as JSON, and summed up by info.
-    auto text = vksig({"list", db});
-    ASSERT_EQ(text.exitCode, 0) << text.err;
+    auto text = ok({"list", db});
     std::string head = md5(large.substr(0, kMiB)), size = std::to_string(large.size());
     EXPECT_EQ(text.out, md5(small) +
                             "  1000  OSX/Small.A  level=3 version=1.0 detail=\"a small one\" "
@@ -107,9 +94,8 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
     for (const auto& [from, to] : std::map<std::string, std::string>{
              {"SMALL", md5(small)}, {"SIZE", size}, {"LARGE", md5(large)}, {"HEAD", head}})
         expected.replace(expected.find(from), from.size(), to);
-    auto json = vksig({"list", "--json", db});
-    ASSERT_EQ(json.exitCode, 0) << json.err;
-    EXPECT_EQ(nlohmann::json::parse(json.out), nlohmann::json::parse(expected));
+    EXPECT_EQ(nlohmann::json::parse(ok({"list", "--json", db}).out),
+              nlohmann::json::parse(expected));
     EXPECT_THAT(vksig({"info", db}).out,
                 HasSubstr("name:      TestDb\nversion:   1.2\nrecords:   2 (1 with a head code, "
                           "1 with a kill list)"));
@@ -120,31 +106,26 @@ TEST_F(VksigTest, RecordsWithoutASampleAreAddedOnceAndRemovedByCode) {
     create();
     std::string testFile = vkAntiVirusTestFile();
     ASSERT_EQ(testFile.size(), 68u);
-    auto r = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Test-File"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    auto list = load(db);
-    std::string sample = dir.write("t.com", testFile);
-    EXPECT_EQ(detected(sample, list), "Test-File");
+    ok({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Test-File"});
+    EXPECT_EQ(detected(dir.write("t.com", testFile), load(db)), "Test-File");
 
     // Upper-case hex is taken, and stored as the scanner writes hashes.
     std::string upper = md5("head");
     for (auto& c : upper)
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    r = vksig({"add", db, "--size", "2000000", "--code", md5("big"), "--head-code", upper, "--name",
-               "Big"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ok({"add", db, "--size", "2000000", "--code", md5("big"), "--head-code", upper, "--name",
+        "Big"});
     EXPECT_EQ(load(db)->items().back()->headeCode(), md5("head"));
 
     // The same code twice is refused.
-    r = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Again"});
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_THAT(r.err, HasSubstr("already has a record"));
+    auto again = vksig({"add", db, "--size", "68", "--code", md5(testFile), "--name", "Again"});
+    EXPECT_EQ(again.exitCode, 2);
+    EXPECT_THAT(again.err, HasSubstr("already has a record"));
     EXPECT_EQ(load(db)->size(), 2u);
 
-    r = vksig({"remove", db, "--code", md5(testFile)});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out, "removed 1 record(s) with code " + md5(testFile) + "\n");
-    list = load(db);
+    EXPECT_EQ(ok({"remove", db, "--code", md5(testFile)}).out,
+              "removed 1 record(s) with code " + md5(testFile) + "\n");
+    auto list = load(db);
     ASSERT_EQ(list->size(), 1u);
     EXPECT_EQ(list->items()[0]->name(), "Big");
 }
@@ -156,10 +137,8 @@ TEST_F(VksigTest, ImportsHashListsAndSkipsWhatCannotMatch) {
     std::string hdb = dir.write("list.hdb", "# a comment\n\n" + md5(a) + ":10:Hdb.A\r\n" + md5(b) +
                                                 ":20:Hdb.B:73\n" + md5("large") +
                                                 ":2000000:Hdb.Large\n" + md5(a) + ":10:Hdb.Dup\n");
-    auto r = vksig({"import-hdb", db, hdb, "--level", "2"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_THAT(r.out, HasSubstr("imported 2 record(s)"));
-    EXPECT_THAT(r.out, HasSubstr("skipped 1 record(s) larger than 1048576 bytes"));
+    auto r = ok({"import-hdb", db, hdb, "--level", "2"});
+    EXPECT_THAT(r.out, HasSubstr("imported 2 record(s)\nskipped 1 record(s) larger than 1048576"));
     EXPECT_THAT(r.out, HasSubstr("skipped 1 record(s) whose code is already present"));
     auto list = load(db);
     ASSERT_EQ(list->size(), 2u);
@@ -237,19 +216,12 @@ TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
     ASSERT_TRUE(VkFile::existsNoFollow(packaged)) << packaged;
     EXPECT_TRUE(VkDataBaseCheck::checkFormat(packaged));
     auto problems = VkDataBaseCheck::verify(packaged);
-    ASSERT_TRUE(problems);
-    EXPECT_TRUE(problems->empty());
-
-    VkSqliteManager manager(ctx);
-    auto info = manager.dataBaseForPath(packaged);
-    ASSERT_NE(info, nullptr);
-    EXPECT_EQ(info->name(), "VkTrojanDB");
-
-    auto list = load(packaged);
-    std::string testFile = vkAntiVirusTestFile();
-    auto name = detected(dir.write("downloads/test-file.txt", testFile), list);
-    ASSERT_TRUE(name.has_value());
-    EXPECT_NE(name->find("EICAR"), std::string::npos);
+    EXPECT_TRUE(problems && problems->empty());
+    auto info = VkSqliteManager(ctx).dataBaseForPath(packaged);
+    EXPECT_EQ(info ? info->name() : std::nullopt, "VkTrojanDB");
+    auto name =
+        detected(dir.write("downloads/test-file.txt", vkAntiVirusTestFile()), load(packaged));
+    EXPECT_THAT(name.value_or(""), HasSubstr("EICAR"));
 }
 
 // A kill list with malformed entries, written into a database behind vksig's back: the
@@ -258,10 +230,8 @@ TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
 TEST_F(VksigTest, MalformedKillEntriesAndPlainRowsAreReportedWhereverAUserLooks) {
     create();
     std::string sample = dir.write("s.bin", "kill list sample");
-    ASSERT_EQ(vksig({"add", db, "--sample", sample, "--name", "K", "--kill", "k:P"}).exitCode, 0);
-    auto ok = vksig({"verify", db});
-    EXPECT_EQ(ok.exitCode, 0) << ok.out << ok.err;
-    EXPECT_THAT(ok.out, HasSubstr("no problems"));
+    ok({"add", db, "--sample", sample, "--name", "K", "--kill", "k:P"});
+    EXPECT_THAT(ok({"verify", db}).out, HasSubstr("no problems"));
     VkPlist::Array stored = {VkPlist::array({"k", "Proc"}), VkPlist::array(),
                              VkPlist::array({"d", "/Library"}),
                              VkPlist::array({"d", "/Library/Foo", "."})};
