@@ -22,6 +22,7 @@
 namespace {
 
 using P = VkMonitorProtocol;
+using vkmon::pathsOf;
 using vkmon::waitUntil;
 using Paths = std::vector<std::string>;
 
@@ -47,13 +48,6 @@ VkFileMonLogsItem::Items itemsOf(const std::string& bytes) {
         VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes.begin(), bytes.end()));
     EXPECT_TRUE(items && *items);
     return items && *items ? **items : VkFileMonLogsItem::Items{};
-}
-
-Paths pathsOf(const VkFileMonLogsItem::Items& items) {
-    Paths paths;
-    for (const auto& item : items)
-        paths.push_back(item->filePath().value_or("?"));
-    return paths;
 }
 
 class VkFileMonServiceTest : public ::testing::Test {
