@@ -92,9 +92,7 @@ class VkScanCommandTest : public ::testing::Test {
     }
     json runJson(std::vector<std::string> args) {
         args.insert(args.begin(), "--json");
-        auto r = run(args);
-        EXPECT_EQ(r.exitCode, 0) << r.err;
-        return json::parse(r.out);
+        return json::parse(runExpect(0, args).out);
     }
     // Quarantines a new file through the store, as a scan's clean step does.
     std::string quarantine(const std::string& relative, const std::string& bytes,
