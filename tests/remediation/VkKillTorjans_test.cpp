@@ -203,11 +203,9 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
 TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouchNothing) {
     std::string own = dir.write("root/found/evil.bin", "x");
     std::string target = dir.write("root/Library/Foo/bar.plist", "<plist/>");
-    dir.write("root/Library/Foo/keep.plist", "<plist/>");
-    dir.write("root/etc/passwd", "x");
-    dir.write("root/Users/tester/Documents/doc.txt", "x");
-    dir.write("root/Users/tester/.profile", "x");
-    dir.write("outside/precious", "x");
+    for (const char* file : {"root/Library/Foo/keep.plist", "root/etc/passwd", "outside/precious",
+                             "root/Users/tester/Documents/doc.txt", "root/Users/tester/.profile"})
+        dir.write(file, "x");
     fs::create_directory_symlink(dir / "outside", dir / "root/Library/lnk");
     // Each hostile "d" entry as folder|name, separated by semicolons.
     std::istringstream hostile(
