@@ -38,8 +38,8 @@ std::vector<std::string> summary(const VkKillReport& report) {
     return out;
 }
 
-// Records every delegate call with the number of core operations made before it. Read once
-// the runs are joined.
+// Records every delegate call as a line, "<file> <progress> ok|failed" or "end", followed by
+// "after <core calls made>" and " on main" when on the main thread. Read once runs are joined.
 struct RecordingDelegate : VkKillTorjansDelegate {
     RecordingDelegate(std::shared_ptr<VkRecordingCoreFunction> core,
                       std::shared_ptr<VkMainQueue> queue)
@@ -47,28 +47,27 @@ struct RecordingDelegate : VkKillTorjansDelegate {
 
     bool killTorjansProgress(const std::shared_ptr<VkTorjanResultItems>& result, float value,
                              bool isSuccess) override {
-        std::lock_guard lock(mutex);
-        std::ostringstream line;  // "file progress ok|failed after <core calls> [on main]"
+        std::ostringstream line;
         line << VkFile::lastPathComponent(result->path().value_or("-")) << " " << value
-             << (isSuccess ? " ok" : " failed") << " after " << core->calls().size()
-             << (queue->isMainThread() ? " on main" : "");
-        progress.push_back(line.str());
+             << (isSuccess ? " ok" : " failed");
+        hear(line.str());
         return true;
     }
-    void killTorjansEnd() override {
+    void killTorjansEnd() override { hear("end"); }
+    void hear(const std::string& what) {
         std::lock_guard lock(mutex);
-        ++ends;
-        endOnMainThread = queue->isMainThread();
-        coreCallsAtEnd = core->calls().size();
+        heard.push_back(what + " after " + std::to_string(core->calls().size()) +
+                        (queue->isMainThread() ? " on main" : ""));
+    }
+    long ends() const {
+        return std::count_if(heard.begin(), heard.end(),
+                             [](const std::string& line) { return line.starts_with("end "); });
     }
 
     std::shared_ptr<VkRecordingCoreFunction> core;
     std::shared_ptr<VkMainQueue> queue;
     std::mutex mutex;
-    std::vector<std::string> progress;
-    int ends = 0;
-    bool endOnMainThread = false;
-    size_t coreCallsAtEnd = 0;
+    std::vector<std::string> heard;
 };
 
 // A process table made up by the test; listPids can fail, and waits while the gate is shut.
@@ -183,18 +182,16 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
     auto killer = newKiller();
     killer->killTorjanItem({}, delegate);
     killer->joinKillThreads();
-    EXPECT_EQ(delegate->ends, 0) << "the end goes through the main queue";
+    EXPECT_TRUE(delegate->heard.empty()) << "the end goes through the main queue";
     queue->runPending();
 
-    EXPECT_TRUE(delegate->progress.empty());
-    EXPECT_EQ(delegate->ends, 1);
-    EXPECT_TRUE(delegate->endOnMainThread);
+    // On the main thread, after the detectors' removal.
+    EXPECT_EQ(delegate->heard, std::vector<std::string>{"end after 3 on main"});
     EXPECT_EQ(callLines(),
               (std::vector<std::string>{"startClean",
                                         "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES",
                                         "startClean " + agentFile}));
     EXPECT_FALSE(fs::exists(agentFile));
-    EXPECT_EQ(delegate->coreCallsAtEnd, 3u) << "the end comes after the detectors' removal";
 }
 
 // A "d" entry deletes folder/name in the inspected system, not the result's own file.
@@ -233,7 +230,7 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
 
     ASSERT_TRUE(report.completed);
     EXPECT_EQ(summary(report), std::vector<std::string>{std::string(18, '-') + "+"});
-    EXPECT_EQ(delegate->ends, 1) << "delivered before killTorjanItemAndWait returned";
+    EXPECT_EQ(delegate->ends(), 1) << "delivered before killTorjanItemAndWait returned";
 }
 
 // Results without instructions (none, or an empty list) lose their own file, all in one
@@ -250,16 +247,16 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
         delegate);
 
     // On the removal thread; special results after the clean.
-    EXPECT_EQ(delegate->progress,
+    EXPECT_EQ(delegate->heard,
               (std::vector<std::string>{"a.bin 0.25 ok after 0", "b.bin 0.25 ok after 0",
-                                        "c.bin 0.25 ok after 0", "special.plist 0.25 ok after 1"}));
+                                        "c.bin 0.25 ok after 0", "special.plist 0.25 ok after 1",
+                                        "end after 1 on main"}));
 
     EXPECT_EQ(callLines(), std::vector<std::string>{"startClean " + a + " " + b + " " + c});
     for (const auto& gone : {a, b, c})
         EXPECT_FALSE(fs::exists(gone)) << gone;
     EXPECT_TRUE(fs::exists(s)) << "special files are left to the detectors";
     EXPECT_EQ(summary(report), (std::vector<std::string>{"+", "special", "+", "+"}));
-    EXPECT_EQ(delegate->ends, 1);
 
     // Instructions that were all dropped when read were instructions still: the detected
     // file is not deleted in their place.
@@ -279,8 +276,7 @@ TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
     queue->runPending();
 
     EXPECT_EQ(processes->listingCount(), 1);
-    EXPECT_TRUE(delegate->progress.empty());
-    EXPECT_EQ(delegate->ends, 0);
+    EXPECT_TRUE(delegate->heard.empty());
     EXPECT_TRUE(core->calls().empty()) << "no deletion, no kill, no detector removal";
     EXPECT_TRUE(fs::exists(file));
 
@@ -316,7 +312,8 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     for (const auto& kill : report.outcomes[0].kills)
         ended[kill.pid] = kill.ended;
     EXPECT_EQ(ended, (std::map<int32_t, bool>{{1, false}, {self, false}, {4242, true}}));
-    ASSERT_EQ(delegate->progress.size(), 1u);
+    EXPECT_EQ(delegate->heard,
+              (std::vector<std::string>{"Foo 1 ok after 1", "end after 2 on main"}));
 }
 
 TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
@@ -338,10 +335,9 @@ TEST_F(VkKillTorjansTest, SecondRequestRunsAlongsideAndTakesOverTheDelegate) {
     EXPECT_FALSE(fs::exists(b));
     EXPECT_EQ(cleanCalls().size(), 2u);
     // Both runs were still going when the delegate was replaced: both report to the second.
-    EXPECT_TRUE(delegate->progress.empty());
-    EXPECT_EQ(delegate->ends, 0);
-    EXPECT_EQ(second->progress.size(), 2u);
-    EXPECT_EQ(second->ends, 2);
+    EXPECT_TRUE(delegate->heard.empty());
+    EXPECT_EQ(second->heard.size(), 4u);
+    EXPECT_EQ(second->ends(), 2);
 }
 
 // Real processes, found through the real process list and ended by the real core function.
@@ -431,7 +427,7 @@ TEST_F(VkKillTorjansProcessTest, KillEntryEndsEveryProcessWithExactlyThatName) {
         EXPECT_TRUE(ended(pid)) << pid;
     EXPECT_FALSE(ended(longer) || ended(shorter));
     EXPECT_TRUE(fs::exists(own));
-    EXPECT_EQ(delegate->ends, 1);
+    EXPECT_EQ(delegate->ends(), 1);
 }
 
 }  // namespace
