@@ -152,11 +152,8 @@ TEST_F(VkScanCommandTest, ErrorsExitTwo) {
                   {{"scan", "--remove", "--trust", tree}, ""},
                   {{"--root", dir / "nope", "scan", tree}, ""},
                   {{"--root", file, "scan", tree}, ""}};
-    for (const auto& c : errors) {
-        auto r = run(c.args);
-        EXPECT_EQ(r.exitCode, 2) << json(c.args).dump();
-        EXPECT_THAT(r.err, HasSubstr(c.inErr));
-    }
+    for (const auto& c : errors)
+        EXPECT_THAT(runExpect(2, c.args).err, HasSubstr(c.inErr));
     auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "scan", tree},
                              {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}});
     EXPECT_EQ(none.exitCode, 2) << none.out;
@@ -175,9 +172,9 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
               std::pair(json(zip), json("in/alpha")));
 
     std::string list = dir.write("list.txt", zip + "\n" + dir / "root/tree/docs/clean.txt" + "\n");
-    EXPECT_EQ(run({"scan", "--file-list", list}).exitCode, 1);
-    EXPECT_EQ(run({"scan", "--no-archives", zip}).exitCode, 0);
-    EXPECT_EQ(run({"scan", "--exclude", "*.zip", dir / "root/arch"}).exitCode, 0);
+    runExpect(1, {"scan", "--file-list", list});
+    runExpect(0, {"scan", "--no-archives", zip});
+    runExpect(0, {"scan", "--exclude", "*.zip", dir / "root/arch"});
     EXPECT_THAT(run({"--json", "logs"}).out, HasSubstr(zip + "!in/alpha")) << "history names it";
     // A broken archive is never called clean.
     auto broken = runExpect(2, {"scan", dir.write("root/cut.zip", archive.substr(0, 40))});
