@@ -101,11 +101,9 @@ TEST_F(VkCliConventionsTest, XdgFoldersAreUsedOnlyWhenAbsolute) {
     // Without VK_DEFAULTS_FILE the settings follow the XDG rules: a relative value counts as
     // unset.
     auto pathsWith = [&](const std::string& config, const std::string& runtime) {
-        auto answer = vkRunProgram(kApps + "vksecurity/vksecurity", {"--json", "paths"},
-                                   {{"VK_DATA_DIR", dir / "data"},
-                                    {"VK_DEFAULTS_FILE", ""},
-                                    {"XDG_CONFIG_HOME", config},
-                                    {"XDG_RUNTIME_DIR", runtime}});
+        auto answer = run(
+            "vksecurity", {"--json", "paths"},
+            {{"VK_DEFAULTS_FILE", ""}, {"XDG_CONFIG_HOME", config}, {"XDG_RUNTIME_DIR", runtime}});
         EXPECT_EQ(answer.exitCode, 0) << answer.err;
         return nlohmann::json::parse(answer.out);
     };
@@ -119,12 +117,8 @@ TEST_F(VkCliConventionsTest, XdgFoldersAreUsedOnlyWhenAbsolute) {
     // A fresh account has no data home yet: the first scan makes it, owner-only, and installs
     // the packaged signatures instead of stopping with none.
     std::string fresh = dir / "fresh/share";
-    auto first = vkRunProgram(kApps + "vksecurity/vksecurity", {"scan", dir.mkdir("inbox")},
-                              {{"VK_DATA_DIR", ""},
-                               {"XDG_DATA_HOME", fresh},
-                               {"VK_DEFAULTS_FILE", dir / "config/VkSecurity.plist"},
-                               {"XDG_RUNTIME_DIR", dir.mkdir("run")},
-                               {"VK_UPDATE_SERVER", "http://127.0.0.1:9"}});
+    auto first = run("vksecurity", {"scan", dir.mkdir("inbox")},
+                     {{"VK_DATA_DIR", ""}, {"XDG_DATA_HOME", fresh}, {"VK_RESOURCE_DIR", ""}});
     EXPECT_EQ(first.exitCode, 0) << first.err;
     EXPECT_EQ(modeOf(fresh), 0700u);
     EXPECT_EQ(modeOf(dir / "fresh"), 0700u);

@@ -44,6 +44,16 @@ std::vector<json> jsonLines(const std::string& out) {
     return objects;
 }
 
+// The report's finding lines, in any order.
+std::set<std::string> foundLines(const std::string& out) {
+    std::set<std::string> found;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);)
+        if (line.ends_with(" FOUND"))
+            found.insert(line);
+    return found;
+}
+
 std::string bytesOf(const json& object, const std::string& key) {
     auto raw = object.contains(key + "Base64")
                    ? VkDecodeBase64(object[key + "Base64"].get<std::string>())
@@ -74,11 +84,15 @@ class VkScanCommandTest : public ::testing::Test {
             kProgram, args,
             {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}, {"VK_SYSTEM_ROOT", dir / "root"}});
     }
+    // Runs and checks the exit code, showing everything printed when it differs.
+    VkProgramOutput runExpect(int exitCode, const std::vector<std::string>& args) {
+        auto r = run(args);
+        EXPECT_EQ(r.exitCode, exitCode) << json(args).dump() << "\n" << r.out << r.err;
+        return r;
+    }
     json runJson(std::vector<std::string> args) {
         args.insert(args.begin(), "--json");
-        auto r = run(args);
-        EXPECT_EQ(r.exitCode, 0) << r.err;
-        return json::parse(r.out);
+        return json::parse(runExpect(0, args).out);
     }
     // Quarantines a new file through the store, as a scan's clean step does.
     std::string quarantine(const std::string& relative, const std::string& bytes,
@@ -100,17 +114,14 @@ class VkScanCommandTest : public ::testing::Test {
 };
 
 TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorruptDatabase) {
-    auto r = run({"scan", tree});
-    EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(alpha + ": Test.Alpha FOUND\n"));
-    EXPECT_THAT(r.out, HasSubstr(beta + ": Test.Beta FOUND\n"));
-    EXPECT_THAT(r.out, Not(HasSubstr("clean.txt")));
+    auto r = runExpect(1, {"scan", tree});
+    EXPECT_EQ(foundLines(r.out),
+              (std::set<std::string>{alpha + ": Test.Alpha FOUND", beta + ": Test.Beta FOUND"}));
     EXPECT_THAT(r.out, HasSubstr("Findings:      2"));
     EXPECT_THAT(r.out, HasSubstr("Files judged:  4"));
     EXPECT_EQ(r.err, "") << "no progress line when not on a terminal";
 
-    auto j = run({"--json", "scan", tree});
-    EXPECT_EQ(j.exitCode, 1);
+    auto j = runExpect(1, {"--json", "scan", tree});
     auto objects = jsonLines(j.out);
     ASSERT_EQ(objects.size(), 3u) << j.out;
     EXPECT_EQ((std::set<std::string>{objects[0]["name"], objects[1]["name"]}),
@@ -123,8 +134,7 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorr
 
     // A corrupt database gives nothing; the packaged one is installed beside the test's.
     dir.write("data/corrupt.sql", "this is not a database");
-    j = run({"--json", "scan", tree});
-    EXPECT_EQ(j.exitCode, 1) << j.err;
+    j = runExpect(1, {"--json", "scan", tree});
     EXPECT_THAT(j.err, HasSubstr("errorMsg"));
     auto last = jsonLines(j.out).back();
     EXPECT_EQ(last["databases"], json::array({"test.sql", "VkTrojanDB.sql"}));
@@ -142,11 +152,8 @@ TEST_F(VkScanCommandTest, ErrorsExitTwo) {
                   {{"scan", "--remove", "--trust", tree}, ""},
                   {{"--root", dir / "nope", "scan", tree}, ""},
                   {{"--root", file, "scan", tree}, ""}};
-    for (const auto& c : errors) {
-        auto r = run(c.args);
-        EXPECT_EQ(r.exitCode, 2) << json(c.args).dump();
-        EXPECT_THAT(r.err, HasSubstr(c.inErr));
-    }
+    for (const auto& c : errors)
+        EXPECT_THAT(runExpect(2, c.args).err, HasSubstr(c.inErr));
     auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "scan", tree},
                              {{"VK_DEFAULTS_FILE", dir / "defaults.plist"}});
     EXPECT_EQ(none.exitCode, 2) << none.out;
@@ -157,31 +164,26 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
     std::string archive = vkMakeArchive("zip", "", {{"in/alpha", "alpha-synthetic-sample"}});
     std::string zip = dir.write("root/arch/a.zip", archive);
     dir.write("root/arch/skip/b.zip", archive);
-    auto text = run({"scan", "--exclude-dir", "skip", dir / "root/arch"});
-    EXPECT_EQ(text.exitCode, 1) << text.err;
-    EXPECT_EQ(text.out.find(zip + "!in/alpha: Test.Alpha FOUND\n"), 0u) << text.out;
-    EXPECT_THAT(text.out, Not(HasSubstr("skip/b.zip")));
+    auto text = runExpect(1, {"scan", "--exclude-dir", "skip", dir / "root/arch"});
+    EXPECT_EQ(foundLines(text.out), std::set<std::string>{zip + "!in/alpha: Test.Alpha FOUND"});
 
     auto finding = jsonLines(run({"--json", "scan", zip}).out).at(0);
-    EXPECT_EQ(finding["path"], zip);
-    EXPECT_EQ(finding["member"], "in/alpha");
+    EXPECT_EQ(std::pair(finding["path"], finding["member"]),
+              std::pair(json(zip), json("in/alpha")));
 
     std::string list = dir.write("list.txt", zip + "\n" + dir / "root/tree/docs/clean.txt" + "\n");
-    EXPECT_EQ(run({"scan", "--file-list", list}).exitCode, 1);
-    EXPECT_EQ(run({"scan", "--no-archives", zip}).exitCode, 0);
-    EXPECT_EQ(run({"scan", "--exclude", "*.zip", dir / "root/arch"}).exitCode, 0);
+    runExpect(1, {"scan", "--file-list", list});
+    runExpect(0, {"scan", "--no-archives", zip});
+    runExpect(0, {"scan", "--exclude", "*.zip", dir / "root/arch"});
     EXPECT_THAT(run({"--json", "logs"}).out, HasSubstr(zip + "!in/alpha")) << "history names it";
     // A broken archive is never called clean.
-    auto broken = run({"scan", dir.write("root/cut.zip", archive.substr(0, 40))});
-    EXPECT_EQ(broken.exitCode, 2);
+    auto broken = runExpect(2, {"scan", dir.write("root/cut.zip", archive.substr(0, 40))});
     EXPECT_THAT(broken.err, HasSubstr("not examined"));
 }
 
 TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {
     std::string hit = dir.write("root/Applications/x/alpha.bin", "alpha-synthetic-sample");
-    auto r = run({"scan", "--full"});
-    EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(hit + ": Test.Alpha FOUND"));
+    EXPECT_THAT(runExpect(1, {"scan", "--full"}).out, HasSubstr(hit + ": Test.Alpha FOUND"));
 }
 
 // --remove says what became of each file: a finding is deleted, a browser's list cleaned in
@@ -206,27 +208,22 @@ TEST_F(VkScanCommandTest, RemovalReportsWhatWasReallyDone) {
                   killOnly + ": no matching process; file left in place\n",
                   true}};
     for (const auto& c : cases) {
-        auto r = run(c.args);
-        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
-        EXPECT_THAT(r.out, HasSubstr(c.line));
+        EXPECT_THAT(runExpect(1, c.args).out, HasSubstr(c.line));
         EXPECT_EQ(VkFile::existsNoFollow(c.path), c.kept) << c.path;
     }
     EXPECT_TRUE(VkFile::existsNoFollow(dir / "root/tree/docs/clean.txt"));
-    auto logs = runJson({"logs"});
-    ASSERT_EQ(logs.size(), 3u);
-    EXPECT_EQ(logs[0]["entries"][0]["operation"], "removed");
-    EXPECT_EQ(logs[1]["entries"][0]["operation"], "removed");
-    EXPECT_EQ(logs[2]["entries"][0]["operation"], "found");
+    std::vector<std::string> operations;
+    for (const auto& scan : runJson({"logs"}))
+        operations.push_back(scan["entries"][0]["operation"]);
+    EXPECT_EQ(operations, (std::vector<std::string>{"removed", "removed", "found"}));
 }
 
 // A finding named like the quarantine's list, then a scan of a tree that holds the data
 // folder: the list survives and the quarantine is never taken into itself.
 TEST_F(VkScanCommandTest, QuarantineNeverTakesItsOwnFolderNorItsList) {
     dir.write("root/tree/docs/info.list", "alpha-synthetic-sample");
-    auto first = run({"scan", "--quarantine", dir / "root/tree/docs"});
-    EXPECT_EQ(first.exitCode, 1) << first.err << first.out;
-    auto second = run({"scan", "--quarantine", dir.path()});
-    EXPECT_EQ(second.exitCode, 1) << second.err << second.out;
+    runExpect(1, {"scan", "--quarantine", dir / "root/tree/docs"});
+    auto second = runExpect(1, {"scan", "--quarantine", dir.path()});
     EXPECT_THAT(second.out, Not(HasSubstr(dir / "data")));
     auto listed = runJson({"quarantine", "list"});
     ASSERT_EQ(listed.size(), 3u) << listed.dump();
@@ -244,14 +241,12 @@ TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
     ASSERT_TRUE(bytes.ok());
     dir.write("data/Logs/vkFileMon.logs", std::string(bytes->begin(), bytes->end()));
 
-    auto records = runJson({"logs", "--monitor"});
-    ASSERT_EQ(records.size(), 1u) << records.dump();
-    EXPECT_EQ(records[0], json({{"path", dir / "Downloads/setup.dmg"},
-                                {"name", "Test.Alpha"},
-                                {"downloadTime", 1700000000},
-                                {"logTime", 1700000100}}));
-    EXPECT_EQ(run({"logs", "--monitor", "--clear"}).exitCode, 0);
-    EXPECT_EQ(runJson({"logs", "--monitor"}).size(), 0u);
+    EXPECT_EQ(runJson({"logs", "--monitor"}), json::array({{{"path", dir / "Downloads/setup.dmg"},
+                                                            {"name", "Test.Alpha"},
+                                                            {"downloadTime", 1700000000},
+                                                            {"logTime", 1700000100}}}));
+    runExpect(0, {"logs", "--monitor", "--clear"});
+    EXPECT_EQ(runJson({"logs", "--monitor"}), json::array());
 }
 
 TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
@@ -261,21 +256,13 @@ TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
     std::string raw = dir.write("root/odd/bad\xff\xfe.bin", "alpha-synthetic-sample");
     std::string odd = dir / "root/odd";
 
-    auto text = run({"scan", odd});
-    EXPECT_EQ(text.exitCode, 1) << text.err;
-    EXPECT_THAT(text.out, HasSubstr(odd + "/x\\nforged.bin: Test.Beta FOUND: Test.Alpha FOUND\n"));
-    EXPECT_THAT(text.out, HasSubstr(odd + "/bad\\xff\\xfe.bin: Test.Alpha FOUND\n"));
-    std::istringstream lines(text.out);
-    size_t foundLines = 0;
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_NE(line.rfind("forged.bin", 0), 0u) << "a forged line: " << line;
-        foundLines += line.ends_with(" FOUND");
-    }
-    EXPECT_EQ(foundLines, 2u) << text.out;
+    // Exactly two finding lines: no line of its own for the forged part.
+    EXPECT_EQ(foundLines(runExpect(1, {"scan", odd}).out),
+              (std::set<std::string>{odd + "/x\\nforged.bin: Test.Beta FOUND: Test.Alpha FOUND",
+                                     odd + "/bad\\xff\\xfe.bin: Test.Alpha FOUND"}));
 
     // JSON names both files exactly: the raw bytes in Base64 where the path is not UTF-8.
-    auto scanned = run({"--json", "scan", "--quarantine", odd});
-    EXPECT_EQ(scanned.exitCode, 1) << scanned.err;
+    auto scanned = runExpect(1, {"--json", "scan", "--quarantine", odd});
     std::set<std::string> findings, quarantined;
     for (const auto& j : jsonLines(scanned.out)) {
         if (!j.contains("path"))
@@ -312,8 +299,7 @@ TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
                  {link, "a symbolic link (not followed)"},
                  {shm, "below /dev (never opened)"}};
     for (const auto& c : cases) {
-        auto r = run({"scan", c.path});
-        EXPECT_EQ(r.exitCode, 2) << c.path;
+        auto r = runExpect(2, {"scan", c.path});
         EXPECT_THAT(r.err, HasSubstr(c.path + ": " + c.reason + " ERROR\n"));
         EXPECT_THAT(r.out, HasSubstr("Not examined:  1"));
     }
@@ -330,9 +316,8 @@ TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
     }
     ASSERT_TRUE(VkFile::writeAtomically("deep.bin", std::string("alpha-synthetic-sample")).ok());
     ASSERT_EQ(::chdir("/"), 0);
-    auto r = run({"scan", dir / "root/deep"});
-    EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(deep + "/deep.bin: Test.Alpha FOUND"));
+    EXPECT_EQ(foundLines(runExpect(1, {"scan", dir / "root/deep"}).out),
+              std::set<std::string>{deep + "/deep.bin: Test.Alpha FOUND"});
 }
 
 // As a user who cannot read some of the tree (when the test can become one).
@@ -364,12 +349,11 @@ TEST_F(VkScanCommandTest, UnreadableFilesAndFoldersAreNotExaminedForANormalUser)
 // both scans; trust removed (by path or number) it is found again.
 TEST_F(VkScanCommandTest, TrustByRelativePathHoldsUntilRemovedAndTheHistoryShowsIt) {
     ASSERT_EQ(::chdir((dir / "root/tree").c_str()), 0);
-    auto r = run({"scan", "--trust", "./deep/../docs/"});
-    EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(alpha + ": trusted"));
+    EXPECT_THAT(runExpect(1, {"scan", "--trust", "./deep/../docs/"}).out,
+                HasSubstr(alpha + ": trusted"));
     EXPECT_THAT(run({"trust", "list"}).out, HasSubstr(alpha));
     EXPECT_THAT(run({"scan", tree}).out, Not(HasSubstr(alpha))) << "trusted by a full path";
-    EXPECT_EQ(run({"scan", "docs"}).exitCode, 0);
+    runExpect(0, {"scan", "docs"});
     auto history = runJson({"logs"});
     ASSERT_EQ(history.size(), 3u) << history.dump();
     history[0].erase("time");
@@ -377,22 +361,20 @@ TEST_F(VkScanCommandTest, TrustByRelativePathHoldsUntilRemovedAndTheHistoryShows
         {"name", "Test.Alpha"}, {"operation", "trusted"}, {"path", alpha}, {"size", 22}};
     EXPECT_EQ(history[0], json({{"kind", "custom"}, {"entries", json::array({trusted})}}));
     EXPECT_TRUE(history[2]["entries"].empty());
-    EXPECT_EQ(run({"logs", "--keep-days", "7"}).exitCode, 0);
+    runExpect(0, {"logs", "--keep-days", "7"});
     EXPECT_EQ(VkUserDefaults(dir / "defaults.plist").integerForKey("LogsKeepDay"), 7);
-    EXPECT_EQ(run({"logs", "--keep-days", "-1"}).exitCode, 2);
+    runExpect(2, {"logs", "--keep-days", "-1"});
 
-    EXPECT_EQ(run({"trust", "remove", "docs/./alpha.bin"}).exitCode, 0);
-    EXPECT_EQ(run({"trust", "remove", alpha}).exitCode, 2);
-    EXPECT_EQ(run({"scan", "--trust", "docs"}).exitCode, 1) << "found again once not trusted";
-    EXPECT_EQ(run({"trust", "remove", "2"}).exitCode, 2);
-    EXPECT_EQ(run({"trust", "remove", "1"}).exitCode, 0);
+    runExpect(0, {"trust", "remove", "docs/./alpha.bin"});
+    runExpect(2, {"trust", "remove", alpha});
+    runExpect(1, {"scan", "--trust", "docs"});  // found again once not trusted
+    runExpect(2, {"trust", "remove", "2"});
+    runExpect(0, {"trust", "remove", "1"});
     EXPECT_THAT(run({"trust", "list"}).out, HasSubstr("empty"));
 
     // A name the cipher cannot take is refused, and nothing is stored.
     dir.write("root/tree/odd/bad\xff.bin", "alpha-synthetic-sample");
-    auto odd = run({"scan", "--trust", "odd"});
-    EXPECT_EQ(odd.exitCode, 2) << odd.out;
-    EXPECT_THAT(odd.out, HasSubstr("NOT trusted"));
+    EXPECT_THAT(runExpect(2, {"scan", "--trust", "odd"}).out, HasSubstr("NOT trusted"));
     EXPECT_THAT(run({"trust", "list"}).out, HasSubstr("empty"));
     ASSERT_EQ(::chdir("/"), 0);
 }
@@ -436,15 +418,13 @@ TEST_F(VkScanCommandTest, MonitorOnAFreshDataFolderJudgesFilesFromBeforeAndAfter
 // tool keeps) are listed numbered, and each restore brings its file back byte for byte.
 TEST_F(VkScanCommandTest, QuarantinedFilesAreListedAndRestoredByteForByte) {
     std::string original = *VkFile::readAll(beta);
-    auto r = run({"scan", "--quarantine", dir / "root/tree/deep"});
-    EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(beta + ": quarantined"));
+    EXPECT_THAT(runExpect(1, {"scan", "--quarantine", dir / "root/tree/deep"}).out,
+                HasSubstr(beta + ": quarantined"));
     EXPECT_FALSE(VkFile::existsNoFollow(beta));
     std::string bytes = "MZ\x00\x01payload\xff\xfe"s + std::string(3000, '\x7f');
     std::string agent = quarantine("home/Library/agent", bytes, nullptr);
 
-    auto text = run({"quarantine", "list"});
-    ASSERT_EQ(text.exitCode, 0) << text.err;
+    auto text = runExpect(0, {"quarantine", "list"});
     EXPECT_THAT(text.out, HasSubstr("1  " + beta + "  " + stringFromFileSize(original.size()) +
                                     "  Test.Beta"));
     EXPECT_THAT(text.out, HasSubstr("2  " + agent));
@@ -458,7 +438,7 @@ TEST_F(VkScanCommandTest, QuarantinedFilesAreListedAndRestoredByteForByte) {
                              {"trojanName", ""}}));
     EXPECT_EQ(list[0]["trojanName"], "Test.Beta");
 
-    ASSERT_EQ(run({"quarantine", "restore", "2"}).exitCode, 0);
+    runExpect(0, {"quarantine", "restore", "2"});
     EXPECT_EQ(*VkFile::readAll(agent), bytes);
     EXPECT_FALSE(VkFile::existsNoFollow(beta)) << "only the number given is restored";
 }
@@ -469,23 +449,19 @@ TEST_F(VkScanCommandTest, QuarantineNumbersDeleteForGoodAndRestoreReportsAnOccup
     std::string first = quarantine("home/a.bin", "a", "OSX/A");
     std::string second = quarantine("home/b.bin", "b", "OSX/B");
     for (const char* bad : {"3", "0", "x1", "1.5"}) {
-        auto r = run({"quarantine", "restore", "1", bad});
-        EXPECT_EQ(r.exitCode, 2) << bad;
-        EXPECT_THAT(r.err, HasSubstr("vksecurity: ")) << bad;
+        EXPECT_THAT(runExpect(2, {"quarantine", "restore", "1", bad}).err,
+                    HasSubstr("vksecurity: "));
         EXPECT_FALSE(VkFile::existsNoFollow(first)) << bad;
     }
-    EXPECT_EQ(run({"quarantine", "delete"}).exitCode, 2);
+    runExpect(2, {"quarantine", "delete"});
     auto listed = runJson({"quarantine", "list"});
     ASSERT_EQ(listed.size(), 2u);
     std::string firstQuarantined = listed[0]["filePath"];
-    auto del = run({"quarantine", "delete", "1", "1"});
-    ASSERT_EQ(del.exitCode, 0) << del.err;
+    runExpect(0, {"quarantine", "delete", "1", "1"});
     EXPECT_FALSE(VkFile::existsNoFollow(firstQuarantined));
     EXPECT_FALSE(VkFile::existsNoFollow(first));
     dir.write("root/home/b.bin", "new");
-    auto restore = run({"--json", "quarantine", "restore", "1"});
-    EXPECT_EQ(restore.exitCode, 2);
-    auto answers = json::parse(restore.out);
+    auto answers = json::parse(runExpect(2, {"--json", "quarantine", "restore", "1"}).out);
     ASSERT_EQ(answers.size(), 1u);
     EXPECT_EQ(answers[0]["ok"], false);
     EXPECT_THAT(answers[0]["error"].get<std::string>(), HasSubstr("already exists"));

@@ -25,10 +25,10 @@ struct VkNulCase {
 // Test names and failure messages show the case's name, not its bytes.
 inline void PrintTo(const VkNulCase& c, std::ostream* os) { *os << c.name; }
 inline const std::vector<VkNulCase> kVkNulCases = {
-    {"xml string", VkNulPlace::XmlString},
-    {"binary UTF-16 string", VkNulPlace::BinaryUtf16String},
-    {"xml key", VkNulPlace::XmlKey},
-    {"binary key", VkNulPlace::BinaryKey},
+    {"XmlString", VkNulPlace::XmlString},
+    {"BinaryUtf16String", VkNulPlace::BinaryUtf16String},
+    {"XmlKey", VkNulPlace::XmlKey},
+    {"BinaryKey", VkNulPlace::BinaryKey},
 };
 
 // Zeroes the byte at `at` within every occurrence of `pattern`; fails the test when none.
@@ -38,13 +38,6 @@ inline void vkZeroIn(std::string& bytes, const std::string& pattern, size_t at) 
          pos = bytes.find(pattern, pos + 1), ++count)
         bytes[pos + at] = '\0';
     EXPECT_GT(count, 0u) << "no marker to plant a NUL at";
-}
-
-inline std::string vkUtf16BigEndian(const std::string& ascii) {
-    std::string out;
-    for (char c : ascii)
-        out += std::string(1, '\0') + c;
-    return out;
 }
 
 // The list's bytes in the place's format, with the NUL planted at the place's marker, which
@@ -61,8 +54,11 @@ inline std::string vkPlantNul(const VkPlist& plist, VkNulPlace place, bool plant
         auto binary = plist.toBinary();
         bytes.assign(binary.begin(), binary.end());
         // The "@" unit 00 40 becomes 00 00.
+        std::string utf16;
+        for (char c : ascii)
+            utf16 += std::string(1, '\0') + c;
         if (plant)
-            vkZeroIn(bytes, vkUtf16BigEndian(ascii), 1);
+            vkZeroIn(bytes, utf16, 1);
     }
     return bytes;
 }

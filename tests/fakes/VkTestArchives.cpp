@@ -23,14 +23,10 @@ std::string vkMakeArchive(const std::string& format, const std::string& filter,
                           const std::vector<VkTestMember>& members, const std::string& options,
                           const std::string& passphrase) {
     std::unique_ptr<archive, WriterDeleter> a(archive_write_new());
-    if (archive_write_set_format_by_name(a.get(), format.c_str()) != ARCHIVE_OK)
-        return {};
-    if (!filter.empty() && archive_write_add_filter_by_name(a.get(), filter.c_str()) != ARCHIVE_OK)
-        return {};
-    if (!options.empty() && archive_write_set_options(a.get(), options.c_str()) < ARCHIVE_WARN)
-        return {};
-    if (!passphrase.empty() &&
-        archive_write_set_passphrase(a.get(), passphrase.c_str()) != ARCHIVE_OK)
+    if (archive_write_set_format_by_name(a.get(), format.c_str()) != ARCHIVE_OK ||
+        (!filter.empty() && archive_write_add_filter_by_name(a.get(), filter.c_str())) ||
+        (!options.empty() && archive_write_set_options(a.get(), options.c_str()) < ARCHIVE_WARN) ||
+        (!passphrase.empty() && archive_write_set_passphrase(a.get(), passphrase.c_str())))
         return {};
     size_t capacity = 4096;
     for (const auto& m : members)

@@ -22,6 +22,7 @@
 namespace {
 
 using P = VkMonitorProtocol;
+using vkmon::pathsOf;
 using vkmon::waitUntil;
 using Paths = std::vector<std::string>;
 
@@ -47,13 +48,6 @@ VkFileMonLogsItem::Items itemsOf(const std::string& bytes) {
         VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes.begin(), bytes.end()));
     EXPECT_TRUE(items && *items);
     return items && *items ? **items : VkFileMonLogsItem::Items{};
-}
-
-Paths pathsOf(const VkFileMonLogsItem::Items& items) {
-    Paths paths;
-    for (const auto& item : items)
-        paths.push_back(item->filePath().value_or("?"));
-    return paths;
 }
 
 class VkFileMonServiceTest : public ::testing::Test {
@@ -158,9 +152,8 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
                                              {"TrustFileHash", *vkEncryptString(md5)},
                                              {"TrustFileSize", VkPlist::integer(777)}})}));
     auto runner = startService();
-    std::string bad = watchFolder + "/installer.dmg";
-    std::string clean = watchFolder + "/photo.jpg";
-    std::string zip = watchFolder + "/download.zip";
+    std::string bad = watchFolder + "/installer.dmg", clean = watchFolder + "/photo.jpg",
+                zip = watchFolder + "/download.zip";
     vkmon::dropFile(clean, vkTestBytes(777, 2));  // same size, other contents
     vkmon::dropFile(trusted, evil);
     vkmon::dropFile(bad, evil);
@@ -176,8 +169,7 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     EXPECT_EQ(items[0]->trojanName(), "OSX/Test.A");
     struct stat st {};
     ASSERT_EQ(::stat(bad.c_str(), &st), 0);
-    EXPECT_EQ(items[0]->downLoadTime(),
-              VkDate{static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9});
+    EXPECT_EQ(items[0]->downLoadTime(), VkDate{st.st_mtim.tv_sec + st.st_mtim.tv_nsec / 1e9});
     EXPECT_EQ(items[0]->logTime(), ctx->clock->date());
     EXPECT_EQ(items[0]->processName(), std::nullopt);  // Linux cannot tell
 
@@ -208,8 +200,9 @@ TEST_F(VkFileMonServiceTest, AStartJudgesWhatArrivedSinceTheLastRunAndNewDatabas
     ASSERT_TRUE(waitUntil([&] { return wasJudged(late); }));
     EXPECT_EQ(judgedPaths(), (Paths{early, late})) << "the early file is not judged again";
     EXPECT_EQ(infected(), Paths{late});
-    ASSERT_EQ(records().size(), 1u);
-    EXPECT_EQ(records()[0]->trojanName(), "OSX/Late.B");
+    auto items = records();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0]->trojanName(), "OSX/Late.B");
 }
 
 TEST_F(VkFileMonServiceTest, AFileThatKeepsChangingIsJudgedOnceWhenItSettles) {
@@ -245,15 +238,8 @@ TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
     Paths expected;
     for (int i = 0; i < kFiles; ++i) {
         char name[32];
-        std::snprintf(name, sizeof name, "/f%04d.bin", i);
-        expected.push_back(watchFolder + name);
-        FILE* f = std::fopen(expected.back().c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        if (i == 1234)
-            std::fwrite(evil.data(), 1, evil.size(), f);
-        else
-            std::fputs(name, f);
-        std::fclose(f);
+        std::snprintf(name, sizeof name, "watch/f%04d.bin", i);
+        expected.push_back(dir.write(name, i == 1234 ? evil : name));
     }
     ASSERT_TRUE(waitUntil([&] { return judgedPaths().size() >= kFiles; }, 60));
     EXPECT_EQ(judgedPaths(), expected);
@@ -341,9 +327,7 @@ TEST_F(VkFileMonServiceTest, FilesInNewSubfoldersAndAddedFoldersAreJudged) {
     for (const std::string& refused :
          {std::string("relative/path"), dir.write("a-file", "z"), ctx->dataFolder + "/Logs"})
         EXPECT_EQ(answer(P::kWatch, refused), P::kError) << refused;
-    auto watched = ask(P::kWatch, other + "/");
-    ASSERT_TRUE(watched);
-    EXPECT_EQ(watched->opcode, P::kOk) << watched->body;
+    EXPECT_EQ(answer(P::kWatch, other + "/"), P::kOk);
     EXPECT_EQ(VkMonitorConfig(*ctx).savedWatchFolders(), Paths{other});
     vkmon::dropFile(other + "/in-other.txt", "w");
     ASSERT_TRUE(waitUntil([&] { return wasJudged(other + "/in-other.txt"); }));

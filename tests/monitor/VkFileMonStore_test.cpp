@@ -11,21 +11,8 @@
 
 namespace {
 
-std::shared_ptr<VkFileMonLogsItem> record(const std::string& path, double downloaded = 100) {
-    auto item = std::make_shared<VkFileMonLogsItem>();
-    item->setFilePath(path);
-    item->setTrojanName("OSX/Test.A");
-    item->setDownLoadTime(VkDate{downloaded});
-    item->setLogTime(VkDate{500});
-    return item;
-}
-
-std::vector<std::string> pathsOf(const VkFileMonLogsItem::Items& items) {
-    std::vector<std::string> paths;
-    for (const auto& item : items)
-        paths.push_back(item->filePath().value_or("?"));
-    return paths;
-}
+using vkmon::pathsOf;
+using vkmon::record;
 
 class VkFileMonStoreTest : public ::testing::Test {
   protected:

@@ -10,6 +10,7 @@
 
 #include "fakes/VkTestBytes.h"
 #include "fakes/VkTestSignatures.h"
+#include "logs/VkFileMonLogsItem.h"
 #include "platform/VkContext.h"
 #include "platform/VkFileUtil.h"
 
@@ -39,6 +40,23 @@ inline void addSignature(const std::shared_ptr<VkContext>& ctx, const std::strin
 // then renamed into place.
 inline void dropFile(const std::string& path, const std::string& contents) {
     VkFile::writeAtomically(path, contents);
+}
+
+// A record of a download of `path` found as OSX/Test.A.
+inline std::shared_ptr<VkFileMonLogsItem> record(const std::string& path, double downloaded = 100) {
+    auto item = std::make_shared<VkFileMonLogsItem>();
+    item->setFilePath(path);
+    item->setTrojanName("OSX/Test.A");
+    item->setDownLoadTime(VkDate{downloaded});
+    item->setLogTime(VkDate{500});
+    return item;
+}
+
+inline std::vector<std::string> pathsOf(const VkFileMonLogsItem::Items& items) {
+    std::vector<std::string> paths;
+    for (const auto& item : items)
+        paths.push_back(item->filePath().value_or("?"));
+    return paths;
 }
 
 inline int permissionsOf(const std::string& path) {

@@ -157,12 +157,7 @@ TEST_F(VkServiceNetClientTest, WithoutTheProgramStartingFailsClearlyAndTheFileIs
     EXPECT_TRUE(lost.setFileMonStat(false));
 
     // With no monitor running, clearing empties the file a monitor left.
-    VkFileMonStore store(ctx->dataFolder);
-    auto item = std::make_shared<VkFileMonLogsItem>();
-    item->setFilePath("/left/behind");
-    item->setDownLoadTime(VkDate{1});
-    item->setLogTime(VkDate{2});
-    ASSERT_TRUE(store.append(item));
+    ASSERT_TRUE(VkFileMonStore(ctx->dataFolder).append(vkmon::record("/left/behind")));
     EXPECT_EQ(countOf(lost.currentRecords()), 1);
     EXPECT_TRUE(lost.removeAllFileMonLogs());
     EXPECT_EQ(countOf(lost.currentRecords()), 0);

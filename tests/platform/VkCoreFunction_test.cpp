@@ -30,37 +30,23 @@ class VkCoreFunctionTest : public ::testing::Test {
 };
 
 TEST_F(VkCoreFunctionTest, HostilePathsAreRefusedWithAReasonAndNothingIsTouched) {
-    dir.write("root/etc/passwd", "x");
-    dir.write("root/Users/x/Documents/doc.txt", "x");
-    dir.write("root/Library/Data/keep.txt", "x");
+    for (const char* file :
+         {"root/etc/passwd", "root/Users/x/Documents/doc.txt", "root/Library/Data/keep.txt",
+          "outside/precious", "data/VkTrojanDB.sql"})
+        dir.write(file, "x");
     dir.mkdir("root/usr/lib");
-    dir.write("outside/precious", "x");
-    dir.write("data/VkTrojanDB.sql", "x");
     // A link in the middle of a path, and the inspected system's own folder as a link.
     fs::create_directory_symlink(dir / "outside", root + "/Library/lnk");
     fs::create_directory_symlink(dir / "outside", root + "/Users/x/Library");
     const auto before = dir.snapshot();
-    const std::string table[] = {
-        root + "/.",
-        root + "/./",
-        root + "/Users/x/.",  // "~/." as a launch item's hidden program
-        root,
-        root + "/etc",
-        root + "/etc/.",
-        root + "/Users/x",
-        root + "/Users/x/Documents",
-        root + "/Library/..",
-        root + "/Library/Data/../Data/keep.txt",
-        root + "/Library/lnk/precious",
-        root + "/Users/x/Library/precious",
-        root + "/usr/lib",
-        root + "/Library/Nothing/here",
-        data + "/VkTrojanDB.sql",
-        data,
-        dir / "outside/precious",
-        "",
-        "relative/path",
-    };
+    std::vector<std::string> table = {data + "/VkTrojanDB.sql", data, dir / "outside/precious", "",
+                                      "relative/path"};
+    // Below the root; "/Users/x/." is "~/." as a launch item's hidden program.
+    for (const char* below :
+         {"", "/.", "/./", "/Users/x/.", "/etc", "/etc/.", "/Users/x", "/Users/x/Documents",
+          "/Library/..", "/Library/Data/../Data/keep.txt", "/Library/lnk/precious",
+          "/Users/x/Library/precious", "/usr/lib", "/Library/Nothing/here"})
+        table.push_back(root + below);
     for (const std::string& path : table) {
         auto out = core.startClean({path}, false, nullptr);
         ASSERT_EQ(out.size(), 1u);

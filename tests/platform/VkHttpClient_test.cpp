@@ -101,14 +101,11 @@ TEST_F(VkHttpClientTest, DownloadWritesTheBodyOrLeavesNothing) {
     EXPECT_EQ(*done, 9u);
     EXPECT_EQ(*VkFile::readAll(target), kPayload);
 
-    struct Case {
-        const char* path;
-        uint64_t cap;
-    };
-    for (Case c : {Case{"/missing", kAnyCap}, Case{"/broken", kAnyCap}, Case{"/huge", 1000}}) {
-        std::string failed = dir / "failed.bin";
-        EXPECT_FALSE(client.download(url(c.path), failed, c.cap).ok()) << c.path;
-        EXPECT_FALSE(VkFile::existsNoFollow(failed)) << c.path;
+    for (auto [path, cap] : {std::pair<std::string, uint64_t>{"/missing", kAnyCap},
+                             {"/broken", kAnyCap},
+                             {"/huge", 1000}}) {
+        EXPECT_FALSE(client.download(url(path), dir / "failed.bin", cap).ok()) << path;
+        EXPECT_FALSE(VkFile::existsNoFollow(dir / "failed.bin")) << path;
     }
 
     // Never over an existing file, nor through a link.

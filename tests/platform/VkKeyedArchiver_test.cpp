@@ -118,13 +118,16 @@ VkPlist killList() {
         {VkPlist::array({"d", "/Library/Foo", "bar.plist"}), VkPlist::array({"k", "Foo"})});
 }
 
-// Archive bytes around a hand-made "$objects" list, root at UID 1.
-std::vector<uint8_t> archiveOf(VkPlist objects, VkPlist root = VkPlist::uid(1)) {
+// An archive's top level around a hand-made "$objects" list, root at UID 1.
+VkPlist archiveTop(VkPlist objects, VkPlist root = VkPlist::uid(1)) {
     VkPlist top = VkPlist::dictionary({{"$archiver", "NSKeyedArchiver"},
                                        {"$version", VkPlist::integer(100000)},
                                        {"$top", VkPlist::dictionary({{"root", root}})}});
     top.set("$objects", std::move(objects));
-    return top.toBinary();
+    return top;
+}
+std::vector<uint8_t> archiveOf(VkPlist objects, VkPlist root = VkPlist::uid(1)) {
+    return archiveTop(std::move(objects), std::move(root)).toBinary();
 }
 // The same with "$null" first.
 std::vector<uint8_t> objs(std::initializer_list<VkPlist> rest, uint64_t root = 1) {
@@ -319,16 +322,9 @@ TEST(VkKeyedArchiverTest, RefusesToWriteWhatCannotBeReadBack) {
 }
 
 TEST(VkKeyedUnarchiverMalformedTest, RefusesWithAReason) {
-    auto top = [](const VkPlist& objects) {
-        VkPlist t =
-            VkPlist::dictionary({{"$archiver", "NSKeyedArchiver"},
-                                 {"$top", VkPlist::dictionary({{"root", VkPlist::uid(1)}})}});
-        t.set("$objects", objects);
-        return t;
-    };
-    VkPlist noTop = top(VkPlist::array({"$null", "x"}));
+    VkPlist noTop = archiveTop(VkPlist::array({"$null", "x"}));
     noTop.asDictionary()->erase("$top");
-    VkPlist otherArchiver = top(VkPlist::array({"$null", "x"}));
+    VkPlist otherArchiver = archiveTop(VkPlist::array({"$null", "x"}));
     otherArchiver.set("$archiver", "SomethingElse");
     const VkPlist dictClass = classNamed("NSDictionary");
     const VkPlist nodeClass = classNamed("TestNode");
@@ -344,7 +340,7 @@ TEST(VkKeyedUnarchiverMalformedTest, RefusesWithAReason) {
         // No keyed archive at all.
         {killList().toBinary(), "not a keyed archive"},
         {otherArchiver.toBinary(), "not a keyed archive"},
-        {top("x").toBinary(), "\"$objects\""},
+        {archiveOf("x"), "\"$objects\""},
         {noTop.toBinary(), "\"$top\""},
         {archiveOf(VkPlist::array({"$null", "x"}), "root"), "no root"},
         // Wrong types inside.

@@ -41,6 +41,16 @@ class VkQuarantineTest : public ::testing::Test {
         return q;
     }
 
+    // Quarantines the files f<i>.bin of a folder that are still there, in order.
+    void quarantineMany(const std::string& folder, int count) {
+        VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
+        for (int i = 0; i < count; ++i) {
+            std::string path = folder + "/f" + std::to_string(i) + ".bin";
+            if (VkFile::existsNoFollow(path))
+                store.addItem(item(path, "OSX/Race"));
+        }
+    }
+
     std::string timeText() {
         std::time_t t = static_cast<std::time_t>(ctx->clock->now());
         std::tm local{};
@@ -59,41 +69,37 @@ class VkQuarantineTest : public ::testing::Test {
 
 TEST_F(VkQuarantineTest, FolderIsPrivateNamesNeverCollideAndTheListSurvivesARestart) {
     VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
+    const std::string folder = store.quarantineFolder();
     struct stat st {};
-    ASSERT_EQ(::stat(store.quarantineFolder().c_str(), &st), 0);
+    ASSERT_EQ(::stat(folder.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
-
-    std::string folder = store.quarantineFolder();
-    ASSERT_TRUE(store.addItem(item(dir.write("root/a/report.pdf", "one"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/b/report.pdf", "two"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/c/report.pdf", "three"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/d/README", "four"), nullptr)));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/e/README", "five"))));
-    auto& items = store.allQuarantineItems();
-    ASSERT_EQ(items.size(), 5u);
-    std::string t = timeText();
-    EXPECT_EQ(*items[0]->filePath(), folder + "/report.pdf");
-    EXPECT_EQ(*items[1]->filePath(), folder + "/report " + t + ".pdf");
-    EXPECT_EQ(*items[2]->filePath(), folder + "/report " + t + " 1.pdf");
-    EXPECT_EQ(*items[3]->filePath(), folder + "/README");
-    EXPECT_EQ(*items[4]->filePath(), folder + "/README " + t);
-    EXPECT_EQ(*VkFile::readAll(folder + "/report " + t + " 1.pdf"), "three");
+    // One name from several folders (the record from d without a trojan name), then files
+    // named like the list itself: a quarantined file never takes the list's names.
+    const std::string originals[] = {"a/report.pdf", "b/report.pdf", "c/report.pdf",    "d/README",
+                                     "e/README",     "x/info.list",  "y/info.list.lock"};
+    for (const std::string& original : originals)
+        ASSERT_TRUE(store.addItem(item(dir.write("root/" + original, original),
+                                       original[0] == 'd' ? nullptr : "OSX/Test")));
+    const std::string t = timeText();
+    const std::string names[] = {
+        "report.pdf",  "report " + t + ".pdf", "report " + t + " 1.pdf",  "README",
+        "README " + t, "info " + t + ".list",  "info.list " + t + ".lock"};
+    std::vector<std::string> expected;
+    for (size_t i = 0; i < std::size(names); ++i)
+        expected.push_back(dir / ("root/" + originals[i]) + "|" + folder + "/" + names[i] + "|" +
+                           (i == 3 ? "" : "OSX/Test") + "|" + originals[i]);
     EXPECT_FALSE(fs::exists(dir / "root/c/report.pdf"));
 
-    // Nor does a quarantined file ever take the list's own names.
-    ASSERT_TRUE(store.addItem(item(dir.write("root/x/info.list", "detected"))));
-    ASSERT_TRUE(store.addItem(item(dir.write("root/y/info.list.lock", "detected"))));
-    for (size_t i = 5; i < 7; ++i) {
-        EXPECT_NE(*items[i]->filePath(), store.infoListPath());
-        EXPECT_EQ(*VkFile::readAll(*items[i]->filePath()), "detected");
-    }
-
-    // Read again after a restart, the nameless record among them.
+    // Read again after a restart: original, quarantined file, name and the file's bytes.
     VkQuarantineFileManager again(ctx->dataFolder, ctx->clock, ctx->coreFunction);
-    ASSERT_EQ(again.allQuarantineItems().size(), 7u);
-    EXPECT_EQ(*again.allQuarantineItems()[6]->originalPath(), dir / "root/y/info.list.lock");
-    EXPECT_EQ(again.allQuarantineItems()[6]->fileSize(), 8u);
-    EXPECT_EQ(*again.allQuarantineItems()[3]->trojanName(), "");
+    std::vector<std::string> records;
+    for (const auto& q : again.allQuarantineItems()) {
+        std::string path = q->filePath().value_or("nil");
+        ASSERT_EQ(q->fileSize(), VkFile::readAll(path)->size()) << path;
+        records.push_back(q->originalPath().value_or("nil") + "|" + path + "|" +
+                          q->trojanName().value_or("nil") + "|" + *VkFile::readAll(path));
+    }
+    EXPECT_EQ(records, expected);
     auto raw = VkPlist::contentsOfFile(again.infoListPath());
     ASSERT_TRUE(raw && raw->asArray());
     const auto& first = raw->asArray()->at(0);
@@ -105,12 +111,10 @@ TEST_F(VkQuarantineTest, FolderIsPrivateNamesNeverCollideAndTheListSurvivesARest
 TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAllAndFailedMovesChangeNothing) {
     VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     std::string original = dir.write("root/home/doc.txt", "bytes\x01\x02");
-    auto a = item(original);
-    auto b = item(dir.write("root/home/other.txt", "other"));
-    auto c = item(dir.write("root/home/third.txt", "third"));
-    store.addItem(a);
-    store.addItem(b);
-    store.addItem(c);
+    auto a = item(original), b = item(dir.write("root/home/other.txt", "other")),
+         c = item(dir.write("root/home/third.txt", "third"));
+    for (const auto& q : {a, b, c})
+        ASSERT_TRUE(store.addItem(q));
 
     // Failed moves change nothing.
     std::string listBefore = *VkFile::readAll(store.infoListPath());
@@ -156,32 +160,16 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
     }
     VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
     ASSERT_EQ(store.allQuarantineItems().size(), 2u);
-    auto forged = store.allQuarantineItems()[0];
-    auto dotted = store.allQuarantineItems()[1];
-    EXPECT_FALSE(store.recoverItem(forged));
-    EXPECT_FALSE(store.recoverItem(dotted));
+    const auto records = store.allQuarantineItems();
+    for (const auto& q : records)
+        EXPECT_FALSE(store.recoverItem(q)) << *q->filePath();
     EXPECT_EQ(store.allQuarantineItems().size(), 2u);
-    EXPECT_FALSE(store.removeItem(forged));
-    EXPECT_FALSE(store.removeItem(dotted));
+    for (const auto& q : records)
+        EXPECT_FALSE(store.removeItem(q)) << *q->filePath();
     EXPECT_TRUE(store.allQuarantineItems().empty()) << "the records go all the same";
     EXPECT_EQ(*VkFile::readAll(precious), "keep me");
     EXPECT_TRUE(core->callsOf("startClean").empty());
     EXPECT_TRUE(core->callsOf("moveFileItem").empty());
-}
-
-// Quarantines `count` files named prefix<i> from root/<prefix>/, in order.
-void quarantineMany(std::shared_ptr<VkContext> ctx, const std::string& folder, int count) {
-    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
-    for (int i = 0; i < count; ++i) {
-        std::string path = folder + "/f" + std::to_string(i) + ".bin";
-        if (!VkFile::existsNoFollow(path))
-            continue;
-        auto q = std::make_shared<VkQuarantineFileItem>();
-        q->setOriginalPath(path);
-        q->setFileSize(1);
-        q->setTrojanName(std::string("OSX/Race"));
-        store.addItem(q);
-    }
 }
 
 // Two writers at once, then a writer killed at random moments: every quarantined file has
@@ -194,17 +182,17 @@ TEST_F(VkQuarantineTest, TwoWritersAndKilledWritersNeverOrphanAFile) {
     }
     pid_t child = ::fork();
     if (child == 0) {
-        quarantineMany(ctx, dir / "root/a", kEach);
+        quarantineMany(dir / "root/a", kEach);
         ::_exit(0);
     }
     ASSERT_GT(child, 0);
-    quarantineMany(ctx, dir / "root/b", kEach);
+    quarantineMany(dir / "root/b", kEach);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
 
     for (int round = 0; round < 40; ++round) {
         pid_t writer = ::fork();
         if (writer == 0) {
-            quarantineMany(ctx, dir / "root/k", kEach * 4);
+            quarantineMany(dir / "root/k", kEach * 4);
             ::_exit(0);
         }
         ASSERT_GT(writer, 0);

@@ -14,28 +14,14 @@
 namespace {
 
 TEST(VkFileSizeTextTest, SwitchesUnitAtThousandWhileDividingBy1024) {
-    const struct {
-        uint64_t size;
-        const char* text;
-    } cases[] = {
-        {0, "0 Byte"},
-        {1, "1 Byte"},
-        {999, "999 Byte"},
-        {1000, "1.0 KB"},
-        {1023, "1.0 KB"},
-        {1024, "1.0 KB"},
-        {1536, "1.5 KB"},
-        {1023999, "1000.0 KB"},
-        {1024000, "1.0 MB"},
-        {1048575, "1.0 MB"},
-        {1048576, "1.0 MB"},
-        {1048576000ULL, "1.0 GB"},
-        {5000000000ULL, "4.7 GB"},
-        {1000000000000ULL, "931.3 GB"},
-        {UINT64_MAX, "17179869184.0 GB"},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(stringFromFileSize(c.size), c.text) << c.size;
+    std::string texts;
+    for (uint64_t size : std::initializer_list<uint64_t>{0, 1, 999, 1000, 1023, 1024, 1536, 1023999,
+                                                         1024000, 1048575, 1048576, 1048576000,
+                                                         5000000000, 1000000000000, UINT64_MAX})
+        texts += stringFromFileSize(size) + "|";
+    EXPECT_EQ(texts,
+              "0 Byte|1 Byte|999 Byte|1.0 KB|1.0 KB|1.0 KB|1.5 KB|1000.0 KB|1.0 MB|1.0 MB|1.0 MB|"
+              "1.0 GB|4.7 GB|931.3 GB|17179869184.0 GB|");
 }
 
 class VkFileRefTest : public ::testing::Test {
