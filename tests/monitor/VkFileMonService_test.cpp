@@ -3,12 +3,15 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <mutex>
 #include <set>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -234,6 +237,17 @@ TEST_F(VkFileMonServiceTest, ABurstOfFilesIsJudgedInOrderWithinItsBounds) {
     options.settleSeconds = 0.01;
     vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
     auto runner = startService();
+    // File times lag the clock by up to a tick: a file stamped before the start is also taken
+    // by the start's own look at the folder, which may move it out of turn. The burst begins
+    // once file times have passed the start.
+    timespec started{};
+    ::clock_gettime(CLOCK_REALTIME, &started);
+    ASSERT_TRUE(waitUntil([&] {
+        struct stat probe {};
+        return ::stat(dir.write("probe", "x").c_str(), &probe) == 0 &&
+               std::tie(probe.st_mtim.tv_sec, probe.st_mtim.tv_nsec) >
+                   std::tie(started.tv_sec, started.tv_nsec);
+    }));
     constexpr int kFiles = 2000;
     Paths expected;
     for (int i = 0; i < kFiles; ++i) {
