@@ -12,6 +12,7 @@
 #include <QTest>
 #include <functional>
 #include <memory>
+#include <ostream>
 
 #include <gtest/gtest.h>
 
@@ -42,6 +43,11 @@ class VkOfflineCenter : public VkTorjanCenter {
             delegate->updateTrojanData(false, std::nullopt);
     }
 };
+
+// A failed comparison shows the text, not its bytes.
+inline void PrintTo(const QString& text, std::ostream* os) {
+    *os << '"' << text.toStdString() << '"';
+}
 
 // Serves events until pred holds or the limit passes; pred's last answer.
 inline bool serveUntil(const std::function<bool()>& pred, int limitMs = 30000) {
