@@ -70,6 +70,24 @@ bool exec(sqlite3* db, const char* sql) {
     return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+// Every connection to the file, the writing one and the readers: a link in its place is not
+// followed, and what a hostile file could carry is not run.
+int openConnection(const std::string& path, VkSqliteDb& db) {
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path.c_str(), &raw,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             nullptr);
+    db.reset(raw);
+    if (rc != SQLITE_OK)
+        return rc;
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    sqlite3_busy_timeout(raw, kBusyMilliseconds);
+    return SQLITE_OK;
+}
+
 }  // namespace
 
 VkFileStamp VkFileStamp::of(const struct stat& st) {
@@ -172,20 +190,10 @@ bool VkHashCache::tryOpenLocked() {
     if ((st.st_mode & 0777) != 0600 && ::fchmod(made.get(), 0600) != 0)
         return false;
     made.reset();
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open_v2(path_.c_str(), &raw,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
-                             nullptr);
-    db_.reset(raw);
+    int rc = openConnection(path_, db_);
     if (rc != SQLITE_OK)
         return false;
     sqlite3* db = db_.get();
-    // What a hostile file could carry is not run.
-    sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-    sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
-    sqlite3_busy_timeout(db, kBusyMilliseconds);
 
     // An empty file becomes a cache; anything else must be one already.
     VkSqliteStatement schema;
@@ -242,18 +250,9 @@ bool VkHashCache::openReader(Reader& reader) {
     auto now = std::chrono::steady_clock::now();
     if (now < reader.nextOpen)
         return false;
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open_v2(path_.c_str(), &raw,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
-                             nullptr);
-    reader.db.reset(raw);
+    int rc = openConnection(path_, reader.db);
     if (rc == SQLITE_OK) {
-        sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-        sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-        sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-        sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
-        sqlite3_busy_timeout(raw, kBusyMilliseconds);
-        rc = sqlite3_prepare_v2(raw,
+        rc = sqlite3_prepare_v2(reader.db.get(),
                                 "SELECT size, mtime, ctime, head, whole FROM hashes WHERE "
                                 "device = ? AND inode = ? AND type = ?",
                                 -1, reader.find.out(), nullptr);
@@ -273,9 +272,9 @@ VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
     // The same lock opens, checks or replaces the file.
     auto now = std::chrono::steady_clock::now().time_since_epoch().count();
     size_t queued = queued_.load(std::memory_order_relaxed);
-    bool due = queued >= kBatch ||
-               (queued > 0 && now - lastWrite_.load(std::memory_order_relaxed) >
-                                  std::chrono::nanoseconds(kWriteLatest).count());
+    bool due =
+        queued >= kBatch || (queued > 0 && now - lastWrite_.load(std::memory_order_relaxed) >
+                                               std::chrono::nanoseconds(kWriteLatest).count());
     if (due || !open_ || broken_) {
         std::lock_guard lock(mutex_);
         if (due)
