@@ -28,11 +28,6 @@ namespace {
 // automounter, devices, other volumes, and on Linux the kernel's pseudo file systems.
 const std::set<std::string> kExcludedRoots = {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"};
 
-// A look at a file's attributes slower than this on average came from the disk; the walk
-// then keeps such reads for a while.
-constexpr std::chrono::microseconds kColdLookUp{10};
-constexpr std::chrono::milliseconds kKeepReads{250};
-
 void sleepMicroseconds(int us) {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
 }
@@ -230,13 +225,6 @@ void VkTorjanScan::scanBaseItem() {
     const bool paced = needDelay();
     VkScanPipeline pipeline(isSearchStop_);
 
-    // How the candidates of late were settled: from the cache, or opened to be read. Halved
-    // now and then by the walk, so that they speak of the last few thousand.
-    std::atomic<uint32_t> answeredByCache{0};
-    std::atomic<uint32_t> opened{0};
-    // Until when the walk reads the attributes itself because the judges found them slow
-    // (on the disk, not in memory): it then keeps the kernel reading ahead of the judges.
-    std::atomic<std::chrono::steady_clock::duration> coldUntil{};
     // What an entry's attributes settle before anything is read, for the walk and the judges
     // alike: a folder; a link, which counts as judged (and is refused) when it leads to
     // something that is no folder; a device's node, never opened (reading one can block or
@@ -275,12 +263,10 @@ void VkTorjanScan::scanBaseItem() {
             auto result =
                 judgeOpenFile(-1, st, path, records, cache, nullptr, &candidate.known, &undecided);
             if (!undecided) {
-                answeredByCache.fetch_add(1, std::memory_order_relaxed);
                 report.result = std::move(result);
                 return std::nullopt;
             }
         }
-        opened.fetch_add(1, std::memory_order_relaxed);
         candidate.fd.reset(::openat(folderFd, at.c_str(),
                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
         if (!candidate.fd.valid()) {
@@ -393,33 +379,17 @@ void VkTorjanScan::scanBaseItem() {
             int r = pacing_->random();
             pacing_->sleepMicroseconds(static_cast<long long>(((r % 1000) + 1) * 1.5));
         };
-        // Handing the attributes over pays when the judges wait for the walk: they look at a
-        // folder's files while the walk lists on. Not while the attributes come from the disk
-        // (a judge would read each file right after its attributes, where the walk has the
-        // kernel read ahead), unless the cache answers for nearly every candidate anyway.
-        uint32_t sinceDecay = 0;
-        auto mostlyCached = [&] {
-            if (++sinceDecay >= 4096) {
-                sinceDecay = 0;
-                answeredByCache.store(answeredByCache.load() / 2);
-                opened.store(opened.load() / 2);
-            }
-            uint32_t cached = answeredByCache.load(std::memory_order_relaxed);
-            return cached >= 16 && opened.load(std::memory_order_relaxed) * 16 <= cached;
-        };
-        auto warm = [&] {
-            return std::chrono::steady_clock::now().time_since_epoch() >= coldUntil.load();
-        };
         auto visit = [&](int folderFd, const char* name, const std::string& path,
                          unsigned char type) -> bool {
             // Unpaced, once the records are there, a listed file may go to the judges whole:
-            // they read its attributes, relative to its folder, and settle or judge it, while
-            // one of them waits for work (see above; a batch once begun is filled).
+            // they read its attributes, relative to its folder, and settle or judge it. Handed
+            // over while one of them waits for work, so that they look at a folder's files
+            // while the walk lists on; a batch once begun is filled.
             if (!paced && folderFd >= 0 && type != DT_DIR && type != DT_UNKNOWN && held.empty() &&
                 haveRecords(false)) {
                 std::string_view parent(path.data(), path.size() - std::strlen(name));
                 bool batchOpen = !lookups.lookups.empty() && parent == lookupFolder;
-                if (batchOpen || (pipeline.judgeIdle() && (mostlyCached() || warm()))) {
+                if (batchOpen || pipeline.judgeIdle()) {
                     if (!lookups.folder || parent != lookupFolder) {
                         if (!sendLookups())
                             return false;
@@ -600,27 +570,23 @@ void VkTorjanScan::scanBaseItem() {
         return report;
     };
     // A listed file the walk handed over unread: what the walk does with the files it looks
-    // at itself, unpaced, relative to their folder.
+    // at itself, unpaced, relative to their folder. A file to read comes back opened, with
+    // the kernel asked to read it ahead; the report is settled otherwise.
     auto lookAt = [&](int folderFd, const std::string& name, const std::string& path,
-                      std::chrono::nanoseconds& looking) {
-        Report report(path);
+                      Report& report) -> std::optional<VkScanPipeline::Candidate> {
         struct stat st {};
-        auto start = std::chrono::steady_clock::now();
-        int looked = ::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
-        looking += std::chrono::steady_clock::now() - start;
-        if (looked != 0) {
+        if (::fstatat(folderFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             int error = errno != 0 ? errno : EIO;
             report.skipped = VkNotExamined{path, reasonOf(error), error};
-            return report;
+            return std::nullopt;
         }
         bool judged = false;
         if (settledByAttributes(folderFd, name.c_str(), path, st, report, judged))
-            return report;
+            return std::nullopt;
         auto size = static_cast<uint64_t>(st.st_size);
         if (!S_ISREG(st.st_mode) || size == 0 || (!records->hasSize(size) && !wantsArchive(path)))
-            return report;
-        auto candidate = openForJudging(records, folderFd, name, path, st, report);
-        return candidate ? judgeCandidate(*candidate) : report;
+            return std::nullopt;
+        return openForJudging(records, folderFd, name, path, st, report);
     };
 
     std::vector<std::thread> judges;
@@ -628,21 +594,29 @@ void VkTorjanScan::scanBaseItem() {
         judges.emplace_back([&] {
             VkScanPipeline::Candidate candidate;
             std::vector<Report> looked;
+            std::vector<std::pair<size_t, VkScanPipeline::Candidate>> toRead;
             while (pipeline.take(candidate)) {
                 if (candidate.lookups.empty()) {
                     pipeline.complete(candidate.seq, judgeCandidate(candidate));
                     continue;
                 }
                 int folderFd = candidate.folder->get();
-                std::chrono::nanoseconds looking{0};
+                // Every file of the batch looked at and the ones to read opened first, then
+                // read: a cold disk then has the batch's reads in flight, not one at a time.
                 for (size_t k = 0; k < candidate.lookups.size() && !isSearchStop_.load(); ++k) {
                     const auto& [name, path] = candidate.lookups[k];
-                    looked.push_back(lookAt(folderFd, name, path, looking));
+                    looked.emplace_back(path);
+                    if (auto opened = lookAt(folderFd, name, path, looked.back()))
+                        toRead.emplace_back(looked.size() - 1, std::move(*opened));
                 }
-                // Attributes that had to come from the disk: the walk keeps the reads a while.
-                if (!looked.empty() && looking / looked.size() > kColdLookUp)
-                    coldUntil.store(
-                        (std::chrono::steady_clock::now() + kKeepReads).time_since_epoch());
+                for (auto& [at, file] : toRead) {
+                    if (isSearchStop_.load()) {
+                        looked.resize(at);  // the reports end before the first file left unread
+                        break;
+                    }
+                    looked[at] = judgeCandidate(file);
+                }
+                toRead.clear();
                 pipeline.complete(candidate.seq, looked);
                 candidate.folder.reset();
             }
