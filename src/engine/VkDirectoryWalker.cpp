@@ -7,78 +7,146 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-struct Frame {
-    std::string path;  // full path of the folder
-    DIR* dir = nullptr;
-    // Used instead of `dir` once the frame was read ahead to free its descriptor.
-    std::vector<std::pair<std::string, unsigned char>> pending;
-    size_t next = 0;
-
-    ~Frame() {
-        if (dir)
-            ::closedir(dir);
-    }
-};
-
 bool isDots(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
+// The entries of an open folder, read from its descriptor. On Linux straight from the
+// kernel into a buffer of its own: opendir() would read the folder's attributes and flags
+// once more for each of the thousands of folders a scan lists twice.
+class Listing {
+  public:
+    struct Item {
+        const char* name;
+        unsigned char type;
+    };
+
+    // Takes the descriptor; an invalid one makes no listing (errno kept).
+    static std::unique_ptr<Listing> adopt(int fd) {
+        if (fd < 0)
+            return nullptr;
+#ifdef __linux__
+        return std::unique_ptr<Listing>(new Listing(fd));
+#else
+        DIR* dir = ::fdopendir(fd);
+        if (!dir) {
+            int error = errno;
+            ::close(fd);
+            errno = error;
+            return nullptr;
+        }
+        return std::unique_ptr<Listing>(new Listing(dir));
+#endif
+    }
+    ~Listing() {
+#ifdef __linux__
+        ::close(fd_);
+#else
+        ::closedir(dir_);
+#endif
+    }
+    Listing(const Listing&) = delete;
+    Listing& operator=(const Listing&) = delete;
+
+    int fd() const { return fd_; }
+
+    // The next entry but "." and "..", valid until the next call; nothing at the end or when
+    // the folder could not be read further (errno says which: 0 at the end).
+    std::optional<Item> next() {
+        for (;;) {
+#ifdef __linux__
+            if (at_ >= filled_) {
+                errno = 0;
+                ssize_t n = ::getdents64(fd_, buffer_.get(), kBufferSize);
+                if (n <= 0) {
+                    if (n == 0)
+                        errno = 0;
+                    return std::nullopt;
+                }
+                filled_ = static_cast<size_t>(n);
+                at_ = 0;
+            }
+            const auto* e = reinterpret_cast<const struct dirent64*>(buffer_.get() + at_);
+            at_ += e->d_reclen;
+#else
+            errno = 0;
+            const struct dirent* e = ::readdir(dir_);
+            if (!e)
+                return std::nullopt;
+#endif
+            if (!isDots(e->d_name))
+                return Item{e->d_name, e->d_type};
+        }
+    }
+
+  private:
+#ifdef __linux__
+    static constexpr size_t kBufferSize = 32768;
+    explicit Listing(int fd) : fd_(fd), buffer_(new char[kBufferSize]) {}
+    int fd_;
+    std::unique_ptr<char[]> buffer_;
+    size_t filled_ = 0;
+    size_t at_ = 0;
+#else
+    explicit Listing(DIR* dir) : fd_(::dirfd(dir)), dir_(dir) {}
+    int fd_;
+    DIR* dir_;
+#endif
+};
+
+struct Frame {
+    std::string path;  // full path of the folder
+    std::unique_ptr<Listing> dir;
+    // Used instead of `dir` once the frame was read ahead to free its descriptor.
+    std::vector<std::pair<std::string, unsigned char>> pending;
+    size_t next = 0;
+};
+
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// A folder's descriptor made into a listing (closed if that fails, errno kept).
-DIR* adopt(int fd) {
-    if (fd < 0)
-        return nullptr;
-    DIR* dir = ::fdopendir(fd);
-    if (!dir) {
-        int error = errno;
-        ::close(fd);
-        errno = error;
-    }
-    return dir;
-}
-
 // Opens a folder below an open parent without following a link in its place.
-DIR* openChild(DIR* parent, const std::string& fullPath, const char* name) {
-    return adopt(parent ? ::openat(::dirfd(parent), name, kFolderFlags)
-                        : VkDirectoryWalker::openFolder(fullPath).release());
+std::unique_ptr<Listing> openChild(const Listing* parent, const std::string& fullPath,
+                                   const char* name) {
+    return Listing::adopt(parent ? ::openat(parent->fd(), name, kFolderFlags)
+                                 : VkDirectoryWalker::openFolder(fullPath).release());
 }
 
 // Whether an entry is a real folder (links are not), asking the file system only when
 // the listing could not say.
-bool isFolder(DIR* parent, const std::string& fullPath, const char* name, unsigned char type) {
+bool isFolder(const Listing* parent, const std::string& fullPath, const char* name,
+              unsigned char type) {
     if (type == DT_DIR)
         return true;
     if (type != DT_UNKNOWN)
         return false;
     struct stat st {};
-    int rc = parent ? ::fstatat(::dirfd(parent), name, &st, AT_SYMLINK_NOFOLLOW)
+    int rc = parent ? ::fstatat(parent->fd(), name, &st, AT_SYMLINK_NOFOLLOW)
                     : ::lstat(fullPath.c_str(), &st);
     return rc == 0 && S_ISDIR(st.st_mode);
 }
 
 // Whether an open folder is one of those never entered (one attribute read, and only when
 // there is something to skip).
-bool isSkipped(DIR* dir, const std::vector<VkDirectoryWalker::FolderId>& skip) {
+bool isSkipped(const Listing& dir, const std::vector<VkDirectoryWalker::FolderId>& skip) {
     if (skip.empty())
         return false;
     struct stat st {};
-    return ::fstat(::dirfd(dir), &st) == 0 &&
+    return ::fstat(dir.fd(), &st) == 0 &&
            std::find(skip.begin(), skip.end(), VkDirectoryWalker::FolderId{st.st_dev, st.st_ino}) !=
                skip.end();
 }
 
 // Opens the root of a walk; it may be a link to a folder: followed, as the platform's
 // enumerator does for the folder it is asked to list.
-DIR* openRoot(const std::string& base) {
-    return adopt(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+std::unique_ptr<Listing> openRoot(const std::string& base) {
+    return Listing::adopt(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 std::string withoutTrailingSlashes(std::string path) {
@@ -126,29 +194,25 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
         if (failed)
             failed(path, errno != 0 ? errno : EIO);
     };
-    auto skipped = [&](DIR* dir) { return isSkipped(dir, skip); };
     const std::string base = withoutTrailingSlashes(root);
-    DIR* rootDir = openRoot(base);
+    std::unique_ptr<Listing> rootDir = openRoot(base);
     if (!rootDir) {
         fail(root);
         return false;
     }
-    if (skipped(rootDir)) {
-        ::closedir(rootDir);
+    if (isSkipped(*rootDir, skip))
         return true;
-    }
     std::vector<std::unique_ptr<Frame>> stack;
     stack.push_back(std::make_unique<Frame>());
     stack.back()->path = base == "/" ? "" : base;
-    stack.back()->dir = rootDir;
+    stack.back()->dir = std::move(rootDir);
 
     while (!stack.empty()) {
         Frame& f = *stack.back();
         std::string name;
         unsigned char type = DT_UNKNOWN;
         if (f.dir) {
-            errno = 0;
-            struct dirent* e = ::readdir(f.dir);
+            std::optional<Listing::Item> e = f.dir->next();
             if (!e) {
                 // The rest of a folder that fails midway was not listed.
                 if (errno != 0)
@@ -156,10 +220,8 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
                 stack.pop_back();
                 continue;
             }
-            if (isDots(e->d_name))
-                continue;
-            name = e->d_name;
-            type = e->d_type;
+            name = e->name;
+            type = e->type;
         } else {
             if (f.next >= f.pending.size()) {
                 stack.pop_back();
@@ -170,33 +232,28 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
             ++f.next;
         }
         std::string full = f.path + "/" + name;
-        if (!visit(Entry{full, f.dir ? ::dirfd(f.dir) : -1, name.c_str(), type}))
+        if (!visit(Entry{full, f.dir ? f.dir->fd() : -1, name.c_str(), type}))
             return true;
-        if (!isFolder(f.dir, full, name.c_str(), type))
+        if (!isFolder(f.dir.get(), full, name.c_str(), type))
             continue;
         errno = 0;
-        DIR* child = openChild(f.dir, full, name.c_str());
+        std::unique_ptr<Listing> child = openChild(f.dir.get(), full, name.c_str());
         if (!child) {
             // Replaced by a link or a file since it was listed: nothing was hidden there.
             if (errno != ELOOP && errno != ENOTDIR)
                 fail(full);
             continue;
         }
-        if (skipped(child)) {
-            ::closedir(child);
+        if (isSkipped(*child, skip))
             continue;
-        }
         auto frame = std::make_unique<Frame>();
         frame->path = std::move(full);
-        frame->dir = child;
+        frame->dir = std::move(child);
         if (stack.size() >= kMaxOpenFolders) {
             // Read this deep folder ahead and give its descriptor back.
-            while (struct dirent* e = ::readdir(frame->dir)) {
-                if (!isDots(e->d_name))
-                    frame->pending.emplace_back(e->d_name, e->d_type);
-            }
-            ::closedir(frame->dir);
-            frame->dir = nullptr;
+            while (std::optional<Listing::Item> e = frame->dir->next())
+                frame->pending.emplace_back(e->name, e->type);
+            frame->dir.reset();
         }
         stack.push_back(std::move(frame));
     }
@@ -206,56 +263,39 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
 uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                          const std::function<bool()>& stopped,
                                          const std::function<bool(const std::string&)>& counts) {
-    auto skipped = [&](DIR* dir) { return isSkipped(dir, skip); };
     const std::string base = withoutTrailingSlashes(root);
-    DIR* rootDir = openRoot(base);
-    if (!rootDir)
+    std::unique_ptr<Listing> rootDir = openRoot(base);
+    if (!rootDir || isSkipped(*rootDir, skip))
         return 0;
-    if (skipped(rootDir)) {
-        ::closedir(rootDir);
-        return 0;
-    }
     // The order of the folders does not matter to a count: a folder met deeper than the
     // open folders allow is read whole at once and only the names of its subfolders kept.
     struct Folder {
         std::string path;
-        DIR* dir = nullptr;
+        std::unique_ptr<Listing> dir;
         std::vector<std::string> subfolders;  // left to enter, once `dir` is read and closed
-
-        ~Folder() {
-            if (dir)
-                ::closedir(dir);
-        }
     };
     std::vector<std::unique_ptr<Folder>> stack;
     stack.push_back(std::make_unique<Folder>());
     stack.back()->path = base == "/" ? "" : base;
-    stack.back()->dir = rootDir;
+    stack.back()->dir = std::move(rootDir);
     uint64_t entries = 0;
     std::string full;
-    auto enter = [&](DIR* parent, const std::string& path, const char* name) {
-        DIR* child = openChild(parent, path, name);
-        if (!child)
+    auto enter = [&](const Listing* parent, const std::string& path, const char* name) {
+        std::unique_ptr<Listing> child = openChild(parent, path, name);
+        if (!child || isSkipped(*child, skip))
             return;
-        if (skipped(child)) {
-            ::closedir(child);
-            return;
-        }
         auto folder = std::make_unique<Folder>();
         folder->path = path;
-        folder->dir = child;
+        folder->dir = std::move(child);
         if (stack.size() >= kMaxOpenFolders) {
-            while (struct dirent* e = ::readdir(folder->dir)) {
-                if (isDots(e->d_name))
-                    continue;
-                std::string childPath = folder->path + "/" + e->d_name;
+            while (std::optional<Listing::Item> e = folder->dir->next()) {
+                std::string childPath = folder->path + "/" + e->name;
                 if (!counts || counts(childPath))
                     ++entries;
-                if (isFolder(folder->dir, childPath, e->d_name, e->d_type))
-                    folder->subfolders.push_back(e->d_name);
+                if (isFolder(folder->dir.get(), childPath, e->name, e->type))
+                    folder->subfolders.push_back(e->name);
             }
-            ::closedir(folder->dir);
-            folder->dir = nullptr;
+            folder->dir.reset();
         }
         stack.push_back(std::move(folder));
     };
@@ -271,20 +311,18 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
             enter(nullptr, f.path + "/" + name, name.c_str());
             continue;
         }
-        struct dirent* e = ::readdir(f.dir);
+        std::optional<Listing::Item> e = f.dir->next();
         if (!e) {
             stack.pop_back();
             continue;
         }
-        if (isDots(e->d_name))
-            continue;
-        bool folder = e->d_type == DT_DIR || e->d_type == DT_UNKNOWN;
+        bool folder = e->type == DT_DIR || e->type == DT_UNKNOWN;
         if (counts || folder)
-            full.assign(f.path).append("/").append(e->d_name);
+            full.assign(f.path).append("/").append(e->name);
         if (!counts || counts(full))
             ++entries;
-        if (folder && isFolder(f.dir, full, e->d_name, e->d_type))
-            enter(f.dir, full, e->d_name);
+        if (folder && isFolder(f.dir.get(), full, e->name, e->type))
+            enter(f.dir.get(), full, e->name);
     }
     return entries;
 }
