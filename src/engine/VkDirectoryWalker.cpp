@@ -104,8 +104,10 @@ class Listing {
 struct Frame {
     std::string path;  // full path of the folder
     std::unique_ptr<Listing> dir;
-    // Used instead of `dir` once the frame was read ahead to free its descriptor.
-    std::vector<std::pair<std::string, unsigned char>> pending;
+    // Used instead of reading `dir` once the frame was read ahead to free its descriptor, or
+    // when the count kept its listing.
+    VkDirectoryWalker::Names pending;
+    bool listed = false;
     size_t next = 0;
 };
 
@@ -132,15 +134,18 @@ bool isFolder(const Listing* parent, const std::string& fullPath, const char* na
     return rc == 0 && S_ISDIR(st.st_mode);
 }
 
-// Whether an open folder is one of those never entered (one attribute read, and only when
-// there is something to skip).
-bool isSkipped(const Listing& dir, const std::vector<VkDirectoryWalker::FolderId>& skip) {
-    if (skip.empty())
-        return false;
+// An open folder's identity, read only when something asks for it: folders never entered,
+// or listings kept by a count.
+std::optional<VkDirectoryWalker::FolderId> identify(const Listing& dir, bool wanted) {
     struct stat st {};
-    return ::fstat(dir.fd(), &st) == 0 &&
-           std::find(skip.begin(), skip.end(), VkDirectoryWalker::FolderId{st.st_dev, st.st_ino}) !=
-               skip.end();
+    if (!wanted || ::fstat(dir.fd(), &st) != 0)
+        return std::nullopt;
+    return VkDirectoryWalker::FolderId{st.st_dev, st.st_ino};
+}
+
+bool isSkipped(const std::optional<VkDirectoryWalker::FolderId>& id,
+               const std::vector<VkDirectoryWalker::FolderId>& skip) {
+    return id && std::find(skip.begin(), skip.end(), *id) != skip.end();
 }
 
 // Opens the root of a walk; it may be a link to a folder: followed, as the platform's
@@ -156,6 +161,41 @@ std::string withoutTrailingSlashes(std::string path) {
 }
 
 }  // namespace
+
+size_t VkDirectoryWalker::Listings::weigh(const Names& names) {
+    size_t bytes = 0;
+    for (const auto& [name, type] : names)
+        bytes += sizeof(Names::value_type) + name.size();
+    return bytes;
+}
+
+size_t VkDirectoryWalker::Listings::room() const {
+    std::lock_guard lock(mutex_);
+    return room_ - used_;
+}
+
+void VkDirectoryWalker::Listings::keep(FolderId folder, Names names) {
+    size_t bytes = weigh(names);
+    std::lock_guard lock(mutex_);
+    if (bytes > room_ - used_ || kept_.count(folder))
+        return;
+    used_ += bytes;
+    kept_.emplace(folder, Kept{std::move(names), bytes, std::chrono::steady_clock::now()});
+}
+
+std::optional<VkDirectoryWalker::Names> VkDirectoryWalker::Listings::take(FolderId folder) {
+    std::lock_guard lock(mutex_);
+    auto it = kept_.find(folder);
+    if (it == kept_.end())
+        return std::nullopt;
+    Kept kept = std::move(it->second);
+    kept_.erase(it);
+    used_ -= kept.bytes;
+    // An old listing may miss what was made in the folder since: the walk reads it afresh.
+    if (std::chrono::steady_clock::now() - kept.when > fresh_)
+        return std::nullopt;
+    return std::move(kept.names);
+}
 
 VkFd VkDirectoryWalker::openFolder(const std::string& path) {
     if (path.size() < PATH_MAX)
@@ -189,10 +229,36 @@ bool VkDirectoryWalker::walk(const std::string& root,
 bool VkDirectoryWalker::walkEntries(const std::string& root,
                                     const std::function<bool(const Entry&)>& visit,
                                     const std::vector<FolderId>& skip,
-                                    const std::function<void(const std::string&, int)>& failed) {
+                                    const std::function<void(const std::string&, int)>& failed,
+                                    Listings* listings) {
     auto fail = [&](const std::string& path) {
         if (failed)
             failed(path, errno != 0 ? errno : EIO);
+    };
+    const bool identified = listings || !skip.empty();
+    std::vector<std::unique_ptr<Frame>> stack;
+    // A folder to walk next, unless it is one never entered.
+    auto push = [&](std::string path, std::unique_ptr<Listing> dir) {
+        std::optional<FolderId> id = identify(*dir, identified);
+        if (isSkipped(id, skip))
+            return;
+        auto frame = std::make_unique<Frame>();
+        frame->path = std::move(path);
+        frame->dir = std::move(dir);
+        if (std::optional<Names> kept = listings && id ? listings->take(*id) : std::nullopt) {
+            frame->pending = std::move(*kept);
+            frame->listed = true;
+        }
+        if (stack.size() >= kMaxOpenFolders) {
+            // Read this deep folder ahead and give its descriptor back.
+            if (!frame->listed) {
+                while (std::optional<Listing::Item> e = frame->dir->next())
+                    frame->pending.emplace_back(e->name, e->type);
+                frame->listed = true;
+            }
+            frame->dir.reset();
+        }
+        stack.push_back(std::move(frame));
     };
     const std::string base = withoutTrailingSlashes(root);
     std::unique_ptr<Listing> rootDir = openRoot(base);
@@ -200,18 +266,13 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
         fail(root);
         return false;
     }
-    if (isSkipped(*rootDir, skip))
-        return true;
-    std::vector<std::unique_ptr<Frame>> stack;
-    stack.push_back(std::make_unique<Frame>());
-    stack.back()->path = base == "/" ? "" : base;
-    stack.back()->dir = std::move(rootDir);
+    push(base == "/" ? "" : base, std::move(rootDir));
 
     while (!stack.empty()) {
         Frame& f = *stack.back();
         std::string name;
         unsigned char type = DT_UNKNOWN;
-        if (f.dir) {
+        if (!f.listed) {
             std::optional<Listing::Item> e = f.dir->next();
             if (!e) {
                 // The rest of a folder that fails midway was not listed.
@@ -244,85 +305,77 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
                 fail(full);
             continue;
         }
-        if (isSkipped(*child, skip))
-            continue;
-        auto frame = std::make_unique<Frame>();
-        frame->path = std::move(full);
-        frame->dir = std::move(child);
-        if (stack.size() >= kMaxOpenFolders) {
-            // Read this deep folder ahead and give its descriptor back.
-            while (std::optional<Listing::Item> e = frame->dir->next())
-                frame->pending.emplace_back(e->name, e->type);
-            frame->dir.reset();
-        }
-        stack.push_back(std::move(frame));
+        push(std::move(full), std::move(child));
     }
     return true;
 }
 
 uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                          const std::function<bool()>& stopped,
-                                         const std::function<bool(const std::string&)>& counts) {
-    const std::string base = withoutTrailingSlashes(root);
-    std::unique_ptr<Listing> rootDir = openRoot(base);
-    if (!rootDir || isSkipped(*rootDir, skip))
-        return 0;
-    // The order of the folders does not matter to a count: a folder met deeper than the
-    // open folders allow is read whole at once and only the names of its subfolders kept.
+                                         const std::function<bool(const std::string&)>& counts,
+                                         Listings* keep) {
+    // Each folder is read whole when it is entered, then its subfolders are entered in turn:
+    // the order does not matter to a count, and a folder's listing is then complete before
+    // the walk behind may ask for it. Folders stay open to enter their subfolders relative to
+    // them, up to the depth the walk keeps open too.
     struct Folder {
         std::string path;
         std::unique_ptr<Listing> dir;
-        std::vector<std::string> subfolders;  // left to enter, once `dir` is read and closed
+        std::vector<std::string> subfolders;
+        size_t next = 0;
     };
-    std::vector<std::unique_ptr<Folder>> stack;
-    stack.push_back(std::make_unique<Folder>());
-    stack.back()->path = base == "/" ? "" : base;
-    stack.back()->dir = std::move(rootDir);
+    const bool identified = keep || !skip.empty();
+    std::vector<Folder> stack;
     uint64_t entries = 0;
     std::string full;
-    auto enter = [&](const Listing* parent, const std::string& path, const char* name) {
-        std::unique_ptr<Listing> child = openChild(parent, path, name);
-        if (!child || isSkipped(*child, skip))
+    auto enter = [&](std::string path, std::unique_ptr<Listing> dir) {
+        if (!dir)
             return;
-        auto folder = std::make_unique<Folder>();
-        folder->path = path;
-        folder->dir = std::move(child);
-        if (stack.size() >= kMaxOpenFolders) {
-            while (std::optional<Listing::Item> e = folder->dir->next()) {
-                std::string childPath = folder->path + "/" + e->name;
-                if (!counts || counts(childPath))
-                    ++entries;
-                if (isFolder(folder->dir.get(), childPath, e->name, e->type))
-                    folder->subfolders.push_back(e->name);
+        std::optional<FolderId> id = identify(*dir, identified);
+        if (isSkipped(id, skip))
+            return;
+        Folder folder{std::move(path), std::move(dir), {}, 0};
+        Names names;
+        size_t room = keep && id ? keep->room() : 0;
+        size_t weight = 0;
+        for (size_t n = 0; std::optional<Listing::Item> e = folder.dir->next(); ++n) {
+            if (n % 1024 == 1023 && stopped())
+                return;
+            bool maybeFolder = e->type == DT_DIR || e->type == DT_UNKNOWN;
+            if (counts || maybeFolder)
+                full.assign(folder.path).append("/").append(e->name);
+            if (!counts || counts(full))
+                ++entries;
+            if (maybeFolder && isFolder(folder.dir.get(), full, e->name, e->type))
+                folder.subfolders.emplace_back(e->name);
+            if (room != 0) {
+                names.emplace_back(e->name, e->type);
+                weight += sizeof(Names::value_type) + names.back().first.size();
+                if (weight > room) {
+                    room = 0;  // too large to keep: the walk lists this one itself
+                    Names().swap(names);
+                }
             }
-            folder->dir.reset();
         }
+        // A folder that could not be read to its end is not kept.
+        if (room != 0 && errno == 0)
+            keep->keep(*id, std::move(names));
+        if (stack.size() >= kMaxOpenFolders)
+            folder.dir.reset();
         stack.push_back(std::move(folder));
     };
+    const std::string base = withoutTrailingSlashes(root);
+    enter(base == "/" ? "" : base, openRoot(base));
     while (!stack.empty() && !stopped()) {
-        Folder& f = *stack.back();
-        if (!f.dir) {
-            if (f.subfolders.empty()) {
-                stack.pop_back();
-                continue;
-            }
-            std::string name = std::move(f.subfolders.back());
-            f.subfolders.pop_back();
-            enter(nullptr, f.path + "/" + name, name.c_str());
-            continue;
-        }
-        std::optional<Listing::Item> e = f.dir->next();
-        if (!e) {
+        Folder& f = stack.back();
+        if (f.next >= f.subfolders.size()) {
             stack.pop_back();
             continue;
         }
-        bool folder = e->type == DT_DIR || e->type == DT_UNKNOWN;
-        if (counts || folder)
-            full.assign(f.path).append("/").append(e->name);
-        if (!counts || counts(full))
-            ++entries;
-        if (folder && isFolder(f.dir.get(), full, e->name, e->type))
-            enter(f.dir.get(), full, e->name);
+        const std::string& name = f.subfolders[f.next++];
+        std::string path = f.path + "/" + name;
+        std::unique_ptr<Listing> dir = openChild(f.dir.get(), path, name.c_str());
+        enter(std::move(path), std::move(dir));  // `f` may move from here on
     }
     return entries;
 }

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <utility>
@@ -20,6 +24,38 @@ class VkDirectoryWalker {
 
     // A folder by identity (device, inode).
     using FolderId = std::pair<dev_t, ino_t>;
+    // A folder's entries: name and d_type.
+    using Names = std::vector<std::pair<std::string, unsigned char>>;
+
+    // What a count read of its folders, kept for a walk of the same tree that follows it, so
+    // that each folder is listed once. A listing is handed only to the folder it was read from
+    // (device and inode, as the walk finds them on the folder it opened), once, and only while
+    // fresh; what does not fit in the room is not kept and the walk lists it itself.
+    class Listings {
+      public:
+        static constexpr size_t kRoom = 8u << 20;
+        static constexpr std::chrono::seconds kFresh{2};
+
+        explicit Listings(size_t room = kRoom, std::chrono::steady_clock::duration fresh = kFresh)
+            : room_(room), fresh_(fresh) {}
+        // Bytes a listing of these entries takes from the room.
+        static size_t weigh(const Names& names);
+        size_t room() const;
+        void keep(FolderId folder, Names names);
+        std::optional<Names> take(FolderId folder);
+
+      private:
+        struct Kept {
+            Names names;
+            size_t bytes;
+            std::chrono::steady_clock::time_point when;
+        };
+        mutable std::mutex mutex_;
+        const size_t room_;
+        const std::chrono::steady_clock::duration fresh_;
+        size_t used_ = 0;
+        std::map<FolderId, Kept> kept_;
+    };
 
     // Calls visit(fullPath) for each entry below root (root itself excluded); fullPath is
     // root + "/" + the relative path. Stops as soon as visit returns false. Returns false
@@ -40,17 +76,21 @@ class VkDirectoryWalker {
     };
     // walk(), handing each entry with the open folder it was listed from, so that callers
     // can look at it relative to that folder without resolving the path again.
+    // With `listings`, a folder the count kept is walked from its listing.
     static bool walkEntries(const std::string& root, const std::function<bool(const Entry&)>& visit,
                             const std::vector<FolderId>& skip = {},
-                            const std::function<void(const std::string&, int)>& failed = {});
+                            const std::function<void(const std::string&, int)>& failed = {},
+                            Listings* listings = nullptr);
     // How many entries walkEntries() would list below root, read from the listings alone (an
     // entry's attributes only when the listing cannot say whether it is a folder). When
     // `counts` is given, an entry counts only if it says so of its path; without it no path
     // is built, which is what makes the count cheap beside a walk that judges. Gives up,
-    // returning what it counted so far, as soon as stopped() says so.
+    // returning what it counted so far, as soon as stopped() says so. Each folder read whole
+    // is kept in `keep` while there is room.
     static uint64_t countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                  const std::function<bool()>& stopped,
-                                 const std::function<bool(const std::string&)>& counts = {});
+                                 const std::function<bool(const std::string&)>& counts = {},
+                                 Listings* keep = nullptr);
     // Opens a folder without following a link in its place, one component at a time when
     // the path is too long for the system to take whole (links met on the way refused).
     static VkFd openFolder(const std::string& path);

@@ -190,7 +190,10 @@ void VkTorjanScan::scanBaseItem() {
 
     // The count: the same entries listed again, names and d_type only, beside the walk that
     // judges. Progress climbs as soon as it ends, long before the judging walk does, while
-    // the judging walk keeps its bounded memory. It starts before the records load.
+    // the judging walk keeps its bounded memory. It starts before the records load, and the
+    // walk takes what the count read of each folder while that fits in the room, rather than
+    // list it again.
+    VkDirectoryWalker::Listings listings;
     std::atomic<uint64_t> total{0};
     std::atomic<bool> counted{false};
     std::atomic<bool> walkEnded{false};
@@ -207,7 +210,8 @@ void VkTorjanScan::scanBaseItem() {
                 std::function<bool(const std::string&)> inScope;
                 if (fullScan || skip)
                     inScope = [&](const std::string& path) { return !outOfScope(path); };
-                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope);
+                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope,
+                                                           &listings);
             }
             if (ended())
                 return;
@@ -525,7 +529,8 @@ void VkTorjanScan::scanBaseItem() {
                         [&](const std::string& path, int failed) {
                             if (!outOfScope(path))
                                 settle(Report::unlisted({path, reasonOf(failed), failed}));
-                        });
+                        },
+                        &listings);
                     break;
             }
             if (isSearchStop_.load())

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <sys/stat.h>
@@ -86,6 +87,48 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
     VkDirectoryWalker::walk(deep, [&](const std::string&) { return ++visits < 5; });
     EXPECT_EQ(visits, 5);
     EXPECT_FALSE(VkDirectoryWalker::walk(dir / "missing", [](const std::string&) { return true; }));
+}
+
+// A walk takes what a count kept of a folder only for that very folder, once, and only while
+// fresh and within the room; otherwise it lists the folder afresh.
+TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
+    using Listings = VkDirectoryWalker::Listings;
+    auto never = [] { return false; };
+    struct Case {
+        size_t room;
+        std::chrono::steady_clock::duration fresh;
+        std::set<std::string> seen;
+    };
+    const std::set<std::string> afresh{"a", "a/1", "a/late", "b", "b/4", "b.old", "b.old/3"};
+    const Case cases[] = {
+        // The kept listings of t and t/a miss what came later; t/b is another folder now.
+        {Listings::kRoom, std::chrono::hours(1), {"a", "a/1", "b", "b/4"}},
+        {Listings::kRoom, std::chrono::seconds(0), afresh},
+        {1, std::chrono::hours(1), afresh},
+    };
+    for (const Case& c : cases) {
+        VkTempDir dir;
+        dir.write("t/a/1", "1");
+        dir.write("t/b/3", "3");
+        Listings listings(c.room, c.fresh);
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, &listings), 4u);
+        dir.write("t/a/late", "late");
+        fs::rename(dir / "t/b", dir / "t/b.old");
+        dir.write("t/b/4", "4");
+        for (int walk = 0; walk < 2; ++walk) {
+            std::set<std::string> seen;
+            VkDirectoryWalker::walkEntries(
+                dir / "t",
+                [&](const VkDirectoryWalker::Entry& e) {
+                    EXPECT_GE(e.folderFd, 0) << e.path;
+                    seen.insert(e.path.substr(dir.path().size() + 3));
+                    return true;
+                },
+                {}, {}, &listings);
+            // Each listing is taken once: a second walk lists everything afresh.
+            EXPECT_EQ(seen, walk == 0 ? c.seen : afresh) << "room " << c.room << " walk " << walk;
+        }
+    }
 }
 
 // Judges finish out of order; the reporter still gets every entry in walk order, and the
