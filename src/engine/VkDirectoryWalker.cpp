@@ -162,20 +162,13 @@ std::string withoutTrailingSlashes(std::string path) {
 
 }  // namespace
 
-size_t VkDirectoryWalker::Listings::weigh(const Names& names) {
-    size_t bytes = 0;
-    for (const auto& [name, type] : names)
-        bytes += sizeof(Names::value_type) + name.size();
-    return bytes;
-}
-
 size_t VkDirectoryWalker::Listings::room() const {
     std::lock_guard lock(mutex_);
     return room_ - used_;
 }
 
 void VkDirectoryWalker::Listings::keep(FolderId folder, Names names) {
-    size_t bytes = weigh(names);
+    size_t bytes = names.bytes();
     std::lock_guard lock(mutex_);
     if (bytes > room_ - used_ || kept_.count(folder))
         return;
@@ -253,7 +246,7 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
             // Read this deep folder ahead and give its descriptor back.
             if (!frame->listed) {
                 while (std::optional<Listing::Item> e = frame->dir->next())
-                    frame->pending.emplace_back(e->name, e->type);
+                    frame->pending.add(e->name, e->type);
                 frame->listed = true;
             }
             frame->dir.reset();
@@ -284,13 +277,10 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
             name = e->name;
             type = e->type;
         } else {
-            if (f.next >= f.pending.size()) {
+            if (!f.pending.next(f.next, name, type)) {
                 stack.pop_back();
                 continue;
             }
-            name = std::move(f.pending[f.next].first);
-            type = f.pending[f.next].second;
-            ++f.next;
         }
         std::string full = f.path + "/" + name;
         if (!visit(Entry{full, f.dir ? f.dir->fd() : -1, name.c_str(), type}))
@@ -337,7 +327,6 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
         Folder folder{std::move(path), std::move(dir), {}, 0};
         Names names;
         size_t room = keep && id ? keep->room() : 0;
-        size_t weight = 0;
         for (size_t n = 0; std::optional<Listing::Item> e = folder.dir->next(); ++n) {
             if (n % 1024 == 1023 && stopped())
                 return;
@@ -349,11 +338,10 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
             if (maybeFolder && isFolder(folder.dir.get(), full, e->name, e->type))
                 folder.subfolders.emplace_back(e->name);
             if (room != 0) {
-                names.emplace_back(e->name, e->type);
-                weight += sizeof(Names::value_type) + names.back().first.size();
-                if (weight > room) {
+                names.add(e->name, e->type);
+                if (names.bytes() > room) {
                     room = 0;  // too large to keep: the walk lists this one itself
-                    Names().swap(names);
+                    names.clear();
                 }
             }
         }

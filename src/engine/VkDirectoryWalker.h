@@ -24,8 +24,29 @@ class VkDirectoryWalker {
 
     // A folder by identity (device, inode).
     using FolderId = std::pair<dev_t, ino_t>;
-    // A folder's entries: name and d_type.
-    using Names = std::vector<std::pair<std::string, unsigned char>>;
+    // A folder's entries, name and d_type, packed one after the other.
+    class Names {
+      public:
+        void add(const char* name, unsigned char type) {
+            packed_.push_back(static_cast<char>(type));
+            packed_.append(name);
+            packed_.push_back('\0');
+        }
+        // The entry at `at`, which then moves past it; false after the last.
+        bool next(size_t& at, std::string& name, unsigned char& type) const {
+            if (at >= packed_.size())
+                return false;
+            type = static_cast<unsigned char>(packed_[at]);
+            name.assign(packed_.c_str() + at + 1);
+            at += name.size() + 2;
+            return true;
+        }
+        size_t bytes() const { return packed_.size(); }
+        void clear() { std::string().swap(packed_); }
+
+      private:
+        std::string packed_;
+    };
 
     // What a count read of its folders, kept for a walk of the same tree that follows it, so
     // that each folder is listed once. A listing is handed only to the folder it was read from
@@ -38,8 +59,6 @@ class VkDirectoryWalker {
 
         explicit Listings(size_t room = kRoom, std::chrono::steady_clock::duration fresh = kFresh)
             : room_(room), fresh_(fresh) {}
-        // Bytes a listing of these entries takes from the room.
-        static size_t weigh(const Names& names);
         size_t room() const;
         void keep(FolderId folder, Names names);
         std::optional<Names> take(FolderId folder);
