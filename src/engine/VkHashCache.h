@@ -69,6 +69,9 @@ class VkHashCache {
     // that judges hashing files never wait on the file or on each other for it.
     void remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
                   const std::string& path);
+    // Whether lookups can find nothing for now: this instance made the file and has not
+    // flushed since, so it holds only what it was given meanwhile.
+    bool knowsNothing() const { return created_.load(); }
     // Writes what is pending.
     void flush();
     // Writes what is pending, forgets files that vanished (a slice of the entries each time)

@@ -261,7 +261,7 @@ void VkTorjanScan::scanBaseItem() {
                               const struct stat& st,
                               Report& report) -> std::optional<VkScanPipeline::Candidate> {
         VkScanPipeline::Candidate candidate;
-        if (cache && !wantsArchive(path)) {
+        if (cache && !cache->knowsNothing() && !wantsArchive(path)) {
             // The cache answers only for this device, inode, size and both times.
             bool undecided = false;
             auto result =
