@@ -28,6 +28,9 @@ namespace {
 // automounter, devices, other volumes, and on Linux the kernel's pseudo file systems.
 const std::set<std::string> kExcludedRoots = {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"};
 
+// Files a judge opens, with the kernel asked to read them, before it reads the first.
+constexpr size_t kOpenAhead = 16;
+
 void sleepMicroseconds(int us) {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
 }
@@ -600,28 +603,37 @@ void VkTorjanScan::scanBaseItem() {
             VkScanPipeline::Candidate candidate;
             std::vector<Report> looked;
             std::vector<std::pair<size_t, VkScanPipeline::Candidate>> toRead;
+            // Reads the files opened so far, in order; on a stop the reports end before the
+            // first file left unread.
+            auto readOpened = [&] {
+                for (auto& [at, file] : toRead) {
+                    if (isSearchStop_.load()) {
+                        looked.resize(at);
+                        break;
+                    }
+                    looked[at] = judgeCandidate(file);
+                }
+                toRead.clear();
+            };
             while (pipeline.take(candidate)) {
                 if (candidate.lookups.empty()) {
                     pipeline.complete(candidate.seq, judgeCandidate(candidate));
                     continue;
                 }
                 int folderFd = candidate.folder->get();
-                // Every file of the batch looked at and the ones to read opened first, then
-                // read: a cold disk then has the batch's reads in flight, not one at a time.
+                // The files of the batch are looked at and those to read opened a few ahead of
+                // reading them: a cold disk then has several reads in flight, not one at a
+                // time, while the descriptors held stay few.
                 for (size_t k = 0; k < candidate.lookups.size() && !isSearchStop_.load(); ++k) {
                     const auto& [name, path] = candidate.lookups[k];
                     looked.emplace_back(path);
-                    if (auto opened = lookAt(folderFd, name, path, looked.back()))
+                    if (auto opened = lookAt(folderFd, name, path, looked.back())) {
                         toRead.emplace_back(looked.size() - 1, std::move(*opened));
-                }
-                for (auto& [at, file] : toRead) {
-                    if (isSearchStop_.load()) {
-                        looked.resize(at);  // the reports end before the first file left unread
-                        break;
+                        if (toRead.size() >= kOpenAhead)
+                            readOpened();
                     }
-                    looked[at] = judgeCandidate(file);
                 }
-                toRead.clear();
+                readOpened();
                 pipeline.complete(candidate.seq, looked);
                 candidate.folder.reset();
             }
