@@ -55,7 +55,9 @@ class Listing {
     Listing(const Listing&) = delete;
     Listing& operator=(const Listing&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const {
+        return fd_;
+    }
 
     // The next entry but "." and "..", valid until the next call; nothing at the end or when
     // the folder could not be read further (errno says which: 0 at the end).

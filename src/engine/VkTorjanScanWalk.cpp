@@ -213,8 +213,8 @@ void VkTorjanScan::scanBaseItem() {
                 std::function<bool(const std::string&)> inScope;
                 if (fullScan || skip)
                     inScope = [&](const std::string& path) { return !outOfScope(path); };
-                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope,
-                                                           &listings);
+                entries +=
+                    VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope, &listings);
             }
             if (ended())
                 return;

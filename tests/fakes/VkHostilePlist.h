@@ -23,7 +23,9 @@ struct VkNulCase {
     VkNulPlace place;
 };
 // Test names and failure messages show the case's name, not its bytes.
-inline void PrintTo(const VkNulCase& c, std::ostream* os) { *os << c.name; }
+inline void PrintTo(const VkNulCase& c, std::ostream* os) {
+    *os << c.name;
+}
 inline const std::vector<VkNulCase> kVkNulCases = {
     {"XmlString", VkNulPlace::XmlString},
     {"BinaryUtf16String", VkNulPlace::BinaryUtf16String},

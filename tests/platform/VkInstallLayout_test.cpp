@@ -1,9 +1,10 @@
-#include <gtest/gtest.h>
+#include "platform/VkInstallLayout.h"
 
 #include <filesystem>
 
+#include <gtest/gtest.h>
+
 #include "fakes/VkTempDir.h"
-#include "platform/VkInstallLayout.h"
 
 namespace {
 
