@@ -285,19 +285,30 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
             }
         }
         std::string full = f.path + "/" + name;
+        // A folder is opened before it is visited: one replaced by a link or a file since it
+        // was listed (a kept listing can be seconds old) is then visited as what it is now,
+        // so a file put in its place is judged, not passed over as a folder.
+        std::unique_ptr<Listing> child;
+        int openError = 0;
+        bool folder = isFolder(f.dir.get(), full, name.c_str(), type);
+        if (folder) {
+            errno = 0;
+            child = openChild(f.dir.get(), full, name.c_str());
+            if (!child) {
+                openError = errno != 0 ? errno : EIO;
+                folder = openError != ELOOP && openError != ENOTDIR;
+                if (!folder)
+                    type = DT_UNKNOWN;
+            }
+        }
         if (!visit(Entry{full, f.dir ? f.dir->fd() : -1, name.c_str(), type}))
             return true;
-        if (!isFolder(f.dir.get(), full, name.c_str(), type))
-            continue;
-        errno = 0;
-        std::unique_ptr<Listing> child = openChild(f.dir.get(), full, name.c_str());
-        if (!child) {
-            // Replaced by a link or a file since it was listed: nothing was hidden there.
-            if (errno != ELOOP && errno != ENOTDIR)
-                fail(full);
-            continue;
+        if (child) {
+            push(std::move(full), std::move(child));
+        } else if (folder) {
+            errno = openError;
+            fail(full);
         }
-        push(std::move(full), std::move(child));
     }
     return true;
 }

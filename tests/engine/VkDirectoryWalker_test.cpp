@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <dirent.h>
 #include <filesystem>
 #include <set>
 #include <sys/stat.h>
@@ -90,7 +91,9 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
 }
 
 // A walk takes what a count kept of a folder only for that very folder, once, and only while
-// fresh and within the room; otherwise it lists the folder afresh.
+// fresh and within the room; otherwise it lists the folder afresh. A folder the kept listing
+// names that is a file now is visited as an entry of unknown type (so it gets judged), never
+// as a folder. Folders are marked "/" below.
 TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
     using Listings = VkDirectoryWalker::Listings;
     auto never = [] { return false; };
@@ -99,10 +102,11 @@ TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
         std::chrono::steady_clock::duration fresh;
         std::set<std::string> seen;
     };
-    const std::set<std::string> afresh{"a", "a/1", "a/late", "b", "b/4", "b.old", "b.old/3"};
+    const std::set<std::string> afresh{"a/",  "a/1",    "a/late",  "b/",
+                                       "b/4", "b.old/", "b.old/3", "c"};
     const Case cases[] = {
         // The kept listings of t and t/a miss what came later; t/b is another folder now.
-        {Listings::kRoom, std::chrono::hours(1), {"a", "a/1", "b", "b/4"}},
+        {Listings::kRoom, std::chrono::hours(1), {"a/", "a/1", "b/", "b/4", "c"}},
         {Listings::kRoom, std::chrono::seconds(0), afresh},
         {1, std::chrono::hours(1), afresh},
     };
@@ -110,8 +114,11 @@ TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
         VkTempDir dir;
         dir.write("t/a/1", "1");
         dir.write("t/b/3", "3");
+        dir.mkdir("t/c");
         Listings listings(c.room, c.fresh);
-        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, &listings), 4u);
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, &listings), 5u);
+        fs::remove(dir / "t/c");
+        dir.write("t/c", "a file now");
         dir.write("t/a/late", "late");
         fs::rename(dir / "t/b", dir / "t/b.old");
         dir.write("t/b/4", "4");
@@ -121,7 +128,8 @@ TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
                 dir / "t",
                 [&](const VkDirectoryWalker::Entry& e) {
                     EXPECT_GE(e.folderFd, 0) << e.path;
-                    seen.insert(e.path.substr(dir.path().size() + 3));
+                    seen.insert(e.path.substr(dir.path().size() + 3) +
+                                (e.type == DT_DIR ? "/" : ""));
                     return true;
                 },
                 {}, {}, &listings);
