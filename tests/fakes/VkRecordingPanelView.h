@@ -106,7 +106,7 @@ class VkRecordingPanelView : public VkPanelView {
     // The indicator on a column ("" when none).
     std::string indicatorOn(const std::string& column) const { return get(indicators_, column); }
     std::optional<int64_t> clickedRow(const std::string&) const override { return clicked; }
-    std::optional<int64_t> selectedRow(const std::string&) const override { return {}; }
+    std::optional<int64_t> selectedRow(const std::string&) const override { return selected; }
 
     void revealInFileViewer(const std::string& path) override {
         log("revealInFileViewer " + path);
@@ -117,6 +117,7 @@ class VkRecordingPanelView : public VkPanelView {
     std::vector<std::string> calls;
     std::vector<std::string> revealed;
     std::optional<int64_t> clicked;
+    std::optional<int64_t> selected;
 
     bool called(const std::string& line) const {
         return std::find(calls.begin(), calls.end(), line) != calls.end();

@@ -369,6 +369,15 @@ TEST_F(VkTrojanMainControllerTest, SortingByHeaderClicksWithTheEqualSizeRule) {
     controller->didClickTableColumn("prcoessColumn");
     EXPECT_EQ(view.calls.size(), before) << "the action column changes nothing visible";
     EXPECT_EQ(column("prcoessColumn"), (Lines{"0", "0", "0"}));
+
+    // The row clicked is revealed, as sorted; without a click, the row selected; else none.
+    const std::string home = dir / "root/home/";
+    for (auto [clicked, selected] : {std::pair{0, -1}, {-1, 2}, {-1, -1}}) {
+        view.clicked = clicked >= 0 ? std::optional<int64_t>(clicked) : std::nullopt;
+        view.selected = selected >= 0 ? std::optional<int64_t>(selected) : std::nullopt;
+        controller->realInFinder();
+    }
+    EXPECT_EQ(view.revealed, (Lines{home + "c.bin", home + "b.bin"}));
 }
 
 TEST_F(VkTrojanMainControllerTest, UpdateLineShowsEachOutcomeAndComesBackAfterTwoSeconds) {
