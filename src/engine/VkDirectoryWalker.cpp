@@ -1,14 +1,19 @@
 #include "engine/VkDirectoryWalker.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -316,40 +321,48 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
 uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                          const std::function<bool()>& stopped,
                                          const std::function<bool(const std::string&)>& counts,
-                                         Listings* keep) {
-    // Each folder is read whole when it is entered, then its subfolders are entered in turn:
-    // the order does not matter to a count, and a folder's listing is then complete before
-    // the walk behind may ask for it. Folders stay open to enter their subfolders relative to
-    // them, up to the depth the walk keeps open too.
-    struct Folder {
+                                         Listings* keep, unsigned threads) {
+    // Each folder is read whole when it is entered and its subfolders are put on a stack that
+    // `threads` counters share: the order does not matter to a count, and several folders in
+    // reading at once keep more of a cold disk's reads in flight. Taken last first, the
+    // folders are counted roughly in the order the walk behind goes, and a folder's listing
+    // is complete before the walk may ask for it. A folder stays open while its subfolders
+    // wait, to open them relative to it, as long as few are held open.
+    struct Waiting {
+        std::shared_ptr<Listing> parent;  // none: opened by its path
         std::string path;
-        std::unique_ptr<Listing> dir;
-        std::vector<std::string> subfolders;
-        size_t next = 0;
+        std::string name;
     };
     const bool identified = keep || !skip.empty();
-    std::vector<Folder> stack;
-    uint64_t entries = 0;
-    std::string full;
-    auto enter = [&](std::string path, std::unique_ptr<Listing> dir) {
+    std::atomic<size_t> heldOpen{0};  // outlives the folders left waiting after a stop
+    std::atomic<uint64_t> entries{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Waiting> waiting;
+    unsigned busy = 0;
+    bool ended = false;
+
+    // Lists one folder: counts its entries, keeps its listing and queues its subfolders.
+    auto enter = [&](std::string path, std::unique_ptr<Listing> dir, std::string& full) {
         if (!dir)
-            return;
+            return true;
         std::optional<FolderId> id = identify(*dir, identified);
         if (isSkipped(id, skip))
-            return;
-        Folder folder{std::move(path), std::move(dir), {}, 0};
+            return true;
+        std::vector<std::string> subfolders;
         Names names;
         size_t room = keep && id ? keep->room() : 0;
-        for (size_t n = 0; std::optional<Listing::Item> e = folder.dir->next(); ++n) {
+        uint64_t counted = 0;
+        for (size_t n = 0; std::optional<Listing::Item> e = dir->next(); ++n) {
             if (n % 1024 == 1023 && stopped())
-                return;
+                return false;
             bool maybeFolder = e->type == DT_DIR || e->type == DT_UNKNOWN;
             if (counts || maybeFolder)
-                full.assign(folder.path).append("/").append(e->name);
+                full.assign(path).append("/").append(e->name);
             if (!counts || counts(full))
-                ++entries;
-            if (maybeFolder && isFolder(folder.dir.get(), full, e->name, e->type))
-                folder.subfolders.emplace_back(e->name);
+                ++counted;
+            if (maybeFolder && isFolder(dir.get(), full, e->name, e->type))
+                subfolders.emplace_back(e->name);
             if (room != 0) {
                 names.add(e->name, e->type);
                 if (names.bytes() > room) {
@@ -361,22 +374,68 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
         // A folder that could not be read to its end is not kept.
         if (room != 0 && errno == 0)
             keep->keep(*id, std::move(names));
-        if (stack.size() >= kMaxOpenFolders)
-            folder.dir.reset();
-        stack.push_back(std::move(folder));
-    };
-    const std::string base = withoutTrailingSlashes(root);
-    enter(base == "/" ? "" : base, openRoot(base));
-    while (!stack.empty() && !stopped()) {
-        Folder& f = stack.back();
-        if (f.next >= f.subfolders.size()) {
-            stack.pop_back();
-            continue;
+        entries.fetch_add(counted);
+        std::shared_ptr<Listing> parent;
+        if (!subfolders.empty() && heldOpen.load() < kMaxOpenFolders) {
+            heldOpen.fetch_add(1);
+            parent = std::shared_ptr<Listing>(dir.release(), [&heldOpen](Listing* l) {
+                delete l;
+                heldOpen.fetch_sub(1);
+            });
         }
-        const std::string& name = f.subfolders[f.next++];
-        std::string path = f.path + "/" + name;
-        std::unique_ptr<Listing> dir = openChild(f.dir.get(), path, name.c_str());
-        enter(std::move(path), std::move(dir));  // `f` may move from here on
+        if (subfolders.empty())
+            return true;
+        std::lock_guard lock(mutex);
+        for (auto it = subfolders.rbegin(); it != subfolders.rend(); ++it)
+            waiting.push_back({parent, path + "/" + *it, std::move(*it)});
+        // This thread takes one of them next; the others are for whoever waits.
+        if (subfolders.size() > 1)
+            changed.notify_all();
+        return true;
+    };
+    auto count = [&] {
+        std::string full;
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [&] { return ended || !waiting.empty() || busy == 0; });
+            if (ended || waiting.empty())
+                break;
+            Waiting next = std::move(waiting.back());
+            waiting.pop_back();
+            ++busy;
+            lock.unlock();
+            bool going = !stopped();
+            if (going) {
+                std::unique_ptr<Listing> dir =
+                    openChild(next.parent.get(), next.path, next.name.c_str());
+                next.parent.reset();
+                going = enter(std::move(next.path), std::move(dir), full);
+            }
+            next.parent.reset();
+            lock.lock();
+            --busy;
+            ended = ended || !going;
+            // The others wait on until there is work, or nothing more can come.
+            if (ended || (busy == 0 && waiting.empty()))
+                changed.notify_all();
+        }
+    };
+
+    const std::string base = withoutTrailingSlashes(root);
+    std::string full;
+    if (!enter(base == "/" ? "" : base, openRoot(base), full))
+        return entries.load();
+    // As many helpers as the root has subfolders to begin with, counted before any starts.
+    const size_t helpersWanted = std::min<size_t>(threads > 0 ? threads - 1 : 0, waiting.size());
+    std::vector<std::thread> helpers;
+    try {
+        while (helpers.size() < helpersWanted)
+            helpers.emplace_back(count);
+    } catch (const std::system_error&) {
+        // No more threads to be had: those running count the rest.
     }
-    return entries;
+    count();
+    for (auto& helper : helpers)
+        helper.join();
+    return entries.load();
 }

@@ -1,5 +1,6 @@
 // The scans of VkTorjanScan: the full and custom walks with their producer and consumer,
 // the quick stage, the single-file check and stopping.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -30,6 +31,10 @@ const std::set<std::string> kExcludedRoots = {"/net", "/home", "/dev", "/Volumes
 
 // Files a judge opens, with the kernel asked to read them, before it reads the first.
 constexpr size_t kOpenAhead = 16;
+
+// Threads that list folders for the count, each waiting on one folder's read at a time.
+constexpr unsigned kCountThreadsPerJob = 4;
+constexpr unsigned kMaxCountThreads = 8;
 
 void sleepMicroseconds(int us) {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
@@ -200,6 +205,11 @@ void VkTorjanScan::scanBaseItem() {
     std::atomic<uint64_t> total{0};
     std::atomic<bool> counted{false};
     std::atomic<bool> walkEnded{false};
+    // Several folders listed at once: on a cold disk the count's reads then keep their share
+    // beside the judges' read-ahead. Fewer beside a single judge, whose processor time they
+    // would take; one for a paced scan, which stays gentle.
+    const unsigned countThreads =
+        needDelay() ? 1 : std::min(kMaxCountThreads, kCountThreadsPerJob * judgingJobs());
     std::thread counter([&] {
         uint64_t entries = 0;
         auto ended = [&] { return isSearchStop_.load() || walkEnded.load(); };
@@ -213,8 +223,8 @@ void VkTorjanScan::scanBaseItem() {
                 std::function<bool(const std::string&)> inScope;
                 if (fullScan || skip)
                     inScope = [&](const std::string& path) { return !outOfScope(path); };
-                entries +=
-                    VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope, &listings);
+                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope,
+                                                           &listings, countThreads);
             }
             if (ended())
                 return;

@@ -48,17 +48,21 @@ TEST(VkDirectoryWalkerTest, ListsEverythingInPreOrderWithoutEnteringLinks) {
         for (size_t j = i + 1; j < seen.size(); ++j)
             EXPECT_NE(seen[i].rfind(seen[j] + "/", 0), 0u) << seen[j] << " after what it holds";
     }
-    // The count agrees with the walk, with and without paths; skipped folders are not entered.
+    // The count agrees with the walk, with and without paths, in one thread or several;
+    // skipped folders are not entered.
     auto never = [] { return false; };
-    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never), seen.size());
-    EXPECT_EQ(VkDirectoryWalker::countEntries(
-                  dir / "t", {}, never,
-                  [](const std::string& p) { return p.find("/App.app") == std::string::npos; }),
-              seen.size() - 3);
     struct stat app {};
     ASSERT_EQ(::stat((dir / "t/App.app").c_str(), &app), 0);
-    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {{app.st_dev, app.st_ino}}, never),
-              seen.size() - 2);
+    for (unsigned threads : {1u, 4u}) {
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, nullptr, threads),
+                  seen.size());
+        auto outside = [](const std::string& p) { return p.find("/App.app") == std::string::npos; };
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, outside, nullptr, threads),
+                  seen.size() - 3);
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {{app.st_dev, app.st_ino}}, never, {},
+                                                  nullptr, threads),
+                  seen.size() - 2);
+    }
 }
 
 TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
@@ -80,8 +84,11 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
         "d/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/n/"
         "n/n/n/n/n/n/n/x/y",
         "deep");
-    EXPECT_EQ(VkDirectoryWalker::countEntries(deep, {}, [] { return false; }),
-              walkAll(deep).size());
+    for (unsigned threads : {1u, 4u}) {
+        EXPECT_EQ(VkDirectoryWalker::countEntries(
+                      deep, {}, [] { return false; }, {}, nullptr, threads),
+                  walkAll(deep).size());
+    }
     ::chmod((dir / "d/locked").c_str(), 0700);
 
     int visits = 0;
