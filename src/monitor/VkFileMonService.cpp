@@ -429,7 +429,7 @@ bool VkFileMonService::rescanStep(double now) {
             wanted = changed >= startupCutoff_ && changed < startupUntil_;
         }
         if (wanted)
-            settler_.complete(path, now);
+            settler_.found(path, now);
     }
     it.increment(ec);
     if (ec)

@@ -63,6 +63,12 @@ bool VkFileSettler::complete(const std::string& path, double now) {
     return true;
 }
 
+bool VkFileSettler::found(const std::string& path, double now) {
+    if (index_.count(path) || inBacklog_.count(path))
+        return true;
+    return complete(path, now);
+}
+
 void VkFileSettler::promote(double now) {
     while (!full() && !backlog_.empty()) {
         std::string path = std::move(backlog_.front());

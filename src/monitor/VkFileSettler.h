@@ -38,6 +38,10 @@ class VkFileSettler {
     // others (their order is kept). False (the path is dropped) when it is not waiting and
     // there is no room, or it cannot be observed.
     bool complete(const std::string& path, double now);
+    // A path found by looking at a folder, not reported by a watch: waits as a completed one
+    // does, but one already waiting or in the backlog keeps its place, so that a file both
+    // reported and found (at a start) is handed on in the order it was reported.
+    bool found(const std::string& path, double now);
     // The next settled path, or nullopt when none is due at now. A due path that has changed
     // since it was last seen goes to the back to wait again; one that is gone is dropped.
     // Backlog paths move up to wait, from now, as room frees.

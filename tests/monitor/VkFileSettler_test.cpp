@@ -44,9 +44,13 @@ TEST(VkFileSettlerTest, HandsOnFilesInTheOrderTheyCompletedOnceTheSettleTimeHasP
     // Files that vanish (renamed into place, say) are dropped and never handed on.
     EXPECT_FALSE(settler.complete("/w/never-there", 100));
     files.files.erase("/w/partial");
+    // A folder's look finds them again, and one more: the known ones keep their place.
+    files.touch("/w/d", 10);
+    for (const char* name : {"/w/b", "/w/d", "/w/c"})
+        ASSERT_TRUE(settler.found(name, 100));
     EXPECT_EQ(settler.secondsUntilDue(100.5), 1.5);
     EXPECT_TRUE(drain(settler, 101.9).empty());
-    EXPECT_EQ(drain(settler, 102), (std::vector<std::string>{"/w/c", "/w/a", "/w/b"}));
+    EXPECT_EQ(drain(settler, 102), (std::vector<std::string>{"/w/c", "/w/a", "/w/b", "/w/d"}));
     EXPECT_EQ(settler.size(), 0u);
     EXPECT_FALSE(settler.secondsUntilDue(102));
 }
