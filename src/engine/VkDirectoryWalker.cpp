@@ -162,12 +162,16 @@ std::unique_ptr<Listing> openRoot(const std::string& base) {
     return Listing::adopt(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-// Lowers the calling thread's priority as far as it goes: a helper of the count is worth the
-// reads it keeps in flight on a cold disk, not processor time taken from the walk it races.
-void runWhenIdle() {
-#ifdef __linux__
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 19);
+// Blocks this thread (or, where threads are not told apart, this process) has had to read
+// from a disk so far.
+long blocksRead() {
+    struct rusage usage {};
+#ifdef RUSAGE_THREAD
+    const int who = RUSAGE_THREAD;
+#else
+    const int who = RUSAGE_SELF;
 #endif
+    return ::getrusage(who, &usage) == 0 ? usage.ru_inblock : 0;
 }
 
 std::string withoutTrailingSlashes(std::string path) {
@@ -330,7 +334,7 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
 uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                          const std::function<bool()>& stopped,
                                          const std::function<bool(const std::string&)>& counts,
-                                         Listings* keep, unsigned threads) {
+                                         Listings* keep, unsigned threads, bool atOnce) {
     // Each folder is read whole when it is entered and its subfolders are put on a stack that
     // `threads` counters share: the order does not matter to a count, and several folders in
     // reading at once keep more of a cold disk's reads in flight. Taken last first, the
@@ -402,7 +406,13 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
             changed.notify_all();
         return true;
     };
-    auto count = [&] {
+    // Helpers start once the listings have to be read from the disk: then several reads in
+    // flight are what makes the count quick, while on cached folders more threads would only
+    // take processor time from the walk.
+    const long blocksBefore = threads > 1 && !atOnce ? blocksRead() : 0;
+    std::vector<std::thread> helpers;
+    size_t listed = 0;
+    auto count = [&](auto& self, bool first) -> void {
         std::string full;
         std::unique_lock lock(mutex);
         for (;;) {
@@ -421,6 +431,15 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
                 going = enter(std::move(next.path), std::move(dir), full);
             }
             next.parent.reset();
+            if (first && helpers.empty() && threads > 1 &&
+                (atOnce || (++listed % 4 == 0 && blocksRead() > blocksBefore))) {
+                try {
+                    while (helpers.size() + 1 < threads)
+                        helpers.emplace_back([&] { self(self, false); });
+                } catch (const std::system_error&) {
+                    // No more threads to be had: those running count the rest.
+                }
+            }
             lock.lock();
             --busy;
             ended = ended || !going;
@@ -434,20 +453,7 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
     std::string full;
     if (!enter(base == "/" ? "" : base, openRoot(base), full))
         return entries.load();
-    // As many helpers as the root has subfolders to begin with, counted before any starts.
-    const size_t helpersWanted = std::min<size_t>(threads > 0 ? threads - 1 : 0, waiting.size());
-    std::vector<std::thread> helpers;
-    try {
-        while (helpers.size() < helpersWanted) {
-            helpers.emplace_back([&] {
-                runWhenIdle();
-                count();
-            });
-        }
-    } catch (const std::system_error&) {
-        // No more threads to be had: those running count the rest.
-    }
-    count();
+    count(count, true);
     for (auto& helper : helpers)
         helper.join();
     return entries.load();

@@ -105,12 +105,14 @@ class VkDirectoryWalker {
     // `counts` is given, an entry counts only if it says so of its path; without it no path
     // is built, which is what makes the count cheap beside a walk that judges. Gives up,
     // returning what it counted so far, as soon as stopped() says so. Each folder read whole
-    // is kept in `keep` while there is room. Up to `threads` threads list folders at once;
-    // `counts` is then called from each of them.
+    // is kept in `keep` while there is room. Up to `threads` threads list folders at once
+    // (`counts` is then called from each of them): the calling one starts the others as soon
+    // as it has had to read from a disk, or at once with `atOnce`.
     static uint64_t countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                  const std::function<bool()>& stopped,
                                  const std::function<bool(const std::string&)>& counts = {},
-                                 Listings* keep = nullptr, unsigned threads = 1);
+                                 Listings* keep = nullptr, unsigned threads = 1,
+                                 bool atOnce = false);
     // Opens a folder without following a link in its place, one component at a time when
     // the path is too long for the system to take whole (links met on the way refused).
     static VkFd openFolder(const std::string& path);

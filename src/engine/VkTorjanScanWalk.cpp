@@ -205,9 +205,9 @@ void VkTorjanScan::scanBaseItem() {
     std::atomic<uint64_t> total{0};
     std::atomic<bool> counted{false};
     std::atomic<bool> walkEnded{false};
-    // Several folders listed at once: on a cold disk the count's reads then keep their share
-    // beside the judges' read-ahead. Fewer beside a single judge, whose processor time they
-    // would take; one for a paced scan, which stays gentle.
+    // Several folders listed at once when the disk has to be read: the count's reads then keep
+    // their share beside the judges' read-ahead. Fewer beside a single judge; one for a paced
+    // scan, which stays gentle.
     const unsigned countThreads =
         needDelay() ? 1 : std::min(kMaxCountThreads, kCountThreadsPerJob * judgingJobs());
     std::thread counter([&] {

@@ -54,13 +54,14 @@ TEST(VkDirectoryWalkerTest, ListsEverythingInPreOrderWithoutEnteringLinks) {
     struct stat app {};
     ASSERT_EQ(::stat((dir / "t/App.app").c_str(), &app), 0);
     for (unsigned threads : {1u, 4u}) {
-        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, nullptr, threads),
+        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, nullptr, threads, true),
                   seen.size());
         auto outside = [](const std::string& p) { return p.find("/App.app") == std::string::npos; };
-        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, outside, nullptr, threads),
-                  seen.size() - 3);
+        EXPECT_EQ(
+            VkDirectoryWalker::countEntries(dir / "t", {}, never, outside, nullptr, threads, true),
+            seen.size() - 3);
         EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {{app.st_dev, app.st_ino}}, never, {},
-                                                  nullptr, threads),
+                                                  nullptr, threads, true),
                   seen.size() - 2);
     }
 }
@@ -86,7 +87,7 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
         "deep");
     for (unsigned threads : {1u, 4u}) {
         EXPECT_EQ(VkDirectoryWalker::countEntries(
-                      deep, {}, [] { return false; }, {}, nullptr, threads),
+                      deep, {}, [] { return false; }, {}, nullptr, threads, true),
                   walkAll(deep).size());
     }
     ::chmod((dir / "d/locked").c_str(), 0700);
