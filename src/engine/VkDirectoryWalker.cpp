@@ -71,6 +71,9 @@ class Listing {
         for (;;) {
 #ifdef __linux__
             if (at_ >= filled_) {
+                // Made on the first read: a folder walked from the count's listing never reads.
+                if (!buffer_)
+                    buffer_.reset(new char[kBufferSize]);
                 errno = 0;
                 ssize_t n = ::getdents64(fd_, buffer_.get(), kBufferSize);
                 if (n <= 0) {
@@ -97,7 +100,7 @@ class Listing {
   private:
 #ifdef __linux__
     static constexpr size_t kBufferSize = 32768;
-    explicit Listing(int fd) : fd_(fd), buffer_(new char[kBufferSize]) {}
+    explicit Listing(int fd) : fd_(fd) {}
     int fd_;
     std::unique_ptr<char[]> buffer_;
     size_t filled_ = 0;
