@@ -173,8 +173,6 @@ TEST_F(VkSqliteManagerTest, NullOddColumnsAndHostileKillBlobsReadWithoutFailing)
               VkTorjanItem::makeKillArray({{"k", "Foo"}}));
 }
 
-// Files written by others: foreign tables are kept, fewer columns read what they have, and
-// a file that is no database changes nothing.
 TEST_F(VkSqliteManagerTest, FilesWrittenByOthersAreReadForWhatTheyHaveAndNeverChanged) {
     VkRawDb(dbPath).exec("create table notes(text); insert into notes values('hello')");
     manager.openDataBase(dbPath);
@@ -233,8 +231,6 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
     EXPECT_EQ(openDescriptors(), idle);
 }
 
-// Writes without an open file, or that fail, answer NO; writes that cannot be prepared
-// count as done.
 TEST_F(VkSqliteManagerTest, WritesAnswerNoWhenTheyFailButYesWhenTheyCannotBePrepared) {
     auto item = makeItem("x", "c");
     EXPECT_FALSE(manager.addItemToDataBase(item));
