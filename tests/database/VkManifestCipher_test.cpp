@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "fakes/VkTestBytes.h"
-#include "support/VkCrypt.h"
 
 namespace {
 
@@ -26,11 +25,6 @@ TEST(VkManifestCipherTest, MatchesTripleDesWithTheManifestKeyAndIvAndRefusesDama
     ASSERT_TRUE(enciphered);
     EXPECT_EQ(*enciphered, kReference);
     EXPECT_EQ(VkManifestCipher::decrypt(kReference), plain);
-    // The string cipher's key does not open a manifest.
-    auto withDefaultKey = VkCryptInter(plain, true);
-    ASSERT_TRUE(withDefaultKey);
-    auto opened = VkManifestCipher::decrypt(*withDefaultKey);
-    EXPECT_TRUE(!opened || *opened != plain);
 
     // Damaged or empty bodies give nil.
     EXPECT_FALSE(VkManifestCipher::decrypt({}));

@@ -152,7 +152,6 @@ TEST_F(VkArchiveJudgeTest, OnlyCandidateSizesAreDecompressedAndNamesAreNeverPath
 
 }  // namespace
 
-// Whether a listed file is opened as an archive depends on its name alone, in any case.
 TEST(VkArchiveNames, ArchivesAreKnownByTheSuffixOfTheirLastComponent) {
     const std::pair<const char*, bool> names[] = {
         {"/a/b.zip", true},  {"/a/B.ZIP", true},  {"/a/b.tar.Gz", true},   {"/a/b.Z", true},

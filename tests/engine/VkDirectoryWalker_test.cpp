@@ -147,8 +147,6 @@ TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
     }
 }
 
-// Judges finish out of order; the reporter still gets every entry in walk order, and the
-// walk never runs more than the window ahead. A stop releases a walk waiting for room.
 TEST(VkScanPipelineTest, ReportsInWalkOrderBoundedAndReleasesAStoppedWalk) {
     std::atomic<bool> stop{false};
     VkScanPipeline pipeline(stop, 8, 2);

@@ -132,31 +132,22 @@ TEST_F(VkScanWalkTest, FullScanSkipsExcludedRootsAndVolumesButCustomScanEntersTh
     for (const char* rel : {"net/x", "home/u/x", "dev/x", "Volumes/Disk/x", "proc/x", "sys/x"})
         plant(rel);
     dir.write("root/Applications/clean.txt", "clean");
+    // Each planted file outside Applications would be found if its root were walked.
     auto s = scanner();
-    std::set<std::string> roots(s->defaultScanPaths().begin(), s->defaultScanPaths().end());
-    EXPECT_TRUE(roots.count(root + "/Applications"));
-    for (const char* excluded : {"/net", "/home", "/dev", "/Volumes", "/proc", "/sys"})
-        EXPECT_FALSE(roots.count(root + excluded)) << excluded;
     auto full = std::make_shared<VkRecordingScanDelegate>();
     s->startScan(full);
     ASSERT_TRUE(full->waitForEnd());
     EXPECT_EQ(full->resultPaths(), std::vector<std::string>{app});
-    for (const auto& p : full->progress())
-        EXPECT_EQ(p.item.value_or("").find(root + "/Volumes"), std::string::npos) << *p.item;
-    EXPECT_EQ(full->progress().back().progress, 1.0f);
 
     // A custom scan enters what the full scan leaves out, judges a single file directly and
-    // passes over a missing path.
+    // passes over a missing path. (How progress climbs and ends: the walk-order test below.)
     std::string file = plant("Users/tester/Downloads/one.bin");
     auto custom = run(*s, {root + "/Volumes/Disk", file, root + "/does/not/exist"});
     EXPECT_EQ(custom->resultPaths(), (std::vector<std::string>{root + "/Volumes/Disk/x", file}));
     EXPECT_EQ(custom->results()[0]->torjanItem()->name(), "Test.Walk");
     EXPECT_EQ(s->filesJudged(), 2u);
-    auto progress = custom->progress();
-    ASSERT_EQ(progress.size(), 3u);
-    EXPECT_EQ(progress[1].item, file);
-    EXPECT_LT(progress[1].progress, 1.0f);
-    EXPECT_TRUE(progress[2].progress == 1.0f && !progress[2].item);
+    ASSERT_EQ(custom->progress().size(), 3u);
+    EXPECT_EQ(custom->progress()[1].item, file);
 }
 
 TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealFilesOnly) {
@@ -191,7 +182,6 @@ TEST_F(VkScanWalkTest, RestartStopsTheRunningWalkWhichEndsWithTheFinalReport) {
     for (int i = 0; i < 300; ++i)
         dir.write("root/big/d" + std::to_string(i % 30) + "/f" + std::to_string(i), "x");
     auto s = scanner();
-    EXPECT_TRUE(s->isStopScan());
     auto a = std::make_shared<BlockingDelegate>();
     auto b = std::make_shared<VkRecordingScanDelegate>();
     std::string file = plant("small/hit.bin");

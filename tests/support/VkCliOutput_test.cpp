@@ -32,10 +32,8 @@ TEST(VkCliOutput, TextEscapesWhatATerminalWouldNotShowAsItself) {
          "exe",
          "txt.\\xe2\\x80\\xaeexe"},  // right-to-left override
     };
-    for (const Case& c : cases) {
+    for (const Case& c : cases)
         EXPECT_EQ(vkCliText(c.in), c.out) << c.out;
-        EXPECT_EQ(vkCliText(c.in).find('\n'), std::string::npos);
-    }
 }
 
 TEST(VkCliOutput, JsonCarriesPathsThatAreNotUtf8InBase64) {
