@@ -18,7 +18,6 @@
 #include "panel/VkOpenPanel.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkQtPanelView.h"
-#include "panel/VkQtSortIndicator.h"
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanOutlineView.h"
 
@@ -151,9 +150,6 @@ TEST(VkQtSortIndicatorTest, NamesShowTheirPictureInFusionAndInWindowsStyle) {
         outline.setSortIndicator("b", std::nullopt);
         EXPECT_EQ(outline.sortIndicator("b"), std::nullopt);
     }
-    // Fusion draws its upward triangle for the descending order.
-    EXPECT_EQ(VkQtSortIndicator::sortOrder("NSAscendingSortIndicator", QApplication::style()),
-              Qt::DescendingOrder);
 }
 
 // An outline of three rows with the two row buttons.

@@ -44,7 +44,6 @@ class VkTrojanMainControllerTest : public VkUiTest {
         view.setFrame("cleanButton", {{0, 0}, {100, 30}});
         view.setFrame("backButton", {{0, 0}, {100, 30}});
         view.setFrame("scanContentView", {{0, 40}, {500, 300}});
-        view.setFrame("mainView", {{0, 0}, {600, 460}});
         view.setFrame("currentScanPathText", {{10, 77}, {300, 20}});
         view.setText("cancelButton", "Stop");
         view.setText("cleanButton", "Clean");
