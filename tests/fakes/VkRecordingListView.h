@@ -20,7 +20,7 @@ class VkRecordingListView : public VkListView {
         texts[control] = text;
     }
     void revealInFileViewer(const std::string& path) override { revealed.push_back(path); }
-    void close() override { ++closes; }
+    void close() override {}
     std::optional<int64_t> clickedRow() const override { return clicked; }
     std::optional<int64_t> selectedRow() const override { return selected; }
     bool confirm(const std::string& message, const std::string&, const std::string&) override {
@@ -39,7 +39,6 @@ class VkRecordingListView : public VkListView {
 
     int reloads = 0;
     int indicatorCalls = 0;
-    int closes = 0;
     std::map<VkListColumn, std::optional<std::string>> indicators;
     std::map<std::string, std::string> texts;
     std::vector<std::string> revealed;

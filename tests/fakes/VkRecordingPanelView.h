@@ -93,11 +93,7 @@ class VkRecordingPanelView : public VkPanelView {
     }
     bool isSheetOpen(const std::string& sheet) const { return openSheets_.count(sheet) > 0; }
 
-    void reloadData(const std::string& outline) override {
-        log("reloadData " + outline);
-        ++reloads_[outline];
-    }
-    int reloads(const std::string& outline) const { return get(reloads_, outline); }
+    void reloadData(const std::string& outline) override { log("reloadData " + outline); }
     void setSortIndicator(const std::string& column,
                           const std::optional<std::string>& indicator) override {
         log("setSortIndicator " + column + " " + indicator.value_or("-"));
@@ -159,6 +155,5 @@ class VkRecordingPanelView : public VkPanelView {
     std::map<std::string, VkRect> frames_;
     std::map<std::string, std::vector<std::string>> children_;
     std::set<std::string> openSheets_;
-    std::map<std::string, int> reloads_;
     std::map<std::string, std::string> indicators_;
 };

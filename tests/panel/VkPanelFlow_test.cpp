@@ -14,16 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-class VkPanelFlowTest : public VkPanelFixture {
-  protected:
-    void clickHeader(VkQtOutlineView* outline, const std::string& name) {
-        QHeaderView* header = outline->header();
-        int section = outline->rowModel()->columnIndex(name);
-        QPoint at(header->sectionViewportPosition(section) + header->sectionSize(section) / 2,
-                  header->height() / 2);
-        QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, at);
-    }
-};
+using VkPanelFlowTest = VkPanelFixture;
 
 // The panel starts the monitor on first run and never sets the switch when that works, so
 // the switch must start on to agree with the text. After a restart with the monitor switched
@@ -74,12 +65,12 @@ TEST_F(VkPanelFlowTest, HeaderClicksSortTheResultsAndTheRowButtonRevealsItsFile)
     ASSERT_EQ(column(results, "fileNameColumn"), (Lines{"a-small.bin", "z-big.bin"}));
 
     // Which indicator goes where is the controller's; the header shows what it is told.
-    clickHeader(results, "fileSizeColumn");
+    QHeaderView* header = results->header();
+    int size = results->rowModel()->columnIndex("fileSizeColumn");
+    QPoint middle(header->sectionViewportPosition(size) + header->sectionSize(size) / 2,
+                  header->height() / 2);
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, middle);
     EXPECT_EQ(results->sortIndicator("fileSizeColumn"), "NSDescendingSortIndicator");
-    EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"z-big.bin", "a-small.bin"}));
-
-    // The action column is no sort key: nothing changes.
-    clickHeader(results, "prcoessColumn");
     EXPECT_EQ(column(results, "fileNameColumn"), (Lines{"z-big.bin", "a-small.bin"}));
 
     // The row button reveals the file of its row, as sorted.
@@ -133,6 +124,7 @@ TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
         SCOPED_TRACE(byHost ? "the host starts a scan" : "the page is closed");
         click(panel.get(), "viewFileMonLogs");
         VkLogsWidget* logs = panel->logsWidget();
+        VkLogsController* made = panel->logic().logsController();
         VkQtPanelView& page = logs->panelView();
         click(logs, "showScanButton");
         ASSERT_NE(logs->resultButton(0), nullptr);
@@ -146,20 +138,24 @@ TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
         EXPECT_TRUE(asked->empty());
         EXPECT_EQ(scanLogs->scanLogsArray().size(), 1u);
         if (byHost) {
-            panel->startQuickScan();
+            // The page goes and the scan starts on the trojan screens.
+            panel->startFullScan();
+            EXPECT_FALSE(logs->isVisibleTo(panel.get()) && logs->parentWidget() == panel.get());
+            EXPECT_TRUE(trojan()->isVisibleTo(panel.get()));
+            EXPECT_EQ(controller().scanType(), 1);
             panel->postHostNotification("StopScanNotify");
         } else {
             panel->logic().logsController()->closeFileMonLogsView();
         }
         EXPECT_FALSE(sheet->isVisibleTo(logs));
         click(panel.get(), "viewFileMonLogs");
+        EXPECT_EQ(panel->logic().logsController(), made) << "made once and kept";
         EXPECT_FALSE(sheet->isVisibleTo(logs));
         EXPECT_TRUE(logs->findChild<QAbstractButton*>("completeButton")->isEnabled());
         click(logs, "completeButton");
     }
 }
 
-// A launch agent the user trusts survives the clean that removes another one.
 TEST_F(VkPanelFlowTest, ATrustedLaunchAgentSurvivesTheDetectorsRemovalInTheSameClean) {
     auto agent = [this](const char* plist, const char* program) {
         VkPlist item = VkPlist::dictionary({{"Label", "item"}, {"Program", program}});

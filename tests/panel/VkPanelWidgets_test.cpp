@@ -1,5 +1,4 @@
 #include <QApplication>
-#include <QCheckBox>
 #include <QDropEvent>
 #include <QHeaderView>
 #include <QLabel>
@@ -19,7 +18,6 @@
 #include "panel/VkOpenPanel.h"
 #include "panel/VkQtMainQueue.h"
 #include "panel/VkQtPanelView.h"
-#include "panel/VkQtSortIndicator.h"
 #include "panel/VkTrojanDragView.h"
 #include "panel/VkTrojanOutlineView.h"
 
@@ -71,27 +69,19 @@ T* named(QWidget* parent, const char* name, QRect geometry) {
     return control;
 }
 
-// A window with named controls in a 400 x 300 top view, and another screen.
+// A window with named controls in a 400 x 300 top view. (Other screens found by their
+// interface names, hidden controls and states: the panel's flow and look tests.)
 class VkQtPanelViewTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        root.setObjectName("VkTestScreen");
-        root.resize(400, 300);
-        other.setObjectName("VkOtherScreen");
-        other.resize(200, 100);
-        screens->add("VkOtherScreen", &other);
-    }
+    void SetUp() override { root.resize(400, 300); }
 
     QWidget root;
-    QWidget other;
     QWidget* box = named<QWidget>(&root, "box", {10, 20, 100, 50});
     QLabel* label = named<QLabel>(box, "label", {5, 5, 80, 20});
-    QCheckBox* check = named<QCheckBox>(&root, "check", {});
-    std::shared_ptr<VkQtScreens> screens = std::make_shared<VkQtScreens>("");
-    VkQtPanelView view{&root, screens};
+    VkQtPanelView view{&root, std::make_shared<VkQtScreens>("")};
 };
 
-TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet) {
+TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftAndStyledCountsHighlight) {
     // Top-left (10, 20) of 50 high in a 300 high parent is 230 up from the bottom.
     EXPECT_EQ(view.frame("box"), (VkRect{{10, 230}, {100, 50}}));
     view.setFrame("label", {{5, 0}, {90, 10}});
@@ -107,16 +97,7 @@ TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet
     EXPECT_EQ(box->geometry(), QRect(20, 250, 100, 50));
     EXPECT_FALSE(box->isHidden());
     EXPECT_TRUE(view.isHidden("label"));
-    // Another screen is found by its interface name.
-    view.setFrame("VkOtherScreen", {{0, 100}, {200, 100}});
-    view.addSubview("view", "VkOtherScreen");
-    EXPECT_EQ(other.parentWidget(), &root);
-    EXPECT_EQ(other.geometry(), QRect(0, 100, 200, 100));
-    EXPECT_TRUE(other.isVisibleTo(&root));
 
-    // Texts, states and highlighted counts.
-    view.setText("label", "plain");
-    EXPECT_EQ(view.text("label"), "plain");
     VkStyledText styled;
     styled.text = "3 threats";
     styled.highlightLength = 1;
@@ -126,9 +107,6 @@ TEST_F(VkQtPanelViewTest, FramesCountFromTheBottomLeftTextsHighlightAndStatesSet
     EXPECT_TRUE(label->text().contains("rgba(1,183,1,1)>3<") ||
                 label->text().contains("rgba(1,183,1,1)\">3</span>"))
         << label->text().toStdString();
-    view.setState("check", 1);
-    EXPECT_EQ(view.state("check"), 1);
-    EXPECT_TRUE(check->isChecked());
     styled.fontSize = 12;
     EXPECT_GT(view.drawnWidth(styled), 0);
 }
@@ -172,9 +150,6 @@ TEST(VkQtSortIndicatorTest, NamesShowTheirPictureInFusionAndInWindowsStyle) {
         outline.setSortIndicator("b", std::nullopt);
         EXPECT_EQ(outline.sortIndicator("b"), std::nullopt);
     }
-    // Fusion draws its upward triangle for the descending order.
-    EXPECT_EQ(VkQtSortIndicator::sortOrder("NSAscendingSortIndicator", QApplication::style()),
-              Qt::DescendingOrder);
 }
 
 // An outline of three rows with the two row buttons.
@@ -318,8 +293,6 @@ TEST(VkBaseImageUtilTest, ButtonFaceHasTheSizeAndCarriesItsTitle) {
     QPixmap plain = VkBaseImageUtil::baseButtonImage(1, QSize(110, 30), "");
     EXPECT_EQ(titled.deviceIndependentSize().toSize(), QSize(110, 30));
     EXPECT_NE(titled.toImage(), plain.toImage());
-    EXPECT_NE(VkBaseImageUtil::baseButtonImage(2, QSize(110, 30), "Done").toImage(),
-              titled.toImage());
     EXPECT_TRUE(VkBaseImageUtil::baseButtonImage(1, QSize(), "Done").isNull());
 }
 

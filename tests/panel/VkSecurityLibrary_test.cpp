@@ -54,14 +54,9 @@ TEST(VkSecurityLibraryTest, HostLoadsThePanelAndHearsItsReports) {
     // The panel's first count reached the host before anything else.
     EXPECT_EQ(lines.front(), "notify ReloadIntrodutNotify DetectedFileCount=0");
     std::erase(lines, "notify ReloadIntrodutNotify DetectedFileCount=0");
-    EXPECT_EQ(lines.front(), "updateOperObjs");
     ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "postHostNotification",
                                           Q_ARG(QString, "StopScanNotify")));
     ASSERT_TRUE(serveUntilHas("resetHomeView"));
-    // A notification the controller does not observe changes nothing.
-    ASSERT_TRUE(QMetaObject::invokeMethod(panel.get(), "postHostNotification",
-                                          Q_ARG(QString, "AllScanEnd")));
-    QCoreApplication::processEvents();
     EXPECT_EQ(lines, (std::vector<std::string>{"updateOperObjs", "resetHomeView"}));
 
     // The host hears the panel's own notifications: the switch, a scan's start and end.

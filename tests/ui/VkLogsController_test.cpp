@@ -86,11 +86,6 @@ class VkLogsControllerTest : public VkUiTest {
         return column(VkLogsController::kScanLogsOutline, name);
     }
 
-    void search(const std::string& text) {
-        view.setText("serachField", text);
-        controller->serachFieldAction();
-    }
-
     std::shared_ptr<VkFileMonLogsOper> fileMonLogs;
     RecordingLogsDelegate delegate;
     std::unique_ptr<VkLogsController> controller;
@@ -135,14 +130,14 @@ TEST_F(VkLogsControllerTest, SearchFiltersByFileNameAndTheListedRecordIsShownAnd
           {"/Users/t/abc/readme.txt", "Mail", 20},
           {"/Users/t/Downloads/xabcy.dmg", "Chrome", 10}},
          0);
-    ASSERT_EQ(records().size(), 3u);
     for (auto [typed, listed] :
          {std::pair<const char*, Lines>{"   ", {"ABC.pkg", "readme.txt", "xabcy.dmg"}},
           {"abc", {"xabcy.dmg"}},
           {" a b c ", {"xabcy.dmg"}},
           {"nothing", {}},
           {"ABC", {"ABC.pkg"}}}) {
-        search(typed);
+        view.setText("serachField", typed);
+        controller->serachFieldAction();
         EXPECT_EQ(records(), listed) << typed;
     }
     EXPECT_EQ(records("downLoadToolColumn"), (Lines{"Safari"}));
@@ -267,9 +262,9 @@ TEST_F(VkLogsControllerTest, DetailOpensOnlyForAScanWithEntries) {
 
 TEST_F(VkLogsControllerTest, AScanLogWriteRedrawsThePageAndAGonePageIsNotCalled) {
     open({}, 1);
-    int before = view.reloads(VkLogsController::kScanLogsOutline);
+    view.calls.clear();
     scanLogs->scanEnd(1);
-    EXPECT_EQ(view.reloads(VkLogsController::kScanLogsOutline), before + 1);
+    EXPECT_TRUE(view.called("reloadData scanLogsOutlineView"));
     EXPECT_EQ(scans().size(), 1u);
 
     controller.reset();

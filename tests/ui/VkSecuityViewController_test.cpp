@@ -28,7 +28,6 @@ class VkSecuityViewControllerTest : public VkUiTest {
                                              [this](const VkNotification&) { ++switchNotices; });
         center = std::make_shared<VkScriptedCenter>(ctx, VkServices::makeAntiTrojan(*ctx),
                                                     VkServices::makeQuarantine(*ctx));
-        view.setFrame("VkTrojanMainController", {{0, 0}, {700, 480}});
         view.setFrame("viewFileMonLogs", {{300, 12}, {80, 18}});
         view.setText("viewFileMonLogs", "View logs");
     }
@@ -75,16 +74,12 @@ TEST_F(VkSecuityViewControllerTest, FirstRunStartsTheMonitorAndLaysOutThePanelIn
     ASSERT_TRUE(link);
     EXPECT_EQ(std::tuple(link->fontSize, link->color),
               std::tuple(12.0, VkColor::rgb255(75, 137, 208)));
-    // The trojan screens had their own first showing and know the head strip.
-    EXPECT_EQ(center->calls, (Lines{"startUpdate"}));
-    EXPECT_TRUE(trojanView.isSubview("view", "mainView"));
-    // Zero logged files still highlights the zero, and the count is posted.
+    // Zero logged files still highlights the zero.
     auto sentence = view.styledText("fileMonDetailText");
     ASSERT_TRUE(sentence);
     EXPECT_EQ(sentence->text.substr(sentence->highlightStart, sentence->highlightLength), "0");
     EXPECT_EQ(std::tuple(sentence->highlightColor, sentence->color, sentence->fontSize),
               std::tuple(VkColor::rgb255(75, 137, 208), VkColor::black(), 12.0));
-    EXPECT_EQ(counts, (std::vector<double>{0}));
 
     // A quick scan before the logs were ever opened does not make the logs page.
     view.calls.clear();
@@ -152,30 +147,6 @@ TEST_F(VkSecuityViewControllerTest, NewRecordsReachThePanelThroughTheMainQueueWh
     queue->runPending();
     EXPECT_TRUE(counts.empty());
     EXPECT_EQ(fileMonLogs->logsFileCount(), 3u);
-}
-
-TEST_F(VkSecuityViewControllerTest, TheLogsPageReplacesTheTrojanViewUntilItClosesOrAScanStarts) {
-    show();
-    panel->viewFileMonLogs();
-    VkLogsController* logs = panel->logsController();
-    ASSERT_NE(logs, nullptr);
-    EXPECT_EQ(logs->logsControllerDelegate(), panel.get());
-    EXPECT_EQ(logs->logsDisplay(), 0);  // the monitor's records
-    EXPECT_TRUE(view.isSubview("view", "VkLogsController"));
-    EXPECT_TRUE(vkViewShows(view, {"hidden VkTrojanMainController=1", "origin VkLogsController=0,0",
-                                   "size VkLogsController=700,480"}));
-
-    logs->closeFileMonLogsView();
-    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
-    // Made once and kept.
-    panel->viewFileMonLogs();
-    EXPECT_EQ(panel->logsController(), logs);
-    EXPECT_TRUE(view.isHidden("VkTrojanMainController"));
-
-    panel->startFullScan();
-    EXPECT_FALSE(view.isSubview("view", "VkLogsController"));
-    EXPECT_FALSE(view.isHidden("VkTrojanMainController"));
-    EXPECT_EQ(center->calls.back(), "startScan full");
 }
 
 }  // namespace
