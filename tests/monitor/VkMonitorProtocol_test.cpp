@@ -6,12 +6,6 @@ namespace {
 
 using P = VkMonitorProtocol;
 
-TEST(VkMonitorProtocolTest, FramesCarryABigEndianLengthThenTheOpcode) {
-    std::string frame = P::encode(P::kWatch, std::string("/tmp"));
-    EXPECT_EQ(frame, std::string("\0\0\0\x05\x06/tmp", 9));
-    EXPECT_EQ(P::encode(P::kHello), std::string("\0\0\0\x01\x01", 5));
-}
-
 TEST(VkMonitorProtocolTest, DecodesFramesSplitAnywhereAndSeveralAtOnce) {
     std::string stream =
         P::encode(P::kHello) + P::encode(P::kWatch, std::string(300, 'x')) + P::encode(P::kGetLogs);

@@ -36,12 +36,6 @@ inline void addSignature(const std::shared_ptr<VkContext>& ctx, const std::strin
                              {{name, contents, {}}});
 }
 
-// Writes a file the way many downloads end: under a temporary name (closed after writing),
-// then renamed into place.
-inline void dropFile(const std::string& path, const std::string& contents) {
-    VkFile::writeAtomically(path, contents);
-}
-
 // A record of a download of `path` found as OSX/Test.A.
 inline std::shared_ptr<VkFileMonLogsItem> record(const std::string& path, double downloaded = 100) {
     auto item = std::make_shared<VkFileMonLogsItem>();

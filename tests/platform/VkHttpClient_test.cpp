@@ -1,7 +1,6 @@
 #include "platform/VkHttpClient.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <unistd.h>
@@ -27,10 +26,6 @@ class VkHttpClientTest : public ::testing::Test {
     VkHttpClientTest() {
         dir.write("www/ok", kPayload);
         dir.write("www/huge", std::string(4096, 'x'));
-        server.handle("/broken", [](httplib::Response& res) {
-            res.status = 500;
-            res.set_content("oops", "text/plain");
-        });
         server.handle("/moved", [](httplib::Response& res) { res.set_redirect("/ok"); });
         server.handle("/trickle", [this](httplib::Response& res) {
             res.set_content_provider(
@@ -44,22 +39,14 @@ class VkHttpClientTest : public ::testing::Test {
     }
     std::string url(const std::string& path) { return server.url() + path; }
 
-    // Small limits, so that the trickle is cut after about a second.
-    static VkHttpClient::Options impatient() {
-        VkHttpClient::Options options;
-        options.lowSpeedBytesPerSecond = 1000;
-        options.lowSpeedSeconds = 1;
-        return options;
-    }
-
     VkTempDir dir;
     VkFolderServer server{dir / "www"};
 };
 
+// A server error, a server that is down, a cut connection, cancelling and an answer over the
+// cap are the updater's tests too, through this client.
 TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
-    VkHttpClient::Options quick;
-    quick.connectTimeoutSeconds = 2;
-    VkCurlHttpClient client(quick);
+    VkCurlHttpClient client;
     auto ok = client.get(url("/moved"), kAnyCap);
     ASSERT_TRUE(ok.ok()) << ok.error();
     EXPECT_EQ(std::string(ok->begin(), ok->end()), kPayload);
@@ -68,45 +55,29 @@ TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
     auto missing = client.get(url("/missing"), kAnyCap);
     ASSERT_FALSE(missing.ok());
     EXPECT_NE(missing.error().find("404"), std::string::npos);
-    EXPECT_FALSE(client.get(url("/broken"), kAnyCap).ok());
-    EXPECT_FALSE(client.get(url("/huge"), 1000).ok());
+    EXPECT_FALSE(client.get(url("/huge"), 4095).ok());
     EXPECT_TRUE(client.get(url("/huge"), 4096).ok());
-    EXPECT_FALSE(client.get("http://127.0.0.1:1/none", kAnyCap).ok());
     EXPECT_FALSE(client.get("file:///etc/passwd", kAnyCap).ok()) << "only http and https";
 }
 
 TEST_F(VkHttpClientTest, ATrickleIsCutByTheLowSpeedLimit) {
-    VkCurlHttpClient client(impatient());
-    auto got = client.get(url("/trickle"), kAnyCap);
+    VkHttpClient::Options impatient;
+    impatient.lowSpeedBytesPerSecond = 1000;
+    impatient.lowSpeedSeconds = 1;
+    auto got = VkCurlHttpClient(impatient).get(url("/trickle"), kAnyCap);
     ASSERT_FALSE(got.ok()) << "all 3000 bytes arrived: the trickle was not cut";
     EXPECT_NE(got.error().find("too slow"), std::string::npos) << got.error();
-
-    std::string target = dir / "trickle.part";
-    auto downloaded = client.download(url("/trickle"), target, kAnyCap);
-    ASSERT_FALSE(downloaded.ok());
-    EXPECT_FALSE(VkFile::existsNoFollow(target)) << "the partial file stays behind";
-
-    // A cancelled request ends long before the default 30 seconds of the low-speed limit.
-    std::atomic<bool> cancel{true};
-    auto cancelled = VkCurlHttpClient().get(url("/trickle"), kAnyCap, &cancel);
-    ASSERT_FALSE(cancelled.ok());
-    EXPECT_NE(cancelled.error().find("cancelled"), std::string::npos) << cancelled.error();
 }
 
 TEST_F(VkHttpClientTest, DownloadWritesTheBodyOrLeavesNothing) {
-    VkCurlHttpClient client(impatient());
+    VkCurlHttpClient client;
     std::string target = dir / "ok.bin";
     auto done = client.download(url("/moved"), target, kAnyCap);
     ASSERT_TRUE(done.ok()) << done.error();
     EXPECT_EQ(*done, 9u);
     EXPECT_EQ(*VkFile::readAll(target), kPayload);
-
-    for (auto [path, cap] : {std::pair<std::string, uint64_t>{"/missing", kAnyCap},
-                             {"/broken", kAnyCap},
-                             {"/huge", 1000}}) {
-        EXPECT_FALSE(client.download(url(path), dir / "failed.bin", cap).ok()) << path;
-        EXPECT_FALSE(VkFile::existsNoFollow(dir / "failed.bin")) << path;
-    }
+    EXPECT_FALSE(client.download(url("/missing"), dir / "failed.bin", kAnyCap).ok());
+    EXPECT_FALSE(VkFile::existsNoFollow(dir / "failed.bin"));
 
     // Never over an existing file, nor through a link.
     EXPECT_FALSE(client.download(url("/huge"), target, kAnyCap).ok());

@@ -5,11 +5,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fakes/VkTestBytes.h"
+#include "logs/VkFileMonLogsItem.h"
 
 namespace {
 
@@ -51,32 +53,14 @@ const std::vector<uint8_t> kPlatformFileMonList = vkFromHex(
 
 constexpr double kRef = VkDate::kReferenceDateOffset;
 
-// A record with the file monitor's six coder keys, as its own class will encode them.
-class MonItem : public VkCodable {
-  public:
-    struct Fields {
-        std::optional<std::string> filePath, processName, processPath, trojanName;
-        std::optional<VkDate> downLoadTime, logTime;
-        bool operator==(const Fields&) const = default;
-    } f;
-
-    std::string className() const override { return "VkFileMonLogsItem"; }
-    void encodeWithCoder(VkKeyedArchiver& coder) const override {
-        coder.encodeObject(f.filePath, "filePath");
-        coder.encodeObject(f.processName, "processName");
-        coder.encodeObject(f.processPath, "processPath");
-        coder.encodeObject(f.trojanName, "trojanName");
-        coder.encodeObject(f.downLoadTime, "downLoadTime");
-        coder.encodeObject(f.logTime, "logTime");
-    }
-    static std::shared_ptr<VkCodable> initWithCoder(VkKeyedUnarchiver& coder) {
-        auto item = std::make_shared<MonItem>();
-        item->f = {coder.decodeStringForKey("filePath"),    coder.decodeStringForKey("processName"),
-                   coder.decodeStringForKey("processPath"), coder.decodeStringForKey("trojanName"),
-                   coder.decodeDateForKey("downLoadTime"),  coder.decodeDateForKey("logTime")};
-        return item;
-    }
-};
+// A file-monitor record's members, in the order of its coder keys.
+using Fields =
+    std::tuple<std::optional<std::string>, std::optional<std::string>, std::optional<std::string>,
+               std::optional<std::string>, std::optional<VkDate>, std::optional<VkDate>>;
+Fields fieldsOf(const VkFileMonLogsItem& item) {
+    return {item.filePath(),   item.processName(),  item.processPath(),
+            item.trojanName(), item.downLoadTime(), item.logTime()};
+}
 
 // A linked node: lets a test build objects that refer to each other.
 class Node : public VkCodable {
@@ -159,7 +143,7 @@ VkPlist objectWith(VkPlist::Dictionary members) {
 
 VkResult<VkArchivedValue> unarchive(const std::vector<uint8_t>& bytes) {
     VkKeyedUnarchiver unarchiver;
-    unarchiver.registerClass("VkFileMonLogsItem", &MonItem::initWithCoder);
+    VkFileMonLogsItem::registerClass(unarchiver);
     unarchiver.registerClass("TestNode", &Node::initWithCoder);
     return unarchiver.unarchiveRootObject(bytes);
 }
@@ -177,21 +161,15 @@ TEST(VkKeyedArchiverTest, ReadsArchivesWrittenByThePlatform) {
     auto decoded = unarchive(kPlatformFileMonList);
     ASSERT_TRUE(decoded.ok()) << decoded.error();
     ASSERT_EQ(decoded->asArray()->size(), 2u);
-    auto first = (*decoded->asArray())[0].asObject<MonItem>();
-    auto second = (*decoded->asArray())[1].asObject<MonItem>();
+    auto first = (*decoded->asArray())[0].asObject<VkFileMonLogsItem>();
+    auto second = (*decoded->asArray())[1].asObject<VkFileMonLogsItem>();
     ASSERT_TRUE(first && second);
     // The first's process path is an NSMutableString object; both share "Safari".
-    EXPECT_EQ(first->f, (MonItem::Fields{"/Users/a/Downloads/x.dmg", "Safari",
-                                         "/Applications/Safari.app", "OSX/Test.A",
-                                         VkDate{kRef + 700000000.0}, VkDate{kRef + 700000060.5}}));
-    EXPECT_EQ(second->f,
-              (MonItem::Fields{"/tmp/y.zip", "Safari", std::nullopt, "OSX/Test.B",
-                               VkDate{kRef + 700000100.0}, VkDate{kRef + 700000160.25}}));
-
-    // Without the record class registered the whole archive is unreadable.
-    auto plain = VkKeyedUnarchiver::unarchiveObjectWithData(kPlatformFileMonList);
-    ASSERT_FALSE(plain.ok());
-    EXPECT_NE(plain.error().find("VkFileMonLogsItem"), std::string::npos) << plain.error();
+    EXPECT_EQ(fieldsOf(*first),
+              (Fields{"/Users/a/Downloads/x.dmg", "Safari", "/Applications/Safari.app",
+                      "OSX/Test.A", VkDate{kRef + 700000000.0}, VkDate{kRef + 700000060.5}}));
+    EXPECT_EQ(fieldsOf(*second), (Fields{"/tmp/y.zip", "Safari", std::nullopt, "OSX/Test.B",
+                                         VkDate{kRef + 700000100.0}, VkDate{kRef + 700000160.25}}));
 
     // Mutable strings, data objects and dictionaries.
     auto mixed = VkKeyedUnarchiver::unarchiveObjectWithData(objs({
@@ -264,32 +242,6 @@ TEST(VkKeyedArchiverTest, PlainValuesComeBackEqualInBinaryAndXmlForm) {
 }
 
 TEST(VkKeyedArchiverTest, ObjectsComeBackWithTheirMembersAndIdentity) {
-    auto item = std::make_shared<MonItem>();
-    item->f = {
-        "/Users/a/Downloads/x.dmg", "Safari", std::nullopt, "OSX/Test.A", VkDate{1700000000.0},
-        VkDate{1700000005.5}};
-    auto other = std::make_shared<MonItem>();
-    other->f.filePath = "/tmp/y";
-    auto bytes =
-        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue::Array{item, other, item});
-    ASSERT_TRUE(bytes.ok()) << bytes.error();
-    auto decoded = unarchive(*bytes);
-    ASSERT_TRUE(decoded.ok()) << decoded.error();
-    const VkArchivedValue::Array& items = *decoded->asArray();
-    ASSERT_EQ(items.size(), 3u);
-    ASSERT_TRUE(items[0].asObject<MonItem>() && items[1].asObject<MonItem>());
-    EXPECT_EQ(items[0].asObject<MonItem>()->f, item->f);
-    EXPECT_EQ(items[1].asObject<MonItem>()->f, other->f);
-    // The same object written twice is one object again after reading.
-    EXPECT_EQ(items[2].asObject(), items[0].asObject());
-    EXPECT_NE(items[1].asObject(), items[0].asObject());
-    const VkPlist::Array objects = objectsOf(*bytes);
-    const VkPlist& record = objects[*(*objects[1].get("NS.objects")->asArray())[0].asUid()];
-    EXPECT_EQ(*objects[*record.get("$class")->asUid()].getString("$classname"),
-              "VkFileMonLogsItem");
-    EXPECT_EQ(record.get("processPath")->asUid(), 0u);  // nil is a reference to "$null"
-
-    // Numbers sit inline in the object; a member named "$class" is stored as "$$class".
     auto head = std::make_shared<Node>();
     head->label = "head";
     head->weight = -7;
@@ -297,14 +249,32 @@ TEST(VkKeyedArchiverTest, ObjectsComeBackWithTheirMembersAndIdentity) {
     head->ratio = 0.125;
     head->next = std::make_shared<Node>();
     head->next->label = "tail";
-    auto nodeBytes = VkKeyedArchiver::archivedDataWithRootObject(head);
-    ASSERT_TRUE(nodeBytes.ok()) << nodeBytes.error();
-    EXPECT_EQ(Node::describe(unarchive(*nodeBytes)->asObject<Node>()),
+    auto other = std::make_shared<Node>();
+    auto bytes =
+        VkKeyedArchiver::archivedDataWithRootObject(VkArchivedValue::Array{head, other, head});
+    ASSERT_TRUE(bytes.ok()) << bytes.error();
+    auto decoded = unarchive(*bytes);
+    ASSERT_TRUE(decoded.ok()) << decoded.error();
+    const VkArchivedValue::Array& nodes = *decoded->asArray();
+    ASSERT_EQ(nodes.size(), 3u);
+    EXPECT_EQ(Node::describe(nodes[0].asObject<Node>()),
               "head -7 1 0.125000 > tail 0 0 0.000000 > -");
-    const VkPlist inlined = objectsOf(*nodeBytes)[1];
-    EXPECT_EQ(inlined.get("weight")->asInt64(), -7);
-    EXPECT_NE(inlined.get("$$class"), nullptr);
-    EXPECT_TRUE(inlined.get("$class")->asUid().has_value());
+    EXPECT_EQ(Node::describe(nodes[1].asObject<Node>()), " 0 0 0.000000 > -");
+    // The same object written twice is one object again after reading.
+    EXPECT_EQ(nodes[2].asObject(), nodes[0].asObject());
+    EXPECT_NE(nodes[1].asObject(), nodes[0].asObject());
+
+    // Numbers sit inline in the object; nil is a reference to "$null"; a member named
+    // "$class" is stored as "$$class".
+    const VkPlist::Array objects = objectsOf(*bytes);
+    auto stored = [&](size_t i) {
+        return objects[*(*objects[1].get("NS.objects")->asArray())[i].asUid()];
+    };
+    ASSERT_TRUE(stored(0).get("$class")->asUid());
+    EXPECT_EQ(*objects[*stored(0).get("$class")->asUid()].getString("$classname"), "TestNode");
+    EXPECT_EQ(stored(0).get("weight")->asInt64(), -7);
+    EXPECT_NE(stored(0).get("$$class"), nullptr);
+    EXPECT_EQ(stored(1).get("next")->asUid(), 0u);
 }
 
 TEST(VkKeyedArchiverTest, RefusesToWriteWhatCannotBeReadBack) {
