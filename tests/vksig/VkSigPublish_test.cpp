@@ -62,7 +62,6 @@ class VkSigPublishTest : public ::testing::Test {
         return dir / ("www/velkora_soft_upgrade_files/trojanupdate/" + name);
     }
     std::string url() { return server.url(); }
-    std::string manifest() { return served("version.xml"); }
 
     VkTempDir dir;
     VkFolderServer server{dir / "www"};
@@ -78,7 +77,6 @@ TEST_F(VkSigPublishTest, PublishedFolderIsFetchedStagedAndInstalled) {
     ok("vksig", {"create", db, "--name", "Mine", "--version", "1.2"});
     EXPECT_THAT(ok("vksig", {"publish", dir / "www", db, "--date", "2024-05-01", "--key", key}).out,
                 HasSubstr("sha256"));
-    EXPECT_TRUE(VkFile::exists(manifest()));
 
     auto update = ok("vksecurity", {"update", "--server", url()});
     EXPECT_THAT(update.out, HasSubstr("signed by key"));
@@ -207,7 +205,6 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
         {"vksig", {"publish", dir / "www", db, "--date", "2024-02-30"}, "expected YYYY-MM-DD"},
         {"vksig", {"publish", dir / "www", dir.write("notes.sql", "hello")}, "notes.sql"},
         {"vksig", {"publish", dir / "www", spaced}, "file name must be"},
-        {"vksecurity", {"update", "--server", "http://127.0.0.1:1"}, "cannot reach the update"},
         {"vksecurity", {"update", "--server", url()}, "404"},  // no manifest
     };
     for (const auto& c : cases) {
@@ -215,14 +212,7 @@ TEST_F(VkSigPublishTest, RefusedPublishesAndUpdatesExitWithTwoAndChangeNothing) 
         EXPECT_EQ(refused.exitCode, 2) << c.reason;
         EXPECT_THAT(refused.err, HasSubstr(c.reason));
     }
-    EXPECT_FALSE(VkFile::exists(manifest()));
-
-    dir.write("www/velkora_soft_upgrade_files/trojanupdate/version.xml",
-              "<plist>plain text</plist>");
-    auto garbled = run("vksecurity", {"update", "--server", url(), "--allow-unsigned"});
-    EXPECT_EQ(garbled.exitCode, 2);
-    EXPECT_THAT(garbled.err, HasSubstr("does not decipher"));
-    EXPECT_FALSE(VkFile::exists(dir / "data/temp"));
+    EXPECT_FALSE(VkFile::exists(served("version.xml")));
 
     // Unsigned: publishing warns, and the client takes it only when allowed.
     EXPECT_THAT(ok("vksig", {"publish", dir / "www", db}).err, HasSubstr("unsigned"));

@@ -72,12 +72,8 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
     ASSERT_EQ(list->size(), 2u);
     EXPECT_EQ(detected(smallPath, list), "OSX/Small.A");
     EXPECT_EQ(detected(largePath, list), "OSX/Large.B");
-    // A file that shares the head but not the rest: the whole-file code was stored too.
-    std::string sameHead = large;
-    sameHead[kMiB + 50] = static_cast<char>(sameHead[kMiB + 50] ^ 0x40);
-    EXPECT_EQ(detected(dir.write("x/same-head", sameHead), list), std::nullopt);
-
-    // Listed deciphered, as text and as JSON, and summed up by info.
+    // Listed deciphered, as text and as JSON, and summed up by info: the whole-file code is
+    // stored beside the head code (that both must match is VkTorjanScanTest's).
     auto text = ok({"list", db});
     std::string head = md5(large.substr(0, kMiB)), size = std::to_string(large.size());
     EXPECT_EQ(text.out, md5(small) +
@@ -197,8 +193,6 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
         {{"add", db, "--size", "-5", "--code", md5("q"), "--name", "X"}, "--size"},
         {{"add", db, "--name", "X"}, "give --sample"},
         {{"add", db, "--sample", sample}, "--name"},
-        {{"list", db, "--bogus"}, "bogus"},
-        {{}, "Usage: vksig [OPTIONS] SUBCOMMAND"},
     };
     for (const auto& c : cases) {
         auto run = vksig(c.args);
@@ -211,17 +205,14 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
     EXPECT_FALSE(VkFile::existsNoFollow(dir / "no-extension.db"));
 }
 
-TEST_F(VksigTest, ThePackagedDatabaseDetectsTheAntiVirusTestFile) {
+// That it detects the anti-virus test file is held end to end by
+// VkScanCommandTest.MonitorOnAFreshDataFolderJudgesAFileFromBeforeItsStart.
+TEST_F(VksigTest, ThePackagedDatabaseIsSoundAndNamed) {
     std::string packaged = std::string(VK_BINARY_DIR) + "/resources/trojanDB/VkTrojanDB.sql";
-    ASSERT_TRUE(VkFile::existsNoFollow(packaged)) << packaged;
-    EXPECT_TRUE(VkDataBaseCheck::checkFormat(packaged));
     auto problems = VkDataBaseCheck::verify(packaged);
-    EXPECT_TRUE(problems && problems->empty());
+    EXPECT_TRUE(problems && problems->empty()) << (problems ? "" : problems.error());
     auto info = VkSqliteManager(ctx).dataBaseForPath(packaged);
     EXPECT_EQ(info ? info->name() : std::nullopt, "VkTrojanDB");
-    auto name =
-        detected(dir.write("downloads/test-file.txt", vkAntiVirusTestFile()), load(packaged));
-    EXPECT_THAT(name.value_or(""), HasSubstr("EICAR"));
 }
 
 // A kill list with malformed entries, written into a database behind vksig's back: the
