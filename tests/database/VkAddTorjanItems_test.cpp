@@ -374,9 +374,15 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
                 return true;
             });
     });
-    // B.sql fails; that the client leaves no partial file of a cut transfer behind is
-    // VkHttpClientTest.ATrickleIsCutByTheLowSpeedLimit's.
-    server.force(std::string(kFolder) + "B.sql", 500);
+    // B.sql: the connection drops halfway (a transfer cut for being slow fails in the HTTP
+    // client the same way).
+    server.handle(std::string(kFolder) + "B.sql", [a, half](httplib::Response& res) {
+        res.set_content_provider(a->size(), "application/octet-stream",
+                                 [a, half](size_t, size_t, httplib::DataSink& sink) {
+                                     sink.write(a->data(), half);
+                                     return false;
+                                 });
+    });
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), entry("Beta", "1.0", "B.sql")}));
 
     VkUpdateReport report = make().checkUpdateOnce();

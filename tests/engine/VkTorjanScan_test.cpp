@@ -145,6 +145,7 @@ TEST_F(VkTorjanScanTest, HeadHashCoversAFixedMebibyteBufferWhateverTheFlag) {
     EXPECT_EQ(scan->hashCodeWithPath(path, 0, 0), md5("hello"));
     EXPECT_EQ(scan->hashCodeWithPath(path, 2, 0),
               VkHashValue::hashWithData("hello", 5, 2));  // the type goes to the facility
+    EXPECT_FALSE(scan->hashCodeWithPath(dir.write("empty", ""), 0, kMiB).has_value());
 }
 
 // Links, FIFOs, folders and missing paths are never hashed; paths below /dev are neither
