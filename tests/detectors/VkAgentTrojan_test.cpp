@@ -115,6 +115,19 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
     }
 }
 
+TEST_F(VkAgentTrojanTest, DefinitionsOfTheWrongShapeAreSkippedButStillCounted) {
+    writePlist("~/Library/LaunchAgents/evil.plist", launchItem("/opt/evil"));
+    auto detector = make<VkAgentTrojan>();
+    const VkPlist plist("~/Library/LaunchAgents/evil.plist"), program("/opt/evil");
+    detector.agentTrojanDefs()["OSX/Two.A"] = {plist, program};
+    detector.agentTrojanDefs()["OSX/Four.A"] = {plist, program, VkPlist::boolean(false), "extra"};
+    detector.agentTrojanDefs()["OSX/Three.A"] = {plist, program, VkPlist::boolean(false)};
+    EXPECT_EQ(scan(detector),
+              (VkSpecialResult{{"OSX/Three.A", {onDisk("~/Library/LaunchAgents/evil.plist")}}}));
+    EXPECT_EQ(progress.size(), 13u);
+    EXPECT_FLOAT_EQ(progress[1].second, 1.0f / 12.0f);
+}
+
 // Without its program file a family is found by its launch item alone; findings accumulate
 // over scans (programs once) and stay recorded when a later scan finds nothing; removal
 // deletes the launch items, then the programs, and keeps its lists for the next removal.
