@@ -26,6 +26,10 @@ class VkHttpClientTest : public ::testing::Test {
     VkHttpClientTest() {
         dir.write("www/ok", kPayload);
         dir.write("www/huge", std::string(4096, 'x'));
+        server.handle("/broken", [](httplib::Response& res) {
+            res.status = 500;
+            res.set_content("oops", "text/plain");
+        });
         server.handle("/moved", [](httplib::Response& res) { res.set_redirect("/ok"); });
         server.handle("/trickle", [this](httplib::Response& res) {
             res.set_content_provider(
@@ -55,6 +59,7 @@ TEST_F(VkHttpClientTest, OnlyStatus200WithinTheCapFromAnHttpServerSucceeds) {
     auto missing = client.get(url("/missing"), kAnyCap);
     ASSERT_FALSE(missing.ok());
     EXPECT_NE(missing.error().find("404"), std::string::npos);
+    EXPECT_FALSE(client.get(url("/broken"), kAnyCap).ok()) << "an error page with a body";
     EXPECT_FALSE(client.get(url("/huge"), 4095).ok());
     EXPECT_TRUE(client.get(url("/huge"), 4096).ok());
     EXPECT_FALSE(client.get("file:///etc/passwd", kAnyCap).ok()) << "only http and https";
@@ -76,8 +81,10 @@ TEST_F(VkHttpClientTest, DownloadWritesTheBodyOrLeavesNothing) {
     ASSERT_TRUE(done.ok()) << done.error();
     EXPECT_EQ(*done, 9u);
     EXPECT_EQ(*VkFile::readAll(target), kPayload);
-    EXPECT_FALSE(client.download(url("/missing"), dir / "failed.bin", kAnyCap).ok());
-    EXPECT_FALSE(VkFile::existsNoFollow(dir / "failed.bin"));
+    for (const char* failing : {"/missing", "/broken"}) {
+        EXPECT_FALSE(client.download(url(failing), dir / "failed.bin", kAnyCap).ok());
+        EXPECT_FALSE(VkFile::existsNoFollow(dir / "failed.bin")) << failing;
+    }
 
     // Never over an existing file, nor through a link.
     EXPECT_FALSE(client.download(url("/huge"), target, kAnyCap).ok());
