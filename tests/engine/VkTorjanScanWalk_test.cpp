@@ -213,6 +213,11 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
             dir.write("root/" + rel, i % 2 ? sameSize : "small");
         toRead += i % 5 == 0 || i % 2;
     }
+    // Files the walk settles by their size alone; so many that in the last run the judges
+    // are up and waiting while the walk still lists, and look at what it hands over.
+    constexpr int kSmall = 2000;
+    for (int i = 0; i < kSmall; ++i)
+        dir.write("root/tree/s" + std::to_string(i % 20) + "/f" + std::to_string(i), "small");
     const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
     std::vector<std::string> walkOrder;
     std::vector<std::string> hits;
@@ -250,9 +255,10 @@ TEST_F(VkScanWalkTest, FindingsAndReportsFollowTheWalkWithOneOrFourJudges) {
         if (slowLoad) {
             s->setRecordLoader([ctx = ctx, scan = s.get(), &walkedFirst] {
                 auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-                while (scan->filesJudged() < kFiles && std::chrono::steady_clock::now() < deadline)
+                while (scan->filesJudged() < kFiles + kSmall &&
+                       std::chrono::steady_clock::now() < deadline)
                     std::this_thread::yield();
-                walkedFirst = scan->filesJudged() >= kFiles;
+                walkedFirst = scan->filesJudged() >= kFiles + kSmall;
                 return VkSqliteManager::loadAllRecords(ctx);
             });
         }
