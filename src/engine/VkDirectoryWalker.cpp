@@ -145,18 +145,18 @@ bool isFolder(const Listing* parent, const std::string& fullPath, const char* na
     return rc == 0 && S_ISDIR(st.st_mode);
 }
 
-// An open folder's identity, read only when something asks for it: folders never entered,
-// or listings kept by a count.
-std::optional<VkDirectoryWalker::FolderId> identify(const Listing& dir, bool wanted) {
+// An open folder's stamp, read only when something asks for it: folders never entered, or
+// listings kept by a count.
+std::optional<VkFileStamp> identify(const Listing& dir, bool wanted) {
     struct stat st {};
     if (!wanted || ::fstat(dir.fd(), &st) != 0)
         return std::nullopt;
-    return VkDirectoryWalker::FolderId{st.st_dev, st.st_ino};
+    return VkFileStamp::of(st);
 }
 
-bool isSkipped(const std::optional<VkDirectoryWalker::FolderId>& id,
+bool isSkipped(const std::optional<VkFileStamp>& id,
                const std::vector<VkDirectoryWalker::FolderId>& skip) {
-    return id && std::find(skip.begin(), skip.end(), *id) != skip.end();
+    return id && std::find(skip.begin(), skip.end(), VkDirectoryWalker::idOf(*id)) != skip.end();
 }
 
 // Opens the root of a walk; it may be a link to a folder: followed, as the platform's
@@ -190,25 +190,28 @@ size_t VkDirectoryWalker::Listings::room() const {
     return room_ - used_;
 }
 
-void VkDirectoryWalker::Listings::keep(FolderId folder, Names names) {
+void VkDirectoryWalker::Listings::keep(const VkFileStamp& folder, Names names) {
     size_t bytes = names.bytes();
     std::lock_guard lock(mutex_);
-    if (bytes > room_ - used_ || kept_.count(folder))
+    if (bytes > room_ - used_ || kept_.count(idOf(folder)))
         return;
     used_ += bytes;
-    kept_.emplace(folder, Kept{std::move(names), bytes, std::chrono::steady_clock::now()});
+    kept_.emplace(idOf(folder), Kept{folder, std::move(names), bytes, std::chrono::steady_clock::now()});
 }
 
-std::optional<VkDirectoryWalker::Names> VkDirectoryWalker::Listings::take(FolderId folder) {
+std::optional<VkDirectoryWalker::Names> VkDirectoryWalker::Listings::take(
+    const VkFileStamp& folder) {
     std::lock_guard lock(mutex_);
-    auto it = kept_.find(folder);
+    auto it = kept_.find(idOf(folder));
     if (it == kept_.end())
         return std::nullopt;
     Kept kept = std::move(it->second);
     kept_.erase(it);
     used_ -= kept.bytes;
-    // An old listing may miss what was made in the folder since: the walk reads it afresh.
-    if (std::chrono::steady_clock::now() - kept.when > fresh_)
+    // A folder changed since the count read it (or another on the same inode) may hold what
+    // the listing misses, and an old listing is not trusted even so (a change within one tick
+    // of a coarse file-system clock leaves the stamp as it was): the walk reads it afresh.
+    if (!(kept.stamp == folder) || std::chrono::steady_clock::now() - kept.when > fresh_)
         return std::nullopt;
     return std::move(kept.names);
 }
@@ -255,7 +258,7 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
     std::vector<std::unique_ptr<Frame>> stack;
     // A folder to walk next, unless it is one never entered.
     auto push = [&](std::string path, std::unique_ptr<Listing> dir) {
-        std::optional<FolderId> id = identify(*dir, identified);
+        std::optional<VkFileStamp> id = identify(*dir, identified);
         if (isSkipped(id, skip))
             return;
         auto frame = std::make_unique<Frame>();
@@ -362,7 +365,7 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
     auto enter = [&](std::string path, std::unique_ptr<Listing> dir, std::string& full) {
         if (!dir)
             return true;
-        std::optional<FolderId> id = identify(*dir, identified);
+        std::optional<VkFileStamp> id = identify(*dir, identified);
         if (isSkipped(id, skip))
             return true;
         std::vector<std::string> subfolders;

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/VkFileStamp.h"
 #include "platform/VkHandle.h"
 
 // Lists every entry below a folder, files and folders alike, hidden entries and package
@@ -24,6 +25,9 @@ class VkDirectoryWalker {
 
     // A folder by identity (device, inode).
     using FolderId = std::pair<dev_t, ino_t>;
+    static FolderId idOf(const VkFileStamp& folder) {
+        return {static_cast<dev_t>(folder.device), static_cast<ino_t>(folder.inode)};
+    }
     // A folder's entries, name and d_type, packed one after the other.
     class Names {
       public:
@@ -49,9 +53,11 @@ class VkDirectoryWalker {
     };
 
     // What a count read of its folders, kept for a walk of the same tree that follows it, so
-    // that each folder is listed once. A listing is handed only to the folder it was read from
-    // (device and inode, as the walk finds them on the folder it opened), once, and only while
-    // fresh; what does not fit in the room is not kept and the walk lists it itself.
+    // that each folder is listed once. A listing is handed only to the folder it was read from,
+    // unchanged since (its stamp, taken before the count read it, equals the one the walk finds
+    // on the folder it opened: a folder that gained, lost or renamed an entry, or another one
+    // on a reused inode, is listed afresh), once, and only while fresh; what does not fit in
+    // the room is not kept and the walk lists it itself.
     class Listings {
       public:
         static constexpr size_t kRoom = 8u << 20;
@@ -60,11 +66,12 @@ class VkDirectoryWalker {
         explicit Listings(size_t room = kRoom, std::chrono::steady_clock::duration fresh = kFresh)
             : room_(room), fresh_(fresh) {}
         size_t room() const;
-        void keep(FolderId folder, Names names);
-        std::optional<Names> take(FolderId folder);
+        void keep(const VkFileStamp& folder, Names names);
+        std::optional<Names> take(const VkFileStamp& folder);
 
       private:
         struct Kept {
+            VkFileStamp stamp;
             Names names;
             size_t bytes;
             std::chrono::steady_clock::time_point when;

@@ -35,10 +35,6 @@ constexpr std::chrono::seconds kWriteLatest{1};
 // A file that could not be opened is tried again after this long.
 constexpr std::chrono::seconds kRetryOpen{60};
 
-int64_t nanoseconds(const timespec& t) {
-    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
-}
-
 bool isCorruption(int rc) {
     rc &= 0xFF;
     return rc == SQLITE_CORRUPT || rc == SQLITE_NOTADB;
@@ -89,21 +85,6 @@ int openConnection(const std::string& path, VkSqliteDb& db) {
 }
 
 }  // namespace
-
-VkFileStamp VkFileStamp::of(const struct stat& st) {
-    VkFileStamp stamp;
-    stamp.device = static_cast<uint64_t>(st.st_dev);
-    stamp.inode = static_cast<uint64_t>(st.st_ino);
-    stamp.size = static_cast<uint64_t>(st.st_size);
-#ifdef __APPLE__
-    stamp.mtime = nanoseconds(st.st_mtimespec);
-    stamp.ctime = nanoseconds(st.st_ctimespec);
-#else
-    stamp.mtime = nanoseconds(st.st_mtim);
-    stamp.ctime = nanoseconds(st.st_ctim);
-#endif
-    return stamp;
-}
 
 VkHashCache::VkHashCache(std::string path, size_t maxEntries, std::chrono::nanoseconds settle)
     : path_(std::move(path)), maxEntries_(maxEntries == 0 ? 1 : maxEntries), settle_(settle) {}
@@ -334,7 +315,7 @@ void VkHashCache::remember(const VkFileStamp& stamp, int32_t type, const Hashes&
         return;
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    int64_t settled = nanoseconds(now) - settle_.count();
+    int64_t settled = VkFileStamp::nanoseconds(now) - settle_.count();
     if (stamp.mtime > settled || stamp.ctime > settled)
         return;
     std::lock_guard lock(queueMutex_);

@@ -10,20 +10,8 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "engine/VkFileStamp.h"
 #include "platform/VkSqliteHandle.h"
-
-// Who a file is and how it stood when it was hashed: device, inode, size, and the
-// modification and status-change times in nanoseconds.
-struct VkFileStamp {
-    uint64_t device = 0;
-    uint64_t inode = 0;
-    uint64_t size = 0;
-    int64_t mtime = 0;
-    int64_t ctime = 0;
-
-    static VkFileStamp of(const struct stat& st);
-    bool operator==(const VkFileStamp&) const = default;
-};
 
 // The head and whole-file hashes of files judged before, kept in an owner-only SQLite file
 // of the data folder, so that a file scanned again unchanged is not read again.

@@ -98,38 +98,39 @@ TEST(VkDirectoryWalkerTest, SurvivesDeepTreesUnreadableFoldersAndEarlyStop) {
     EXPECT_FALSE(VkDirectoryWalker::walk(dir / "missing", [](const std::string&) { return true; }));
 }
 
-// A walk takes what a count kept of a folder only for that very folder, once, and only while
-// fresh and within the room; otherwise it lists the folder afresh. A folder the kept listing
-// names that is a file now is visited as an entry of unknown type (so it gets judged), never
-// as a folder. Folders are marked "/" below.
-TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
+// A walk takes a kept listing only for the folder it was read from, unchanged since, once,
+// only while fresh and within the room; otherwise it lists the folder afresh. The listing is
+// made up here, so that the walk shows which it used: "ghost" exists only in the listing, and
+// "c", listed as a folder, is a file now, which the walk visits as an entry of unknown type
+// (so it gets judged), never as a folder. Folders are marked "/" below.
+TEST(VkDirectoryWalkerTest, TakesAKeptListingOnlyForTheSameUnchangedFreshFolder) {
     using Listings = VkDirectoryWalker::Listings;
-    auto never = [] { return false; };
-    struct Case {
+    VkTempDir dir;
+    dir.write("t/a/1", "1");
+    dir.write("t/c", "a file");
+    struct stat st {};
+    ASSERT_EQ(::lstat((dir / "t").c_str(), &st), 0);
+    const VkFileStamp t = VkFileStamp::of(st);
+    VkFileStamp touched = t;
+    touched.ctime += 1;
+    const std::set<std::string> kept{"a/", "a/1", "ghost", "c"}, afresh{"a/", "a/1", "c"};
+    const struct Case {
         size_t room;
         std::chrono::steady_clock::duration fresh;
+        VkFileStamp stamp;
         std::set<std::string> seen;
-    };
-    const std::set<std::string> afresh{"a/",  "a/1",    "a/late",  "b/",
-                                       "b/4", "b.old/", "b.old/3", "c"};
-    const Case cases[] = {
-        // The kept listings of t and t/a miss what came later; t/b is another folder now.
-        {Listings::kRoom, std::chrono::hours(1), {"a/", "a/1", "b/", "b/4", "c"}},
-        {Listings::kRoom, std::chrono::seconds(0), afresh},
-        {1, std::chrono::hours(1), afresh},
+    } cases[] = {
+        {Listings::kRoom, std::chrono::hours(1), t, kept},
+        {Listings::kRoom, std::chrono::hours(1), touched, afresh},
+        {Listings::kRoom, std::chrono::seconds(0), t, afresh},
+        {1, std::chrono::hours(1), t, afresh},
     };
     for (const Case& c : cases) {
-        VkTempDir dir;
-        dir.write("t/a/1", "1");
-        dir.write("t/b/3", "3");
-        dir.mkdir("t/c");
         Listings listings(c.room, c.fresh);
-        EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, never, {}, &listings), 5u);
-        fs::remove(dir / "t/c");
-        dir.write("t/c", "a file now");
-        dir.write("t/a/late", "late");
-        fs::rename(dir / "t/b", dir / "t/b.old");
-        dir.write("t/b/4", "4");
+        VkDirectoryWalker::Names names;
+        for (const char* name : {"a", "ghost", "c"})
+            names.add(name, name[0] == 'g' ? DT_REG : DT_DIR);
+        listings.keep(c.stamp, std::move(names));
         for (int walk = 0; walk < 2; ++walk) {
             std::set<std::string> seen;
             VkDirectoryWalker::walkEntries(
@@ -145,6 +146,24 @@ TEST(VkDirectoryWalkerTest, TakesTheCountsListingsOnlyForTheSameFreshFolder) {
             EXPECT_EQ(seen, walk == 0 ? c.seen : afresh) << "room " << c.room << " walk " << walk;
         }
     }
+
+    // What a count keeps of a folder that changes before the walk comes is not taken: an
+    // entry made meanwhile is seen, and so is a folder made on the inode of one removed.
+    Listings listings;
+    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, [] { return false; }, {}, &listings),
+              3u);
+    dir.write("t/late", "late");
+    fs::remove_all(dir / "t/a");
+    dir.write("t/b/new", "new");
+    std::set<std::string> seen;
+    VkDirectoryWalker::walkEntries(
+        dir / "t",
+        [&](const VkDirectoryWalker::Entry& e) {
+            seen.insert(e.path.substr(dir.path().size() + 3));
+            return true;
+        },
+        {}, {}, &listings);
+    EXPECT_EQ(seen, (std::set<std::string>{"b", "b/new", "c", "late"}));
 }
 
 TEST(VkScanPipelineTest, ReportsInWalkOrderBoundedAndReleasesAStoppedWalk) {
