@@ -154,9 +154,10 @@ std::optional<VkFileStamp> identify(const Listing& dir, bool wanted) {
     return VkFileStamp::of(st);
 }
 
-bool isSkipped(const std::optional<VkFileStamp>& id,
+bool isSkipped(const std::optional<VkFileStamp>& stamp,
                const std::vector<VkDirectoryWalker::FolderId>& skip) {
-    return id && std::find(skip.begin(), skip.end(), VkDirectoryWalker::idOf(*id)) != skip.end();
+    return stamp &&
+           std::find(skip.begin(), skip.end(), VkDirectoryWalker::idOf(*stamp)) != skip.end();
 }
 
 // Opens the root of a walk; it may be a link to a folder: followed, as the platform's
@@ -196,7 +197,8 @@ void VkDirectoryWalker::Listings::keep(const VkFileStamp& folder, Names names) {
     if (bytes > room_ - used_ || kept_.count(idOf(folder)))
         return;
     used_ += bytes;
-    kept_.emplace(idOf(folder), Kept{folder, std::move(names), bytes, std::chrono::steady_clock::now()});
+    kept_.emplace(idOf(folder),
+                  Kept{folder, std::move(names), bytes, std::chrono::steady_clock::now()});
 }
 
 std::optional<VkDirectoryWalker::Names> VkDirectoryWalker::Listings::take(
@@ -211,7 +213,7 @@ std::optional<VkDirectoryWalker::Names> VkDirectoryWalker::Listings::take(
     // A folder changed since the count read it (or another on the same inode) may hold what
     // the listing misses, and an old listing is not trusted even so (a change within one tick
     // of a coarse file-system clock leaves the stamp as it was): the walk reads it afresh.
-    if (!(kept.stamp == folder) || std::chrono::steady_clock::now() - kept.when > fresh_)
+    if (kept.stamp != folder || std::chrono::steady_clock::now() - kept.when > fresh_)
         return std::nullopt;
     return std::move(kept.names);
 }
@@ -258,13 +260,13 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
     std::vector<std::unique_ptr<Frame>> stack;
     // A folder to walk next, unless it is one never entered.
     auto push = [&](std::string path, std::unique_ptr<Listing> dir) {
-        std::optional<VkFileStamp> id = identify(*dir, identified);
-        if (isSkipped(id, skip))
+        std::optional<VkFileStamp> stamp = identify(*dir, identified);
+        if (isSkipped(stamp, skip))
             return;
         auto frame = std::make_unique<Frame>();
         frame->path = std::move(path);
         frame->dir = std::move(dir);
-        if (std::optional<Names> kept = listings && id ? listings->take(*id) : std::nullopt) {
+        if (std::optional<Names> kept = listings && stamp ? listings->take(*stamp) : std::nullopt) {
             frame->pending = std::move(*kept);
             frame->listed = true;
         }
@@ -365,12 +367,12 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
     auto enter = [&](std::string path, std::unique_ptr<Listing> dir, std::string& full) {
         if (!dir)
             return true;
-        std::optional<VkFileStamp> id = identify(*dir, identified);
-        if (isSkipped(id, skip))
+        std::optional<VkFileStamp> stamp = identify(*dir, identified);
+        if (isSkipped(stamp, skip))
             return true;
         std::vector<std::string> subfolders;
         Names names;
-        size_t room = keep && id ? keep->room() : 0;
+        size_t room = keep && stamp ? keep->room() : 0;
         uint64_t counted = 0;
         for (size_t n = 0; std::optional<Listing::Item> e = dir->next(); ++n) {
             if (n % 1024 == 1023 && stopped())
@@ -392,7 +394,7 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
         }
         // A folder that could not be read to its end is not kept.
         if (room != 0 && errno == 0)
-            keep->keep(*id, std::move(names));
+            keep->keep(*stamp, std::move(names));
         entries.fetch_add(counted);
         std::shared_ptr<Listing> parent;
         if (!subfolders.empty() && heldOpen.load() < kMaxOpenFolders) {
