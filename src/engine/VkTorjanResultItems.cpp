@@ -45,6 +45,16 @@ void VkTorjanResultItems::setPath(const std::string& path) {
     iconImage_ = std::move(icon);
 }
 
+std::optional<VkFileIdentity> VkTorjanResultItems::foundAs() const {
+    std::lock_guard lock(mutex_);
+    return foundAs_;
+}
+
+void VkTorjanResultItems::setFoundAs(const struct stat& st) {
+    std::lock_guard lock(mutex_);
+    foundAs_ = VkFileIdentity::of(st);
+}
+
 std::optional<std::string> VkTorjanResultItems::member() const {
     std::lock_guard lock(mutex_);
     return member_;

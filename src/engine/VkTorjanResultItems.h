@@ -7,6 +7,7 @@
 #include <string>
 
 #include "engine/VkTorjanItem.h"
+#include "platform/VkFileIdentity.h"
 #include "platform/VkImage.h"
 
 // One detected file: a signature match (it carries the matching record) or a finding of a
@@ -34,6 +35,11 @@ class VkTorjanResultItems {
     // without following a final link (fileSize is kept when they cannot be read) and sets the
     // workspace icon of the path at 16 x 16.
     void setPath(const std::string& path);
+
+    // Who the file was when it was judged (device and inode); nullopt when no judgment
+    // opened it (a special detector's finding). Removal deletes only that file.
+    std::optional<VkFileIdentity> foundAs() const;
+    void setFoundAs(const struct stat& st);
 
     // For a finding inside an archive (path is the archive): the member, nested archives
     // joined by '!'. nullopt for a file found as it is.
@@ -71,6 +77,7 @@ class VkTorjanResultItems {
     std::optional<std::string> path_;
     std::optional<std::string> hashCode_;
     std::optional<std::string> member_;
+    std::optional<VkFileIdentity> foundAs_;
     bool check_ = false;
     bool spec_ = false;
     uint64_t fileSize_ = 0;

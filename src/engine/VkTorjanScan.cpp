@@ -245,6 +245,7 @@ VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct sta
     for (const VkArchiveFinding& finding : report.findings) {
         auto result = std::make_shared<VkTorjanResultItems>();
         result->setPath(path);
+        result->setFoundAs(st);
         result->setTorjanItem(finding.record);
         result->setMember(finding.member);
         result->setHashCode(archiveHash);
@@ -294,6 +295,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     if (std::shared_ptr<VkTorjanItem> record = matchRecords(*records, size, hashes)) {
         result = std::make_shared<VkTorjanResultItems>();
         result->setPath(path);
+        result->setFoundAs(st);
         result->setTorjanItem(record);
     }
     if (failure)

@@ -93,7 +93,9 @@ const VkContainedFs& VkSystemCoreFunction::treeOf(const std::string& path) const
     return systemFs_;
 }
 
-VkResult<void> VkSystemCoreFunction::cleanOne(const std::string& path, VkCleanScope scope) const {
+VkResult<void> VkSystemCoreFunction::cleanOne(const VkCleanPath& target,
+                                              VkCleanScope scope) const {
+    const std::string& path = target.path;
     if (!dataFolder_.empty() && dataFs_.contains(path))
         return VkError{"refused: the data folder and what it holds are never deleted"};
     auto entry = systemFs_.openParent(path);
@@ -103,6 +105,11 @@ VkResult<void> VkSystemCoreFunction::cleanOne(const std::string& path, VkCleanSc
     if (!st)
         return VkError{st.error()};
     bool isFolder = S_ISDIR(st->st_mode);
+    // Asked of the entry in the folder already opened, so nothing can be swapped in between.
+    // A found file was a file: an inode number that came back as a folder is not it either.
+    if (target.foundAs &&
+        (isFolder || *target.foundAs != VkFileIdentity::of(*st)))
+        return VkError{"refused: this is no longer the file the scan found"};
     if (std::string refusal = policy_.refusal(entry->components, isFolder); !refusal.empty())
         return VkError{refusal};
     if (isFolder && scope == VkCleanScope::filesOnly)
@@ -115,10 +122,11 @@ VkResult<void> VkSystemCoreFunction::cleanOne(const std::string& path, VkCleanSc
             return VkError{"refused: the data folder and what it holds are never deleted"};
         keep.emplace_back(data.st_dev, data.st_ino);
     }
-    return VkContainedFs::removeEntry(*entry, scope == VkCleanScope::filesAndFolders, keep);
+    bool allowFolders = scope == VkCleanScope::filesAndFolders && !target.foundAs;
+    return VkContainedFs::removeEntry(*entry, allowFolders, keep);
 }
 
-std::vector<VkCleanOutcome> VkSystemCoreFunction::startClean(const std::vector<std::string>& paths,
+std::vector<VkCleanOutcome> VkSystemCoreFunction::startClean(const std::vector<VkCleanPath>& paths,
                                                              bool /*cutBinary*/,
                                                              VkCleanDelegate* delegate,
                                                              VkCleanScope scope) {
@@ -126,7 +134,7 @@ std::vector<VkCleanOutcome> VkSystemCoreFunction::startClean(const std::vector<s
     outcomes.reserve(paths.size());
     for (const auto& path : paths) {
         auto cleaned = cleanOne(path, scope);
-        VkCleanOutcome outcome{path, cleaned.ok(), cleaned ? "" : cleaned.error()};
+        VkCleanOutcome outcome{path.path, cleaned.ok(), cleaned ? "" : cleaned.error()};
         if (delegate)
             delegate->cleanProgress(outcome);
         outcomes.push_back(std::move(outcome));

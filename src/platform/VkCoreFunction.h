@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/VkContainedFs.h"
 #include "platform/VkDeletionPolicy.h"
+#include "platform/VkFileIdentity.h"
 #include "platform/VkResult.h"
 
 // What became of one path handed to startClean.
@@ -15,6 +17,17 @@ struct VkCleanOutcome {
     std::string reason;  // why not, when not removed
     // The file stays, rewritten without what infected it (a property list cleaned in place).
     bool editedInPlace = false;
+};
+
+// One path handed to startClean. A file a scan found carries who it was then, and is deleted
+// only while the path still names that very file: one swapped in since (a folder, another
+// file) is left alone.
+struct VkCleanPath {
+    explicit VkCleanPath(std::string p, std::optional<VkFileIdentity> found = std::nullopt)
+        : path(std::move(p)), foundAs(found) {}
+
+    std::string path;
+    std::optional<VkFileIdentity> foundAs;
 };
 
 // Receives the outcome of each path of a clean run (optional).
@@ -40,12 +53,18 @@ class VkCoreFunction {
     // Deletes every listed path of the inspected system without following any link on the
     // way, under the deletion policy; each outcome says what was refused and why.
     // cutBinary is reserved (always NO here).
-    virtual std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths,
+    virtual std::vector<VkCleanOutcome> startClean(const std::vector<VkCleanPath>& paths,
                                                    bool cutBinary, VkCleanDelegate* delegate,
                                                    VkCleanScope scope) = 0;
-    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+    std::vector<VkCleanOutcome> startClean(const std::vector<VkCleanPath>& paths, bool cutBinary,
                                            VkCleanDelegate* delegate) {
         return startClean(paths, cutBinary, delegate, VkCleanScope::filesAndFolders);
+    }
+    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+                                           VkCleanDelegate* delegate,
+                                           VkCleanScope scope = VkCleanScope::filesAndFolders) {
+        return startClean(std::vector<VkCleanPath>(paths.begin(), paths.end()), cutBinary,
+                          delegate, scope);
     }
     // Rewrites the property list at path without the top-level key, in the file's own
     // format, keeping mode and owner, atomically. True when the key is gone afterwards.
@@ -70,14 +89,14 @@ class VkSystemCoreFunction : public VkCoreFunction {
 
     using VkCoreFunction::startClean;
     bool systemCommand(const std::vector<std::string>& arguments) override;
-    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+    std::vector<VkCleanOutcome> startClean(const std::vector<VkCleanPath>& paths, bool cutBinary,
                                            VkCleanDelegate* delegate, VkCleanScope scope) override;
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override;
     bool killProcessByID(int32_t pid) override;
     bool moveFileItem(const std::string& from, const std::string& to) override;
 
     // Deletes one path as startClean does; the error says why not.
-    VkResult<void> cleanOne(const std::string& path, VkCleanScope scope) const;
+    VkResult<void> cleanOne(const VkCleanPath& path, VkCleanScope scope) const;
 
   private:
     const VkContainedFs& treeOf(const std::string& path) const;

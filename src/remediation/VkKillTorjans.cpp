@@ -157,7 +157,7 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
 
     std::vector<std::shared_ptr<VkTorjanResultItems>> specials;
     specials.reserve(5);
-    std::vector<std::string> deletions;
+    std::vector<VkCleanPath> deletions;
     deletions.reserve(10);
     // For each path of `deletions`: the outcome it belongs to and its place there.
     std::vector<std::pair<size_t, size_t>> owners;
@@ -175,8 +175,9 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
         VkKillOutcome* outcome = report ? &report->outcomes[i] : nullptr;
         if (outcome)
             outcome->result = result;
-        auto addDeletion = [&](const std::string& path) {
-            deletions.push_back(path);
+        auto addDeletion = [&](const std::string& path,
+                               std::optional<VkFileIdentity> foundAs = std::nullopt) {
+            deletions.emplace_back(path, foundAs);
             if (outcome) {
                 owners.emplace_back(i, outcome->deletions.size());
                 outcome->deletions.push_back({path, false, "no answer from the clean step"});
@@ -194,8 +195,9 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
         auto record = result->torjanItem();
         std::optional<VkKillList> kills = record ? record->killArray() : std::nullopt;
         if (!kills || kills->empty()) {
+            // The file the scan judged, and only while its path still names that file.
             if (auto path = result->path())
-                addDeletion(*path);
+                addDeletion(*path, result->foundAs());
         } else {
             // With removal instructions only what they name is touched: a record with only
             // "k" entries kills processes and deletes nothing, the detected file included.

@@ -25,14 +25,17 @@ class VkRecordingCoreFunction : public VkCoreFunction {
         record({"systemCommand", arguments});
         return true;
     }
-    std::vector<VkCleanOutcome> startClean(const std::vector<std::string>& paths, bool cutBinary,
+    std::vector<VkCleanOutcome> startClean(const std::vector<VkCleanPath>& paths, bool cutBinary,
                                            VkCleanDelegate* delegate, VkCleanScope scope) override {
-        record({"startClean", paths, scope});
+        std::vector<std::string> names;
+        for (const auto& p : paths)
+            names.push_back(p.path);
+        record({"startClean", names, scope});
         if (performDeletes_)
             return real_.startClean(paths, cutBinary, delegate, scope);
         std::vector<VkCleanOutcome> out;
         for (const auto& p : paths)
-            out.push_back({p, true, ""});
+            out.push_back({p.path, true, ""});
         return out;
     }
     bool fixPlistFile(const std::string& path, const std::string& removeKey) override {

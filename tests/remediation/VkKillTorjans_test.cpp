@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -247,6 +248,25 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
     std::string kept = dir.write("root/found/kept.bin", "c");
     killer->killTorjanItemAndWait({result(kept, {{{"d", "/Library"}, {}}})});
     EXPECT_TRUE(fs::exists(kept));
+
+    // A judged file goes only while its path still names it: not a folder or another file
+    // put in its place since (the judged one kept aside, so its inode is not reused).
+    Results judged;
+    for (const char* name : {"same", "folder", "other"}) {
+        judged.push_back(result(dir.write(std::string("root/found/") + name, "j")));
+        struct stat st {};
+        ASSERT_EQ(::lstat(judged.back()->path()->c_str(), &st), 0);
+        judged.back()->setFoundAs(st);
+    }
+    fs::rename(dir / "root/found/folder", dir / "root/found/folder.old");
+    dir.write("root/found/folder/notes.txt", "keep");
+    fs::rename(dir / "root/found/other", dir / "root/found/other.old");
+    dir.write("root/found/other", "keep");
+    auto swapped = dir.snapshot();
+    swapped.erase(dir / "root/found/same");
+    report = killer->killTorjanItemAndWait(judged);
+    EXPECT_EQ(dir.snapshot(), swapped);
+    EXPECT_EQ(summary(report), (Lines{"+", "-", "-"}));
 }
 
 TEST_F(VkKillTorjansTest, FailedProcessListingEndsAtOnceWithoutAnyCall) {
