@@ -81,6 +81,13 @@ void VkFlashBack::addToBinFiles(const std::string& path) {
         binFiles_.push_back(path);
 }
 
+void VkFlashBack::addNamedBinFile(const std::string& path, uint32_t owner) {
+    addToBinFiles(path);
+    auto [it, added] = namedBy_.emplace(path, owner);
+    if (!added && it->second == 0)
+        it->second = owner;
+}
+
 VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
     if (progress)
         progress(kFamily, 0.0f);
@@ -116,7 +123,8 @@ VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
 
 void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& found) {
     std::string path = system_.resolve(inspectedPath);
-    auto plist = VkLaunchItem::readDictionary(path, systemLog_.get());
+    uint32_t owner = 0;
+    auto plist = VkLaunchItem::readDictionary(path, systemLog_.get(), &owner);
     if (!plist)
         return;
     const VkPlist* environment = &*plist;
@@ -133,7 +141,7 @@ void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& fo
     systemLog_->log("[VkAnti] detect " + path + " - " + describe(*value));
     plistFiles_.push_back(path);
     if (const std::string* library = value->asString())
-        addToBinFiles(system_.resolve(system_.expandTilde(*library)));
+        addNamedBinFile(system_.resolve(system_.expandTilde(*library)), owner);
     found = true;
 }
 
@@ -147,7 +155,8 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
     std::sort(entries->begin(), entries->end());
     for (const std::string& entry : *entries) {
         std::string itemPath = VkFile::join(folder, entry);
-        auto item = VkLaunchItem::readDictionary(itemPath, systemLog_.get());
+        uint32_t owner = 0;
+        auto item = VkLaunchItem::readDictionary(itemPath, systemLog_.get(), &owner);
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);
@@ -158,7 +167,7 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
             continue;
         systemLog_->log("[VkAnti] detect " + entry + " - " + *program);
         serviceFiles_.push_back(itemPath);
-        addToBinFiles(system_.resolve(system_.expandTilde(*program)));
+        addNamedBinFile(system_.resolve(system_.expandTilde(*program)), owner);
         found = true;
     }
 }
@@ -230,7 +239,7 @@ std::vector<VkCleanOutcome> VkFlashBack::remove(const std::set<std::string>& kee
         return {};
     auto kept = [&keep](const std::string& path) { return keep.count(path) > 0; };
     VkCoreFunction& core = *coreFunction_;
-    std::vector<std::string> extra;
+    std::vector<VkCleanPath> extra;
     extra.reserve(10);
     core.systemCommand({"launchctl", "unsetenv", "DYLD_INSERT_LIBRARIES"});
     // The path is one argument of its own: a launch item's name never reaches a shell.
@@ -251,11 +260,16 @@ std::vector<VkCleanOutcome> VkFlashBack::remove(const std::set<std::string>& kee
         outcome.editedInPlace = gone;
         edited.push_back(std::move(outcome));
     }
-    std::vector<std::string> databases = launchServicesDatabases();
-    extra.insert(extra.end(), databases.begin(), databases.end());
-    extra.insert(extra.end(), serviceFiles_.begin(), serviceFiles_.end());
-    extra.insert(extra.end(), binFiles_.begin(), binFiles_.end());
-    std::erase_if(extra, kept);
+    for (const std::string& database : launchServicesDatabases())
+        extra.emplace_back(database);
+    for (const std::string& service : serviceFiles_)
+        extra.emplace_back(service);
+    for (const std::string& file : binFiles_) {
+        extra.emplace_back(file);
+        if (auto it = namedBy_.find(file); it != namedBy_.end())
+            extra.back().namedBy = it->second;
+    }
+    std::erase_if(extra, [&kept](const VkCleanPath& path) { return kept(path.path); });
     // The lists are kept: a later remove acts on all of it again. Only files and links are
     // deleted: a launch item naming a folder as its hidden program never takes the folder.
     std::vector<VkCleanOutcome> outcomes =

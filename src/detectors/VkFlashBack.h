@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -52,6 +54,8 @@ class VkFlashBack {
     void scanLaunchFolder(const std::string& inspectedFolder, bool& found);
     bool scanLaunchdConf();
     std::vector<std::string> launchServicesDatabases();
+    // addToBinFiles for a path that a property list owned by `owner` names.
+    void addNamedBinFile(const std::string& path, uint32_t owner);
 
     VkInspectedSystem system_;
     std::shared_ptr<VkCoreFunction> coreFunction_;
@@ -59,4 +63,7 @@ class VkFlashBack {
     std::vector<std::string> plistFiles_;
     std::vector<std::string> binFiles_;
     std::vector<std::string> serviceFiles_;
+    // For a file of binFiles_ that a property list named: the owner of that list (a
+    // non-root one when several name it). What the detector found itself has no entry.
+    std::map<std::string, uint32_t> namedBy_;
 };

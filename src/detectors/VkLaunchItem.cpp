@@ -1,13 +1,28 @@
 #include "detectors/VkLaunchItem.h"
 
+#include <sys/stat.h>
+
 #include "platform/VkFileUtil.h"
 
 namespace VkLaunchItem {
 
-std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log) {
-    auto parsed = VkPlist::readFile(path, kMaxPlistBytes);
-    if (parsed && parsed->isDictionary())
+std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log,
+                                      uint32_t* owner) {
+    // The owner is that of the very file read, not of whatever the path names a moment later.
+    struct stat info {};
+    VkResult<VkPlist> parsed = VkError{""};
+    if (auto bytes = VkFile::readAll(path, kMaxPlistBytes, &info)) {
+        parsed = VkPlist::parse(bytes->data(), bytes->size());
+        if (!parsed)
+            parsed = VkError{path + ": " + parsed.error()};
+    } else {
+        parsed = VkError{bytes.error()};
+    }
+    if (parsed && parsed->isDictionary()) {
+        if (owner)
+            *owner = static_cast<uint32_t>(info.st_uid);
         return std::move(parsed).value();
+    }
     // A file that is there but unreadable is told: a trojan may spoil its own list on purpose
     // to pass unseen.
     bool isDirectory = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -16,7 +17,9 @@ inline constexpr size_t kMaxPlistBytes = 4u << 20;
 
 // The property list at a path on this machine when it is a dictionary (XML or binary). A
 // file (not a folder) that is no readable dictionary is skipped, and told to `log` if given.
-std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log = nullptr);
+// `owner`, if given, receives the owner of the file that was read.
+std::optional<VkPlist> readDictionary(const std::string& path, VkSystemLog* log = nullptr,
+                                      uint32_t* owner = nullptr);
 
 // The program a launch item starts: the string under "Program"; when that key is absent,
 // the first element of "ProgramArguments" if it is a non-empty list of which that element

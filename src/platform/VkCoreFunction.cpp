@@ -110,6 +110,9 @@ VkResult<void> VkSystemCoreFunction::cleanOne(const VkCleanPath& target,
     if (target.foundAs &&
         (isFolder || *target.foundAs != VkFileIdentity::of(*st)))
         return VkError{"refused: this is no longer the file the scan found"};
+    if (target.namedBy && *target.namedBy != 0 && st->st_uid != *target.namedBy)
+        return VkError{"refused: named by a file of user " + std::to_string(*target.namedBy) +
+                       " but owned by user " + std::to_string(st->st_uid)};
     if (std::string refusal = policy_.refusal(entry->components, isFolder); !refusal.empty())
         return VkError{refusal};
     if (isFolder && scope == VkCleanScope::filesOnly)

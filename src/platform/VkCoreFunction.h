@@ -21,13 +21,16 @@ struct VkCleanOutcome {
 
 // One path handed to startClean. A file a scan found carries who it was then, and is deleted
 // only while the path still names that very file: one swapped in since (a folder, another
-// file) is left alone.
+// file) is left alone. A file that only a property list names carries that list's owner:
+// unless the list is root's, the file goes only when that same user owns it, so whoever can
+// write a list cannot have someone else's files deleted by naming them.
 struct VkCleanPath {
     explicit VkCleanPath(std::string p, std::optional<VkFileIdentity> found = std::nullopt)
         : path(std::move(p)), foundAs(found) {}
 
     std::string path;
     std::optional<VkFileIdentity> foundAs;
+    std::optional<uint32_t> namedBy;
 };
 
 // Receives the outcome of each path of a clean run (optional).

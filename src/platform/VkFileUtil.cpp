@@ -150,7 +150,7 @@ VkResult<std::vector<std::string>> listDirectory(const std::string& path) {
     return names;
 }
 
-VkResult<std::string> readAll(const std::string& path, size_t maxBytes) {
+VkResult<std::string> readAll(const std::string& path, size_t maxBytes, struct stat* info) {
     VkFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid())
         return VkError{errnoText("cannot open", path)};
@@ -161,6 +161,8 @@ VkResult<std::string> readAll(const std::string& path, size_t maxBytes) {
         return VkError{"not a regular file: " + path};
     if (static_cast<uint64_t>(st.st_size) > maxBytes)
         return VkError{"file too large: " + path};
+    if (info)
+        *info = st;
     std::string out;
     out.reserve(static_cast<size_t>(st.st_size));
     char buf[65536];

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -34,7 +35,8 @@ bool createDirectory(const std::string& path, bool withParents, mode_t mode = 07
 VkResult<std::vector<std::string>> listDirectory(const std::string& path);
 
 // Reads a whole file (links followed), refusing files larger than maxBytes.
-VkResult<std::string> readAll(const std::string& path, size_t maxBytes = 64u << 20);
+VkResult<std::string> readAll(const std::string& path, size_t maxBytes = 64u << 20,
+                              struct stat* info = nullptr);
 // Writes bytes to a temporary file beside the target, flushes it and renames it over
 // the target, so readers see either the old or the new contents, never a mix.
 VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_t size,

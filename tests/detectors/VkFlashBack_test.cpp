@@ -196,6 +196,11 @@ TEST_F(VkFlashBackTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
                                       onDisk("/Library/x.dylib") + " " +
                                       onDisk("/Library/y.dylib") + " " + onDisk("/opt/.x")}))
         << "the unload is one argument, no shell";
+    // A file a property list names carries that list's owner, so the clean step can refuse
+    // someone else's file; found databases and launch items carry none.
+    const std::optional<uint32_t> owner = ::getuid(), none;
+    EXPECT_EQ(core->callsOf("startClean")[0].namedBy, (std::vector{none, none, none, owner, owner,
+                                                                   owner}));
     auto lines = logLines();
     EXPECT_EQ(Paths(lines.begin() + static_cast<long>(before), lines.end()),
               (Paths{"[VkAnti] remove cstore: " + p[4], "[VkAnti] remove cstore: " + p[5]}));

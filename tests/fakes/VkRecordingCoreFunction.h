@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ class VkRecordingCoreFunction : public VkCoreFunction {
         std::string op;                 // "systemCommand", "startClean", "fixPlistFile", ...
         std::vector<std::string> args;  // argument vector / paths / path + key / pid / from + to
         VkCleanScope scope = VkCleanScope::filesAndFolders;  // startClean only
+        std::vector<std::optional<uint32_t>> namedBy = {};   // startClean only, per path
     };
 
     explicit VkRecordingCoreFunction(std::string systemRoot = "/", std::string dataFolder = "")
@@ -27,10 +29,12 @@ class VkRecordingCoreFunction : public VkCoreFunction {
     }
     std::vector<VkCleanOutcome> startClean(const std::vector<VkCleanPath>& paths, bool cutBinary,
                                            VkCleanDelegate* delegate, VkCleanScope scope) override {
-        std::vector<std::string> names;
-        for (const auto& p : paths)
-            names.push_back(p.path);
-        record({"startClean", names, scope});
+        Call call{"startClean", {}, scope};
+        for (const auto& p : paths) {
+            call.args.push_back(p.path);
+            call.namedBy.push_back(p.namedBy);
+        }
+        record(std::move(call));
         if (performDeletes_)
             return real_.startClean(paths, cutBinary, delegate, scope);
         std::vector<VkCleanOutcome> out;

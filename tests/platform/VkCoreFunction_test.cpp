@@ -70,6 +70,16 @@ TEST_F(VkCoreFunctionTest, DeletesFilesFoldersAndLinksWithoutFollowingThem) {
     EXPECT_TRUE(cleanOne(root + "/Library/Bad"));
     EXPECT_FALSE(fs::exists(fs::symlink_status(link)) || fs::exists(root + "/Library/Bad"));
     EXPECT_TRUE(fs::exists(target)) << "a link's target must survive";
+
+    // A file a property list names goes only when the list's owner owns it, or root wrote it.
+    const uint32_t me = ::getuid(), someoneElse = me + 4242;
+    for (auto [namedBy, removed] : {std::pair{someoneElse, false}, {me, true}, {0u, true}}) {
+        VkCleanPath named(dir.write("root/Library/named.dylib", "x"));
+        named.namedBy = namedBy;
+        auto out = core.startClean({named}, false, nullptr, VkCleanScope::filesOnly);
+        EXPECT_EQ(out.at(0).removed, removed) << namedBy << ": " << out[0].reason;
+        EXPECT_EQ(fs::exists(root + "/Library/named.dylib"), !removed) << namedBy;
+    }
 }
 
 TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
