@@ -1,4 +1,5 @@
 // `vksecurity trust`: the list of files the user declared safe.
+#include <algorithm>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
@@ -53,28 +54,31 @@ void removeTrust(VkCli& cli, const std::string& argument) {
     std::string path;
     bool isNumber = !argument.empty() && argument.size() < 10 &&
                     argument.find_first_not_of("0123456789") == std::string::npos;
+    size_t removed = 0;
     if (isNumber) {
+        // That very entry: another entry of the same path (other contents) stays trusted.
         size_t number = std::stoul(argument);
         const std::string* stored = number >= 1 && number <= entries.size()
                                         ? entries[number - 1].getString("TrustFilePath")
                                         : nullptr;
-        if (!stored) {
+        path = stored ? *stored : "(unreadable entry)";
+        removed = number >= 1 ? center->removeTrustEntry(number - 1) : 0;
+        if (removed == 0) {
             vkCliFail(cli, "no trust list entry " + argument + " (see `vksecurity trust list`)");
             return;
         }
-        path = *stored;
     } else {
         path = vkCliAbsolutePath(argument);
+        size_t before = entries.size();
+        center->removeTrustFile(path);
+        removed = before - std::min(before, center->ecryptTrustFileArray().size());
+        if (removed == 0) {
+            vkCliFail(cli, "not on the trust list: " + path);
+            return;
+        }
     }
-    size_t before = entries.size();
-    center->removeTrustFile(path);
-    size_t after = center->ecryptTrustFileArray().size();
-    if (before == after) {
-        vkCliFail(cli, "not on the trust list: " + path);
-        return;
-    }
-    std::printf("Removed %zu trust list entr%s for %s\n", before - after,
-                before - after == 1 ? "y" : "ies", vkCliText(path).c_str());
+    std::printf("Removed %zu trust list entr%s for %s\n", removed, removed == 1 ? "y" : "ies",
+                vkCliText(path).c_str());
 }
 
 }  // namespace

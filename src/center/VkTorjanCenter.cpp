@@ -170,6 +170,28 @@ void VkTorjanCenter::removeTrustFile(const std::string& path) {
     });
 }
 
+size_t VkTorjanCenter::removeTrustEntry(size_t index) {
+    size_t removed = 0;
+    context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
+        if (!stored || !stored->asArray())
+            return;
+        VkPlist::Array list = *stored->asArray();
+        // Counted as the display counts: only dictionaries are listed.
+        std::optional<VkPlist> chosen;
+        for (const auto& entry : list) {
+            if (entry.isDictionary() && index-- == 0) {
+                chosen = entry;
+                break;
+            }
+        }
+        if (!chosen)
+            return;
+        removed = std::erase_if(list, [&](const VkPlist& e) { return e == *chosen; });
+        stored = VkPlist(std::move(list));
+    });
+    return removed;
+}
+
 VkPlist::Array VkTorjanCenter::ecryptTrustFileArray() {
     VkPlist::Array result;
     result.reserve(10);

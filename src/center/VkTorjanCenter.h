@@ -63,6 +63,10 @@ class VkTorjanCenter {
     // Removes the first entry for this path and every entry equal to it; the list is
     // written back even when nothing matched.
     void removeTrustFile(const std::string& path);
+    // Removes the entry that ecryptTrustFileArray lists at `index` (counting from 0) and
+    // every entry equal to it, whatever its path says (one that does not decipher too);
+    // the number removed, 0 when there is no such entry.
+    size_t removeTrustEntry(size_t index);
     // The trust list for display: names and paths deciphered, hash and size as stored.
     VkPlist::Array ecryptTrustFileArray();
     // Hands the result's file to the quarantine, named after its record (a special

@@ -96,6 +96,13 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsTrustIsRemoved) {
     ASSERT_EQ(trustCount(), 2u) << "both equal entries gone, the other hash stays";
     EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
     EXPECT_EQ(scan(file).size(), 1u);
+
+    // By its place in the list, that entry goes, not the first of its path.
+    center->addTrustFile(found[0]);
+    EXPECT_EQ(center->removeTrustEntry(3), 0u);
+    EXPECT_EQ(center->removeTrustEntry(2), 1u);
+    EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
+    EXPECT_EQ(scan(file).size(), 1u);
 }
 
 TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {
