@@ -70,6 +70,8 @@ std::string restoreFailure(const VkQuarantineFileManager& store, const VkQuarant
     std::string to = textOf(item.originalPath());
     if (to.empty())
         return "the record has no original path";
+    if (std::string foreign = store.foreignOwner(); !foreign.empty())
+        return foreign;
     if (!store.holdsFile(from))
         return "the record does not name a file in the quarantine folder";
     if (!VkFile::existsNoFollow(from))

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/VkContainedFs.h"
 #include "platform/VkContext.h"
@@ -205,8 +206,19 @@ bool VkQuarantineFileManager::holdsFile(const std::string& path) const {
            VkFile::deletingLastPathComponent(path) == quarantineFolder();
 }
 
+std::string VkQuarantineFileManager::foreignOwner() const {
+    const uid_t self = ::geteuid();
+    for (const std::string& path : {quarantineFolder(), infoListPath()}) {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) == 0 && st.st_uid != self)
+            return path + " belongs to user " + std::to_string(st.st_uid) +
+                   ", not to this one (" + std::to_string(self) + "): act on it as that user";
+    }
+    return "";
+}
+
 bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
-    if (!item)
+    if (!item || !foreignOwner().empty())
         return false;
     VkFileLock lock(infoListPath());
     reloadLocked();

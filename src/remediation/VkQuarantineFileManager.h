@@ -54,6 +54,11 @@ class VkQuarantineFileManager {
     std::string candidatePathFor(const std::string& originalPath) const;
     // True when path names a quarantined file: directly in the folder, not the list itself.
     bool holdsFile(const std::string& path) const;
+    // Empty when this user owns the folder and its list; else why the list is not to be
+    // acted on. A list another user can write says where a restore puts a file: run with
+    // more rights (an administrator's restore for a user), it would put that user's file
+    // anywhere, making the folders on the way.
+    std::string foreignOwner() const;
 
   private:
     // Under the lock: merge the list on disk into the live list, reconcile, and say

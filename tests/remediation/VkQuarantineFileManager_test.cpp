@@ -127,6 +127,13 @@ TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAllAndFailedMovesChangeNothing) {
     EXPECT_EQ(*VkFile::readAll(store.infoListPath()), listBefore);
     core->failMoves(false);
 
+    // A list another user owns is not this user's to follow (giving it away needs rights).
+    const uid_t self = ::geteuid();
+    if (::chown(store.infoListPath().c_str(), self + 4242, static_cast<gid_t>(-1)) == 0) {
+        EXPECT_FALSE(store.recoverItem(a));
+        EXPECT_FALSE(fs::exists(original));
+        ASSERT_EQ(::chown(store.infoListPath().c_str(), self, static_cast<gid_t>(-1)), 0);
+    }
     EXPECT_TRUE(store.recoverItem(a));
     EXPECT_EQ(*VkFile::readAll(original), "bytes\x01\x02");
     std::string bPath = *b->filePath();
