@@ -217,7 +217,7 @@ std::string VkQuarantineFileManager::foreignOwner() const {
     return "";
 }
 
-bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
+bool VkQuarantineFileManager::recoverItem(std::shared_ptr<VkQuarantineFileItem> item) {
     if (!item || !foreignOwner().empty())
         return false;
     VkFileLock lock(infoListPath());
@@ -240,7 +240,7 @@ bool VkQuarantineFileManager::recoverItem(const std::shared_ptr<VkQuarantineFile
     return true;
 }
 
-bool VkQuarantineFileManager::removeItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
+bool VkQuarantineFileManager::removeItem(std::shared_ptr<VkQuarantineFileItem> item) {
     if (!item)
         return false;
     VkFileLock lock(infoListPath());

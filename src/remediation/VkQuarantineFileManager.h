@@ -33,10 +33,11 @@ class VkQuarantineFileManager {
     // Nothing changes when the move fails. Returns whether it was quarantined.
     bool addItem(const std::shared_ptr<VkQuarantineFileItem>& item);
     // Moves the file back to its originalPath; the record stays when that fails.
-    bool recoverItem(const std::shared_ptr<VkQuarantineFileItem>& item);
+    // The record is taken by value: the list it may come from is read again meanwhile.
+    bool recoverItem(std::shared_ptr<VkQuarantineFileItem> item);
     // Forgets the record, then deletes its file (the record goes even if that fails).
     // Only a file lying directly in the quarantine folder is ever deleted or restored.
-    bool removeItem(const std::shared_ptr<VkQuarantineFileItem>& item);
+    bool removeItem(std::shared_ptr<VkQuarantineFileItem> item);
     // Forgets every record; the files themselves stay in the folder.
     void removeAllItem();
     // Writes the list to "info.list" (temporary file, then rename), merged under the lock
