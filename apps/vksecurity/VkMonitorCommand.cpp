@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -111,6 +112,17 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
     std::vector<std::string> wanted = stringsOf(s.get("WatchFolders"));
     std::vector<std::string> watching = stringsOf(s.get("Watching"));
     const std::string* version = s.getString("Version");
+    // Folders below the watched ones that the monitor could not watch, with the reason.
+    std::vector<std::pair<std::string, std::string>> unwatched;
+    if (const VkPlist* list = s.get("UnwatchedFolders"); list && list->asArray()) {
+        for (const VkPlist& entry : *list->asArray()) {
+            const std::string* path = entry.getString("Path");
+            const std::string* reason = entry.getString("Reason");
+            if (path)
+                unwatched.emplace_back(*path, reason ? *reason : "");
+        }
+    }
+    int64_t unwatchedCount = numberOf(s, "Unwatched");
     if (cli.json) {
         nlohmann::json j = {{"running", true},
                             {"pid", numberOf(s, "Pid")},
@@ -126,6 +138,13 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
         vkJsonSetPath(j, "dataFolder", dataFolder);
         vkJsonSetPaths(j, "watchFolders", wanted);
         vkJsonSetPaths(j, "watching", watching);
+        j["unwatched"] = unwatchedCount;
+        j["unwatchedFolders"] = nlohmann::json::array();
+        for (const auto& [path, reason] : unwatched) {
+            nlohmann::json folder = {{"reason", reason}};
+            vkJsonSetPath(folder, "path", path);
+            j["unwatchedFolders"].push_back(folder);
+        }
         std::printf("%s\n", vkJsonText(j, 2).c_str());
         return;
     }
@@ -137,6 +156,16 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
         bool active = std::find(watching.begin(), watching.end(), wanted[i]) != watching.end();
         std::printf("%s%s%s\n", i == 0 ? "watching:      " : "               ",
                     vkCliText(wanted[i]).c_str(), active ? "" : " (not found yet)");
+    }
+    if (unwatchedCount > 0) {
+        std::printf("not watched:   %lld folder%s below these (and all below them): files "
+                    "arriving there are not judged\n",
+                    static_cast<long long>(unwatchedCount), unwatchedCount == 1 ? "" : "s");
+        for (const auto& [path, reason] : unwatched)
+            std::printf("               %s (%s)\n", vkCliText(path).c_str(),
+                        vkCliText(reason).c_str());
+        if (unwatchedCount > static_cast<int64_t>(unwatched.size()))
+            std::printf("               ...\n");
     }
     std::printf("records:       %lld\n", static_cast<long long>(numberOf(s, "Records")));
     std::printf("signatures:    %lld\n", static_cast<long long>(numberOf(s, "Signatures")));

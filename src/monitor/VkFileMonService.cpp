@@ -367,6 +367,30 @@ void VkFileMonService::handleEvent(const VkFileEvent& event, double now) {
             say("[VkFileMon] too many changes at once; looking at every watched folder again");
             rescanEverything();
             break;
+        case VkFileEvent::Kind::Unwatched:
+            if (!isOurs(event.path))
+                noteUnwatched(event);
+            break;
+    }
+}
+
+void VkFileMonService::noteUnwatched(const VkFileEvent& event) {
+    // Each folder is counted and named once. Past kMaxUnwatchedLines lines a tree made to
+    // flood the log is only counted; past kMaxUnwatchedKnown folders a folder refused twice
+    // may be counted twice.
+    if (unwatchedKnown_.size() < kMaxUnwatchedKnown) {
+        if (!unwatchedKnown_.insert(event.path).second)
+            return;
+    }
+    ++unwatchedCount_;
+    if (unwatchedShown_.size() < kMaxUnwatchedShown)
+        unwatchedShown_.emplace_back(event.path, event.reason);
+    if (unwatchedCount_ <= kMaxUnwatchedLines) {
+        say("[VkFileMon] not watching " + event.path + " (" + event.reason +
+            "): files that arrive there are not judged");
+    } else if (unwatchedCount_ == kMaxUnwatchedLines + 1) {
+        say("[VkFileMon] more folders cannot be watched; `vksecurity monitor --status` counts "
+            "them");
     }
 }
 
@@ -753,5 +777,15 @@ VkPlist VkFileMonService::status() const {
     status.set("Infected", VkPlist::unsignedInteger(infectedCount_.load()));
     status.set("SettleSeconds", VkPlist::real(options_.settleSeconds));
     status.set("StartTime", VkDate{startTime_});
+    // Folders below the watched ones that are not watched (with everything below them).
+    status.set("Unwatched", VkPlist::unsignedInteger(unwatchedCount_));
+    VkPlist::Array unwatched;
+    for (const auto& [path, reason] : unwatchedShown_) {
+        VkPlist entry = VkPlist::dictionary();
+        entry.set("Path", path);
+        entry.set("Reason", reason);
+        unwatched.push_back(std::move(entry));
+    }
+    status.set("UnwatchedFolders", VkPlist(std::move(unwatched)));
     return status;
 }

@@ -11,9 +11,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "monitor/VkFileMonStore.h"
@@ -82,6 +84,7 @@ class VkFileMonService {
     bool rescanStep(double now);
     void rescanEverything();
     void queueRescan(const std::string& folder);
+    void noteUnwatched(const VkFileEvent& event);
     void moveSettled(double now);
     void pushChanges();
     void housekeeping(double now);
@@ -135,6 +138,14 @@ class VkFileMonService {
     size_t startupRootsLeft_ = 0;
     bool rootIsStartup_ = false;
     double nextStamp_ = 0;
+    // Folders the watcher could not watch: how many, the first few with the reason (for the
+    // status), and which were named already.
+    static constexpr size_t kMaxUnwatchedShown = 16;
+    static constexpr uint64_t kMaxUnwatchedLines = 100;
+    static constexpr size_t kMaxUnwatchedKnown = 65536;
+    uint64_t unwatchedCount_ = 0;
+    std::vector<std::pair<std::string, std::string>> unwatchedShown_;
+    std::set<std::string> unwatchedKnown_;
     bool started_ = false;
     std::atomic<bool> stop_{false};
 

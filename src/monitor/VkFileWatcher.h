@@ -13,9 +13,12 @@ struct VkFileEvent {
         Complete,     // a file was closed after writing, or moved into a watched folder
         FolderAdded,  // a folder appeared below a watched folder (files inside it may be new)
         Overflow,     // events were lost: every watched folder must be looked at again
+        Unwatched,    // a folder below a watched folder cannot be watched (reason says why):
+                      // files arriving in it, or below it, later are not seen
     };
     Kind kind = Kind::Complete;
     std::string path;
+    std::string reason;
 };
 
 // Watches folders, and the folders below them, for files that are complete. Implemented with
@@ -26,7 +29,8 @@ class VkFileWatcher {
     virtual ~VkFileWatcher() = default;
 
     // Watches folder and every folder below it, including folders made later. An error when
-    // the folder itself cannot be watched; subfolders that cannot be watched are skipped.
+    // the folder itself cannot be watched; a subfolder that cannot be watched is handed out
+    // as an Unwatched event (one that has vanished meanwhile is not).
     virtual VkResult<void> addFolder(const std::string& folder) = 0;
     // Stops watching a folder given to addFolder, and the folders below it.
     virtual void removeFolder(const std::string& folder) = 0;

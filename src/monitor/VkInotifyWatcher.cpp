@@ -2,6 +2,7 @@
 
 #ifdef __linux__
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -25,6 +26,27 @@ std::string withoutTrailingSlash(std::string path) {
     return path;
 }
 
+// Why inotify_add_watch failed, as a user can act on it; empty when the folder is gone or is
+// no folder any more (nothing there to watch).
+std::string kernelRefusal(int err) {
+    switch (err) {
+        case ENOENT:
+        case ENOTDIR:
+            return {};
+        case ENOSPC:
+            return "the system's limit of inotify watches is reached "
+                   "(raise fs.inotify.max_user_watches)";
+        case ENOMEM:
+            return "the kernel has no memory left for inotify watches";
+        default:
+            return std::strerror(err);
+    }
+}
+
+std::string tooDeep(int maxDepth) {
+    return "more than " + std::to_string(maxDepth) + " folders below a watched folder";
+}
+
 bool isBelow(const std::string& path, const std::string& folder) {
     return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
            (folder == "/" || path[folder.size()] == '/');
@@ -32,11 +54,13 @@ bool isBelow(const std::string& path, const std::string& folder) {
 
 }  // namespace
 
-VkResult<std::unique_ptr<VkInotifyWatcher>> VkInotifyWatcher::create() {
+VkResult<std::unique_ptr<VkInotifyWatcher>> VkInotifyWatcher::create(size_t maxWatches,
+                                                                     int maxDepth) {
     VkFd fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!fd.valid())
         return VkError{std::string("cannot watch folders (inotify): ") + std::strerror(errno)};
-    return std::unique_ptr<VkInotifyWatcher>(new VkInotifyWatcher(std::move(fd)));
+    return std::unique_ptr<VkInotifyWatcher>(new VkInotifyWatcher(
+        std::move(fd), std::min(maxWatches, kMaxWatches), std::clamp(maxDepth, 0, kMaxDepth)));
 }
 
 VkResult<void> VkInotifyWatcher::addFolder(const std::string& folderPath) {
@@ -49,7 +73,8 @@ VkResult<void> VkInotifyWatcher::addFolder(const std::string& folderPath) {
     if (byPath_.count(folder) == 0) {
         // The watched folder itself may be a link (a download folder kept elsewhere).
         if (!watchOne(folder, true, 0))
-            return VkError{"cannot watch " + folder + ": " + std::strerror(errno)};
+            return VkError{"cannot watch " + folder + ": " +
+                           (refusal_.empty() ? std::string("it is gone") : refusal_)};
         watchTree(folder, 0);
     }
     bool known = false;
@@ -81,17 +106,22 @@ std::vector<std::string> VkInotifyWatcher::folders() const {
 }
 
 bool VkInotifyWatcher::watchOne(const std::string& path, bool followLink, int depth) {
-    if (byWd_.size() >= kMaxWatches && byPath_.count(path) == 0) {
-        errno = ENOSPC;
+    refusal_.clear();
+    if (byWd_.size() >= maxWatches_ && byPath_.count(path) == 0) {
+        refusal_ = "the monitor watches at most " + std::to_string(maxWatches_) + " folders";
         return false;
     }
     uint32_t mask = kFolderMask | (followLink ? 0u : static_cast<uint32_t>(IN_DONT_FOLLOW));
     int wd = ::inotify_add_watch(fd_.get(), path.c_str(), mask);
-    if (wd < 0)
+    if (wd < 0) {
+        refusal_ = kernelRefusal(errno);
         return false;
+    }
     struct stat st {};
-    if ((followLink ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) != 0)
+    if ((followLink ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) != 0) {
+        refusal_ = kernelRefusal(errno);
         return false;
+    }
     auto it = byWd_.find(wd);
     if (it != byWd_.end() && it->second.path != path)
         byPath_.erase(it->second.path);  // the same folder, moved: it is known by its new path
@@ -100,9 +130,12 @@ bool VkInotifyWatcher::watchOne(const std::string& path, bool followLink, int de
     return true;
 }
 
+void VkInotifyWatcher::refuse(const std::string& path, const std::string& reason) {
+    if (!reason.empty())
+        events_.push_back({VkFileEvent::Kind::Unwatched, path, reason});
+}
+
 void VkInotifyWatcher::watchTree(const std::string& path, int depth) {
-    if (depth >= kMaxDepth)
-        return;
     DIR* dir = ::opendir(path.c_str());
     if (!dir)
         return;
@@ -119,8 +152,14 @@ void VkInotifyWatcher::watchTree(const std::string& path, int depth) {
     }
     ::closedir(dir);
     for (const auto& child : children) {
-        if (watchOne(child, false, depth + 1))
+        // Past the depth bound only the first folder of each branch is named: nothing below
+        // it is watched either.
+        if (depth + 1 > maxDepth_)
+            refuse(child, tooDeep(maxDepth_));
+        else if (watchOne(child, false, depth + 1))
             watchTree(child, depth + 1);
+        else
+            refuse(child, refusal_);
     }
 }
 
@@ -157,7 +196,7 @@ void VkInotifyWatcher::readEvents() {
         auto* event = reinterpret_cast<inotify_event*>(p);
         p += sizeof(inotify_event) + event->len;
         if (event->mask & IN_Q_OVERFLOW) {
-            events_.push_back({VkFileEvent::Kind::Overflow, {}});
+            events_.push_back({VkFileEvent::Kind::Overflow, {}, {}});
             continue;
         }
         auto it = byWd_.find(event->wd);
@@ -187,14 +226,18 @@ void VkInotifyWatcher::readEvents() {
         std::string path = VkFile::join(watch.path, event->name);
         if (event->mask & IN_ISDIR) {
             if (event->mask & (IN_CREATE | IN_MOVED_TO)) {
-                if (watch.depth + 1 < kMaxDepth && watchOne(path, false, watch.depth + 1))
+                if (watch.depth + 1 > maxDepth_)
+                    refuse(path, tooDeep(maxDepth_));
+                else if (watchOne(path, false, watch.depth + 1))
                     watchTree(path, watch.depth + 1);
-                events_.push_back({VkFileEvent::Kind::FolderAdded, path});
+                else
+                    refuse(path, refusal_);
+                events_.push_back({VkFileEvent::Kind::FolderAdded, path, {}});
             }
             continue;
         }
         if (event->mask & (IN_CLOSE_WRITE | IN_MOVED_TO))
-            events_.push_back({VkFileEvent::Kind::Complete, std::move(path)});
+            events_.push_back({VkFileEvent::Kind::Complete, std::move(path), {}});
     }
 }
 

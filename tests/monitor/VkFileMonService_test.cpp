@@ -16,6 +16,7 @@
 
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestArchives.h"
+#include "monitor/VkInotifyWatcher.h"
 #include "monitor/VkMonitorSocket.h"
 #include "monitor/VkMonitorTestSupport.h"
 #include "platform/VkHashValue.h"
@@ -246,7 +247,7 @@ class OverflowingWatcher : public VkFileWatcher {
     std::optional<VkFileEvent> nextEvent() override {
         if (overflowDue()) {
             overflowed_ = true;
-            return VkFileEvent{VkFileEvent::Kind::Overflow, {}};
+            return VkFileEvent{VkFileEvent::Kind::Overflow, {}, {}};
         }
         auto event = real_->nextEvent();
         if (event && event->kind == VkFileEvent::Kind::Complete)
@@ -298,6 +299,34 @@ TEST_F(VkFileMonServiceTest, ABurstWithLostEventsIsJudgedOnceEachWithinItsBounds
     EXPECT_EQ(all.size(), static_cast<size_t>(kFiles));
     EXPECT_EQ(std::set<std::string>(all.begin(), all.end()), expected);
     EXPECT_EQ(judgedPaths(true), Paths{watchFolder + "/f123.bin"});
+}
+
+// Folders past the watcher's bounds (depth 2, 4 folders here) are named once and counted.
+TEST_F(VkFileMonServiceTest, FoldersPastTheWatchBoundsAreNamedAndCounted) {
+    std::string deep = dir.mkdir("watch/a/b/c");
+    options.makeWatcher = []() -> VkResult<std::unique_ptr<VkFileWatcher>> {
+        auto real = VkInotifyWatcher::create(4, 2);
+        if (!real)
+            return VkError{real.error()};
+        return std::unique_ptr<VkFileWatcher>(std::move(*real));
+    };
+    Paths lines;
+    options.report = [&](const std::string& line) {
+        std::lock_guard lock(mutex);
+        lines.push_back(line);
+    };
+    auto runner = startService();
+    dir.mkdir("watch/fourth");
+    std::string fifth = dir.mkdir("watch/fifth");
+    ASSERT_TRUE(waitUntil([&] { return statusNumber("Unwatched") >= 2; }));
+    std::lock_guard lock(mutex);
+    auto said = [&](const std::string& text) {
+        return std::count(lines.begin(), lines.end(), "[VkFileMon] not watching " + text +
+                                                          ": files that arrive there are not "
+                                                          "judged");
+    };
+    EXPECT_EQ(said(deep + " (more than 2 folders below a watched folder)"), 1);
+    EXPECT_EQ(said(fifth + " (the monitor watches at most 4 folders)"), 1);
 }
 
 // The watched folder holds the data folder (the home, say), whose files are never judged.
