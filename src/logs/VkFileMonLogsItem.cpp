@@ -2,6 +2,31 @@
 
 #include <utility>
 
+#include "platform/VkUtf8.h"
+
+namespace {
+
+// The binary archive stores text as UTF-8 only (other bytes become U+FFFD, which can name
+// another file), so a text that is not UTF-8 is also stored as data under key + "Data", and
+// read back from there first. Archives without it are read as before.
+std::string dataKey(const char* key) {
+    return std::string(key) + "Data";
+}
+
+void encodeText(VkKeyedArchiver& coder, const std::optional<std::string>& text, const char* key) {
+    coder.encodeObject(text, key);
+    if (text && (!VkUtf8::isValid(*text) || text->find('\0') != std::string::npos))
+        coder.encodeObject(VkPlist(VkPlist::Data(text->begin(), text->end())), dataKey(key));
+}
+
+std::optional<std::string> decodeText(VkKeyedUnarchiver& coder, const char* key) {
+    if (auto bytes = coder.decodeDataForKey(dataKey(key)))
+        return std::string(bytes->begin(), bytes->end());
+    return coder.decodeStringForKey(key);
+}
+
+}  // namespace
+
 VkFileMonLogsItem::VkFileMonLogsItem(const VkFileMonLogsItem& other) : VkCodable(other) {
     std::lock_guard lock(other.mutex_);
     filePath_ = other.filePath_;
@@ -64,20 +89,20 @@ std::optional<VkPlist> VkFileMonLogsItem::convertToDict() const {
 
 void VkFileMonLogsItem::encodeWithCoder(VkKeyedArchiver& coder) const {
     std::lock_guard lock(mutex_);
-    coder.encodeObject(filePath_, kFilePathCoderKey);
-    coder.encodeObject(processName_, kProcessNameCoderKey);
-    coder.encodeObject(processPath_, kProcessPathCoderKey);
-    coder.encodeObject(trojanName_, kTrojanNameCoderKey);
+    encodeText(coder, filePath_, kFilePathCoderKey);
+    encodeText(coder, processName_, kProcessNameCoderKey);
+    encodeText(coder, processPath_, kProcessPathCoderKey);
+    encodeText(coder, trojanName_, kTrojanNameCoderKey);
     coder.encodeObject(downLoadTime_, kDownLoadTimeCoderKey);
     coder.encodeObject(logTime_, kLogTimeCoderKey);
 }
 
 std::shared_ptr<VkCodable> VkFileMonLogsItem::initWithCoder(VkKeyedUnarchiver& coder) {
     auto item = std::make_shared<VkFileMonLogsItem>();
-    item->setFilePath(coder.decodeStringForKey(kFilePathCoderKey));
-    item->setProcessName(coder.decodeStringForKey(kProcessNameCoderKey));
-    item->setProcessPath(coder.decodeStringForKey(kProcessPathCoderKey));
-    item->setTrojanName(coder.decodeStringForKey(kTrojanNameCoderKey));
+    item->setFilePath(decodeText(coder, kFilePathCoderKey));
+    item->setProcessName(decodeText(coder, kProcessNameCoderKey));
+    item->setProcessPath(decodeText(coder, kProcessPathCoderKey));
+    item->setTrojanName(decodeText(coder, kTrojanNameCoderKey));
     item->setDownLoadTime(coder.decodeDateForKey(kDownLoadTimeCoderKey));
     item->setLogTime(coder.decodeDateForKey(kLogTimeCoderKey));
     return item;

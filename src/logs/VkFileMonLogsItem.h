@@ -48,7 +48,8 @@ class VkFileMonLogsItem : public VkCodable {
     // a date is missing, since the form cannot be made without them.
     std::optional<VkPlist> convertToDict() const;
 
-    // Keyed coding with the six coder keys, each an object.
+    // Keyed coding with the six coder keys, each an object; a text that is not UTF-8 also goes
+    // as data under its key + "Data" (binary archives keep only UTF-8 text).
     std::string className() const override { return kClassName; }
     void encodeWithCoder(VkKeyedArchiver& coder) const override;
     static std::shared_ptr<VkCodable> initWithCoder(VkKeyedUnarchiver& coder);

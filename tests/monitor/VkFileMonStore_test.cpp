@@ -26,13 +26,14 @@ TEST_F(VkFileMonStoreTest, KeepsRecordsOnDiskOwnerOnlyAndReadsThemBack) {
         ASSERT_TRUE(store.load());
         ASSERT_TRUE(*store.append(record("/d/a")));
         ASSERT_TRUE(*store.append(record("/d/b")));
+        ASSERT_TRUE(*store.append(record("/d/a\xff")));  // not UTF-8: kept byte for byte
     }
     EXPECT_EQ(vkmon::permissionsOf(VkFileMonStore::recordsPath(data)), 0600);
     EXPECT_EQ(vkmon::permissionsOf(data), 0700);  // made by us
 
     VkFileMonStore again(data);
     ASSERT_TRUE(again.load());
-    EXPECT_EQ(pathsOf(again.items()), (std::vector<std::string>{"/d/a", "/d/b"}));
+    EXPECT_EQ(pathsOf(again.items()), (std::vector<std::string>{"/d/a", "/d/b", "/d/a\xff"}));
     // The file is exactly the archive that clients receive.
     EXPECT_EQ(*VkFileMonStore::readArchive(data), again.archive());
 
