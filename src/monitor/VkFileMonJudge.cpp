@@ -5,6 +5,7 @@
 
 #include "database/VkSqliteManager.h"
 #include "engine/VkHashCache.h"
+#include "platform/VkContainedFs.h"
 
 #ifdef __APPLE__
 #include <sys/xattr.h>
@@ -30,6 +31,21 @@ Origin originOf([[maybe_unused]] const std::string& path) {
         origin.processName = VkFileMonJudge::agentFromQuarantine(std::string(value, n));
 #endif
     return origin;
+}
+
+// The identity of the file at path when it is reached from root without following any link
+// below root, and path (as the kernel resolves it) names that same file; nullopt otherwise.
+std::optional<std::pair<dev_t, ino_t>> reachedWithoutLinks(const std::string& root,
+                                                           const std::string& path) {
+    auto entry = VkContainedFs(root).openParent(path);
+    if (!entry)
+        return std::nullopt;
+    auto inside = VkContainedFs::statEntry(*entry);
+    struct stat named {};
+    if (!inside || ::lstat(path.c_str(), &named) != 0 || inside->st_dev != named.st_dev ||
+        inside->st_ino != named.st_ino)
+        return std::nullopt;
+    return std::make_pair(inside->st_dev, inside->st_ino);
 }
 
 }  // namespace
@@ -76,12 +92,19 @@ bool VkFileMonJudge::reloadIfChanged() {
     return true;
 }
 
-std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path, bool* unchanged) {
+std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path, bool* unchanged,
+                                                         const std::string& watchedRoot) {
     if (unchanged)
         *unchanged = false;
     // New records may find what the old ones did not.
     if (reloadIfChanged())
         judged_.clear();
+    std::optional<std::pair<dev_t, ino_t>> reached;
+    if (!watchedRoot.empty()) {
+        reached = reachedWithoutLinks(watchedRoot, path);
+        if (!reached)
+            return nullptr;  // no longer in the watched folder (or gone)
+    }
     struct stat before {};
     bool known = ::lstat(path.c_str(), &before) == 0 && S_ISREG(before.st_mode);
 #ifdef __APPLE__
@@ -115,6 +138,9 @@ std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path
         judged_[path] = seen;
     }
     if (!hit)
+        return nullptr;
+    // Swapped while it was read: what was read may not be the file inside.
+    if (reached && reachedWithoutLinks(watchedRoot, path) != reached)
         return nullptr;
     auto item = std::make_shared<VkFileMonLogsItem>();
     // A member of a downloaded archive is logged as ARCHIVE!MEMBER.

@@ -23,8 +23,12 @@ class VkFileMonJudge {
     // modification time as download time, now as log time, and the downloading process when
     // the platform can tell. nullptr for a clean, trusted, vanished or unreadable file, and
     // for a file judged before with these records that is unchanged since (same device,
-    // inode, size, modification and status-change times); *unchanged then says so.
-    std::shared_ptr<VkFileMonLogsItem> judge(const std::string& path, bool* unchanged = nullptr);
+    // inode, size, modification and status-change times); *unchanged then says so. With
+    // watchedRoot (the watched folder the path lies in), the path must lead from it to the
+    // file without passing a link, before and after judging: a subfolder swapped for a link
+    // would have a file outside be judged and recorded under the inside name.
+    std::shared_ptr<VkFileMonLogsItem> judge(const std::string& path, bool* unchanged = nullptr,
+                                             const std::string& watchedRoot = {});
     // Loads the records again when the data folder's databases differ from the last load.
     // True when it loaded.
     bool reloadIfChanged();

@@ -471,9 +471,15 @@ void VkFileMonService::moveSettled(double now) {
         std::optional<std::string> path = settler_.nextSettled(now);
         if (!path)
             return;
+        // The watched folder it lies in (the innermost, when they nest).
+        std::string root;
+        for (const std::string& folder : wanted_) {
+            if (isAtOrBelow(*path, folder) && folder.size() > root.size())
+                root = folder;
+        }
         {
             std::lock_guard lock(queueMutex_);
-            queue_.push_back(std::move(*path));
+            queue_.emplace_back(std::move(*path), std::move(root));
             queueHighWater_ = std::max(queueHighWater_, queue_.size());
         }
         queueReady_.notify_one();
@@ -485,6 +491,7 @@ void VkFileMonService::judgeLoop() {
     signatureCount_.store(0);
     for (;;) {
         std::string path;
+        std::string root;
         bool wasFull;
         {
             std::unique_lock lock(queueMutex_);
@@ -492,12 +499,13 @@ void VkFileMonService::judgeLoop() {
             if (judgeStop_)
                 return;
             wasFull = queue_.size() >= options_.maxQueued;
-            path = std::move(queue_.front());
+            path = std::move(queue_.front().first);
+            root = std::move(queue_.front().second);
             queue_.pop_front();
         }
         uint64_t before = store_.generation();
         bool unchanged = false;
-        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path, &unchanged);
+        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path, &unchanged, root);
         signatureCount_.store(judge.recordCount());
         if (unchanged) {
             // Judged before and unchanged since (a folder looked at again after lost events).

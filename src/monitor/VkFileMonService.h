@@ -153,7 +153,7 @@ class VkFileMonService {
     std::thread judgeThread_;
     mutable std::mutex queueMutex_;
     std::condition_variable queueReady_;
-    std::deque<std::string> queue_;
+    std::deque<std::pair<std::string, std::string>> queue_;  // path, its watched folder
     size_t queueHighWater_ = 0;
     bool judgeStop_ = false;
     std::atomic<uint64_t> judgedCount_{0};

@@ -16,6 +16,7 @@
 
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestArchives.h"
+#include "monitor/VkFileMonJudge.h"
 #include "monitor/VkInotifyWatcher.h"
 #include "monitor/VkMonitorSocket.h"
 #include "monitor/VkMonitorTestSupport.h"
@@ -327,6 +328,18 @@ TEST_F(VkFileMonServiceTest, FoldersPastTheWatchBoundsAreNamedAndCounted) {
     };
     EXPECT_EQ(said(deep + " (more than 2 folders below a watched folder)"), 1);
     EXPECT_EQ(said(fifth + " (the monitor watches at most 4 folders)"), 1);
+}
+
+// A watched subfolder swapped for a link to a folder outside: the file there is not judged
+// under the inside name; a file really inside still is.
+TEST_F(VkFileMonServiceTest, AFileReachedThroughALinkBelowTheWatchedFolderIsNotJudged) {
+    vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
+    VkTempDir outside;
+    outside.write("f.bin", evil);
+    ASSERT_EQ(::symlink(outside.path().c_str(), (watchFolder + "/sub").c_str()), 0);
+    VkFileMonJudge judge(ctx);
+    EXPECT_EQ(judge.judge(watchFolder + "/sub/f.bin", nullptr, watchFolder), nullptr);
+    EXPECT_NE(judge.judge(dir.write("watch/real/f.bin", evil), nullptr, watchFolder), nullptr);
 }
 
 // The watched folder holds the data folder (the home, say), whose files are never judged.
