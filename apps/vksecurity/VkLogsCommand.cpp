@@ -40,11 +40,15 @@ const char* operation(int32_t op) {
 }
 
 std::string timeText(const std::optional<VkDate>& date) {
-    if (!date)
+    // Not a number, infinite or past year 9999 (a forged record): no date to show, and a
+    // cast to time_t would be undefined.
+    constexpr double kLimit = 253402300800.0;
+    if (!date || !(date->secondsSince1970 > -kLimit && date->secondsSince1970 < kLimit))
         return "unknown time";
     std::time_t t = static_cast<std::time_t>(date->secondsSince1970);
     std::tm local{};
-    ::localtime_r(&t, &local);
+    if (!::localtime_r(&t, &local))
+        return "unknown time";
     char buf[64];
     std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local);
     return buf;

@@ -1,6 +1,7 @@
 // End-to-end tests of the built vksecurity program on a temporary data folder and inspected
 // system: scan, trust, logs, quarantine and monitor.
 
+#include <cmath>
 #include <climits>
 #include <set>
 #include <sstream>
@@ -230,6 +231,12 @@ TEST_F(VkScanCommandTest, MonitorRecordsAreListedAndCleared) {
                                                             {"name", "Test.Alpha"},
                                                             {"downloadTime", 1700000000},
                                                             {"logTime", 1700000100}}}));
+    // A forged record time that is no date is shown as unknown.
+    record->setLogTime(VkDate{std::nan("")});
+    bytes = VkFileMonLogsItem::archiveItems({record});
+    dir.write("data/Logs/vkFileMon.logs", std::string(bytes->begin(), bytes->end()));
+    EXPECT_THAT(runExpect(0, {"logs", "--monitor"}).out,
+                HasSubstr("unknown time  " + dir / "Downloads/setup.dmg"));
     runExpect(0, {"logs", "--monitor", "--clear"});
     EXPECT_EQ(runJson({"logs", "--monitor"}), json::array());
 }
