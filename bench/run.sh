@@ -177,6 +177,16 @@ has_jobs=0; has_cache=0
 grep -q -- '--jobs' <<<"$scan_help" && has_jobs=1
 grep -q -- '--no-cache' <<<"$scan_help" && has_cache=1
 
+# The hash cache keeps only files unchanged for longer than the kernel's write-back period
+# and a minute: the second-scan rows need a tree at least that old.
+if ((has_cache)); then
+  settle=$(( ($(cat /proc/sys/vm/dirty_expire_centisecs) +
+              $(cat /proc/sys/vm/dirty_writeback_centisecs)) / 100 + 61 ))
+  newest=$(find "$tree" -printf '%C@\n' | sort -g | tail -1)
+  left=$(calc "%.0f" "$newest + $settle - $(date +%s.%N)")
+  if ((left > 0)); then say "waiting ${left} s until the tree is old enough for the hash cache"; sleep "$left"; fi
+fi
+
 say "warming the page cache (one untimed read of every file)"
 find "$tree" -type f -print0 | xargs -0 cat | wc -c >/dev/null
 

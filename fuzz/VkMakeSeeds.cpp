@@ -221,9 +221,9 @@ void hashCacheSeeds() {
     VkFile::createDirectory(folder, true);
     {
         VkHashCache cache(VkFile::join(folder, "cache"), 100, std::chrono::seconds(0));
-        cache.remember({2049, 77, 5, 100, 100}, 0, {std::nullopt, std::string(32, 'a')},
+        cache.rememberChecked({2049, 77, 5, 100, 100}, 0, {std::nullopt, std::string(32, 'a')},
                        "/nowhere/a");
-        cache.remember({2049, 78, 2000000, 100, 100}, 2,
+        cache.rememberChecked({2049, 78, 2000000, 100, 100}, 2,
                        {std::string(64, 'b'), std::string(64, 'c')}, "/nowhere/b");
         cache.flush();
     }

@@ -7,7 +7,8 @@
 // Who a file or folder is and how it stands: device, inode, size, and the modification and
 // status-change times in nanoseconds. Two equal stamps of one path mean the kernel noted no
 // change in between: the status-change time is set by the kernel at every change (contents,
-// entries, times, owner, links), and only a change of the system clock can forge it.
+// entries, times, owner, links), save stores through a shared mapping into a page not yet
+// written back (see VkHashCache), and only a change of the system clock can forge it.
 struct VkFileStamp {
     uint64_t device = 0;
     uint64_t inode = 0;

@@ -4,8 +4,11 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <limits>
 #include <set>
+#include <sys/vfs.h>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
@@ -34,6 +37,38 @@ constexpr int kBusyMilliseconds = 50;
 constexpr std::chrono::seconds kWriteLatest{1};
 // A file that could not be opened is tried again after this long.
 constexpr std::chrono::seconds kRetryOpen{60};
+
+// Past the kernel's own write-back period: a busy disk or a long flusher pass delays it.
+constexpr std::chrono::seconds kWriteBackMargin{60};
+
+// Disk file systems whose pages are written back and whose times this kernel sets itself.
+// Not tmpfs, ramfs or shm (never written back, so a mapped page stays writable unstamped),
+// nor network or FUSE file systems (times from a server or a daemon), FAT (no status-change
+// time, two-second modification times) or overlays (whose upper layer may be tmpfs).
+bool keepsTimes(int fd) {
+    struct statfs fs {};
+    if (::fstatfs(fd, &fs) != 0)
+        return false;
+    switch (static_cast<uint32_t>(fs.f_type)) {
+    case 0xEF53:      // ext2, ext3, ext4
+    case 0x58465342:  // xfs
+    case 0x9123683E:  // btrfs
+    case 0xF2F52010:  // f2fs
+    case 0xCA451A4E:  // bcachefs
+    case 0x2FC12FC1:  // zfs
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::optional<long long> readNumber(const char* path) {
+    std::ifstream in(path);
+    long long value = 0;
+    if (in >> value && value >= 0 && value <= std::numeric_limits<int32_t>::max())
+        return value;
+    return std::nullopt;
+}
 
 bool isCorruption(int rc) {
     rc &= 0xFF;
@@ -86,8 +121,22 @@ int openConnection(const std::string& path, VkSqliteDb& db) {
 
 }  // namespace
 
-VkHashCache::VkHashCache(std::string path, size_t maxEntries, std::chrono::nanoseconds settle)
-    : path_(std::move(path)), maxEntries_(maxEntries == 0 ? 1 : maxEntries), settle_(settle) {}
+std::chrono::nanoseconds VkHashCache::writeBackHorizon() {
+    std::optional<long long> expire = readNumber("/proc/sys/vm/dirty_expire_centisecs");
+    std::optional<long long> period = readNumber("/proc/sys/vm/dirty_writeback_centisecs");
+    // Without periodic write-back a dirty page may stay writable for good.
+    if (period && *period == 0)
+        return std::chrono::nanoseconds::max();
+    std::chrono::duration<long long, std::centi> horizon(expire.value_or(3000) +
+                                                         period.value_or(500));
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(horizon) + kWriteBackMargin;
+}
+
+VkHashCache::VkHashCache(std::string path, size_t maxEntries,
+                         std::optional<std::chrono::nanoseconds> settle)
+    : path_(std::move(path)),
+      maxEntries_(maxEntries == 0 ? 1 : maxEntries),
+      settle_(settle ? *settle : writeBackHorizon()) {}
 
 VkHashCache::~VkHashCache() {
     std::lock_guard lock(mutex_);
@@ -309,14 +358,21 @@ VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
     return found;
 }
 
-void VkHashCache::remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+void VkHashCache::remember(int fd, const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
                            const std::string& path) {
-    if (!hashes.head && !hashes.whole)
+    if ((!hashes.head && !hashes.whole) || settle_ == std::chrono::nanoseconds::max())
         return;
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     int64_t settled = VkFileStamp::nanoseconds(now) - settle_.count();
-    if (stamp.mtime > settled || stamp.ctime > settled)
+    if (stamp.mtime > settled || stamp.ctime > settled || !keepsTimes(fd))
+        return;
+    rememberChecked(stamp, type, hashes, path);
+}
+
+void VkHashCache::rememberChecked(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+                                  const std::string& path) {
+    if (!hashes.head && !hashes.whole)
         return;
     std::lock_guard lock(queueMutex_);
     queue_.push_back({stamp, type, hashes, path});

@@ -19,7 +19,12 @@
 // What it trusts: an entry is used only while the file's device, inode, size, modification
 // and status-change times are all exactly those it was hashed with. Anyone may set a
 // modification time, but the status-change time is set by the kernel at every change
-// (contents, times, owner, links) and only a change of the system clock can forge it.
+// (contents, times, owner, links), with one gap: stores through a shared writable mapping
+// stamp the times only at the first write to a page since it was last written back, so a
+// page still dirty takes new contents unstamped. Hence only files unchanged for longer than
+// the kernel's write-back period are kept, and only on disk file systems that keep times
+// themselves (never tmpfs or ramfs, whose pages are never written back, nor network, FUSE or
+// FAT file systems, whose times come from elsewhere or are coarse).
 // Verdicts are never cached, only hashes, so a new signature database needs no invalidation.
 // The file is written by this user's processes only; one of them that writes it could as
 // well edit the signature databases and the trust list beside it, so it grants nothing new:
@@ -31,9 +36,11 @@ class VkHashCache {
   public:
     static constexpr const char* kFileName = "HashCache.db";
     static constexpr size_t kDefaultMaxEntries = 500000;
-    // Files changed this recently are not kept: a write within the same clock tick as the
-    // hashing would leave the times unchanged and the stored hash stale.
-    static constexpr std::chrono::seconds kDefaultSettle{2};
+    // Files changed more recently than `settle` are not kept: a store through a mapping into
+    // a page not yet written back leaves the times as they are. Without one, the kernel's
+    // write-back period (dirty_expire_centisecs + dirty_writeback_centisecs) and a margin;
+    // nothing is kept when periodic write-back is off.
+    static std::chrono::nanoseconds writeBackHorizon();
 
     struct Hashes {
         std::optional<std::string> head;
@@ -43,7 +50,7 @@ class VkHashCache {
     using KnownHashes = std::map<int32_t, Hashes>;
 
     explicit VkHashCache(std::string path, size_t maxEntries = kDefaultMaxEntries,
-                         std::chrono::nanoseconds settle = kDefaultSettle);
+                         std::optional<std::chrono::nanoseconds> settle = std::nullopt);
     ~VkHashCache();
     VkHashCache(const VkHashCache&) = delete;
     VkHashCache& operator=(const VkHashCache&) = delete;
@@ -51,12 +58,16 @@ class VkHashCache {
     // The hashes of type `type` kept for a file standing exactly as `stamp` says; empty
     // when there are none.
     Hashes find(const VkFileStamp& stamp, int32_t type);
-    // Keeps the hashes of a file that stood as `stamp` says before and after they were
-    // computed; `path` is kept only to find vanished files later. Only queued here: the
+    // Keeps the hashes of the file open as `fd`, which stood as `stamp` says before and
+    // after they were computed, when it has stood long enough on a file system that keeps
+    // times; `path` is kept only to find vanished files later. Only queued here: the
     // queue is written by the next lookup once it is long enough, or by flush and prune, so
     // that judges hashing files never wait on the file or on each other for it.
-    void remember(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+    void remember(int fd, const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
                   const std::string& path);
+    // The same without the checks of the file, for a caller that made them.
+    void rememberChecked(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
+                         const std::string& path);
     // Whether lookups can find nothing for now: this instance made the file and has not
     // flushed since, so it holds only what it was given meanwhile.
     bool knowsNothing() const { return created_.load(); }

@@ -305,7 +305,7 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     struct stat after {};
     if (cache && !read.empty() && ::fstat(fd, &after) == 0 && VkFileStamp::of(after) == stamp) {
         for (int32_t type : read)
-            cache->remember(stamp, type, knownByType[type], path);
+            cache->remember(fd, stamp, type, knownByType[type], path);
     }
     return result;
 }
