@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 VK_FUZZ_CHECK(wellFormed(found.head) && wellFormed(found.whole));
             }
         }
-        cache.rememberChecked({9, 9, 9, 9, 9}, 0, {std::nullopt, kept}, ctx->dataPath("gone"));
+        cache.rememberChecked({9, 9, 9, 9, 9}, 1, 0, {std::nullopt, kept}, ctx->dataPath("gone"));
         cache.prune();
         cache.entryCount();
     }

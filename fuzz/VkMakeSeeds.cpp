@@ -221,10 +221,10 @@ void hashCacheSeeds() {
     VkFile::createDirectory(folder, true);
     {
         VkHashCache cache(VkFile::join(folder, "cache"), 100, std::chrono::seconds(0));
-        cache.rememberChecked({2049, 77, 5, 100, 100}, 0, {std::nullopt, std::string(32, 'a')},
-                       "/nowhere/a");
-        cache.rememberChecked({2049, 78, 2000000, 100, 100}, 2,
-                       {std::string(64, 'b'), std::string(64, 'c')}, "/nowhere/b");
+        cache.rememberChecked({2049, 77, 5, 100, 100}, 1, 0, {std::nullopt, std::string(32, 'a')},
+                              "/nowhere/a");
+        cache.rememberChecked({2049, 78, 2000000, 100, 100}, 1, 2,
+                              {std::string(64, 'b'), std::string(64, 'c')}, "/nowhere/b");
         cache.flush();
     }
     // The write-ahead log is folded into the file when the cache closes.

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <poll.h>
 #include <set>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <thread>
 #include <tuple>
@@ -21,10 +24,12 @@ namespace {
 const char* const kHashesTable =
     "CREATE TABLE hashes(device INTEGER NOT NULL, inode INTEGER NOT NULL, type INTEGER NOT "
     "NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL, ctime INTEGER NOT NULL, head TEXT, "
-    "whole TEXT, path BLOB NOT NULL, PRIMARY KEY(device, inode, type))";
+    "whole TEXT, path BLOB NOT NULL, mount INTEGER NOT NULL, PRIMARY KEY(device, inode, type))";
 const char* const kSweepTable =
     "CREATE TABLE sweep(id INTEGER PRIMARY KEY CHECK(id = 0), next INTEGER NOT NULL)";
-const std::set<std::string> kSchemaNames = {"hashes", "sqlite_autoindex_hashes_1", "sweep"};
+const char* const kBootTable =
+    "CREATE TABLE boot(id INTEGER PRIMARY KEY CHECK(id = 0), boot TEXT NOT NULL)";
+const std::set<std::string> kSchemaNames = {"hashes", "sqlite_autoindex_hashes_1", "sweep", "boot"};
 
 // A slice of the entries is checked for vanished files at each prune; a full scan's own
 // work dwarfs this many attribute reads.
@@ -50,16 +55,44 @@ bool keepsTimes(int fd) {
     if (::fstatfs(fd, &fs) != 0)
         return false;
     switch (static_cast<uint32_t>(fs.f_type)) {
-    case 0xEF53:      // ext2, ext3, ext4
-    case 0x58465342:  // xfs
-    case 0x9123683E:  // btrfs
-    case 0xF2F52010:  // f2fs
-    case 0xCA451A4E:  // bcachefs
-    case 0x2FC12FC1:  // zfs
-        return true;
-    default:
-        return false;
+        case 0xEF53:      // ext2, ext3, ext4
+        case 0x58465342:  // xfs
+        case 0x9123683E:  // btrfs
+        case 0xF2F52010:  // f2fs
+        case 0xCA451A4E:  // bcachefs
+        case 0x2FC12FC1:  // zfs
+            return true;
+        default:
+            return false;
     }
+}
+
+// This boot's identity: mount ids count afresh at every boot.
+const std::string& bootId() {
+    static const std::string id = [] {
+        std::ifstream in("/proc/sys/kernel/random/boot_id");
+        std::string text;
+        in >> text;
+        return text.size() == 36 ? text : std::string();
+    }();
+    return id;
+}
+
+// Whether the mount of this unique id (never given twice in one boot) is still mounted here.
+bool mountExists(uint64_t mount) {
+#ifdef SYS_statmount
+    const long statmountCall = SYS_statmount;
+#else
+    const long statmountCall = 457;  // the same number on every architecture
+#endif
+    struct {
+        uint32_t size = 24;
+        uint32_t spare = 0;
+        uint64_t mountId;
+        uint64_t param = 0x2;  // STATMOUNT_MNT_BASIC
+    } request{.mountId = mount};
+    alignas(8) static thread_local unsigned char answer[4096];
+    return ::syscall(statmountCall, &request, answer, sizeof answer, 0) == 0;
 }
 
 std::optional<long long> readNumber(const char* path) {
@@ -130,6 +163,41 @@ std::chrono::nanoseconds VkHashCache::writeBackHorizon() {
     std::chrono::duration<long long, std::centi> horizon(expire.value_or(3000) +
                                                          period.value_or(500));
     return std::chrono::duration_cast<std::chrono::nanoseconds>(horizon) + kWriteBackMargin;
+}
+
+std::optional<uint64_t> VkHashCache::mountOf(int fd) {
+    // struct statx as the kernel lays it out; this C library's lacks the mount id.
+    constexpr unsigned kMountIdUnique = 0x4000;  // STATX_MNT_ID_UNIQUE, Linux 6.8
+    constexpr size_t kMountIdOffset = 0x90;
+    alignas(8) unsigned char answer[256] = {};
+    if (bootId().empty() ||
+        ::syscall(SYS_statx, fd, "", AT_EMPTY_PATH, kMountIdUnique, answer) != 0)
+        return std::nullopt;
+    uint32_t mask = 0;
+    uint64_t mount = 0;
+    std::memcpy(&mask, answer, sizeof mask);
+    std::memcpy(&mount, answer + kMountIdOffset, sizeof mount);
+    if (!(mask & kMountIdUnique))
+        return std::nullopt;
+    return mount;
+}
+
+bool VkHashCache::mountStands(uint64_t mount) {
+    std::lock_guard lock(mountsMutex_);
+    // The answers hold until the mount table changes, which a poll of it tells.
+    if (!mountTable_.valid())
+        mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    pollfd changed{mountTable_.get(), POLLPRI, 0};
+    if (!mountTable_.valid() || ::poll(&changed, 1, 0) < 0 ||
+        (changed.revents & (POLLPRI | POLLERR)) || mounts_.size() > 4096)
+        mounts_.clear();
+    auto it = mounts_.find(mount);
+    if (it != mounts_.end())
+        return it->second;
+    bool stands = mountExists(mount);
+    if (mountTable_.valid())
+        mounts_.emplace(mount, stands);
+    return stands;
 }
 
 VkHashCache::VkHashCache(std::string path, size_t maxEntries,
@@ -231,6 +299,7 @@ bool VkHashCache::tryOpenLocked() {
     bool foreign = false;
     bool haveHashes = false;
     bool haveSweep = false;
+    bool haveBoot = false;
     if (rc == SQLITE_OK)
         rc = SQLITE_ROW;
     while (rc == SQLITE_ROW && (rc = sqlite3_step(schema.get())) == SQLITE_ROW) {
@@ -242,12 +311,13 @@ bool VkHashCache::tryOpenLocked() {
         std::string sql = text(1);
         haveHashes = haveHashes || (name == "hashes" && sql == kHashesTable);
         haveSweep = haveSweep || (name == "sweep" && sql == kSweepTable);
+        haveBoot = haveBoot || (name == "boot" && sql == kBootTable);
         foreign = foreign || !kSchemaNames.count(name) ||
                   (name == "hashes" && sql != kHashesTable) ||
-                  (name == "sweep" && sql != kSweepTable);
+                  (name == "sweep" && sql != kSweepTable) || (name == "boot" && sql != kBootTable);
     }
     schema.finalize();
-    if (rc != SQLITE_DONE || foreign || haveHashes != haveSweep) {
+    if (rc != SQLITE_DONE || foreign || haveHashes != haveSweep || haveHashes != haveBoot) {
         // Not ours or unreadable: replaced, unless someone else merely holds it.
         if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED)
             broken_ = true;
@@ -256,14 +326,37 @@ bool VkHashCache::tryOpenLocked() {
     if (!exec(db, "PRAGMA journal_mode=WAL") || !exec(db, "PRAGMA synchronous=NORMAL"))
         return false;
     if (!haveHashes) {
-        std::string create = std::string(kHashesTable) + ";" + kSweepTable + ";";
+        std::string create = std::string(kHashesTable) + ";" + kSweepTable + ";" + kBootTable + ";";
         if (!exec(db, create.c_str()))
             return false;
         created_ = true;
     }
+    // Entries of an earlier boot go: mount ids count afresh, and a disk may have been
+    // written elsewhere in between.
+    VkSqliteStatement boot;
+    if (sqlite3_prepare_v2(db, "SELECT boot FROM boot WHERE id = 0 AND boot = ?", -1, boot.out(),
+                           nullptr) != SQLITE_OK)
+        return false;
+    sqlite3_bind_text(boot.get(), 1, bootId().data(), static_cast<int>(bootId().size()),
+                      SQLITE_STATIC);
+    rc = sqlite3_step(boot.get());
+    boot.finalize();
+    if (rc == SQLITE_DONE) {
+        std::string renew =
+            "BEGIN IMMEDIATE; DELETE FROM hashes; DELETE FROM sweep; INSERT OR "
+            "REPLACE INTO boot(id, boot) VALUES(0, '" +
+            bootId() + "'); COMMIT;";
+        if (bootId().empty() || !exec(db, renew.c_str())) {
+            exec(db, "ROLLBACK");
+            return false;
+        }
+    } else if (rc != SQLITE_ROW) {
+        noteError(rc);
+        return false;
+    }
     rc = sqlite3_prepare_v2(db,
                             "INSERT OR REPLACE INTO hashes(device, inode, type, size, mtime, "
-                            "ctime, head, whole, path) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                            "ctime, head, whole, path, mount) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
                             -1, store_.out(), nullptr);
     if (rc != SQLITE_OK) {
         noteError(rc);
@@ -283,7 +376,7 @@ bool VkHashCache::openReader(Reader& reader) {
     int rc = openConnection(path_, reader.db);
     if (rc == SQLITE_OK) {
         rc = sqlite3_prepare_v2(reader.db.get(),
-                                "SELECT size, mtime, ctime, head, whole FROM hashes WHERE "
+                                "SELECT size, mtime, ctime, head, whole, mount FROM hashes WHERE "
                                 "device = ? AND inode = ? AND type = ?",
                                 -1, reader.find.out(), nullptr);
     }
@@ -347,7 +440,8 @@ VkHashCache::Hashes VkHashCache::find(const VkFileStamp& stamp, int32_t type) {
     int rc = sqlite3_step(stmt);
     if (rc == SQLITE_ROW && static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)) == stamp.size &&
         sqlite3_column_int64(stmt, 1) == stamp.mtime &&
-        sqlite3_column_int64(stmt, 2) == stamp.ctime) {
+        sqlite3_column_int64(stmt, 2) == stamp.ctime &&
+        mountStands(static_cast<uint64_t>(sqlite3_column_int64(stmt, 5)))) {
         found.head = hashColumn(stmt, 3);
         found.whole = hashColumn(stmt, 4);
     } else if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
@@ -367,15 +461,16 @@ void VkHashCache::remember(int fd, const VkFileStamp& stamp, int32_t type, const
     int64_t settled = VkFileStamp::nanoseconds(now) - settle_.count();
     if (stamp.mtime > settled || stamp.ctime > settled || !keepsTimes(fd))
         return;
-    rememberChecked(stamp, type, hashes, path);
+    if (std::optional<uint64_t> mount = mountOf(fd))
+        rememberChecked(stamp, *mount, type, hashes, path);
 }
 
-void VkHashCache::rememberChecked(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
-                                  const std::string& path) {
+void VkHashCache::rememberChecked(const VkFileStamp& stamp, uint64_t mount, int32_t type,
+                                  const Hashes& hashes, const std::string& path) {
     if (!hashes.head && !hashes.whole)
         return;
     std::lock_guard lock(queueMutex_);
-    queue_.push_back({stamp, type, hashes, path});
+    queue_.push_back({stamp, mount, type, hashes, path});
     queued_.store(queue_.size(), std::memory_order_relaxed);
 }
 
@@ -416,6 +511,7 @@ void VkHashCache::writeQueuedLocked() {
         bindHash(8, entry.hashes.whole);
         sqlite3_bind_blob(stmt, 9, entry.path.data(), static_cast<int>(entry.path.size()),
                           SQLITE_STATIC);
+        sqlite3_bind_int64(stmt, 10, static_cast<sqlite3_int64>(entry.mount));
         int rc = sqlite3_step(stmt);
         sqlite3_reset(stmt);
         sqlite3_clear_bindings(stmt);
@@ -466,10 +562,11 @@ void VkHashCache::pruneLocked() {
     sqlite3_int64 last = 0;
     int seen = 0;
     VkSqliteStatement slice;
-    int rc = sqlite3_prepare_v2(db,
-                                "SELECT rowid, device, inode, path FROM hashes WHERE rowid > ? "
-                                "ORDER BY rowid LIMIT ?",
-                                -1, slice.out(), nullptr);
+    int rc =
+        sqlite3_prepare_v2(db,
+                           "SELECT rowid, device, inode, path, mount FROM hashes WHERE rowid > ? "
+                           "ORDER BY rowid LIMIT ?",
+                           -1, slice.out(), nullptr);
     if (rc == SQLITE_OK) {
         sqlite3_bind_int64(slice.get(), 1, next);
         sqlite3_bind_int(slice.get(), 2, kSweepSlice);
@@ -486,7 +583,8 @@ void VkHashCache::pruneLocked() {
                            static_cast<uint64_t>(st.st_dev) ==
                                static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 1)) &&
                            static_cast<uint64_t>(st.st_ino) ==
-                               static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 2));
+                               static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 2)) &&
+                           mountStands(static_cast<uint64_t>(sqlite3_column_int64(slice.get(), 4)));
             if (!present)
                 gone.push_back(last);
         }

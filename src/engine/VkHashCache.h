@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "engine/VkFileStamp.h"
+#include "platform/VkHandle.h"
 #include "platform/VkSqliteHandle.h"
 
 // The head and whole-file hashes of files judged before, kept in an owner-only SQLite file
@@ -25,6 +26,11 @@
 // the kernel's write-back period are kept, and only on disk file systems that keep times
 // themselves (never tmpfs or ramfs, whose pages are never written back, nor network, FUSE or
 // FAT file systems, whose times come from elsewhere or are coarse).
+// Times hold only while this kernel has the file system mounted: an image or a disk written
+// elsewhere carries whatever times its writer chose, and may come back on the same device
+// number. So each entry names the mount it was read through by the kernel's unique mount id
+// (Linux 6.8 and later; without it nothing is kept) and serves only while that mount stands
+// in this boot; entries of an earlier boot are dropped.
 // Verdicts are never cached, only hashes, so a new signature database needs no invalidation.
 // The file is written by this user's processes only; one of them that writes it could as
 // well edit the signature databases and the trust list beside it, so it grants nothing new:
@@ -65,9 +71,13 @@ class VkHashCache {
     // that judges hashing files never wait on the file or on each other for it.
     void remember(int fd, const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
                   const std::string& path);
-    // The same without the checks of the file, for a caller that made them.
-    void rememberChecked(const VkFileStamp& stamp, int32_t type, const Hashes& hashes,
-                         const std::string& path);
+    // The same without the checks of the file, for a caller that made them: `mount` is the
+    // unique id of the mount it was read through.
+    void rememberChecked(const VkFileStamp& stamp, uint64_t mount, int32_t type,
+                         const Hashes& hashes, const std::string& path);
+    // The unique id of the mount the open file or folder is reached through, if the kernel
+    // gives one.
+    static std::optional<uint64_t> mountOf(int fd);
     // Whether lookups can find nothing for now: this instance made the file and has not
     // flushed since, so it holds only what it was given meanwhile.
     bool knowsNothing() const { return created_.load(); }
@@ -103,9 +113,11 @@ class VkHashCache {
     void noteError(int rc);
     void pruneLocked();
     void writeQueuedLocked();
+    bool mountStands(uint64_t mount);
 
     struct Queued {
         VkFileStamp stamp;
+        uint64_t mount = 0;
         int32_t type = 0;
         Hashes hashes;
         std::string path;
@@ -114,7 +126,7 @@ class VkHashCache {
     const std::string path_;
     const size_t maxEntries_;
     const std::chrono::nanoseconds settle_;
-    // Lock order: mutex_, then a reader's, then queueMutex_.
+    // Lock order: mutex_, then a reader's, then queueMutex_ or mountsMutex_.
     std::mutex mutex_;  // the connection that writes, prunes and counts
     VkSqliteDb db_;
     VkSqliteStatement store_;
@@ -130,4 +142,8 @@ class VkHashCache {
     std::vector<Queued> queue_;
     std::atomic<size_t> queued_{0};
     std::atomic<int64_t> lastWrite_{0};  // steady clock, nanoseconds
+    // Whether mounts named by entries still stand, until the mount table changes.
+    std::mutex mountsMutex_;
+    VkFd mountTable_;
+    std::map<uint64_t, bool> mounts_;
 };

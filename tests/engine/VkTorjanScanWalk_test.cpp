@@ -1,14 +1,13 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <latch>
 #include <mutex>
 #include <set>
-#include <cstring>
-#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -29,6 +28,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include <linux/magic.h>
 
 namespace {
 
@@ -426,6 +426,8 @@ TEST_F(VkScanWalkTest, HashCacheKeepsNothingOfAFileChangedUnstampedThroughAMappi
 TEST_F(VkScanWalkTest, HashCacheServesJudgesTogetherAndOutlivesAFileOverwrittenUnderThem) {
     const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
     std::atomic<bool> wrong{false};
+    VkFd folder(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const uint64_t mount = VkHashCache::mountOf(folder.get()).value_or(0);
     auto lookUp = [&](VkHashCache& cache, uint64_t inode) {
         VkFileStamp stamp{1, inode, inode + 1, 1, 1};
         std::string hash(32, static_cast<char>('a' + inode % 6));
@@ -433,7 +435,7 @@ TEST_F(VkScanWalkTest, HashCacheServesJudgesTogetherAndOutlivesAFileOverwrittenU
         if (known.head || (known.whole && *known.whole != hash))
             wrong = true;
         if (!known.whole)
-            cache.rememberChecked(stamp, 0, {std::nullopt, hash}, "/gone");
+            cache.rememberChecked(stamp, mount, 0, {std::nullopt, hash}, "/gone");
     };
     auto cache = std::make_unique<VkHashCache>(cachePath, 10000, std::chrono::seconds(0));
     std::latch firstRound(4);
@@ -459,6 +461,15 @@ TEST_F(VkScanWalkTest, HashCacheServesJudgesTogetherAndOutlivesAFileOverwrittenU
     for (uint64_t inode = 0; inode < 1500; ++inode)
         lookUp(later, inode);
     EXPECT_FALSE(wrong) << "the next instance answered a wrong hash";
+    // An entry of a mount gone since (an image unmounted, written elsewhere, mounted again on
+    // the same device number) serves nothing.
+    const VkFileStamp stamp{1, 7, 8, 1, 1};
+    later.flush();
+    EXPECT_TRUE(later.find(stamp, 0).whole);
+    later.rememberChecked(stamp, mount + (uint64_t{1} << 40), 0,
+                          {std::nullopt, std::string(32, 'b')}, "/gone");
+    later.flush();
+    EXPECT_FALSE(later.find(stamp, 0).whole);
 }
 
 // DevilRobber's program matches by prefix; here it is a folder, which is not reported. A
