@@ -544,7 +544,11 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
             overLimit("more than " + std::to_string(limits_.maxMembers) + " members");
             return false;
         }
-        if (archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry))
+        // A hard link carries data when its format lets it (a pax link with a body, the last
+        // name of a newc file): only one known to be empty names data read elsewhere.
+        if (archive_entry_filetype(entry) != AE_IFREG ||
+            (archive_entry_hardlink(entry) && archive_entry_size_is_set(entry) &&
+             archive_entry_size(entry) == 0))
             continue;
         std::string name;
         if (archive_format(a) == ARCHIVE_FORMAT_RAW) {

@@ -35,6 +35,19 @@ class VkArchiveJudgeTest : public VkEngineScanTest<> {
 TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMember) {
     std::string inner = vkMakeArchive("zip", "", {{"x.bin", kPlanted}});
     std::string cpio = vkMakeArchive("cpio", "", {{"./usr/bin/x", kPlanted}});
+    // Two newc names of one file, the data after the last: a hard link that carries it.
+    auto newc = [](const std::string& name, unsigned links, const std::string& data) {
+        char header[111];
+        std::snprintf(header, sizeof header,
+                      "070701%08X%08X%08X%08X%08X%08X%08X%08X%08X%08X%08X%08X%08X", 7u, 0100644u,
+                      0u, 0u, links, 0u, static_cast<unsigned>(data.size()), 0u, 0u, 0u, 0u,
+                      static_cast<unsigned>(name.size() + 1), 0u);
+        std::string record = std::string(header, 110) + name + '\0';
+        record.resize((record.size() + 3) / 4 * 4, '\0');
+        record += data;
+        record.resize((record.size() + 3) / 4 * 4, '\0');
+        return record;
+    };
     struct Case {
         const char* file;
         std::string contents;
@@ -55,6 +68,8 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         {"b.pkg", vkMakeArchive("xar", "", {{"Payload", vkPbzx(cpio, 1024)}}),
          "Payload!./usr/bin/x"},
         {"big.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "big", kBig},
+        {"link.cpio",
+         newc("first", 2, "") + newc("second", 2, kPlanted) + newc("TRAILER!!!", 1, ""), "second"},
         // Over 1 MiB the head code must match first, as for a file on disk.
         {"head.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "", kBig, false},
     };
