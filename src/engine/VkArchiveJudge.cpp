@@ -223,7 +223,8 @@ class Walk {
     void finish();
 
   private:
-    bool judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth);
+    bool judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth,
+                     bool warned);
     void walkNested(MemberData& data, const std::string& name, int depth);
     void overLimit(const std::string& what);
 
@@ -458,13 +459,16 @@ void Walk::walkNested(MemberData& data, const std::string& name, int depth) {
     walkArchive(reader.get(), name, depth, streamName(name));
 }
 
-bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth) {
+bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth,
+                       bool warned) {
     ++report_.members;
     if (archive_entry_is_encrypted(entry)) {
         skip(VkArchiveSkip::Reason::encrypted, name);
         return true;
     }
-    bool sizeKnown = archive_entry_size_is_set(entry) && archive_entry_size(entry) >= 0;
+    // A header read with a warning (a zip whose local header and central directory disagree
+    // on the size) gives no size to trust: the member is read whole and judged by its length.
+    bool sizeKnown = !warned && archive_entry_size_is_set(entry) && archive_entry_size(entry) >= 0;
     uint64_t size = sizeKnown ? static_cast<uint64_t>(archive_entry_size(entry)) : 0;
     bool candidate = sizeKnown && size > 0 && records_.hasSize(size);
     bool nested =
@@ -560,7 +564,7 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
         } else {
             name = "(unnamed)";
         }
-        if (!judgeMember(a, entry, prefix + name, depth))
+        if (!judgeMember(a, entry, prefix + name, depth, r == ARCHIVE_WARN))
             return false;
     }
 }

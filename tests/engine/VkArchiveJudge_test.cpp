@@ -97,6 +97,10 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
     std::string stored = vkMakeArchive("zip", "", {{"x", kPlanted}}, "zip:compression=store");
     std::string badCrc = stored;
     badCrc[badCrc.find(kPlanted.substr(0, 64)) + 10] ^= 1;
+    // A local header that says one byte more than the central directory and the data.
+    std::string sizes = stored;
+    sizes[22] = static_cast<char>((kPlanted.size() + 1) & 0xFF);
+    sizes[23] = static_cast<char>((kPlanted.size() + 1) >> 8);
     std::string nest = vkMakeArchive("zip", "", {{"x", kPlanted}});
     for (int i = 0; i < 3; ++i)
         nest = vkMakeArchive("zip", "", {{"n" + std::to_string(i) + ".zip", nest}});
@@ -123,6 +127,7 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
     } cases[] = {
         {"cut.zip", nest.substr(0, nest.size() / 2), VkArchiveSkip::Reason::corrupt},
         {"crc.zip", badCrc, VkArchiveSkip::Reason::corrupt},
+        {"sizes.zip", sizes, VkArchiveSkip::Reason::corrupt},
         {"enc.zip", vkMakeArchive("zip", "", {{"x", kPlanted}}, "zip:encryption=zipcrypt", "pw"),
          VkArchiveSkip::Reason::encrypted},
         {"deep.zip", nest, VkArchiveSkip::Reason::tooDeep},
