@@ -183,6 +183,8 @@ std::optional<uint64_t> VkHashCache::mountOf(int fd) {
 }
 
 bool VkHashCache::mountStands(uint64_t mount) {
+    if (mount == 0)
+        return true;
     std::lock_guard lock(mountsMutex_);
     // The answers hold until the mount table changes, which a poll of it tells.
     if (!mountTable_.valid())
@@ -461,8 +463,9 @@ void VkHashCache::remember(int fd, const VkFileStamp& stamp, int32_t type, const
     int64_t settled = VkFileStamp::nanoseconds(now) - settle_.count();
     if (stamp.mtime > settled || stamp.ctime > settled || !keepsTimes(fd))
         return;
-    if (std::optional<uint64_t> mount = mountOf(fd))
-        rememberChecked(stamp, *mount, type, hashes, path);
+    // A kernel before unique mount ids (Linux 6.8) gives none: the entry is then bound to
+    // no mount (0, which no mount has) and serves as it did before mounts were asked.
+    rememberChecked(stamp, mountOf(fd).value_or(0), type, hashes, path);
 }
 
 void VkHashCache::rememberChecked(const VkFileStamp& stamp, uint64_t mount, int32_t type,

@@ -29,8 +29,10 @@
 // Times hold only while this kernel has the file system mounted: an image or a disk written
 // elsewhere carries whatever times its writer chose, and may come back on the same device
 // number. So each entry names the mount it was read through by the kernel's unique mount id
-// (Linux 6.8 and later; without it nothing is kept) and serves only while that mount stands
-// in this boot; entries of an earlier boot are dropped.
+// (Linux 6.8 and later) and serves only while that mount stands in this boot; entries of an
+// earlier boot are dropped. An older kernel gives no such id: its entries name no mount and
+// trust the device number as before (a disk edited elsewhere is then read only with
+// --no-cache).
 // Verdicts are never cached, only hashes, so a new signature database needs no invalidation.
 // The file is written by this user's processes only; one of them that writes it could as
 // well edit the signature databases and the trust list beside it, so it grants nothing new:
