@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 #include <plist/plist.h>
 
@@ -18,21 +19,58 @@ using PlistHandle = VkHandle<void, plist_free>;
 
 constexpr const char* kNulMessage = "a string or key holds a NUL character";
 constexpr const char* kMalformed = "malformed or oversized binary property list";
+constexpr const char* kTooDeep = "property list nested too deeply or too large";
 
 // ---- Guards run before libplist sees the bytes -------------------------------------
 // libplist parses recursively and copies shared binary objects; a hostile file could
 // exhaust the stack or memory. These checks bound both.
 
+// Index just past `end` searched from `from`, or npos.
+size_t pastTerminator(std::string_view text, size_t from, std::string_view end) {
+    size_t at = text.find(end, from);
+    return at == std::string_view::npos ? at : at + end.size();
+}
+
+// Where the markup starting at "<!" or "<?" ends, skipped the way libplist skips it: a
+// comment, CDATA section, document type (with its internal subset) or processing
+// instruction may hold anything, tags included, and none of it is an element. npos when it
+// does not end (libplist refuses that). Other "<!" markup, which libplist refuses, only
+// its two characters.
+size_t pastMarkup(std::string_view text, size_t i) {
+    std::string_view rest = text.substr(i);
+    if (rest.starts_with("<?"))
+        return pastTerminator(text, i + 2, "?>");
+    if (rest.starts_with("<!--"))
+        return pastTerminator(text, i + 4, "-->");
+    if (rest.starts_with("<![CDATA["))
+        return pastTerminator(text, i + 9, "]]>");
+    if (rest.starts_with("<!DOCTYPE")) {
+        size_t stop = text.find_first_of("[>", i + 9);
+        if (stop == std::string_view::npos || text[stop] == '>')
+            return stop == std::string_view::npos ? stop : stop + 1;
+        return pastTerminator(text, stop + 1, "]>");
+    }
+    return i + 2;
+}
+
 // Bounds the nesting of arrays and dictionaries, and the number of elements (each becomes a
 // node), in one pass over the text. A tag broken by a "<" is refused rather than guessed at.
+// Markup that is no element is skipped whole as libplist skips it: a closing tag inside a
+// comment must not lower the count while libplist keeps nesting.
 bool xmlWithinBounds(const char* p, size_t n, size_t maxDepth, size_t maxNodes) {
+    std::string_view text(p, n);
     size_t depth = 0;
     size_t elements = 0;
     for (size_t i = 0; i + 1 < n; ++i) {
         if (p[i] != '<')
             continue;
-        if (p[i + 1] == '!' || p[i + 1] == '?')
+        if (p[i + 1] == '!' || p[i + 1] == '?') {
+            size_t past = pastMarkup(text, i);
+            if (past == std::string_view::npos)
+                return true;  // unterminated; libplist will refuse it
+            i = past - 1;
             continue;
+        }
         bool closing = p[i + 1] == '/';
         size_t nameStart = i + (closing ? 2 : 1);
         size_t j = nameStart;
@@ -242,11 +280,31 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
 // a NUL inside one would abort the process. The guards above refuse such documents before
 // parsing (keys can only be read through those getters); strings are read here with their
 // length all the same, and a NUL found there still fails the document.
+// The reader recurses once per level, so it keeps its own depth bound: a tree deeper than
+// the guards let through (should the two parsers ever disagree) fails the document instead
+// of exhausting the stack.
 class NodeReader {
   public:
-    bool malformed = false;
+    const char* problem = nullptr;
+
+    explicit NodeReader(size_t maxDepth) : maxDepth_(maxDepth) {}
 
     VkPlist read(plist_t node) {
+        if (depth_ >= maxDepth_) {
+            problem = kTooDeep;
+            return VkPlist();
+        }
+        ++depth_;
+        VkPlist value = readNode(node);
+        --depth_;
+        return value;
+    }
+
+  private:
+    size_t maxDepth_;
+    size_t depth_ = 0;
+
+    VkPlist readNode(plist_t node) {
         switch (plist_get_node_type(node)) {
             case PLIST_BOOLEAN: {
                 uint8_t v = 0;
@@ -269,7 +327,7 @@ class NodeReader {
                 if (!text)
                     return VkPlist(std::string());
                 if (std::memchr(text, 0, length)) {
-                    malformed = true;
+                    problem = kNulMessage;
                     return VkPlist();
                 }
                 return VkPlist(std::string(text, length));
@@ -295,7 +353,7 @@ class NodeReader {
                 for (;;) {
                     plist_t item = nullptr;
                     plist_array_next_item(node, it, &item);
-                    if (!item || malformed)
+                    if (!item || problem)
                         break;
                     items.push_back(read(item));
                 }
@@ -310,7 +368,7 @@ class NodeReader {
                     char* key = nullptr;
                     plist_t value = nullptr;
                     plist_dict_next_item(node, it, &key, &value);
-                    if (!key || malformed) {
+                    if (!key || problem) {
                         free(key);
                         break;
                     }
@@ -583,7 +641,7 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
         if (std::memchr(p, 0, size))
             return VkError{kNulMessage};
         if (!xmlWithinBounds(p, size, kMaxDepth, kMaxNodes))
-            return VkError{"property list nested too deeply or too large"};
+            return VkError{kTooDeep};
     }
     plist_t root = nullptr;
     if (binary) {
@@ -596,10 +654,11 @@ VkResult<VkPlist> VkPlist::parse(const void* bytes, size_t size) {
     PlistHandle owner(root);
     if (!root)
         return VkError{binary ? "not a valid binary property list" : "not a valid property list"};
-    NodeReader reader;
+    // The guards allow kMaxDepth containers, and a leaf inside the deepest.
+    NodeReader reader(kMaxDepth + 1);
     VkPlist value = reader.read(root);
-    if (reader.malformed)
-        return VkError{kNulMessage};
+    if (reader.problem)
+        return VkError{reader.problem};
     return value;
 }
 

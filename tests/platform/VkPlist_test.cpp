@@ -34,6 +34,24 @@ TEST(VkPlistTest, RefusesTruncationDeepNestingAndBinaryCycles) {
     for (int i = 0; i < 100000; ++i)
         deep += "<array>";
     EXPECT_FALSE(parse(deep).ok());
+    // A closing tag inside a comment closes nothing: 400 and 50,000 levels are refused, not
+    // read until the stack runs out. A comment, DOCTYPE or CDATA in a shallow list is fine.
+    for (int rounds : {2, 250}) {
+        std::string hidden = "<plist>";
+        std::string open, close;
+        for (int i = 0; i < 200; ++i)
+            open += "<array>", close += "</array>";
+        for (int i = 0; i < rounds; ++i)
+            hidden += open + "<!--" + close + "-->";
+        for (int i = 0; i < rounds; ++i)
+            hidden += close;
+        EXPECT_FALSE(parse(hidden + "</plist>").ok()) << rounds;
+    }
+    auto shallow = parse(
+        "<!DOCTYPE plist [<!-- <array> -->]><plist><array><!-- </array> -->"
+        "<string><![CDATA[</array>]]></string></array></plist>");
+    ASSERT_TRUE(shallow.ok()) << shallow.error();
+    EXPECT_EQ(*shallow, VkPlist::array({"</array>"}));
     // bplist00, object 0: array of one element referencing itself.
     std::vector<uint8_t> b = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xA1, 0x00, 0x08};
     uint8_t trailer[32] = {};
