@@ -83,7 +83,8 @@ void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>&
 }
 
 VkScanLogsOper::NodeId VkScanLogsOper::idOf(const VkScanLogsNode& node) {
-    return {node.logTime().secondsSince1970, node.scanType()};
+    double t = node.logTime().secondsSince1970;
+    return {std::isfinite(t) ? t : 0.0, node.scanType()};
 }
 
 bool VkScanLogsOper::sameId(const NodeId& a, const NodeId& b) {
@@ -116,29 +117,48 @@ void VkScanLogsOper::saveFileMonToDisk() {
     VkFileLock lock(logsFilePath());
     VkFileLock::removeStaleTemporaries(logsFilePath());
     if (auto file = VkPlist::readFile(logsFilePath(), 256u << 20); file && file->asArray()) {
-        std::vector<NodeId> known = removed_;
+        // Ordered by (type, time), so a node's namesakes within a second are found by one
+        // search: the merge stays linear in the size of the file, however large it is.
+        std::set<std::pair<int32_t, double>> known;
+        auto remember = [&](const NodeId& id) { known.insert({id.second, id.first}); };
+        std::for_each(removed_.begin(), removed_.end(), remember);
         for (const auto& node : logsArray_)
-            known.push_back(idOf(*node));
+            remember(idOf(*node));
+        auto isKnown = [&](const NodeId& id) {
+            auto it = known.upper_bound({id.second, id.first - 1.0});
+            return it != known.end() && sameId({it->second, it->first}, id);
+        };
         VkDate now = context_->clock->date();
         for (const auto& element : *file->asArray()) {
             if (!element.isDictionary())
                 continue;
             auto node = std::make_shared<VkScanLogsNode>(element, now);
-            NodeId id = idOf(*node);
-            if (std::none_of(known.begin(), known.end(),
-                             [&](const NodeId& k) { return sameId(k, id); })) {
+            if (!isKnown(idOf(*node)))
                 logsArray_.push_back(node);
-            }
         }
     }
     // An absent "LogsKeepDay" reads 0: only nodes made at this very instant survive.
     double cutoff =
         context_->clock->now() -
         static_cast<double>(context_->userDefaults->integerForKey("LogsKeepDay")) * 86400.0;
+    double latest = context_->clock->now() + kFutureSkewSeconds;
     VkPlist::Array out;
     std::erase_if(logsArray_, [&](const std::shared_ptr<VkScanLogsNode>& node) {
-        return node->logTime().secondsSince1970 < cutoff;
+        double t = node->logTime().secondsSince1970;
+        return !(t >= cutoff && t <= latest);
     });
+    if (logsArray_.size() > kMaxKeptScans) {
+        // Only a planted history gets here; its order is not worth keeping. The scan just
+        // ended is kept whatever dates the others claim.
+        bool hadCurrent = currentLogs_ && std::erase(logsArray_, currentLogs_) > 0;
+        std::stable_sort(logsArray_.begin(), logsArray_.end(), [](const auto& a, const auto& b) {
+            return a->logTime().secondsSince1970 < b->logTime().secondsSince1970;
+        });
+        size_t keep = kMaxKeptScans - (hadCurrent ? 1 : 0);
+        logsArray_.erase(logsArray_.begin(), logsArray_.end() - static_cast<ptrdiff_t>(keep));
+        if (hadCurrent)
+            logsArray_.push_back(currentLogs_);
+    }
     out.reserve(logsArray_.size());
     for (const auto& node : logsArray_)
         out.push_back(node->convertToDict());

@@ -52,6 +52,13 @@ class VkScanLogsOper {
 
     std::string logsFilePath() const;
 
+    // A history file is the user's to write, and so the trojan's: what it can cost a write
+    // is bounded. Nodes made later than this after now are no scans of this clock's (a small
+    // skew between machines is allowed), and at most kMaxKeptScans nodes are kept, the
+    // oldest going first (the scan just ended stays).
+    static constexpr double kFutureSkewSeconds = 86400.0;
+    static constexpr size_t kMaxKeptScans = 10000;
+
   private:
     std::shared_ptr<VkContext> context_;
     VkLogsOperCommon common_;

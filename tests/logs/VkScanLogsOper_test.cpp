@@ -118,4 +118,29 @@ TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
     EXPECT_TRUE(logs.scanLogsArray().empty()) << "absent LogsKeepDay keeps nothing older than now";
 }
 
+// A planted history costs one linear read: nodes dated in the future go, and of more than
+// kMaxKeptScans the oldest go, never the scan just ended.
+TEST_F(VkScanLogsTest, APlantedHistoryIsCutToTheNewestScansAndNothingFromTheFuture) {
+    ctx->userDefaults->setInteger("LogsKeepDay", 30);
+    auto node = [&](double t) {
+        return VkPlist::dictionary(
+            {{"ScanType", VkPlist::integer(2)}, {"LogCreateTime", VkDate{t}}});
+    };
+    VkPlist planted = VkPlist::array({node(clock->now() + 2 * 86400)});
+    for (size_t i = 0; i < VkScanLogsOper::kMaxKeptScans; ++i)
+        planted.append(node(clock->now() - 86400 + static_cast<double>(i)));
+    VkFile::createDirectory(ctx->dataPath("Logs"), true);
+    ASSERT_TRUE(planted.writeXmlFile(ctx->dataPath("Logs/vkScan.logs")).ok());
+    VkScanLogsOper logs(ctx);
+    logs.scanEnd(1);
+    VkPlist disk = onDisk(logs);
+    const auto* kept = disk.asArray();
+    ASSERT_NE(kept, nullptr);
+    ASSERT_EQ(kept->size(), VkScanLogsOper::kMaxKeptScans);
+    EXPECT_EQ(kept->back().get("ScanType")->asInt64(), 1) << "the scan just ended";
+    EXPECT_EQ(kept->front().get("LogCreateTime")->asDate()->secondsSince1970,
+              clock->now() - 86400 + 1)
+        << "the oldest and the future go";
+}
+
 }  // namespace
