@@ -91,6 +91,21 @@ bool VkScanLogsOper::sameId(const NodeId& a, const NodeId& b) {
     return a.second == b.second && std::fabs(a.first - b.first) < 1.0;
 }
 
+// An absent "LogsKeepDay" reads 0: only nodes made at this very instant survive (hosts
+// register their default). A stored value is the user's file, which anything may have
+// written: one that is no number of days in range counts as the default, never as a
+// cutoff at or past now that would erase the whole history with the scan just ended.
+int64_t VkScanLogsOper::keepDays() const {
+    auto value = context_->userDefaults->objectForKey("LogsKeepDay");
+    if (!value)
+        return 0;
+    auto days = value->asDouble();
+    bool number = value->type() == VkPlist::Type::Integer || value->type() == VkPlist::Type::Real;
+    if (!number || !days || !(*days >= 0 && *days <= static_cast<double>(kMaxKeepDays)))
+        return kDefaultKeepDays;
+    return static_cast<int64_t>(*days);
+}
+
 void VkScanLogsOper::removeScanLogsItem(const std::shared_ptr<VkScanLogsNode>& node) {
     if (node)
         removed_.push_back(idOf(*node));
@@ -137,10 +152,7 @@ void VkScanLogsOper::saveFileMonToDisk() {
                 logsArray_.push_back(node);
         }
     }
-    // An absent "LogsKeepDay" reads 0: only nodes made at this very instant survive.
-    double cutoff =
-        context_->clock->now() -
-        static_cast<double>(context_->userDefaults->integerForKey("LogsKeepDay")) * 86400.0;
+    double cutoff = context_->clock->now() - static_cast<double>(keepDays()) * 86400.0;
     double latest = context_->clock->now() + kFutureSkewSeconds;
     VkPlist::Array out;
     std::erase_if(logsArray_, [&](const std::shared_ptr<VkScanLogsNode>& node) {

@@ -58,6 +58,9 @@ class VkScanLogsOper {
     // oldest going first (the scan just ended stays).
     static constexpr double kFutureSkewSeconds = 86400.0;
     static constexpr size_t kMaxKeptScans = 10000;
+    // "LogsKeepDay" as `vksecurity logs --keep-days` stores it: 0..36500, 30 by default.
+    static constexpr int64_t kDefaultKeepDays = 30;
+    static constexpr int64_t kMaxKeepDays = 36500;
 
   private:
     std::shared_ptr<VkContext> context_;
@@ -67,6 +70,7 @@ class VkScanLogsOper {
     using NodeId = std::pair<double, int32_t>;
     static NodeId idOf(const VkScanLogsNode& node);
     static bool sameId(const NodeId& a, const NodeId& b);
+    int64_t keepDays() const;
 
     NodeList logsArray_;
     std::shared_ptr<VkScanLogsNode> currentLogs_;

@@ -1,5 +1,7 @@
 #include "logs/VkScanLogsOper.h"
 
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 
 #include <gtest/gtest.h>
@@ -116,6 +118,18 @@ TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
     clock->advance(1);
     logs.saveFileMonToDisk();
     EXPECT_TRUE(logs.scanLogsArray().empty()) << "absent LogsKeepDay keeps nothing older than now";
+
+    // A stored value that is no number of days in range keeps the default 30 days.
+    size_t scans = 0;
+    for (VkPlist bad : {VkPlist("abc"), VkPlist::integer(-1), VkPlist::real(NAN),
+                        VkPlist::dictionary(), VkPlist::unsignedInteger(UINT64_MAX)}) {
+        ctx->userDefaults->setObject("LogsKeepDay", bad);
+        logs.scanEnd(2);
+        clock->advance(2 * 86400);
+        logs.scanEnd(0);
+        scans += 2;
+        EXPECT_EQ(onDisk(logs).asArray()->size(), scans) << bad.toXml();
+    }
 }
 
 // A planted history costs one linear read: nodes dated in the future go, and of more than
