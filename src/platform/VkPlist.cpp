@@ -276,6 +276,70 @@ const char* binaryPlistProblem(const uint8_t* data, size_t size, size_t maxDepth
 
 // ---- Conversion ---------------------------------------------------------------------
 
+// libplist 2.2 keeps an integer with a flag that tells an unsigned one above INT64_MAX from
+// a negative one, and a date as double seconds, but its getters give only the bare 64 bits
+// and 32-bit seconds, and its constructors make only signed integers and 32-bit dates.
+// Such values go through the library's own serialized forms, which carry them whole.
+
+// Whether an integer node whose bits read above INT64_MAX is unsigned (else negative).
+bool isBigUnsigned(plist_t node) {
+    PlistHandle copy(plist_copy(node));
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(copy.get(), &xml, &length);
+    bool negative =
+        !xml || std::string_view(xml, length).find("<integer>-") != std::string_view::npos;
+    if (xml)
+        plist_to_xml_free(xml);
+    return !negative;
+}
+
+// A date's seconds since the reference date from its binary form: the one object, at
+// offset 8, is a date marker and a big-endian double.
+std::optional<double> exactDate(plist_t node) {
+    PlistHandle copy(plist_copy(node));
+    char* bin = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(copy.get(), &bin, &length);
+    std::optional<double> seconds;
+    if (bin && length >= 17 && static_cast<uint8_t>(bin[8]) == 0x33) {
+        uint64_t bits = readBigEndian(reinterpret_cast<const uint8_t*>(bin) + 9, 8);
+        double v = 0;
+        std::memcpy(&v, &bits, sizeof v);
+        seconds = v;
+    }
+    if (bin)
+        plist_to_bin_free(bin);
+    return seconds;
+}
+
+plist_t bigUnsignedNode(uint64_t value) {
+    std::string xml =
+        "<plist version=\"1.0\"><integer>" + std::to_string(value) + "</integer></plist>";
+    plist_t node = nullptr;
+    plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &node);
+    return node ? node : plist_new_uint(value);
+}
+
+// A date node of any seconds, parsed from a one-object binary list.
+plist_t exactDateNode(double seconds) {
+    uint64_t bits = 0;
+    std::memcpy(&bits, &seconds, sizeof bits);
+    std::vector<uint8_t> b = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0x33};
+    for (int shift = 56; shift >= 0; shift -= 8)
+        b.push_back(static_cast<uint8_t>(bits >> shift));
+    b.push_back(8);  // the offset table: the object is at byte 8
+    uint8_t trailer[32] = {};
+    trailer[6] = 1;    // offset size
+    trailer[7] = 1;    // reference size
+    trailer[15] = 1;   // one object, the top one
+    trailer[31] = 17;  // the offset table's place
+    b.insert(b.end(), trailer, trailer + 32);
+    plist_t node = nullptr;
+    plist_from_bin(reinterpret_cast<const char*>(b.data()), static_cast<uint32_t>(b.size()), &node);
+    return node;
+}
+
 // libplist 2.2's string and key getters assert that the length it stored equals strlen, so
 // a NUL inside one would abort the process. The guards above refuse such documents before
 // parsing (keys can only be read through those getters); strings are read here with their
@@ -314,6 +378,10 @@ class NodeReader {
             case PLIST_UINT: {
                 uint64_t v = 0;
                 plist_get_uint_val(node, &v);
+                if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) &&
+                    isBigUnsigned(node)) {
+                    return VkPlist::unsignedInteger(v);
+                }
                 return VkPlist::integer(static_cast<int64_t>(v));
             }
             case PLIST_REAL: {
@@ -335,6 +403,12 @@ class NodeReader {
             case PLIST_DATE: {
                 int32_t sec = 0, usec = 0;
                 plist_get_date_val(node, &sec, &usec);
+                // A date beyond 32-bit seconds comes out of the getter at a bound.
+                if (sec == std::numeric_limits<int32_t>::min() ||
+                    sec == std::numeric_limits<int32_t>::max()) {
+                    if (auto exact = exactDate(node); exact && std::isfinite(*exact))
+                        return VkPlist(VkDate{VkDate::kReferenceDateOffset + *exact});
+                }
                 return VkPlist(VkDate{VkDate::kReferenceDateOffset + sec + usec / 1e6});
             }
             case PLIST_DATA: {
@@ -408,12 +482,14 @@ std::string writable(const std::string& text, bool binary) {
     return clean;
 }
 
-// Seconds since the platform's reference date as libplist keeps them (32-bit); a date out
-// of that range, or not a number, is clamped rather than converted with undefined results.
-std::pair<int32_t, int32_t> dateFields(const VkDate& date) {
-    double rel = date.secondsSince1970 - VkDate::kReferenceDateOffset;
-    if (!std::isfinite(rel))
-        rel = 0;
+// The years 1 to 9999 in seconds since the reference date: libplist's XML writer writes
+// four-digit years and garbles others.
+constexpr double kFirstDate = -63113904000.0;  // 0001-01-01T00:00:00Z
+constexpr double kLastDate = 252423993599.0;   // 9999-12-31T23:59:59Z
+
+// Seconds since the platform's reference date as libplist's date constructor takes them
+// (32-bit), for a date in that range.
+std::pair<int32_t, int32_t> dateFields(double rel) {
     rel = std::clamp<double>(rel, std::numeric_limits<int32_t>::min(),
                              std::numeric_limits<int32_t>::max());
     double sec = std::floor(rel);
@@ -435,14 +511,28 @@ plist_t toNode(const VkPlist& value, bool binary) {
             return plist_new_string("");
         case VkPlist::Type::Boolean:
             return plist_new_bool(*value.asBool() ? 1 : 0);
-        case VkPlist::Type::Integer:
-            return plist_new_uint(static_cast<uint64_t>(*value.asInt64()));
+        case VkPlist::Type::Integer: {
+            int64_t v = *value.asInt64();
+            uint64_t u = *value.asUInt64();
+            // Only an unsigned value above INT64_MAX reads differently through the two.
+            if (v >= 0 && u != static_cast<uint64_t>(v))
+                return bigUnsignedNode(u);
+            return plist_new_uint(static_cast<uint64_t>(v));
+        }
         case VkPlist::Type::Real:
             return plist_new_real(*value.asDouble());
         case VkPlist::Type::String:
             return plist_new_string(writable(*value.asString(), binary).c_str());
         case VkPlist::Type::Date: {
-            auto [sec, usec] = dateFields(*value.asDate());
+            // A date that is not a number is written as the reference date.
+            double rel = value.asDate()->secondsSince1970 - VkDate::kReferenceDateOffset;
+            rel = std::isfinite(rel) ? std::clamp(rel, kFirstDate, kLastDate) : 0.0;
+            if (rel < std::numeric_limits<int32_t>::min() ||
+                rel >= std::numeric_limits<int32_t>::max()) {
+                if (plist_t node = exactDateNode(rel))
+                    return node;
+            }
+            auto [sec, usec] = dateFields(rel);
             return plist_new_date(sec, usec);
         }
         case VkPlist::Type::Data: {
@@ -480,7 +570,11 @@ VkPlist VkPlist::integer(int64_t v) {
     return p;
 }
 VkPlist VkPlist::unsignedInteger(uint64_t v) {
-    return integer(static_cast<int64_t>(v));
+    if (v <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
+        return integer(static_cast<int64_t>(v));
+    VkPlist p;
+    p.value_ = BigUnsigned{v};
+    return p;
 }
 VkPlist VkPlist::real(double v) {
     VkPlist p;
@@ -530,12 +624,16 @@ std::optional<bool> VkPlist::asBool() const {
         return *i != 0;
     if (auto d = std::get_if<double>(&value_))
         return *d != 0.0;
+    if (std::holds_alternative<BigUnsigned>(value_))
+        return true;
     return std::nullopt;
 }
 
 std::optional<int64_t> VkPlist::asInt64() const {
     if (auto i = std::get_if<int64_t>(&value_))
         return *i;
+    if (std::holds_alternative<BigUnsigned>(value_))
+        return std::numeric_limits<int64_t>::max();
     if (auto b = std::get_if<bool>(&value_))
         return *b ? 1 : 0;
     if (auto d = std::get_if<double>(&value_)) {
@@ -551,6 +649,8 @@ std::optional<int64_t> VkPlist::asInt64() const {
 }
 
 std::optional<uint64_t> VkPlist::asUInt64() const {
+    if (auto u = std::get_if<BigUnsigned>(&value_))
+        return u->value;
     if (auto d = std::get_if<double>(&value_)) {
         if (std::isnan(*d) || *d <= 0)
             return 0;
@@ -569,6 +669,8 @@ std::optional<double> VkPlist::asDouble() const {
         return *d;
     if (auto i = std::get_if<int64_t>(&value_))
         return static_cast<double>(*i);
+    if (auto u = std::get_if<BigUnsigned>(&value_))
+        return static_cast<double>(u->value);
     if (auto b = std::get_if<bool>(&value_))
         return *b ? 1.0 : 0.0;
     return std::nullopt;

@@ -26,6 +26,12 @@ class VkPlist {
         uint64_t value = 0;
         bool operator==(const Uid&) const = default;
     };
+    // An integer above INT64_MAX, which a property list may hold: kept apart so that it is
+    // written back as the same unsigned number, not as a negative one.
+    struct BigUnsigned {
+        uint64_t value = 0;
+        bool operator==(const BigUnsigned&) const = default;
+    };
 
     VkPlist() = default;
     VkPlist(const char* text) : value_(std::string(text)) {}
@@ -44,7 +50,10 @@ class VkPlist {
     static VkPlist dictionary(
         std::initializer_list<std::pair<const std::string, VkPlist>> items = {});
 
-    Type type() const { return static_cast<Type>(value_.index()); }
+    Type type() const {
+        return std::holds_alternative<BigUnsigned>(value_) ? Type::Integer
+                                                           : static_cast<Type>(value_.index());
+    }
     bool isNone() const { return type() == Type::None; }
     bool isString() const { return type() == Type::String; }
     bool isArray() const { return type() == Type::Array; }
@@ -53,7 +62,8 @@ class VkPlist {
     bool isNumber() const;  // boolean, integer or real
 
     // Typed views; nullptr / nullopt when the value has another type. Numbers convert
-    // between each other the way the platform's number object does.
+    // between each other the way the platform's number object does (an unsigned integer
+    // above INT64_MAX reads as INT64_MAX through asInt64).
     const std::string* asString() const;
     const Array* asArray() const;
     Array* asArray();
@@ -91,7 +101,9 @@ class VkPlist {
 
     // A NUL inside a string or key, which no property list can carry, is written as
     // U+FFFD, and so is, in the binary form only, each byte of text that is not UTF-8;
-    // dates are clamped to the format's 32-bit seconds.
+    // dates are clamped to the years 1 to 9999, which the XML form can write (and a date
+    // that is not a number is written as the reference date). Integers keep their full
+    // signed or unsigned 64-bit value.
     std::string toXml() const;
     std::vector<uint8_t> toBinary() const;
     // Writes the XML form atomically (temporary file in the same folder, then rename).
@@ -103,7 +115,8 @@ class VkPlist {
     static constexpr size_t kDefaultMaxFileBytes = 64u << 20;
 
   private:
+    // In the order of Type; BigUnsigned, last, is an Integer.
     std::variant<std::monostate, bool, int64_t, double, std::string, VkDate, Data, Array,
-                 Dictionary, Uid>
+                 Dictionary, Uid, BigUnsigned>
         value_;
 };

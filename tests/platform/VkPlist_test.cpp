@@ -15,6 +15,10 @@ VkPlist sample() {
     d.set("bytes", VkPlist::Data{0, 1, 2, 255});
     d.set("list", VkPlist::array({VkPlist::boolean(true), VkPlist::real(2.5), "x"}));
     d.set("big", VkPlist::unsignedInteger(5000000000ULL));
+    // Beyond INT64_MAX, and dates beyond 32-bit seconds from 2001 (2100 and 1900).
+    d.set("max", VkPlist::unsignedInteger(UINT64_MAX));
+    d.set("later", VkDate{4102444800.0});
+    d.set("earlier", VkDate{-2208988800.0});
     return d;
 }
 
@@ -151,6 +155,8 @@ TEST(VkPlistTest, BothFormsKeepEveryTypeAndWriteWhatNoListCanCarryVisibly) {
         EXPECT_EQ(*same, sample());
         EXPECT_EQ(*same->get("big")->asUInt64(), 5000000000ULL);
         EXPECT_EQ(*same->get("count")->asInt64(), -3);
+        EXPECT_EQ(*same->get("max")->asUInt64(), UINT64_MAX);
+        EXPECT_EQ(*same->get("max")->asInt64(), INT64_MAX) << "unsigned, not -1";
 
         auto back = parse(isBinary ? binary(odd) : odd.toXml());
         ASSERT_TRUE(back.ok()) << back.error();
@@ -158,8 +164,7 @@ TEST(VkPlistTest, BothFormsKeepEveryTypeAndWriteWhatNoListCanCarryVisibly) {
         EXPECT_EQ(*back->getString("latin"), isBinary ? "caf" + fffd + ".txt" : "caf\xE9.txt");
         const std::string odd2 = isBinary ? fffd + "Y" : "\xC2Y";
         EXPECT_EQ(*back->getString(odd2), odd2);
-        EXPECT_EQ(back->get("far")->asDate()->secondsSince1970,
-                  VkDate::kReferenceDateOffset + 2147483647.0);
+        EXPECT_EQ(back->get("far")->asDate()->secondsSince1970, 253402300799.0) << "9999-12-31";
         EXPECT_EQ(back->get("nan")->asDate()->secondsSince1970, VkDate::kReferenceDateOffset);
     }
     // Written to and read from files: the core function's plist fix.
