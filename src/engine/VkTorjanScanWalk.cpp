@@ -182,8 +182,11 @@ void VkTorjanScan::scanBaseItem() {
         std::lock_guard lock(archiveLimitsMutex_);
         skip = pathFilter_;
     }
+    // Other volumes are left out by whole path components: "/VolumesArchive" is walked.
+    const std::string volumesPrefix = volumes + "/";
     auto outOfScope = [&](const std::string& path) {
-        return (fullScan && path.rfind(volumes, 0) == 0) || (skip && skip(path));
+        return (fullScan && (path == volumes || path.rfind(volumesPrefix, 0) == 0)) ||
+               (skip && skip(path));
     };
     // This program's own folder (databases, quarantine, logs) is never walked: a scan that
     // quarantines must not take the quarantine itself.
