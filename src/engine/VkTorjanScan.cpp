@@ -261,53 +261,73 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
     bool* undecided) {
     if (failure)
         *failure = 0;
-    auto size = static_cast<uint64_t>(st.st_size);
-    if (!S_ISREG(st.st_mode) || size == 0)
-        return nullptr;
-    const VkFileStamp stamp = VkFileStamp::of(st);
-    // Hashes by type: what the cache knew of this file as it stands, completed by reading it.
     VkHashCache::KnownHashes ownKnown;
     VkHashCache::KnownHashes& knownByType = known ? *known : ownKnown;
-    std::set<int32_t> read;
-    auto hasher = [&](int32_t type, uint64_t head) -> std::optional<std::string> {
-        auto it = knownByType.find(type);
-        if (it == knownByType.end())
-            it = knownByType.emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{})
-                     .first;
-        std::optional<std::string>& slot = head != 0 ? it->second.head : it->second.whole;
-        if (!slot && fd < 0) {
-            if (undecided)
-                *undecided = true;
-        } else if (!slot) {
-            errno = 0;
-            slot = hashOpenFile(fd, type, head, size);
-            if (slot)
-                read.insert(type);
-        }
-        return slot;
-    };
-    JudgmentHashes hashes(hasher,
-                          [&](const std::string& hash) { return checkTrustFile(path, hash); });
+    struct stat current = st;
+    // A file written while it was read is read once more: a second change means it is not
+    // examined, for hashes of a file that keeps changing describe no version of it.
+    for (bool again = false;; again = true) {
+        auto size = static_cast<uint64_t>(current.st_size);
+        if (!S_ISREG(current.st_mode) || size == 0)
+            return nullptr;
+        const VkFileStamp stamp = VkFileStamp::of(current);
+        // Hashes by type: what the cache knew of this file as it stands, completed by reading
+        // it.
+        std::set<int32_t> read;
+        auto hasher = [&](int32_t type, uint64_t head) -> std::optional<std::string> {
+            auto it = knownByType.find(type);
+            if (it == knownByType.end())
+                it = knownByType
+                         .emplace(type, cache ? cache->find(stamp, type) : VkHashCache::Hashes{})
+                         .first;
+            std::optional<std::string>& slot = head != 0 ? it->second.head : it->second.whole;
+            if (!slot && fd < 0) {
+                if (undecided)
+                    *undecided = true;
+            } else if (!slot) {
+                errno = 0;
+                slot = hashOpenFile(fd, type, head, size);
+                if (slot)
+                    read.insert(type);
+            }
+            return slot;
+        };
+        JudgmentHashes hashes(hasher,
+                              [&](const std::string& hash) { return checkTrustFile(path, hash); });
 
-    // Only records of this size can match; the index keeps them in list order, so the first
-    // record in the list still wins.
-    std::shared_ptr<VkTorjanResultItems> result;
-    if (std::shared_ptr<VkTorjanItem> record = matchRecords(*records, size, hashes)) {
-        result = std::make_shared<VkTorjanResultItems>();
-        result->setPath(path);
-        result->setFoundAs(st);
-        result->setTorjanItem(record);
+        // Only records of this size can match; the index keeps them in list order, so the
+        // first record in the list still wins.
+        std::shared_ptr<VkTorjanResultItems> result;
+        if (std::shared_ptr<VkTorjanItem> record = matchRecords(*records, size, hashes)) {
+            result = std::make_shared<VkTorjanResultItems>();
+            result->setPath(path);
+            result->setFoundAs(current);
+            result->setTorjanItem(record);
+        }
+        if (failure)
+            *failure = hashes.failure;
+        // Kept only when the file stood still while it was read: a write during the reading
+        // changes its times, and the hashes would describe no version of it.
+        struct stat after {};
+        if (read.empty() || ::fstat(fd, &after) != 0)
+            return result;
+        if (VkFileStamp::of(after) == stamp) {
+            if (cache) {
+                for (int32_t type : read)
+                    cache->remember(fd, stamp, type, knownByType[type], path);
+            }
+            return result;
+        }
+        if (result || hashes.failure != 0)
+            return result;
+        if (again) {
+            if (failure)
+                *failure = kChangedWhileRead;
+            return nullptr;
+        }
+        current = after;
+        knownByType.clear();
     }
-    if (failure)
-        *failure = hashes.failure;
-    // Kept only when the file stood still while it was read: a write during the reading
-    // changes its times, and the hashes would describe no version of it.
-    struct stat after {};
-    if (cache && !read.empty() && ::fstat(fd, &after) == 0 && VkFileStamp::of(after) == stamp) {
-        for (int32_t type : read)
-            cache->remember(fd, stamp, type, knownByType[type], path);
-    }
-    return result;
 }
 
 bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
@@ -378,7 +398,7 @@ std::string VkNotExamined::reasonText() const {
         case Reason::device:
             return "below /dev (never opened)";
         case Reason::changed:
-            return "replaced while being examined";
+            return detail.empty() ? "replaced while being examined" : detail;
         case Reason::archive:
             return detail;
         case Reason::vanished:

@@ -32,7 +32,8 @@ struct VkNotExamined {
         notRegularFile,  // a path handed to the scan that is no file or folder (a FIFO, ...)
         symbolicLink,    // a path handed to the scan that is a link to no folder
         device,          // below /dev: never opened
-        changed,         // replaced (by a link, another file) between its listing and its reading
+        changed,         // replaced (by a link, another file) between its listing and its
+                         // reading, or changed while it was read (detail says so)
         archive,         // an archive, or a member of it, that was not (fully) examined
     };
     VkNotExamined() = default;
@@ -220,8 +221,11 @@ class VkTorjanScan {
     std::atomic<uint64_t> searchIndex_{0};
 
   private:
+    // *failure of judgeOpenFile for a file whose contents changed during each of two reads.
+    static constexpr int kChangedWhileRead = -1;
     // Judges an open regular file whose attributes `st` were read from the descriptor.
-    // *failure gets the errno of a hash that could not be read (0 otherwise). `known` starts
+    // *failure gets the errno of a hash that could not be read, or kChangedWhileRead (0
+    // otherwise). `known` starts
     // with what the cache already gave for this file (types asked of it), and keeps it.
     // Without a descriptor (fd < 0) the file is judged from the cache alone: *undecided is
     // set, and the answer means nothing, when some hash would have to be read.

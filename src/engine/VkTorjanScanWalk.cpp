@@ -576,7 +576,10 @@ void VkTorjanScan::scanBaseItem() {
         } else {
             report.result = judgeOpenFile(candidate.fd.get(), opened, candidate.path, records,
                                           cache, &failure, &candidate.known);
-            if (!report.result && failure != 0) {
+            if (!report.result && failure == kChangedWhileRead) {
+                report.skipped = VkNotExamined{
+                    candidate.path, Reason::changed, 0, {}, "changed while it was read"};
+            } else if (!report.result && failure != 0) {
                 report.skipped = VkNotExamined{candidate.path, reasonOf(failure), failure};
             } else if (!report.result && wantsArchive(candidate.path)) {
                 // An archive is opened whatever its own size: its members are judged one by

@@ -28,6 +28,7 @@
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkHandle.h"
 #include "platform/VkHashValue.h"
 #include <linux/magic.h>
 
@@ -65,6 +66,8 @@ class HashSpyScan : public VkTorjanScan {
     std::atomic<bool> hold{false};
     std::atomic<bool> holding{false};
     std::atomic<bool> release{false};
+    // Writes the file through another descriptor as each read begins, with a new time.
+    std::atomic<bool> rewrite{false};
 
     std::multiset<std::string> hashed() const {
         std::lock_guard lock(mutex_);
@@ -82,6 +85,12 @@ class HashSpyScan : public VkTorjanScan {
             std::lock_guard lock(mutex_);
             hashed_.insert(path);
         }
+        if (rewrite) {
+            VkFd writer(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+            const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(++rewrites_), 0}};
+            EXPECT_TRUE(::pwrite(writer.get(), "X", 1, 0) == 1 &&
+                        ::futimens(writer.get(), times) == 0);
+        }
         if (hold) {
             holding = true;
             waitFor(release);
@@ -95,6 +104,18 @@ class HashSpyScan : public VkTorjanScan {
   private:
     mutable std::mutex mutex_;
     std::multiset<std::string> hashed_;
+    std::atomic<int> rewrites_{0};
+};
+
+// Keeps the paths not examined as well.
+class SkipRecordingDelegate : public VkRecordingScanDelegate {
+  public:
+    void scanNotExamined(const VkNotExamined& skipped) override {
+        std::lock_guard lock(mutex);
+        skips.push_back(skipped);
+    }
+    std::mutex mutex;
+    std::vector<VkNotExamined> skips;
 };
 
 class VkScanWalkTest : public ::testing::Test {
@@ -181,6 +202,21 @@ TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealF
         EXPECT_EQ(pacing->sleeps.size(), paced ? 4u : 0u);
         EXPECT_EQ(d->progress().size(), 8u) << "7 entries + the end";
     }
+}
+
+// A file rewritten during each read is read twice, then named as changed: never clean.
+TEST_F(VkScanWalkTest, AFileRewrittenWhileItIsReadIsNotExamined) {
+    std::string evil = plant("moving/evil.bin");
+    auto s = scanner<HashSpyScan>();
+    s->rewrite = true;
+    auto d = std::make_shared<SkipRecordingDelegate>();
+    s->startScan(std::vector<std::string>{root + "/moving"}, d);
+    ASSERT_TRUE(d->waitForEnd());
+    EXPECT_TRUE(d->results().empty());
+    EXPECT_EQ(s->hashed().count(evil), 2u);
+    ASSERT_EQ(d->skips.size(), 1u);
+    EXPECT_EQ(std::tuple(d->skips[0].path, d->skips[0].reasonText()),
+              std::tuple(evil, "changed while it was read"));
 }
 
 // A second start while a walk runs stops the first walk and starts afresh; the old walk's
