@@ -133,19 +133,56 @@ std::optional<std::string> VkTorjanScan::hashOpenFile(int fd, int32_t type, uint
     return VkHashValue::hashOpenFileHead(fd, static_cast<uint32_t>(kHeadLength), type);
 }
 
-std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& path) {
+std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& path,
+                                                           std::optional<VkNotExamined>& why) {
+    using Reason = VkNotExamined::Reason;
+    why.reset();
     struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode))
-        return hashCodeWithPath(path, 0, 0);
-    char real[PATH_MAX];
-    char realRoot[PATH_MAX];
-    std::string root = systemRoot_.empty() ? "/" : systemRoot_;
-    if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot))
+    if (::lstat(path.c_str(), &st) != 0) {
+        // Nothing there is nothing to examine, nor anything for a clean-up to delete.
+        if (int error = errno; error != ENOENT)
+            why = VkNotExamined{path, Reason::unreadable, error};
         return std::nullopt;
-    // A link out of the inspected system is never read: it could name anything here.
-    if (!VkContainedFs(realRoot).contains(real))
+    }
+    // A folder is no file, and the detectors' clean-up never deletes one.
+    if (S_ISDIR(st.st_mode))
         return std::nullopt;
-    return hashCodeWithPath(real, 0, 0);
+    std::string file = path;
+    if (S_ISLNK(st.st_mode)) {
+        char real[PATH_MAX];
+        char realRoot[PATH_MAX];
+        std::string root = systemRoot_.empty() ? "/" : systemRoot_;
+        if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot)) {
+            std::string failed = std::strerror(errno);
+            why = VkNotExamined{
+                path, Reason::symbolicLink, 0, {}, "a link leading nowhere: " + failed};
+            return std::nullopt;
+        }
+        // A link out of the inspected system is never read: it could name anything here.
+        if (!VkContainedFs(realRoot).contains(real)) {
+            why = VkNotExamined{
+                path, Reason::symbolicLink, 0, {}, "a link leading out of the inspected system"};
+            return std::nullopt;
+        }
+        file = real;
+    }
+    errno = 0;
+    std::optional<std::string> hash = hashCodeWithPath(file, 0, 0);
+    if (!hash) {
+        int error = errno != 0 ? errno : EIO;
+        struct stat target {};
+        int statError = ::stat(file.c_str(), &target) == 0 ? 0 : errno;
+        if (statError != 0)
+            why = VkNotExamined{path, statError == ENOENT ? Reason::vanished : Reason::unreadable,
+                                statError};
+        else if (!S_ISREG(target.st_mode))
+            why = VkNotExamined{path, Reason::notRegularFile, 0};
+        else if (target.st_size == 0)
+            why = VkNotExamined{path, Reason::unreadable, 0, {}, "an empty file"};
+        else
+            why = VkNotExamined{path, Reason::unreadable, error};
+    }
+    return hash;
 }
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
@@ -393,16 +430,18 @@ std::string VkNotExamined::reasonText() const {
     switch (reason) {
         case Reason::notRegularFile:
             return "not a regular file";
-        case Reason::symbolicLink:
-            return "a symbolic link (not followed)";
         case Reason::device:
             return "below /dev (never opened)";
         case Reason::changed:
             return detail.empty() ? "replaced while being examined" : detail;
+        case Reason::symbolicLink:
+            return detail.empty() ? "a symbolic link (not followed)" : detail;
         case Reason::archive:
             return detail;
         case Reason::vanished:
         case Reason::unreadable:
+            if (!detail.empty())
+                return detail;
             break;
     }
     return std::strerror(error != 0 ? error : EIO);

@@ -47,7 +47,8 @@ struct VkNotExamined {
     std::string path;
     Reason reason = Reason::unreadable;
     int error = 0;  // errno of the failure, 0 when there is none
-    // For an archive: the member inside path (empty: the archive itself) and why.
+    // For an archive: the member inside path (empty: the archive itself). detail: why, in
+    // words, where the reason alone does not say it.
     std::string member;
     std::string detail;
 
@@ -248,8 +249,9 @@ class VkTorjanScan {
     bool wantsArchive(const std::string& path) const;
     void reportNotExamined(VkNotExamined skipped);
     // Whole-file hash of a detector's hit, read through a final link that stays inside the
-    // system root.
-    std::optional<std::string> hashFollowingLink(const std::string& path);
+    // system root. Without a hash, `why` says why (empty for a path that is gone or a folder).
+    std::optional<std::string> hashFollowingLink(const std::string& path,
+                                                 std::optional<VkNotExamined>& why);
     std::string resolve(const std::string& inspectedPath) const;
     std::shared_ptr<VkTorjanScanDelegate> delegate() const;
     void joinFinishedScanThread();

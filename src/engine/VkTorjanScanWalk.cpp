@@ -725,10 +725,15 @@ void VkTorjanScan::quickScan() {
     for (const auto& [family, paths] : found) {
         for (const auto& path : paths) {
             // The whole file is read through a final link (a launch agent may be one), as
-            // long as the link stays inside the inspected system.
-            auto hash = hashFollowingLink(path);
-            if (!hash)
-                continue;  // a folder, missing or unreadable
+            // long as the link stays inside the inspected system. What cannot be read is
+            // named: the detectors' clean-up deletes it all the same.
+            std::optional<VkNotExamined> why;
+            auto hash = hashFollowingLink(path, why);
+            if (!hash) {
+                if (why)
+                    reportNotExamined(std::move(*why));
+                continue;
+            }
             if (checkTrustFile(path, *hash))
                 continue;
             auto result = std::make_shared<VkTorjanResultItems>();
