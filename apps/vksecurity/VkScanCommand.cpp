@@ -274,17 +274,25 @@ class CliScanDelegate : public VkTorjanScanDelegate {
     bool drawn_ = false;
 };
 
+// A failure names what was done all the same (`done`): a removal that partly failed may
+// have deleted files already.
 void printOutcome(VkCli& cli, const std::string& path, const char* action, bool ok,
-                  const std::string& text) {
+                  const std::string& text, const std::vector<std::string>& done = {}) {
     if (cli.json) {
         nlohmann::json j = {{"type", "action"}, {"action", action}, {"ok", ok}};
         vkJsonSetPath(j, "path", path);
         j[ok ? "outcome" : "reason"] = text;
+        if (!ok)
+            j["done"] = done;
         std::printf("%s\n", vkJsonText(j).c_str());
     } else if (ok) {
         std::printf("%s: %s\n", vkCliText(path).c_str(), vkCliText(text).c_str());
     } else {
-        std::printf("%s: NOT %s (%s)\n", vkCliText(path).c_str(), action, vkCliText(text).c_str());
+        std::string doneText;
+        for (const auto& part : done)
+            doneText += (doneText.empty() ? "; done: " : "; ") + part;
+        std::printf("%s: NOT %s (%s)%s\n", vkCliText(path).c_str(), action, vkCliText(text).c_str(),
+                    vkCliText(doneText).c_str());
     }
 }
 
@@ -292,8 +300,9 @@ void printOutcome(VkCli& cli, const std::string& path, const char* action, bool 
 // refusal, a deletion or edit that did not happen, or a process that would not end fails.
 struct RemovalVerdict {
     bool ok = true;
-    bool fileGone = false;  // deleted or cleaned in place: the history may say "removed"
-    std::string text;
+    bool fileGone = false;          // deleted or cleaned in place: the history may say "removed"
+    std::string text;               // what was done, or when anything failed what failed
+    std::vector<std::string> done;  // what was done even so, when anything failed
 };
 
 RemovalVerdict verdictOf(const VkKillOutcome& outcome) {
@@ -328,7 +337,7 @@ RemovalVerdict verdictOf(const VkKillOutcome& outcome) {
     bool remains = VkFile::existsNoFollow(path);
     if (outcome.special && remains && !fileEdited && failed.empty())
         failed.push_back("left in place by the built-in detector's clean-up");
-    else if (remains && !fileEdited && !fileRemoved)
+    else if (remains && !fileEdited && !fileRemoved && failed.empty())
         done.push_back("file left in place");
     else if (!remains && !fileRemoved && !fileEdited)
         done.push_back("removed");  // by a clean-up that answered for other paths only
@@ -337,6 +346,8 @@ RemovalVerdict verdictOf(const VkKillOutcome& outcome) {
     const std::vector<std::string>& parts = verdict.ok ? done : failed;
     for (const auto& part : parts)
         verdict.text += (verdict.text.empty() ? "" : "; ") + part;
+    if (!verdict.ok)
+        verdict.done = std::move(done);
     return verdict;
 }
 
@@ -384,7 +395,7 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                 logs.addScanLogsItem(outcome.result, 0);
             allDone = allDone && verdict.ok;
             printOutcome(cli, outcome.result->path().value_or(""), "removed", verdict.ok,
-                         verdict.text);
+                         verdict.text, verdict.done);
         }
     }
     return allDone;

@@ -202,6 +202,19 @@ TEST_F(VkScanCommandTest, RemovalReportsWhatWasReallyDone) {
     for (const auto& scan : runJson({"logs"}))
         operations.push_back(scan["entries"][0]["operation"]);
     EXPECT_EQ(operations, (std::vector<std::string>{"removed", "removed", "found"}));
+
+    // A kill list partly refused: what it did delete is named beside the refusal.
+    vkWriteSignatureDatabase(
+        dir / "data/part.sql", "part", "1.0",
+        {{"Test.Part", "part-sample", {{"d", "/p", "x"}, {"d", "/usr", "bin"}}}});
+    std::string part = dir.write("root/p/part.bin", "part-sample");
+    dir.write("root/p/x", "x");
+    dir.mkdir("root/usr/bin");
+    auto action = jsonLines(runExpect(2, {"--json", "scan", "--remove", part}).out).at(1);
+    EXPECT_EQ(action["done"], json::array({"removed " + dir / "root/p/x"})) << action.dump();
+    dir.write("root/p/x", "x");
+    EXPECT_THAT(runExpect(2, {"scan", "--remove", part}).out,
+                HasSubstr("); done: removed " + dir / "root/p/x\n"));
 }
 
 // A finding named like the quarantine's list, then a scan of a tree that holds the data
