@@ -432,6 +432,8 @@ std::string VkNotExamined::reasonText() const {
             return "not a regular file";
         case Reason::device:
             return "below /dev (never opened)";
+        case Reason::ownData:
+            return "inside this program's data folder (never scanned)";
         case Reason::changed:
             return detail.empty() ? "replaced while being examined" : detail;
         case Reason::symbolicLink:

@@ -35,6 +35,7 @@ struct VkNotExamined {
         changed,         // replaced (by a link, another file) between its listing and its
                          // reading, or changed while it was read (detail says so)
         archive,         // an archive, or a member of it, that was not (fully) examined
+        ownData,         // a path handed to the scan inside this program's own data folder
     };
     VkNotExamined() = default;
     VkNotExamined(std::string path_, Reason reason_, int error_ = 0, std::string member_ = {},

@@ -193,11 +193,23 @@ void VkTorjanScan::scanBaseItem() {
     std::vector<VkDirectoryWalker::FolderId> ownFolders;
     if (struct stat data{}; ::stat(dataFolder_.c_str(), &data) == 0)
         ownFolders.emplace_back(data.st_dev, data.st_ino);
-    const std::string dataPrefix = dataFolder_ + "/";
-    // A root excluded by the caller's filter is skipped as the data folder is.
-    auto ours = [&](const std::string& root) {
-        return (!dataFolder_.empty() && root.rfind(dataPrefix, 0) == 0) || (skip && skip(root));
-    };
+    // A root in it (a file, a folder, a link leading there) is named as not examined rather
+    // than passed over: whoever named it must not take it for clean.
+    std::vector<bool> ownRoots(roots.size(), false);
+    char realData[PATH_MAX];
+    if (!dataFolder_.empty() && ::realpath(dataFolder_.c_str(), realData)) {
+        const std::string data = realData;
+        for (size_t i = 0; i < roots.size(); ++i) {
+            char real[PATH_MAX];
+            if (!::realpath(roots[i].c_str(), real))
+                continue;
+            std::string_view path(real);
+            ownRoots[i] = path == data || (path.size() > data.size() && path.starts_with(data) &&
+                                           (data == "/" || path[data.size()] == '/'));
+        }
+    }
+    // A root excluded by the caller's filter is skipped, as the user asked.
+    auto excluded = [&](const std::string& root) { return skip && skip(root); };
 
     // The count: the same entries listed again, names and d_type only, beside the walk that
     // judges. Progress climbs as soon as it ends, long before the judging walk does, while
@@ -216,10 +228,11 @@ void VkTorjanScan::scanBaseItem() {
     std::thread counter([&] {
         uint64_t entries = 0;
         auto ended = [&] { return isSearchStop_.load() || walkEnded.load(); };
-        for (const auto& root : roots) {
+        for (size_t i = 0; i < roots.size(); ++i) {
+            const std::string& root = roots[i];
             int error = 0;
-            RootKind kind = kindOfRoot(root, error);
-            if (kind == RootKind::file && !ours(root)) {
+            RootKind kind = ownRoots[i] ? RootKind::other : kindOfRoot(root, error);
+            if (kind == RootKind::file && !excluded(root)) {
                 ++entries;
             } else if (kind == RootKind::folder) {
                 // Paths are made only when some of them may be out of scope.
@@ -514,8 +527,13 @@ void VkTorjanScan::scanBaseItem() {
             return sendLookups() && pipeline.submit(settled, std::move(*candidate));
         };
 
-        for (const auto& root : roots) {
+        for (size_t i = 0; i < roots.size(); ++i) {
+            const std::string& root = roots[i];
             int error = 0;
+            if (ownRoots[i]) {
+                settle(Report::unlisted({root, Reason::ownData, 0}));
+                continue;
+            }
             switch (kindOfRoot(root, error)) {
                 case RootKind::missing:
                     break;
@@ -529,7 +547,7 @@ void VkTorjanScan::scanBaseItem() {
                     settle(Report::unlisted({root, Reason::notRegularFile, 0}));
                     break;
                 case RootKind::file:
-                    if (!ours(root))
+                    if (!excluded(root))
                         visit(-1, root.c_str(), root, DT_UNKNOWN);
                     break;
                 case RootKind::folder:

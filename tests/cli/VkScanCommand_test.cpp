@@ -129,6 +129,9 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorr
 
 TEST_F(VkScanCommandTest, ErrorsExitTwo) {
     std::string file = dir.write("plain", "x");
+    // Named inside the data folder, a file or a folder: never passed over in silence.
+    std::string own = dir.write("data/x/evil", "alpha-synthetic-sample");
+    const std::string ownReason = ": inside this program's data folder (never scanned) ERROR";
     const struct {
         std::vector<std::string> args;
         std::string inErr;
@@ -137,7 +140,9 @@ TEST_F(VkScanCommandTest, ErrorsExitTwo) {
                   {{"scan", "--full", "--quick"}, ""},
                   {{"scan", "--remove", "--trust", tree}, ""},
                   {{"--root", dir / "nope", "scan", tree}, ""},
-                  {{"--root", file, "scan", tree}, ""}};
+                  {{"--root", file, "scan", tree}, ""},
+                  {{"scan", own}, own + ownReason},
+                  {{"scan", dir / "data/x"}, dir / "data/x" + ownReason}};
     for (const auto& c : errors)
         EXPECT_THAT(runExpect(2, c.args).err, HasSubstr(c.inErr));
     auto none = vkRunProgram(kProgram, {"--data-dir", file + "/data", "scan", tree},
