@@ -47,6 +47,10 @@ class VkScanPipeline {
         std::vector<std::shared_ptr<VkTorjanResultItems>> members;
         std::vector<VkNotExamined> memberSkips;
         bool progress = true;  // false: a folder that could not be read, no progress line
+        // A file (or a link to one) counted as judged when it was looked at, to be taken
+        // back when `skipped` says it was not examined after all; never a folder, a FIFO, a
+        // socket or a device.
+        bool judged = false;
     };
     // A file the walk could not settle by its attributes: opened once, with the attributes
     // the walk read before opening it.

@@ -170,7 +170,8 @@ class VkTorjanScan {
 
     // The roots of the full scan (paths on this machine).
     const std::vector<std::string>& defaultScanPaths() const { return defaultScanPaths_; }
-    // Files handed to checkTorjan by the running or last walk.
+    // Regular files and links to files the running or last walk judged, not counting those
+    // reported as not examined (nor FIFOs, sockets or devices, never judged).
     uint64_t filesJudged() const { return filesJudged_.load(); }
     // Paths of the running or last walk reported through scanNotExamined.
     uint64_t notExaminedCount() const { return notExamined_.load(); }

@@ -261,7 +261,9 @@ void VkTorjanScan::scanBaseItem() {
     // What an entry's attributes settle before anything is read, for the walk and the judges
     // alike: a folder; a link, which counts as judged (and is refused) when it leads to
     // something that is no folder; a device's node, never opened (reading one can block or
-    // have side effects). True when settled; `judged` says whether it counted as judged.
+    // have side effects). True when settled; `judged` says whether it is paced as a judged
+    // file. Only regular files and such links are counted as judged (report.judged), and
+    // taken back from the count when their report says they were not examined after all.
     auto settledByAttributes = [&](int folderFd, const char* at, const std::string& path,
                                    const struct stat& st, Report& report, bool& judged) {
         judged = false;
@@ -270,12 +272,15 @@ void VkTorjanScan::scanBaseItem() {
         if (S_ISLNK(st.st_mode)) {
             struct stat target {};
             judged = ::fstatat(folderFd, at, &target, 0) == 0 && !S_ISDIR(target.st_mode);
+            report.judged = judged;
             if (judged)
                 filesJudged_.fetch_add(1);
             return true;
         }
         judged = true;
-        filesJudged_.fetch_add(1);
+        report.judged = S_ISREG(st.st_mode);
+        if (report.judged)
+            filesJudged_.fetch_add(1);
         if (path.rfind("/dev/", 0) != 0)
             return false;
         if (S_ISREG(st.st_mode))
@@ -586,6 +591,7 @@ void VkTorjanScan::scanBaseItem() {
     // swapped meanwhile (for a link, a FIFO, another file) is not examined, never clean.
     auto judgeCandidate = [&](VkScanPipeline::Candidate& candidate) {
         Report report(candidate.path);
+        report.judged = true;
         struct stat opened {};
         int failure = 0;
         if (::fstat(candidate.fd.get(), &opened) != 0 || opened.st_dev != candidate.walked.st_dev ||
@@ -684,6 +690,10 @@ void VkTorjanScan::scanBaseItem() {
             // Read afresh: a scan started meanwhile puts its delegate in place, and the last
             // reports of this walk go to it.
             auto scanDelegate = delegate();
+            // Counted when looked at, so that the count climbs with the walk; taken back for
+            // what could not be examined after all.
+            if (report.judged && report.skipped)
+                filesJudged_.fetch_sub(1);
             if (report.result && scanDelegate)
                 scanDelegate->addTorjanPath(report.result);
             if (report.skipped)

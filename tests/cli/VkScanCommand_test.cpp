@@ -349,6 +349,7 @@ TEST_F(VkScanCommandTest, UnreadableFilesAndFoldersAreNotExaminedForANormalUser)
     EXPECT_THAT(r.err, HasSubstr(locked + ": Permission denied ERROR"));
     EXPECT_THAT(r.err, HasSubstr(dir / "root/tree/secret: Permission denied ERROR"));
     EXPECT_THAT(r.out, HasSubstr("Not examined:  2"));
+    EXPECT_THAT(r.out, HasSubstr("Files judged:  4")) << "the locked file was never judged";
     EXPECT_THAT(r.out, HasSubstr(alpha + ": Test.Alpha FOUND"));
 }
 
