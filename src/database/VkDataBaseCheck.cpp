@@ -1,5 +1,6 @@
 #include "database/VkDataBaseCheck.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -96,6 +97,12 @@ VkResult<VkSqliteDb> openChecked(const std::string& path) {
     auto db = openReadOnly(path);
     if (!db)
         return db;
+    // pragma table_info answers for a view too; a view may never end.
+    if (std::string problem = VkDataBaseCheck::tablesProblem(db->get()); !problem.empty()) {
+        if (problem.find("not a database") != std::string::npos)
+            return VkError{path + ": not an SQLite database"};
+        return VkError{path + ": not a signature database (" + problem + ")"};
+    }
     if (auto r = checkTable(db->get(), path, "description", kDescriptionColumns); !r)
         return VkError{r.error()};
     if (auto r = checkTable(db->get(), path, "test", kTestColumns); !r)
@@ -230,6 +237,40 @@ class RowChecker {
 
 }  // namespace
 
+std::string VkDataBaseCheck::tablesProblem(sqlite3* db) {
+    VkSqliteStatement stmt;
+    if (sqlite3_prepare_v2(db, "select type from sqlite_master where name = ?", -1, stmt.out(),
+                           nullptr) != SQLITE_OK)
+        return sqlite3_errmsg(db);
+    for (const char* table : {"description", "test"}) {
+        sqlite3_reset(stmt.get());
+        sqlite3_bind_text(stmt.get(), 1, table, -1, SQLITE_STATIC);
+        int rc = sqlite3_step(stmt.get());
+        if (rc == SQLITE_DONE)
+            return std::string("no table `") + table + "`";
+        if (rc != SQLITE_ROW)
+            return sqlite3_errmsg(db);
+        const unsigned char* type = sqlite3_column_text(stmt.get(), 0);
+        std::string kind = type ? reinterpret_cast<const char*>(type) : "";
+        if (kind != "table")
+            return std::string("`") + table + "` is a " + kind + ", not a table";
+    }
+    return "";
+}
+
+std::string VkDataBaseCheck::pagesProblem(sqlite3* db) {
+    VkSqliteStatement stmt;
+    if (sqlite3_prepare_v2(db, "pragma quick_check(1)", -1, stmt.out(), nullptr) != SQLITE_OK ||
+        sqlite3_step(stmt.get()) != SQLITE_ROW)
+        return std::string("cannot read: ") + sqlite3_errmsg(db);
+    const unsigned char* answer = sqlite3_column_text(stmt.get(), 0);
+    std::string result = answer ? reinterpret_cast<const char*>(answer) : "";
+    if (result == "ok")
+        return "";
+    std::replace(result.begin(), result.end(), '\n', ' ');
+    return "damaged: " + result;
+}
+
 bool VkDataBaseCheck::isHashText(const std::string& text) {
     if (text.size() != 32)
         return false;
@@ -244,6 +285,8 @@ VkResult<void> VkDataBaseCheck::checkFormat(const std::string& path) {
     auto db = openChecked(path);
     if (!db)
         return VkError{db.error()};
+    if (std::string problem = pagesProblem(db->get()); !problem.empty())
+        return VkError{path + ": " + problem};
     return VkResult<void>::success();
 }
 

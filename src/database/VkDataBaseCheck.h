@@ -6,6 +6,8 @@
 
 #include "platform/VkResult.h"
 
+struct sqlite3;
+
 // Read-only inspection of a signature database file for the signature author's tool.
 // Unlike VkSqliteManager, which creates missing tables in whatever SQLite file it opens,
 // nothing here creates or changes a file.
@@ -26,6 +28,13 @@ class VkDataBaseCheck {
     // kill-list entries that a load drops, unknown codes and "d" entries removal refuses,
     // values stored with unexpected types, description rows.
     static VkResult<std::vector<Problem>> verify(const std::string& path);
+
+    // Why an open file's `description` and `test` are not both plain tables ("" when they
+    // are): a view or a missing table. Reads only sqlite_master.
+    static std::string tablesProblem(sqlite3* db);
+    // Why the open file's pages do not hold together ("" when they do): a damaged page reads
+    // as the end of a table, so a file read in part would pass for whole.
+    static std::string pagesProblem(sqlite3* db);
 
     // True for the lower-case hex text of an MD5 hash (hash type 0, which all matching uses).
     static bool isHashText(const std::string& text);

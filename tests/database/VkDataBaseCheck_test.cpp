@@ -6,6 +6,7 @@
 #include "database/VkSqliteManager.h"
 #include "fakes/VkTempDir.h"
 #include "fakes/VkTestSignatures.h"
+#include "platform/VkFileUtil.h"
 
 namespace {
 
@@ -43,6 +44,24 @@ TEST_F(VkDataBaseCheckTest, RefusesOtherFilesAndReportsRowsThatWillNotReadAsMean
     std::string wrong = dir / "wrong.sql";
     VkRawDb(wrong).exec("create table description(name, version); create table test(name, code)");
     EXPECT_NE(error(wrong).find("table `test` has columns name, code"), std::string::npos);
+    // A view answers table_info like a table, and a recursive one never ends.
+    std::string viewed = dir / "viewed.sql";
+    VkRawDb(viewed).exec(
+        "create table description(name, version); create view test as with recursive c(x) as "
+        "(select 1 union all select x + 1 from c) select x as name, 1 as detail, 1 as level, "
+        "1 as version, 1 as filesize, 1 as headecode, 1 as code, 1 as kill from c");
+    EXPECT_NE(error(viewed).find("`test` is a view, not a table"), std::string::npos);
+    // A damaged page would read as the end of the table: the file is refused whole.
+    std::string damaged = dir / "damaged.sql";
+    VkRawDb(damaged).exec(
+        "create table description(name, version); create table test(name, detail, level, "
+        "version, filesize, headecode, code, kill); insert into test(name) select "
+        "randomblob(500) from (with recursive c(x) as (select 1 union all select x + 1 from c "
+        "where x < 100) select x from c)");
+    std::string bytes = *VkFile::readAll(damaged);
+    bytes[bytes.size() - 4096] = '\xFF';
+    VkFile::writeAtomically(damaged, bytes, 0600);
+    EXPECT_NE(error(damaged).find("damaged"), std::string::npos) << error(damaged);
 
     // A sound database passes; rows that will not read as meant are reported.
     makeDatabase();
