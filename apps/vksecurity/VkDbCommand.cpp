@@ -16,16 +16,22 @@ struct Listed {
     std::optional<std::string> name;
     std::optional<std::string> version;
     bool readable = false;
+    std::string problem;  // why it is not readable, when it is a file that failed to read
 };
 
-std::vector<Listed> describe(VkSqliteManager& store, const std::vector<std::string>& paths) {
+// Every page is checked: a listing must not vouch for a file a scan would read in part.
+std::vector<Listed> describe(const std::vector<std::string>& paths, size_t& failed) {
     std::vector<Listed> out;
     for (const auto& path : paths) {
-        Listed item{path, std::nullopt, std::nullopt, false};
-        if (auto info = store.dataBaseForPath(path)) {
+        Listed item{path, std::nullopt, std::nullopt, false, {}};
+        auto info = VkSqliteManager::checkedInfoForPath(path);
+        if (!info) {
+            item.problem = info.error();
+            ++failed;
+        } else if (*info) {
             item.readable = true;
-            item.name = info->name();
-            item.version = info->version();
+            item.name = (*info)->name();
+            item.version = (*info)->version();
         }
         out.push_back(std::move(item));
     }
@@ -38,6 +44,8 @@ nlohmann::json toJson(const std::vector<Listed>& list) {
         nlohmann::json j = {{"name", item.name ? nlohmann::json(*item.name) : nullptr},
                             {"version", item.version ? nlohmann::json(*item.version) : nullptr},
                             {"readable", item.readable}};
+        if (!item.problem.empty())
+            j["problem"] = vkCliText(item.problem);
         vkJsonSetPath(j, "path", item.path);
         vkJsonSetPath(j, "file", VkFile::lastPathComponent(item.path));
         out.push_back(std::move(j));
@@ -52,7 +60,8 @@ void print(const char* title, const std::string& folder, const std::vector<Liste
     for (const auto& item : list) {
         std::string file = vkCliText(VkFile::lastPathComponent(item.path));
         if (!item.readable)
-            std::printf("  %-24s (not a readable signature database)\n", file.c_str());
+            std::printf("  %-24s (not a readable signature database%s%s)\n", file.c_str(),
+                        item.problem.empty() ? "" : ": ", vkCliText(item.problem).c_str());
         else
             std::printf("  %-24s %s %s\n", file.c_str(), vkCliText(item.name.value_or("?")).c_str(),
                         vkCliText(item.version.value_or("?")).c_str());
@@ -75,9 +84,13 @@ static VkCliCommand registration(510, [](CLI::App& app, VkCli& cli) {
             return vkCliFail(cli, "cannot read the signature database folder " + ctx->dataFolder);
         VkSqliteManager store(ctx);
         std::string packagedFolder = VkFile::join(ctx->resourceFolder, "trojanDB");
-        auto installed = describe(store, store.dataBasePaths());
-        auto staged = describe(store, store.dataBaseTempPaths());
-        auto packaged = describe(store, VkSqliteManager::contentFilesOfPath(packagedFolder));
+        size_t failed = 0;
+        auto installed = describe(store.dataBasePaths(), failed);
+        auto staged = describe(store.dataBaseTempPaths(), failed);
+        auto packaged = describe(VkSqliteManager::contentFilesOfPath(packagedFolder), failed);
+        // A file that cannot be read is an error, as it is to a scan.
+        if (failed > 0)
+            cli.exitCode = kExitError;
         if (cli.json) {
             nlohmann::json out = {{"installed", toJson(installed)},
                                   {"staged", toJson(staged)},

@@ -541,6 +541,9 @@ void runScan(VkCli& cli, const ScanOptions& options) {
     }
     // Loaded by the walk itself; a walk that had none examined nothing.
     bool noSignatures = !options.quick && signatures == 0 && !interrupted;
+    // A database read in part (damaged, locked, a view, a link) was told as it failed; the
+    // files were judged without all of its records, so the scan is not complete.
+    size_t failedDatabases = options.quick ? 0 : center->lastFailedDatabases().size();
     if (cli.json) {
         nlohmann::json j = {{"type", "summary"},
                             {"scan", kind},
@@ -578,10 +581,13 @@ void runScan(VkCli& cli, const ScanOptions& options) {
     std::fflush(stdout);
     if (noSignatures)
         vkCliFail(cli, noSignaturesMessage(*ctx));
+    if (failedDatabases > 0)
+        std::fprintf(stderr, "vksecurity: %zu signature database(s) not read (see above)\n",
+                     failedDatabases);
     if (interrupted) {
         // Whatever was found: the files the scan did not reach are vouched for by nobody.
         cli.exitCode = kExitInterrupted;
-    } else if (!cleaned || notExamined > 0 || noSignatures) {
+    } else if (!cleaned || notExamined > 0 || noSignatures || failedDatabases > 0) {
         cli.exitCode = kExitError;
     } else if (found > 0) {
         cli.exitCode = kExitFound;

@@ -44,6 +44,9 @@ VkResult<std::unique_ptr<VkSqliteManager>> vkSigOpenExisting(const std::string& 
         return VkError{path +
                        ": cannot be opened as a signature database (the name must end "
                        "in \".sql\")"};
+    // Damaged after the check, or locked by a writer: a part is not the file.
+    if (!manager->readError().empty())
+        return VkError{path + ": cannot read: " + manager->readError()};
     return manager;
 }
 

@@ -37,9 +37,11 @@ VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
     // The signature store hands the scanner its records, read afresh at every scan.
     trjanScan_->setRecordLoader([this] {
         std::vector<std::pair<std::string, size_t>> loaded;
-        auto records = VkSqliteManager::loadAllRecords(context_, &loaded);
+        std::vector<std::pair<std::string, std::string>> failed;
+        auto records = VkSqliteManager::loadAllRecords(context_, &loaded, &failed);
         std::lock_guard lock(loadedMutex_);
         lastLoaded_ = std::move(loaded);
+        lastFailed_ = std::move(failed);
         return records;
     });
     addTorjanItems_ = updater ? std::move(updater) : std::make_shared<VkAddTorjanItems>(context_);
@@ -64,6 +66,11 @@ VkTorjanCenter::~VkTorjanCenter() {
 std::vector<std::pair<std::string, size_t>> VkTorjanCenter::lastLoadedDatabases() const {
     std::lock_guard lock(loadedMutex_);
     return lastLoaded_;
+}
+
+std::vector<std::pair<std::string, std::string>> VkTorjanCenter::lastFailedDatabases() const {
+    std::lock_guard lock(loadedMutex_);
+    return lastFailed_;
 }
 
 std::shared_ptr<VkTorjanCenter> VkTorjanCenter::shareCenter() {

@@ -76,6 +76,9 @@ class VkTorjanCenter {
     // The database files the last scan loaded its records from, each with its record
     // count (files that could not be opened are left out).
     std::vector<std::pair<std::string, size_t>> lastLoadedDatabases() const;
+    // The database files the last scan could not read to their end, each with the reason:
+    // the scan did not judge with all of their records.
+    std::vector<std::pair<std::string, std::string>> lastFailedDatabases() const;
 
     VkTorjanScan& trjanScan() { return *trjanScan_; }
     VkAddTorjanItems& addTorjanItems() { return *addTorjanItems_; }
@@ -90,6 +93,7 @@ class VkTorjanCenter {
     std::shared_ptr<VkContext> context_;
     mutable std::mutex loadedMutex_;
     std::vector<std::pair<std::string, size_t>> lastLoaded_;
+    std::vector<std::pair<std::string, std::string>> lastFailed_;
     std::shared_ptr<VkQuarantineFileManager> quarantine_;
     std::unique_ptr<VkTorjanScan> trjanScan_;
     std::shared_ptr<VkAddTorjanItems> addTorjanItems_;

@@ -1,12 +1,15 @@
 #include "database/VkSqliteManager.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <set>
 #include <string_view>
+#include <sys/stat.h>
 #include <utility>
 
+#include "database/VkDataBaseCheck.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkKeyedArchiver.h"
 
@@ -225,6 +228,11 @@ void bindBlob(VkSqliteStatement& stmt, int index, const std::optional<std::strin
     sqlite3_bind_blob(stmt.get(), index, kept.data(), static_cast<int>(kept.size()), SQLITE_STATIC);
 }
 
+VkSqliteManager::ErrorSink& errorSinkRef() {
+    static VkSqliteManager::ErrorSink sink;
+    return sink;
+}
+
 // The readers use the plain prepare call, the writers the v2 one, as they always have.
 bool prepareRead(sqlite3* db, const char* sql, VkSqliteStatement& stmt) {
     return sqlite3_prepare(db, sql, -1, stmt.out(), nullptr) == SQLITE_OK && stmt;
@@ -242,6 +250,46 @@ VkSqliteDb openConnection(const std::string& path) {
     if (rc != SQLITE_OK)
         handle.reset();
     return handle;
+}
+
+// Long enough for a writer's commit, short enough that a held lock cannot stall a scan.
+constexpr int kBusyMilliseconds = 5000;
+
+// A connection that only reads a file of the data folder, which anyone able to write there
+// may have crafted: no file is created or changed, a link in its place is not followed, and
+// neither views nor triggers run (a recursive view would never end). Both tables must be
+// plain tables.
+VkResult<VkSqliteDb> openForReading(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0)
+        return VkError{std::strerror(errno)};
+    if (S_ISLNK(st.st_mode))
+        return VkError{"a symbolic link, not followed"};
+    if (!S_ISREG(st.st_mode))
+        return VkError{"not a regular file"};
+    sqlite3* raw = nullptr;
+    int rc =
+        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr);
+    VkSqliteDb db(raw);
+    if (rc != SQLITE_OK)
+        return VkError{raw ? sqlite3_errmsg(raw) : "out of memory"};
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    sqlite3_busy_timeout(raw, kBusyMilliseconds);
+    if (std::string problem = VkDataBaseCheck::tablesProblem(raw); !problem.empty())
+        return VkError{problem};
+    return db;
+}
+
+void tellError(const std::string& message) {
+    if (const VkSqliteManager::ErrorSink& sink = errorSinkRef()) {
+        sink(message);
+    } else {
+        std::printf("errorMsg %s", message.c_str());
+        std::fflush(stdout);
+    }
 }
 
 }  // namespace
@@ -265,21 +313,13 @@ std::vector<std::string> VkSqliteManager::contentFilesOfPath(const std::string& 
     return paths;
 }
 
-namespace {
-
-VkSqliteManager::ErrorSink& errorSink() {
-    static VkSqliteManager::ErrorSink sink;
-    return sink;
-}
-
-}  // namespace
-
 void VkSqliteManager::setErrorSink(ErrorSink sink) {
-    errorSink() = std::move(sink);
+    errorSinkRef() = std::move(sink);
 }
 
 VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(
-    std::shared_ptr<VkContext> context, std::vector<std::pair<std::string, size_t>>* perFile) {
+    std::shared_ptr<VkContext> context, std::vector<std::pair<std::string, size_t>>* perFile,
+    std::vector<std::pair<std::string, std::string>>* failed) {
     VkTorjanRecordList::Items result;
     VkSqliteManager manager(std::move(context));
     std::shared_ptr<VkDataBaseInfo> previous;
@@ -290,18 +330,32 @@ VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(
     size_t heldCount = 0;
     for (const std::string& path : manager.dataBasePaths()) {
         manager.closeDataBase();
-        manager.ppDb_ = openConnection(path);
-        if (!manager.ppDb_) {
-            result.appendAgain(heldFirst, heldCount);
-            continue;
-        }
-        manager.readDescription();
-        size_t before = result.size();
-        if (std::optional<size_t> read = manager.readStoredItems(result)) {
-            heldFirst = before;
-            heldCount = *read;
+        manager.readError_.clear();
+        if (auto opened = openForReading(path)) {
+            manager.ppDb_ = std::move(*opened);
+            manager.readDescription();
+            size_t before = result.size();
+            std::optional<size_t> read;
+            if (manager.readError_.empty())
+                read = manager.readStoredItems(result);
+            if (read && manager.readError_.empty()) {
+                heldFirst = before;
+                heldCount = *read;
+            } else if (!read) {
+                result.appendAgain(heldFirst, heldCount);
+            }
         } else {
+            manager.readError_ = opened.error();
             result.appendAgain(heldFirst, heldCount);
+        }
+        // What a file cut short gave is kept (it can only add findings), but the file is not
+        // counted as loaded: a scan must not pass for complete on a part of it.
+        if (!manager.readError_.empty()) {
+            tellError(path + ": not read: " + manager.readError_);
+            if (failed)
+                failed->emplace_back(path, manager.readError_);
+            manager.closeDataBase();
+            continue;
         }
         auto info = manager.currentDataBaseInfo();
         if (perFile && info && info != previous)
@@ -320,13 +374,8 @@ VkTorjanRecordList::Items VkSqliteManager::loadAllRecords(
 std::optional<size_t> VkSqliteManager::readStoredItems(VkTorjanRecordList::Items& into) {
     VkSqliteStatement stmt;
     if (!prepareRead(ppDb_.get(), kSelectTest, stmt)) {
-        stmt.finalize();
-        bool created = false;
-        createTable(kCreateTest, &created);
-        // Not even creatable: the previous file's records stay (see readItems).
-        if (!created)
-            return std::nullopt;
-        return 0;
+        readError_ = sqlite3_errmsg(ppDb_.get());
+        return std::nullopt;
     }
     {
         // Sized once, so that a million rows are not copied while the array grows.
@@ -339,11 +388,19 @@ std::optional<size_t> VkSqliteManager::readStoredItems(VkTorjanRecordList::Items
         }
     }
     size_t read = 0;
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+    int rc;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         into.appendStored(storedFromRow(stmt.get()));
         ++read;
     }
+    noteStepEnd(rc);
     return read;
+}
+
+void VkSqliteManager::noteStepEnd(int rc) {
+    // A damaged page or an I/O error ends the rows as the end of the table would.
+    if (rc != SQLITE_DONE && readError_.empty())
+        readError_ = sqlite3_errmsg(ppDb_.get());
 }
 
 std::vector<std::string> VkSqliteManager::dataBasePaths() const {
@@ -354,22 +411,41 @@ std::vector<std::string> VkSqliteManager::dataBaseTempPaths() const {
     return contentFilesOfPath(ctx_->dataPath("temp"));
 }
 
-std::shared_ptr<VkDataBaseInfo> VkSqliteManager::dataBaseForPath(const std::string& path) {
-    // Uses the manager's own connection field: whatever was open is closed.
-    closeDataBase();
-    ppDb_ = openConnection(path);
-    if (!ppDb_)
-        return nullptr;
-    std::shared_ptr<VkDataBaseInfo> info;
-    {
-        VkSqliteStatement stmt;
-        if (prepareRead(ppDb_.get(), kSelectDescription, stmt)) {
-            while (sqlite3_step(stmt.get()) == SQLITE_ROW)
-                info = infoFromRow(stmt.get());  // the last row wins
-        }
+namespace {
+
+VkResult<std::shared_ptr<VkDataBaseInfo>> readInfo(const std::string& path, bool checkPages) {
+    auto opened = openForReading(path);
+    if (!opened)
+        return VkError{opened.error()};
+    sqlite3* db = opened->get();
+    if (checkPages) {
+        if (std::string problem = VkDataBaseCheck::pagesProblem(db); !problem.empty())
+            return VkError{problem};
     }
-    closeDataBase();
+    std::shared_ptr<VkDataBaseInfo> info;
+    VkSqliteStatement stmt;
+    if (!prepareRead(db, kSelectDescription, stmt))
+        return VkError{sqlite3_errmsg(db)};
+    int rc;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
+        info = infoFromRow(stmt.get());  // the last row wins
+    if (rc != SQLITE_DONE)
+        return VkError{sqlite3_errmsg(db)};
     return info;
+}
+
+}  // namespace
+
+std::shared_ptr<VkDataBaseInfo> VkSqliteManager::dataBaseForPath(const std::string& path) {
+    // Whatever the manager had open is closed.
+    closeDataBase();
+    auto info = readInfo(path, false);
+    return info ? *info : nullptr;
+}
+
+VkResult<std::shared_ptr<VkDataBaseInfo>> VkSqliteManager::checkedInfoForPath(
+    const std::string& path) {
+    return readInfo(path, true);
 }
 
 void VkSqliteManager::openDataBase(const std::string& path) {
@@ -379,6 +455,7 @@ void VkSqliteManager::openDataBase(const std::string& path) {
     ppDb_ = openConnection(path);
     if (!ppDb_)
         return;
+    readError_.clear();
     readDescription();
     readItems(path);
 }
@@ -387,12 +464,19 @@ void VkSqliteManager::readDescription() {
     VkSqliteStatement stmt;
     if (!prepareRead(ppDb_.get(), kSelectDescription, stmt)) {
         stmt.finalize();
+        // A reading connection creates nothing: the file is unreadable.
+        if (sqlite3_db_readonly(ppDb_.get(), "main") == 1) {
+            readError_ = sqlite3_errmsg(ppDb_.get());
+            return;
+        }
         createTable(kCreateDescription, nullptr);
         return;
     }
     dataBaseInfo_.reset();
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+    int rc;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
         dataBaseInfo_ = infoFromRow(stmt.get());  // the last row wins
+    noteStepEnd(rc);
 }
 
 void VkSqliteManager::readItems(const std::string& path) {
@@ -414,7 +498,8 @@ void VkSqliteManager::readItems(const std::string& path) {
     size_t unreadable = 0;
     std::string first;
     std::string firstDropped;
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+    int rc;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         std::string killProblem;
         auto item = itemFromRow(stmt.get(), killProblem);
         TorjanItemArray_.push_back(item);
@@ -428,6 +513,7 @@ void VkSqliteManager::readItems(const std::string& path) {
             droppedKillEntries_ += kills->droppedCount();
         }
     }
+    noteStepEnd(rc);
     if (!ctx_->systemLog)
         return;
     if (unreadable > 0) {
@@ -446,13 +532,7 @@ void VkSqliteManager::createTable(const char* statement, bool* created) {
     char* error = nullptr;
     int rc = sqlite3_exec(ppDb_.get(), statement, nullptr, nullptr, &error);
     if (rc != SQLITE_OK) {
-        const char* message = error ? error : sqlite3_errmsg(ppDb_.get());
-        if (const ErrorSink& sink = errorSink()) {
-            sink(message);
-        } else {
-            std::printf("errorMsg %s", message);
-            std::fflush(stdout);
-        }
+        tellError(error ? error : sqlite3_errmsg(ppDb_.get()));
     }
     sqlite3_free(error);
     if (created)

@@ -11,6 +11,7 @@
 #include "engine/VkTorjanItem.h"
 #include "engine/VkTorjanRecordList.h"
 #include "platform/VkContext.h"
+#include "platform/VkResult.h"
 
 // The signature database files: SQLite files with the extension "sql" holding a table
 // `description` (name and version) and a table `test` (one signature record per row, its
@@ -38,10 +39,14 @@ class VkSqliteManager {
     // All records of every signature database of the data folder, in folder-listing order,
     // read afresh: what a scan judges with. Their hashes are deciphered here, their names,
     // versions and details when a record is first read (a match, a listing). `perFile`, when given,
-    // receives each database file that opened with the number of records it gave.
+    // receives each database file that opened with the number of records it gave. The files
+    // are only read (no link followed, no view or trigger run, a lock waited on for a few
+    // seconds); one that cannot be read to its end is told to the error sink and, with its
+    // reason, to `failed`: what it gave before the error is kept, but it is not "loaded".
     static VkTorjanRecordList::Items loadAllRecords(
         std::shared_ptr<VkContext> context,
-        std::vector<std::pair<std::string, size_t>>* perFile = nullptr);
+        std::vector<std::pair<std::string, size_t>>* perFile = nullptr,
+        std::vector<std::pair<std::string, std::string>>* failed = nullptr);
     // Where the store's "errorMsg" lines go: standard output without a newline, as the
     // store has always written them, unless a program sets another sink (once, at start).
     using ErrorSink = std::function<void(const std::string& message)>;
@@ -52,10 +57,13 @@ class VkSqliteManager {
     std::vector<std::string> dataBaseTempPaths() const;
 
     // Name and version of the file (last description row), or nullptr when it cannot be
-    // opened or has no description. Creates an empty file where none exists (SQLite's default
-    // open) but no tables; leaves the manager with no open file and its items and description
-    // untouched.
+    // opened or read, or has no description. Read as loadAllRecords reads: nothing is created
+    // or written, and a link is not followed. Leaves the manager with no open file and its
+    // items and description untouched.
     std::shared_ptr<VkDataBaseInfo> dataBaseForPath(const std::string& path);
+    // The same, read the same way, after a check of every page of the file; the error says
+    // why the file is not a readable signature database (its description may be nullptr).
+    static VkResult<std::shared_ptr<VkDataBaseInfo>> checkedInfoForPath(const std::string& path);
     // Opens a ".sql" file (any other path changes nothing), creating missing tables, and reads
     // its description and every record into currentDataBaseInfo / TorjanItemArray. The file
     // stays open until closeDataBase, dataBaseForPath or the next openDataBase.
@@ -72,6 +80,9 @@ class VkSqliteManager {
     std::shared_ptr<VkDataBaseInfo> currentDataBaseInfo() const { return dataBaseInfo_; }
     // Kill-list entries of the file opened last that were malformed and left out at load.
     size_t droppedKillEntries() const { return droppedKillEntries_; }
+    // Why the file opened last could not be read to its end ("" when it could): its
+    // description and records then hold only what came before the error.
+    const std::string& readError() const { return readError_; }
 
     // Binds the item's eight columns to parameters 1..8 (the kill array as a keyed archive,
     // left NULL when the item has none) and returns 8, the last parameter bound.
@@ -107,13 +118,16 @@ class VkSqliteManager {
     // can, are logged and left out.
     void readItems(const std::string& path);
     // Appends every record of the open file to `into`, kept compact; the number read, or
-    // nullopt when the table could not even be created (the previous file's records stay).
+    // nullopt when the table cannot be read (the previous file's records stay).
     std::optional<size_t> readStoredItems(VkTorjanRecordList::Items& into);
     void createTable(const char* statement, bool* created);
+    // Keeps the reason when a row loop ended on anything but the end of its table.
+    void noteStepEnd(int rc);
 
     std::shared_ptr<VkContext> ctx_;
     VkSqliteDb ppDb_;
     std::vector<std::shared_ptr<VkTorjanItem>> TorjanItemArray_;
     std::shared_ptr<VkDataBaseInfo> dataBaseInfo_;
     size_t droppedKillEntries_ = 0;
+    std::string readError_;
 };

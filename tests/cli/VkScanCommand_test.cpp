@@ -118,10 +118,11 @@ TEST_F(VkScanCommandTest, ReportsExactlyThePlantedFilesAsTextAndJsonDespiteACorr
         "filesJudged": 4, "entries": 7, "notExamined": 0, "interrupted": false,
         "archiveMembers": 0, "archiveMembersDecompressed": 0})"));
 
-    // A corrupt database gives nothing; the packaged one is installed beside the test's.
+    // A corrupt database gives nothing and fails the scan, whatever was found; the packaged
+    // one is installed beside the test's.
     dir.write("data/corrupt.sql", "this is not a database");
-    j = runExpect(1, {"--json", "scan", tree});
-    EXPECT_THAT(j.err, HasSubstr("errorMsg"));
+    j = runExpect(2, {"--json", "scan", tree});
+    EXPECT_THAT(j.err, HasSubstr("corrupt.sql: not read: file is not a database"));
     auto last = jsonLines(j.out).back();
     EXPECT_EQ(last["databases"], json::array({"test.sql", "VkTrojanDB.sql"}));
     EXPECT_GE(last["signatures"].get<int>(), 3);

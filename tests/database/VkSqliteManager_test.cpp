@@ -1,7 +1,10 @@
 #include "database/VkSqliteManager.h"
 
 #include <filesystem>
+#include <functional>
+#include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "database/VkRawDb.h"
@@ -212,10 +215,11 @@ TEST_F(VkSqliteManagerTest, DescriptionForPathTakesTheLastRowAndLeavesNothingOpe
                          manager.currentDataBaseInfo(), openDescriptors()),
               std::tuple(false, 1u, nullptr, idle));
 
-    // No file there: SQLite's default open leaves an empty file, and there is no description.
+    // Only read: no file is made where none is, not even at the end of a link.
     std::string missing = dir / "missing.sql";
+    ASSERT_EQ(::symlink((dir / "made.db").c_str(), missing.c_str()), 0);
     EXPECT_EQ(manager.dataBaseForPath(missing), nullptr);
-    EXPECT_EQ(*VkFile::readAll(missing), "");
+    EXPECT_FALSE(VkFile::exists(dir / "made.db"));
 
     // Closing releases the file because every statement was finalized.
     manager.openDataBase(dbPath);
@@ -348,6 +352,79 @@ TEST_F(VkSqliteManagerTest, DescriptionIsAddedOnceAndUpdatedByName) {
 
 // A scan's load deciphers names only when a record is read; what it reads must be what the
 // eager reader gives, for the packaged database and for hostile rows alike.
+// A file the load cannot read to its end is named with its reason and not counted as
+// loaded (its first rows may be kept); the file is left as it was and the load goes on.
+TEST_F(VkSqliteManagerTest, TheScanLoadFailsEveryFileItCannotReadWhole) {
+    const std::string rows =
+        "insert into test(name, filesize, code) select hex(randomblob(300)), 5, X'6162' from "
+        "(with recursive c(x) as (select 1 union all select x + 1 from c where x < 200) "
+        "select x from c)";
+    struct Case {
+        const char* name;
+        std::function<void(const std::string& path, std::unique_ptr<VkRawDb>& holder)> make;
+        std::string reason;
+    } cases[] = {
+        {"damaged page",
+         [&](const std::string& path, auto&) {
+             VkRawDb(path).exec(rows);
+             std::string bytes = *VkFile::readAll(path);
+             bytes[bytes.size() - 4096] = '\xFF';  // the page type of the last leaf
+             VkFile::writeAtomically(path, bytes, 0600);
+         },
+         "malformed"},
+        {"locked by a writer",
+         [&](const std::string& path, auto& holder) {
+             holder = std::make_unique<VkRawDb>(path);
+             holder->exec("begin exclusive; insert into description values('x', '1')");
+         },
+         "database is locked"},
+        {"recursive view",
+         [&](const std::string& path, auto&) {
+             VkRawDb(path).exec(
+                 "drop table test; create view test as with recursive c(x) as (select 1 union "
+                 "all select x + 1 from c) select x as name, 1, 1, 1, 5, 1, 1, 1 from c");
+         },
+         "`test` is a view, not a table"},
+        {"link to a foreign file",
+         [&](const std::string& path, auto&) {
+             VkRawDb(dir / "foreign.db").exec("create table other(x)");
+             ::unlink(path.c_str());
+             ASSERT_EQ(::symlink((dir / "foreign.db").c_str(), path.c_str()), 0);
+         },
+         "a symbolic link, not followed"},
+    };
+    VkFile::createDirectory(ctx->dataFolder, true);
+    VkSqliteManager writer(ctx);
+    writer.openDataBase(ctx->dataPath("a.sql"));
+    writer.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("A", "1"));
+    writer.addItemToDataBase(makeItem("good", "c"));
+    writer.closeDataBase();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string path = ctx->dataPath("b.sql");
+        ::unlink(path.c_str());
+        writer.openDataBase(path);
+        writer.addDataBaseInfo(std::make_shared<VkDataBaseInfo>("B", "1"));
+        writer.closeDataBase();
+        std::unique_ptr<VkRawDb> holder;
+        c.make(path, holder);
+        std::vector<std::pair<std::string, size_t>> loaded;
+        std::vector<std::pair<std::string, std::string>> failed;
+        testing::internal::CaptureStdout();
+        VkSqliteManager::loadAllRecords(ctx, &loaded, &failed);
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("b.sql: not read"));
+        EXPECT_EQ(loaded,
+                  (std::vector<std::pair<std::string, size_t>>{{ctx->dataPath("a.sql"), 1}}));
+        EXPECT_EQ(failed.size(), 1u);
+        if (failed.empty())
+            continue;
+        EXPECT_EQ(failed[0].first, path);
+        EXPECT_THAT(failed[0].second, testing::HasSubstr(c.reason));
+    }
+    EXPECT_EQ(VkRawDb(dir / "foreign.db").column("select name from sqlite_master"),
+              Strings{"other"});
+}
+
 TEST_F(VkSqliteManagerTest, TheScanLoadReadsEveryRecordAsTheEagerReaderDoes) {
     std::string md5 = "0123456789abcdef0123456789abcdef";
     std::string withNul = *vkEncryptString("Evil.A") + std::string(1, '\0') + "tail";
