@@ -30,6 +30,8 @@ const char* actionWord(Action action) {
             return "unwritten";
         case Action::Unverifiable:
             return "skipped";
+        case Action::NotTaken:
+            return "removed";
     }
     return "?";
 }
@@ -53,6 +55,7 @@ std::string explain(const VkUpdateReport::Entry& e) {
         case Action::DownloadFailed:
         case Action::ChecksumMismatch:
         case Action::WriteFailed:
+        case Action::NotTaken:
             return e.detail;
     }
     return "";

@@ -366,6 +366,25 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     const bool delivered = std::none_of(report.entries.begin(), report.entries.end(), [](auto& e) {
         return e.action == VkUpdateReport::Action::ChecksumMismatch;
     });
+    if (signedManifest && !delivered) {
+        // Its verified downloads are vouched for by nothing kept: removed here, with the
+        // reason, rather than later as if the staging folder had been tampered with.
+        std::string mismatched;
+        for (const auto& e : report.entries) {
+            if (e.action == VkUpdateReport::Action::ChecksumMismatch)
+                mismatched += (mismatched.empty() ? "" : ", ") + e.webpath;
+        }
+        for (auto& e : report.entries) {
+            if (e.action != VkUpdateReport::Action::Downloaded)
+                continue;
+            ::unlink(e.stagedPath.c_str());
+            e.action = VkUpdateReport::Action::NotTaken;
+            e.detail = "verified, but removed: the manifest (serial " +
+                       std::to_string(fetched->serial.value_or(0)) + ") was not taken, " +
+                       mismatched + " not being the file it lists";
+            e.stagedPath.clear();
+        }
+    }
     if (signedManifest && delivered) {
         keepSignedManifest(*fetched);
         VkFile::writeAtomically(ctx_->dataPath(kSerialFileName), std::to_string(*fetched->serial),

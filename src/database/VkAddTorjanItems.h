@@ -52,6 +52,7 @@ struct VkUpdateReport {
         ChecksumMismatch,  // discarded: not the file that "sha256" names
         WriteFailed,       // could not be written into the staging folder
         Unverifiable,      // skipped: the signed manifest gives no SHA-256 and size for it
+        NotTaken,          // verified, then removed: another entry of its manifest did not match
     };
     struct Entry {
         std::string name;

@@ -20,6 +20,7 @@
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 class VkSigPublishTest : public ::testing::Test {
   protected:
@@ -188,6 +189,20 @@ TEST_F(VkSigPublishTest, TamperedUpdatesAreRefusedAndChangeNothing) {
     // The next check fetches the publisher's file again and installs it.
     ok("vksecurity", {"update", "--server", url()});
     EXPECT_TRUE(*VkFile::readAll(dir / "data/Mine.sql") == *VkFile::readAll(v2));
+
+    // Two databases, one served changed: the other is verified, then removed for that reason.
+    std::string v3 = dir.mkdir("v3") + "/Mine.sql", two = dir.mkdir("two") + "/Two.sql";
+    ok("vksig", {"create", v3, "--name", "Mine", "--version", "3"});
+    ok("vksig", {"create", two, "--name", "Two", "--version", "1"});
+    std::filesystem::remove_all(dir / "www");
+    ok("vksig", {"publish", dir / "www", two, v3, "--serial", "400", "--key", key});
+    flip("Mine.sql");
+    auto partly = run("vksecurity", {"update", "--server", url()});
+    EXPECT_EQ(partly.exitCode, 2);
+    EXPECT_THAT(partly.out, HasSubstr("Two 1: verified, but removed: the manifest (serial 400) "
+                                      "was not taken, Mine.sql not being the file it lists"));
+    EXPECT_THAT(partly.err, Not(HasSubstr("Two.sql: deleted")));
+    EXPECT_FALSE(VkFile::exists(dir / "data/temp/Two.sql") || VkFile::exists(dir / "data/Two.sql"));
 }
 
 // Runs that must fail: exit code 2 with the reason, no manifest published, nothing installed.
