@@ -3,8 +3,11 @@
 #include <cctype>
 
 #include "VkSig.h"
+#include "support/VkCliOutput.h"
 
 namespace {
+
+constexpr size_t kMaxNameBytes = 1024;
 
 bool isDecimal(const std::string& s) {
     if (s.empty() || s.size() > 19)
@@ -49,6 +52,13 @@ VkResult<VkHdbRecord> vkSigParseHdbLine(const std::string& line) {
     record.name = fields[2];
     if (record.name.empty())
         return VkError{"no name"};
+    // Enciphered into the file and shown by every report: it must read back as it was.
+    if (record.name.find('\0') != std::string::npos)
+        return VkError{"the name holds a NUL byte"};
+    if (!vkIsUtf8(record.name))
+        return VkError{"the name is not UTF-8"};
+    if (record.name.size() > kMaxNameBytes)
+        return VkError{"the name is longer than " + std::to_string(kMaxNameBytes) + " bytes"};
     for (size_t i = 3; i < fields.size(); ++i) {
         if (!fields[i].empty() && !isDecimal(fields[i]))
             return VkError{"unexpected field \"" + fields[i] + "\" after the name"};

@@ -144,11 +144,16 @@ TEST_F(VksigTest, ImportsHashListsAndSkipsWhatCannotMatch) {
 
     // One malformed line: told where, and nothing is written.
     std::string bad =
-        dir.write("bad.hdb", md5("c") + ":5:Fine\nnot-a-hash:5:Bad\n" + md5("d") + ":*:Wild\n");
+        dir.write("bad.hdb", md5("c") + ":5:Fine\nnot-a-hash:5:Bad\n" + md5("d") + ":*:Wild\n" +
+                                 md5("e") + std::string(":5:\0Nul\n", 8) + md5("f") + ":5:\xff\n" +
+                                 md5("g") + ":5:" + std::string(2 << 20, 'n') + "\n");
     r = vksig({"import-hdb", db, bad});
     EXPECT_EQ(r.exitCode, 2);
     EXPECT_THAT(r.err, HasSubstr("bad.hdb:2: \"not-a-hash\" is not an MD5 hash"));
     EXPECT_THAT(r.err, HasSubstr("bad.hdb:3: a wildcard size"));
+    EXPECT_THAT(r.err, HasSubstr("bad.hdb:4: the name holds a NUL byte"));
+    EXPECT_THAT(r.err, HasSubstr("bad.hdb:5: the name is not UTF-8"));
+    EXPECT_THAT(r.err, HasSubstr("bad.hdb:6: the name is longer than 1024 bytes"));
     EXPECT_EQ(load(db)->size(), 2u);
 }
 
