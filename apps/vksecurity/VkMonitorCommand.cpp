@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <utility>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -112,16 +112,23 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
     std::vector<std::string> wanted = stringsOf(s.get("WatchFolders"));
     std::vector<std::string> watching = stringsOf(s.get("Watching"));
     const std::string* version = s.getString("Version");
-    // Folders below the watched ones that the monitor could not watch, with the reason.
-    std::vector<std::pair<std::string, std::string>> unwatched;
-    if (const VkPlist* list = s.get("UnwatchedFolders"); list && list->asArray()) {
-        for (const VkPlist& entry : *list->asArray()) {
-            const std::string* path = entry.getString("Path");
-            const std::string* reason = entry.getString("Reason");
-            if (path)
-                unwatched.emplace_back(*path, reason ? *reason : "");
+    // Folders below the watched ones that the monitor could not watch, files it could not
+    // read whole and signature databases it could not read, each with the reason.
+    auto pathsAndReasons = [&s](const char* key) {
+        std::vector<std::pair<std::string, std::string>> list;
+        if (const VkPlist* array = s.get(key); array && array->asArray()) {
+            for (const VkPlist& entry : *array->asArray()) {
+                const std::string* path = entry.getString("Path");
+                const std::string* reason = entry.getString("Reason");
+                if (path)
+                    list.emplace_back(*path, reason ? *reason : "");
+            }
         }
-    }
+        return list;
+    };
+    const auto unwatched = pathsAndReasons("UnwatchedFolders");
+    const auto notExamined = pathsAndReasons("NotExaminedFiles");
+    const auto failedDatabases = pathsAndReasons("FailedDatabases");
     int64_t unwatchedCount = numberOf(s, "Unwatched");
     if (cli.json) {
         nlohmann::json j = {{"running", true},
@@ -138,13 +145,20 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
         vkJsonSetPath(j, "dataFolder", dataFolder);
         vkJsonSetPaths(j, "watchFolders", wanted);
         vkJsonSetPaths(j, "watching", watching);
+        auto jsonList = [](const std::vector<std::pair<std::string, std::string>>& list) {
+            nlohmann::json array = nlohmann::json::array();
+            for (const auto& [path, reason] : list) {
+                nlohmann::json entry = {{"reason", reason}};
+                vkJsonSetPath(entry, "path", path);
+                array.push_back(entry);
+            }
+            return array;
+        };
         j["unwatched"] = unwatchedCount;
-        j["unwatchedFolders"] = nlohmann::json::array();
-        for (const auto& [path, reason] : unwatched) {
-            nlohmann::json folder = {{"reason", reason}};
-            vkJsonSetPath(folder, "path", path);
-            j["unwatchedFolders"].push_back(folder);
-        }
+        j["unwatchedFolders"] = jsonList(unwatched);
+        j["notExamined"] = numberOf(s, "NotExamined");
+        j["notExaminedFiles"] = jsonList(notExamined);
+        j["failedDatabases"] = jsonList(failedDatabases);
         std::printf("%s\n", vkJsonText(j, 2).c_str());
         return;
     }
@@ -157,21 +171,41 @@ void printStatus(VkCli& cli, VkServiceNetClient& client, const VkMonitorConfig& 
         std::printf("%s%s%s\n", i == 0 ? "watching:      " : "               ",
                     vkCliText(wanted[i]).c_str(), active ? "" : " (not found yet)");
     }
-    if (unwatchedCount > 0) {
-        std::printf("not watched:   %lld folder%s below these (and all below them): files "
-                    "arriving there are not judged\n",
-                    static_cast<long long>(unwatchedCount), unwatchedCount == 1 ? "" : "s");
-        for (const auto& [path, reason] : unwatched)
+    // A heading line, then the paths with their reasons, and "..." when more were counted.
+    auto printList = [](const std::string& heading,
+                        const std::vector<std::pair<std::string, std::string>>& list,
+                        int64_t count) {
+        std::printf("%s\n", heading.c_str());
+        for (const auto& [path, reason] : list)
             std::printf("               %s (%s)\n", vkCliText(path).c_str(),
                         vkCliText(reason).c_str());
-        if (unwatchedCount > static_cast<int64_t>(unwatched.size()))
+        if (count > static_cast<int64_t>(list.size()))
             std::printf("               ...\n");
+    };
+    auto plural = [](int64_t n, const char* word) {
+        return std::to_string(n) + " " + word + (n == 1 ? "" : "s");
+    };
+    if (unwatchedCount > 0) {
+        printList("not watched:   " + plural(unwatchedCount, "folder") +
+                      " below these (and all below them): files arriving there are not judged",
+                  unwatched, unwatchedCount);
     }
     std::printf("records:       %lld\n", static_cast<long long>(numberOf(s, "Records")));
     std::printf("signatures:    %lld\n", static_cast<long long>(numberOf(s, "Signatures")));
+    if (!failedDatabases.empty()) {
+        printList("not read:      " +
+                      plural(static_cast<int64_t>(failedDatabases.size()), "signature database") +
+                      ": files are judged without all of their records",
+                  failedDatabases, 0);
+    }
     std::printf("judged:        %lld files since start, %lld infected\n",
                 static_cast<long long>(numberOf(s, "Judged")),
                 static_cast<long long>(numberOf(s, "Infected")));
+    if (int64_t count = numberOf(s, "NotExamined"); count > 0) {
+        printList("not examined:  " + plural(count, "file") +
+                      " could not be read whole, not known to be clean (latest last)",
+                  notExamined, count);
+    }
     std::printf("waiting:       %lld settling, %lld to judge\n",
                 static_cast<long long>(numberOf(s, "Waiting")),
                 static_cast<long long>(numberOf(s, "Queued")));

@@ -186,7 +186,12 @@ std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& pa
 }
 
 std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
-    const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray) {
+    const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray,
+    std::optional<VkNotExamined>* skipped) {
+    using Reason = VkNotExamined::Reason;
+    std::optional<VkNotExamined> ownSkipped;
+    std::optional<VkNotExamined>& why = skipped ? *skipped : ownSkipped;
+    why.reset();
     // Device nodes are never opened: reading one can block or have side effects.
     if (path.rfind("/dev/", 0) == 0)
         return nullptr;
@@ -199,8 +204,12 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
     }
 
     struct stat attributes {};
-    if (!attributesOfItem(path, attributes) || S_ISLNK(attributes.st_mode) ||
-        !S_ISREG(attributes.st_mode) || attributes.st_size == 0)
+    if (!attributesOfItem(path, attributes)) {
+        if (int error = errno; error != ENOENT)
+            why = VkNotExamined{path, Reason::unreadable, error};
+        return nullptr;
+    }
+    if (!S_ISREG(attributes.st_mode) || attributes.st_size == 0)
         return nullptr;
     std::shared_ptr<const VkTorjanRecordList> records =
         trojanArray ? std::move(trojanArray) : torjanItems();
@@ -211,15 +220,30 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::checkTorjan(
         return nullptr;
     // Opened once, never through a link; what is read must be what was looked at.
     VkFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    struct stat opened {};
-    if (!fd.valid() || ::fstat(fd.get(), &opened) != 0 || opened.st_dev != attributes.st_dev ||
-        opened.st_ino != attributes.st_ino)
+    if (!fd.valid()) {
+        int error = errno;
+        if (error != ENOENT)
+            why = VkNotExamined{path, error == ELOOP ? Reason::changed : Reason::unreadable, error};
         return nullptr;
-    auto result = judgeOpenFile(fd.get(), opened, path, records, hashCache(), nullptr);
-    if (result || !archive)
+    }
+    struct stat opened {};
+    if (::fstat(fd.get(), &opened) != 0 || opened.st_dev != attributes.st_dev ||
+        opened.st_ino != attributes.st_ino) {
+        why = VkNotExamined{path, Reason::changed, 0};
+        return nullptr;
+    }
+    int failure = 0;
+    auto result = judgeOpenFile(fd.get(), opened, path, records, hashCache(), &failure);
+    if (!result && failure == kChangedWhileRead)
+        why = VkNotExamined{path, Reason::changed, 0, {}, "changed while it was read"};
+    else if (!result && failure != 0)
+        why = VkNotExamined{path, VkNotExamined::reasonOf(failure), failure};
+    if (result || !archive || why)
         return result;
     // One answer only here: the first member found.
     ArchiveOutcome outcome = judgeArchive(fd.get(), opened, path, *records, nullptr);
+    if (outcome.findings.empty() && !outcome.notExamined.empty())
+        why = std::move(outcome.notExamined.front());
     return outcome.findings.empty() ? nullptr : outcome.findings.front();
 }
 
@@ -242,8 +266,7 @@ void VkTorjanScan::setPathFilter(PathFilter skip) {
 }
 
 bool VkTorjanScan::wantsArchive(const std::string& path) const {
-    return path.rfind("/dev/", 0) != 0 && VkArchiveJudge::looksLikeArchive(path) &&
-           judgeArchives();
+    return path.rfind("/dev/", 0) != 0 && VkArchiveJudge::looksLikeArchive(path) && judgeArchives();
 }
 
 VkTorjanScan::ArchiveOutcome VkTorjanScan::judgeArchive(int fd, const struct stat& st,

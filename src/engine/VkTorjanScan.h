@@ -2,6 +2,7 @@
 
 #include <any>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -55,6 +56,10 @@ struct VkNotExamined {
 
     // "Permission denied", "No such file or directory", "not a regular file", ...
     std::string reasonText() const;
+    // The reason for a file that could not be opened or read with this errno.
+    static Reason reasonOf(int error) {
+        return error == ENOENT ? Reason::vanished : Reason::unreadable;
+    }
 };
 
 // Receives what a scan finds and how far it has come. Every operation is optional (the
@@ -114,8 +119,12 @@ class VkTorjanScan {
     // Judges one file: a new result naming the first record in list order that the file
     // matches, or nullptr (a "/dev/" path, a link, no regular file, size 0, no match, a
     // trusted path and hash, any failure). trojanArray nullptr means the loaded torjanItems.
+    // `skipped`, when given, says why a file that may hold a trojan was not (fully) read: it
+    // could not be opened or read, was swapped or changed while read, or is an archive not
+    // examined whole. A file that is gone, no regular file or empty is no such case.
     std::shared_ptr<VkTorjanResultItems> checkTorjan(
-        const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray = nullptr);
+        const std::string& path, std::shared_ptr<const VkTorjanRecordList> trojanArray = nullptr,
+        std::optional<VkNotExamined>* skipped = nullptr);
     // True when the trust list, read afresh from the user defaults, has an entry whose
     // deciphered path and hash equal path and codeStr exactly.
     bool checkTrustFile(const std::string& path, const std::string& codeStr);
@@ -228,8 +237,8 @@ class VkTorjanScan {
     static constexpr int kChangedWhileRead = -1;
     // Judges an open regular file whose attributes `st` were read from the descriptor.
     // *failure gets the errno of a hash that could not be read, or kChangedWhileRead (0
-    // otherwise). `known` starts
-    // with what the cache already gave for this file (types asked of it), and keeps it.
+    // otherwise). `known` starts with what the cache already gave for this file (types asked
+    // of it), and keeps it.
     // Without a descriptor (fd < 0) the file is judged from the cache alone: *undecided is
     // set, and the answer means nothing, when some hash would have to be read.
     std::shared_ptr<VkTorjanResultItems> judgeOpenFile(

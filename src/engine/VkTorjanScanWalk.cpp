@@ -144,10 +144,7 @@ namespace {
 
 using Reason = VkNotExamined::Reason;
 using Report = VkScanPipeline::Report;
-
-Reason reasonOf(int error) {
-    return error == ENOENT ? Reason::vanished : Reason::unreadable;
-}
+constexpr auto reasonOf = &VkNotExamined::reasonOf;
 
 // What a root of the walk is.
 enum class RootKind { missing, unreadable, folder, file, linkToNoFolder, other };

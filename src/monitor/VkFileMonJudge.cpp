@@ -83,7 +83,8 @@ bool VkFileMonJudge::reloadIfChanged() {
     std::string stamp = databaseStamp();
     if (stamp_ && *stamp_ == stamp)
         return false;
-    records_ = VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx_));
+    failed_.clear();
+    records_ = VkTorjanRecordList::make(VkSqliteManager::loadAllRecords(ctx_, nullptr, &failed_));
     if (auto cache = scan_.hashCache())
         cache->prune();
     // A database written while it was being read changes its stamp again, and is read again
@@ -93,9 +94,13 @@ bool VkFileMonJudge::reloadIfChanged() {
 }
 
 std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path, bool* unchanged,
-                                                         const std::string& watchedRoot) {
+                                                         const std::string& watchedRoot,
+                                                         std::optional<VkNotExamined>* skipped) {
     if (unchanged)
         *unchanged = false;
+    std::optional<VkNotExamined> ownSkipped;
+    std::optional<VkNotExamined>& why = skipped ? *skipped : ownSkipped;
+    why.reset();
     // New records may find what the old ones did not.
     if (reloadIfChanged())
         judged_.clear();
@@ -126,13 +131,14 @@ std::shared_ptr<VkFileMonLogsItem> VkFileMonJudge::judge(const std::string& path
             return nullptr;
         }
     }
-    std::shared_ptr<VkTorjanResultItems> hit = scan_.checkTorjan(path, records_);
+    std::shared_ptr<VkTorjanResultItems> hit = scan_.checkTorjan(path, records_, &why);
     // Written at once: the monitor may run for days between two quiet moments.
     if (auto cache = scan_.hashCache())
         cache->flush();
     // Taken before judging: a change made while it was judged moves the times, and the file
     // is judged again when it is next seen.
-    if (known) {
+    // What was not read whole is looked at again whenever it is seen.
+    if (known && !why) {
         if (judged_.size() >= kMaxRemembered && !judged_.count(path))
             judged_.clear();
         judged_[path] = seen;

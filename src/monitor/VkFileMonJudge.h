@@ -6,6 +6,8 @@
 #include <string>
 #include <sys/stat.h>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "engine/VkTorjanRecordList.h"
 #include "engine/VkTorjanScan.h"
@@ -26,13 +28,20 @@ class VkFileMonJudge {
     // inode, size, modification and status-change times); *unchanged then says so. With
     // watchedRoot (the watched folder the path lies in), the path must lead from it to the
     // file without passing a link, before and after judging: a subfolder swapped for a link
-    // would have a file outside be judged and recorded under the inside name.
+    // would have a file outside be judged and recorded under the inside name. `skipped`,
+    // when given, says why a file was not read whole (see VkTorjanScan::checkTorjan); such a
+    // file is not remembered as judged.
     std::shared_ptr<VkFileMonLogsItem> judge(const std::string& path, bool* unchanged = nullptr,
-                                             const std::string& watchedRoot = {});
+                                             const std::string& watchedRoot = {},
+                                             std::optional<VkNotExamined>* skipped = nullptr);
     // Loads the records again when the data folder's databases differ from the last load.
     // True when it loaded.
     bool reloadIfChanged();
     size_t recordCount() const { return records_ ? records_->size() : 0; }
+    // The database files the last load could not read to their end, with the reason.
+    const std::vector<std::pair<std::string, std::string>>& failedDatabases() const {
+        return failed_;
+    }
 
     // The downloading program's name from a macOS quarantine attribute
     // ("flags;time;agent;id"); nullopt when the text has no agent.
@@ -46,6 +55,7 @@ class VkFileMonJudge {
     VkTorjanScan scan_;
     std::shared_ptr<const VkTorjanRecordList> records_;
     std::optional<std::string> stamp_;
+    std::vector<std::pair<std::string, std::string>> failed_;
     // What each file judged with the loaded records looked like just before it was judged.
     // A change of contents moves the status-change time (only a clock change can set it
     // back), so an equal entry means the same verdict. Bounded: when full it starts afresh.

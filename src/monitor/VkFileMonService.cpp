@@ -394,6 +394,40 @@ void VkFileMonService::noteUnwatched(const VkFileEvent& event) {
     }
 }
 
+void VkFileMonService::noteNotExamined(const VkNotExamined& skipped) {
+    std::string shown = skipped.member.empty() ? skipped.path : skipped.path + "!" + skipped.member;
+    std::string reason = skipped.reasonText();
+    uint64_t count = 0;
+    {
+        std::lock_guard lock(notExaminedMutex_);
+        count = ++notExaminedCount_;
+        if (notExaminedShown_.size() >= kMaxNotExaminedShown)
+            notExaminedShown_.pop_front();
+        notExaminedShown_.emplace_back(shown, reason);
+    }
+    // A file made to fail again and again would flood the log: past this many lines it is
+    // only counted.
+    if (count <= kMaxNotExaminedLines) {
+        say("[VkFileMon] not examined " + shown + " (" + reason + "): not known to be clean");
+    } else if (count == kMaxNotExaminedLines + 1) {
+        say("[VkFileMon] more files could not be examined; `vksecurity monitor --status` "
+            "counts them");
+    }
+}
+
+void VkFileMonService::noteFailedDatabases(
+    const std::vector<std::pair<std::string, std::string>>& failed) {
+    {
+        std::lock_guard lock(notExaminedMutex_);
+        if (failed == failedDatabases_)
+            return;
+        failedDatabases_ = failed;
+    }
+    for (const auto& [path, reason] : failed)
+        say("[VkFileMon] signature database " + path + " not read (" + reason +
+            "): files are judged without all of its records");
+}
+
 void VkFileMonService::queueRescan(const std::string& folder) {
     if (std::find(rescanRoots_.begin(), rescanRoots_.end(), folder) != rescanRoots_.end())
         return;
@@ -505,8 +539,12 @@ void VkFileMonService::judgeLoop() {
         }
         uint64_t before = store_.generation();
         bool unchanged = false;
-        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path, &unchanged, root);
+        std::optional<VkNotExamined> skipped;
+        std::shared_ptr<VkFileMonLogsItem> record = judge.judge(path, &unchanged, root, &skipped);
         signatureCount_.store(judge.recordCount());
+        noteFailedDatabases(judge.failedDatabases());
+        if (skipped)
+            noteNotExamined(*skipped);
         if (unchanged) {
             // Judged before and unchanged since (a folder looked at again after lost events).
             unchangedCount_.fetch_add(1);
@@ -514,7 +552,9 @@ void VkFileMonService::judgeLoop() {
                 wake();
             continue;
         }
-        judgedCount_.fetch_add(1);
+        // What could not be read whole is counted apart, never as judged.
+        if (!skipped)
+            judgedCount_.fetch_add(1);
         if (record) {
             infectedCount_.fetch_add(1);
             auto added = store_.append(record);
@@ -785,15 +825,22 @@ VkPlist VkFileMonService::status() const {
     status.set("Infected", VkPlist::unsignedInteger(infectedCount_.load()));
     status.set("SettleSeconds", VkPlist::real(options_.settleSeconds));
     status.set("StartTime", VkDate{startTime_});
+    auto pathsAndReasons = [](const auto& list) {
+        VkPlist::Array array;
+        for (const auto& [path, reason] : list) {
+            VkPlist entry = VkPlist::dictionary();
+            entry.set("Path", path);
+            entry.set("Reason", reason);
+            array.push_back(std::move(entry));
+        }
+        return VkPlist(std::move(array));
+    };
     // Folders below the watched ones that are not watched (with everything below them).
     status.set("Unwatched", VkPlist::unsignedInteger(unwatchedCount_));
-    VkPlist::Array unwatched;
-    for (const auto& [path, reason] : unwatchedShown_) {
-        VkPlist entry = VkPlist::dictionary();
-        entry.set("Path", path);
-        entry.set("Reason", reason);
-        unwatched.push_back(std::move(entry));
-    }
-    status.set("UnwatchedFolders", VkPlist(std::move(unwatched)));
+    status.set("UnwatchedFolders", pathsAndReasons(unwatchedShown_));
+    std::lock_guard lock(notExaminedMutex_);
+    status.set("NotExamined", VkPlist::unsignedInteger(notExaminedCount_));
+    status.set("NotExaminedFiles", pathsAndReasons(notExaminedShown_));
+    status.set("FailedDatabases", pathsAndReasons(failedDatabases_));
     return status;
 }

@@ -27,6 +27,8 @@
 #include "platform/VkHandle.h"
 #include "platform/VkPlist.h"
 
+struct VkNotExamined;
+
 struct VkFileMonServiceOptions {
     // Folders watched from the start (and retried while they cannot be watched).
     std::vector<std::string> watchFolders;
@@ -160,4 +162,16 @@ class VkFileMonService {
     std::atomic<uint64_t> unchangedCount_{0};
     std::atomic<uint64_t> infectedCount_{0};
     std::atomic<uint64_t> signatureCount_{0};
+    // Files the judge could not read whole (how many, the last few with the reason) and the
+    // signature databases its last load could not read: nothing it did not read passes for
+    // clean.
+    static constexpr size_t kMaxNotExaminedShown = 16;
+    static constexpr uint64_t kMaxNotExaminedLines = 100;
+    mutable std::mutex notExaminedMutex_;
+    uint64_t notExaminedCount_ = 0;
+    std::deque<std::pair<std::string, std::string>> notExaminedShown_;
+    std::vector<std::pair<std::string, std::string>> failedDatabases_;
+    // On the judging thread: a file not read whole, and the outcome of a database load.
+    void noteNotExamined(const VkNotExamined& skipped);
+    void noteFailedDatabases(const std::vector<std::pair<std::string, std::string>>& failed);
 };

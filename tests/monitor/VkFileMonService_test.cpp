@@ -98,11 +98,16 @@ class VkFileMonServiceTest : public ::testing::Test {
         EXPECT_TRUE(items && *items);
         return items && *items ? **items : VkFileMonLogsItem::Items{};
     }
-    uint64_t statusNumber(const char* key) {
+    VkPlist status() {
         auto reply = ask(P::kHello);
         EXPECT_TRUE(reply && reply->opcode == P::kOk);
-        auto status = VkPlist::parse(reply->body.data(), reply->body.size());
-        const VkPlist* value = status ? status->get(key) : nullptr;
+        auto status = reply ? VkPlist::parse(reply->body.data(), reply->body.size())
+                            : VkResult<VkPlist>(VkError{"no reply"});
+        return status ? *status : VkPlist::dictionary();
+    }
+    uint64_t statusNumber(const char* key) {
+        VkPlist now = status();
+        const VkPlist* value = now.get(key);
         return value ? value->asUInt64().value_or(0) : 0;
     }
     std::string socketPath() const { return VkMonitorConfig::socketPath(ctx->dataFolder); }
@@ -142,6 +147,7 @@ class VkFileMonServiceTest : public ::testing::Test {
 };
 
 // A clean file, one on the trust list and the same contents elsewhere, an archive's member.
+// A cut archive and a database that cannot be read are named, never passed over as clean.
 TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     vkmon::addSignature(ctx, "test.sql", "OSX/Test.A", evil);
     std::string trusted = watchFolder + "/trusted.bin";
@@ -155,14 +161,24 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
                                              {"TrustFileSize", VkPlist::integer(777)}})}));
     auto runner = startService();
     std::string bad = watchFolder + "/installer.dmg", clean = watchFolder + "/photo.jpg",
-                zip = watchFolder + "/download.zip";
+                zip = watchFolder + "/download.zip", cut = watchFolder + "/cut.zip";
     VkFile::writeAtomically(clean, vkTestBytes(777, 2));  // same size, other contents
     VkFile::writeAtomically(trusted, evil);
     VkFile::writeAtomically(bad, evil);
-    VkFile::writeAtomically(zip, vkMakeArchive("zip", "", {{"App/evil", evil}}));
+    std::string archive = vkMakeArchive("zip", "", {{"App/evil", evil}});
+    VkFile::writeAtomically(zip, archive);
+    VkFile::writeAtomically(cut, archive.substr(0, archive.size() / 2));
     ASSERT_TRUE(waitUntil([&] {
-        return wasJudged(bad) && wasJudged(clean) && wasJudged(trusted) && wasJudged(zip);
+        return wasJudged(bad) && wasJudged(clean) && wasJudged(trusted) && wasJudged(zip) &&
+               wasJudged(cut);
     }));
+    VkPlist now = status();
+    ASSERT_TRUE(now.get("NotExaminedFiles") && now.get("FailedDatabases"));
+    EXPECT_EQ(now.get("NotExamined")->asUInt64(), 1u);
+    EXPECT_EQ(now.get("Judged")->asUInt64(), 4u) << "what was not read whole is not judged";
+    ASSERT_EQ(now.get("NotExaminedFiles")->asArray()->size(), 1u);
+    EXPECT_EQ(*now.get("NotExaminedFiles")->asArray()->at(0).getString("Path"), cut + "!App/evil");
+    EXPECT_TRUE(now.get("FailedDatabases")->asArray()->empty());
 
     // Judged in the order they arrived; an archive's member is recorded with its name.
     EXPECT_EQ(judgedPaths(true), (Paths{bad, zip}));
@@ -178,6 +194,15 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     EXPECT_EQ(vkmon::permissionsOf(socketPath()), 0600);
     EXPECT_EQ(statusNumber("Records"), 2u);
     EXPECT_EQ(statusNumber("Signatures"), 1u);
+
+    VkFile::writeAtomically(ctx->dataPath("broken.sql"), std::string(4096, 'x'));
+    std::string later = watchFolder + "/later.bin";
+    VkFile::writeAtomically(later, evil);
+    ASSERT_TRUE(waitUntil([&] { return wasJudged(later); }));
+    now = status();
+    ASSERT_EQ(now.get("FailedDatabases")->asArray()->size(), 1u);
+    EXPECT_EQ(*now.get("FailedDatabases")->asArray()->at(0).getString("Path"),
+              ctx->dataPath("broken.sql"));
 }
 
 // A start judges what arrived while the monitor was down; after a restart, only what
@@ -322,9 +347,10 @@ TEST_F(VkFileMonServiceTest, FoldersPastTheWatchBoundsAreNamedAndCounted) {
     ASSERT_TRUE(waitUntil([&] { return statusNumber("Unwatched") >= 2; }));
     std::lock_guard lock(mutex);
     auto said = [&](const std::string& text) {
-        return std::count(lines.begin(), lines.end(), "[VkFileMon] not watching " + text +
-                                                          ": files that arrive there are not "
-                                                          "judged");
+        return std::count(lines.begin(), lines.end(),
+                          "[VkFileMon] not watching " + text +
+                              ": files that arrive there are not "
+                              "judged");
     };
     EXPECT_EQ(said(deep + " (more than 2 folders below a watched folder)"), 1);
     EXPECT_EQ(said(fifth + " (the monitor watches at most 4 folders)"), 1);
