@@ -369,7 +369,14 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                              "the trust list cannot hold this path (it is not UTF-8 text)");
                 continue;
             }
-            center.addTrustFile(item);
+            if (!center.addTrustFile(item)) {
+                allDone = false;
+                printOutcome(cli, path, "trusted", false,
+                             "the trust list could not be written (" +
+                                 cli.context()->userDefaults->path() +
+                                 " would be too large, or cannot be written)");
+                continue;
+            }
             logs.addScanLogsItem(item, 1);
             printOutcome(cli, path, "trusted", true, "trusted");
         }

@@ -126,9 +126,9 @@ void VkTorjanCenter::killTorjanItem(ResultList items,
     killTorjans_->killTorjanItem(std::move(items), std::move(delegate));
 }
 
-void VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item) {
+bool VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item) {
     if (!item)
-        return;
+        return false;
     std::optional<std::string> name =
         item->torjanItem() ? item->torjanItem()->name() : item->torjanName();
     // In this order; the first missing value (the empty text enciphers to nothing) ends
@@ -149,7 +149,7 @@ void VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& it
         entry.set("TrustFileSize", VkPlist::unsignedInteger(item->fileSize()));
     // No test for duplicates: trusting a file twice stores two equal entries. Read, changed
     // and written under the defaults' lock, so another process's entry is never lost.
-    context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
+    return context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
         VkPlist::Array list = stored && stored->asArray() ? *stored->asArray() : VkPlist::Array{};
         list.push_back(std::move(entry));
         stored = VkPlist(std::move(list));

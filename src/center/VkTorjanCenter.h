@@ -59,7 +59,8 @@ class VkTorjanCenter {
 
     // Appends the result to the trust list (path, name, hash enciphered; size plain). A
     // value that cannot be enciphered ends the entry there; the entry is kept all the same.
-    void addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item);
+    // False when the list could not be written (nothing is trusted then).
+    bool addTrustFile(const std::shared_ptr<VkTorjanResultItems>& item);
     // Removes the first entry for this path and every entry equal to it; the list is
     // written back even when nothing matched.
     void removeTrustFile(const std::string& path);

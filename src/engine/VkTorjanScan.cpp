@@ -391,17 +391,24 @@ std::shared_ptr<VkTorjanResultItems> VkTorjanScan::judgeOpenFile(
 }
 
 bool VkTorjanScan::checkTrustFile(const std::string& path, const std::string& codeStr) {
-    // Read afresh each time: the panel changes the list while scans run.
-    std::optional<VkPlist::Array> entries = userDefaults_->arrayForKey(kTrustFileKey);
-    if (!entries)
-        return false;
-    for (const VkPlist& entry : *entries) {
-        std::optional<std::string> trustedPath = decipheredField(entry, kTrustFilePath);
-        std::optional<std::string> trustedHash = decipheredField(entry, kTrustFileHash);
-        if (trustedPath && trustedHash && *trustedPath == path && *trustedHash == codeStr)
-            return true;
+    // Read afresh whenever it changed (the panel changes the list while scans run), and
+    // deciphered once per change: a list of many entries would cost seconds per finding.
+    std::lock_guard lock(trustMutex_);
+    uint64_t generation = userDefaults_->generation();
+    if (!trusted_ || generation != trustedGeneration_) {
+        std::set<std::pair<std::string, std::string>> trusted;
+        if (std::optional<VkPlist::Array> entries = userDefaults_->arrayForKey(kTrustFileKey)) {
+            for (const VkPlist& entry : *entries) {
+                std::optional<std::string> trustedPath = decipheredField(entry, kTrustFilePath);
+                std::optional<std::string> trustedHash = decipheredField(entry, kTrustFileHash);
+                if (trustedPath && trustedHash)
+                    trusted.emplace(std::move(*trustedPath), std::move(*trustedHash));
+            }
+        }
+        trusted_ = std::move(trusted);
+        trustedGeneration_ = generation;
     }
-    return false;
+    return trusted_->count({path, codeStr}) > 0;
 }
 
 unsigned VkTorjanScan::judgingJobs() const {

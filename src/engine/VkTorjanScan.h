@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -292,6 +293,10 @@ class VkTorjanScan {
     PathFilter pathFilter_;
     mutable std::mutex archiveLimitsMutex_;
     VkArchiveLimits archiveLimits_;
+    // The trust list deciphered (path, whole-file hash), as of the defaults' generation.
+    std::mutex trustMutex_;
+    std::optional<std::set<std::pair<std::string, std::string>>> trusted_;
+    uint64_t trustedGeneration_ = 0;
 
     mutable std::mutex delegateMutex_;
     std::shared_ptr<VkTorjanScanDelegate> scanDeleaget_;

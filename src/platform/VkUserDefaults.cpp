@@ -17,8 +17,10 @@ void VkUserDefaults::refreshLocked(bool force) {
     struct stat st {};
     if (::stat(path_.c_str(), &st) != 0) {
         // No file (any more): nothing stored. Keep what we had if we never read one.
-        if (haveStamp_)
+        if (haveStamp_) {
             values_.clear();
+            ++generation_;
+        }
         haveStamp_ = false;
         return;
     }
@@ -26,7 +28,8 @@ void VkUserDefaults::refreshLocked(bool force) {
         st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec) {
         return;
     }
-    auto parsed = VkPlist::readFile(path_, 16u << 20);
+    auto parsed = VkPlist::readFile(path_, kMaxFileBytes);
+    ++generation_;
     if (parsed && parsed->isDictionary()) {
         values_ = *parsed->asDictionary();
     } else {
@@ -48,9 +51,14 @@ void VkUserDefaults::refreshLocked(bool force) {
     mtime_ = st.st_mtim;
 }
 
-bool VkUserDefaults::saveLocked() {
+bool VkUserDefaults::saveLocked(bool* tooLarge) {
+    std::string xml = VkPlist(values_).toXml();
+    if (tooLarge)
+        *tooLarge = xml.size() > kMaxFileBytes;
+    if (xml.size() > kMaxFileBytes)
+        return false;
     // The trust list lives here: readable by its owner only, like every other list.
-    auto written = VkFile::writeAtomically(path_, VkPlist(values_).toXml(), 0600);
+    auto written = VkFile::writeAtomically(path_, xml, 0600);
     struct stat st {};
     if (written && ::stat(path_.c_str(), &st) == 0) {
         haveStamp_ = true;
@@ -66,6 +74,7 @@ void VkUserDefaults::registerDefaults(const VkPlist::Dictionary& defaults) {
     std::lock_guard lock(mutex_);
     for (const auto& [k, v] : defaults)
         registered_[k] = v;
+    ++generation_;
 }
 
 std::optional<VkPlist> VkUserDefaults::objectForKey(const std::string& key) {
@@ -140,14 +149,26 @@ bool VkUserDefaults::updateObject(const std::string& key,
     // process within the same time tick must not be missed.
     refreshLocked(true);
     std::optional<VkPlist> value;
+    std::optional<VkPlist> before;
     if (auto it = values_.find(key); it != values_.end())
-        value = it->second;
+        value = before = it->second;
     change(value);
+    ++generation_;
     if (value)
         values_[key] = std::move(*value);
     else
         values_.erase(key);
-    return saveLocked();
+    bool tooLarge = false;
+    if (saveLocked(&tooLarge))
+        return true;
+    // A change too large to write takes no effect here either: what is stored stays in use.
+    if (tooLarge) {
+        if (before)
+            values_[key] = std::move(*before);
+        else
+            values_.erase(key);
+    }
+    return false;
 }
 
 bool VkUserDefaults::setObject(const std::string& key, VkPlist value) {
@@ -166,6 +187,12 @@ bool VkUserDefaults::setDouble(const std::string& key, double value) {
 
 bool VkUserDefaults::removeObject(const std::string& key) {
     return updateObject(key, [](std::optional<VkPlist>& slot) { slot.reset(); });
+}
+
+uint64_t VkUserDefaults::generation() {
+    std::lock_guard lock(mutex_);
+    refreshLocked();
+    return generation_;
 }
 
 std::string VkUserDefaults::quarantinedCopy() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <mutex>
@@ -18,6 +19,9 @@ class VkUserDefaults {
   public:
     explicit VkUserDefaults(std::string path);
 
+    // The largest file read; a change that would write a larger one is refused.
+    static constexpr size_t kMaxFileBytes = 16u << 20;
+
     const std::string& path() const { return path_; }
 
     void registerDefaults(const VkPlist::Dictionary& defaults);
@@ -34,7 +38,8 @@ class VkUserDefaults {
     std::optional<VkPlist::Array> arrayForKey(const std::string& key);
 
     // Stores a value and rewrites the file. False when the file could not be written (the
-    // value is kept in memory all the same).
+    // value is kept in memory all the same), or would grow past kMaxFileBytes (then nothing
+    // changes: a file that large could not be read back, and every setting would be lost).
     bool setObject(const std::string& key, VkPlist value);
     bool setBool(const std::string& key, bool value);
     bool setInteger(const std::string& key, int64_t value);
@@ -46,12 +51,17 @@ class VkUserDefaults {
     bool updateObject(const std::string& key,
                       const std::function<void(std::optional<VkPlist>&)>& change);
 
+    // A number that changes whenever the values read here may have changed (the file was
+    // read again or written, defaults were registered); the file is looked at first.
+    uint64_t generation();
+
     // Where an unreadable defaults file was moved, if that happened (empty otherwise).
     std::string quarantinedCopy() const;
 
   private:
     void refreshLocked(bool force = false);
-    bool saveLocked();
+    // False, with nothing written, for a file past kMaxFileBytes; *tooLarge then says so.
+    bool saveLocked(bool* tooLarge = nullptr);
 
     std::string path_;
     mutable std::mutex mutex_;
@@ -64,4 +74,5 @@ class VkUserDefaults {
     off_t size_ = 0;
     timespec mtime_{};
     std::string quarantined_;
+    uint64_t generation_ = 0;
 };

@@ -4,6 +4,7 @@
 // trust, the removal run's delegate and the screen while it runs.
 
 #include <algorithm>
+#include <set>
 
 #include "center/VkTorjanCenter.h"
 #include "engine/VkTorjanResultItems.h"
@@ -41,9 +42,13 @@ void VkTrojanMainController::killTorjansAction() {
     }
     for (const auto& item : quarantineList)
         torjanCenter_->addQuarantineItem(item);
+    // A file the trust list could not take stays in the list, still a finding.
+    std::set<std::shared_ptr<VkTorjanResultItems>> notTrusted;
     for (const auto& item : trustList) {
-        torjanCenter_->addTrustFile(item);
-        scanLogs_->addScanLogsItem(item, 1);
+        if (torjanCenter_->addTrustFile(item))
+            scanLogs_->addScanLogsItem(item, 1);
+        else
+            notTrusted.insert(item);
     }
     if (!quarantineList.empty() || !trustList.empty()) {
         // Quarantined rows leave the list even when the move failed: the quarantine view
@@ -51,7 +56,7 @@ void VkTrojanMainController::killTorjansAction() {
         std::erase_if(resultItemArray_, [&](const auto& item) {
             int32_t process = item->trojanProcess();
             return process == VkTorjanResultItems::kProcessQuarantine ||
-                   process == VkTorjanResultItems::kProcessTrust;
+                   (process == VkTorjanResultItems::kProcessTrust && !notTrusted.count(item));
         });
         reloadDataView();
         if (resultItemArray_.empty()) {

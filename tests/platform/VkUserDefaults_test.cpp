@@ -48,4 +48,15 @@ TEST_F(VkUserDefaultsTest, UnreadableFileIsMovedAsideNotOverwritten) {
     EXPECT_EQ(*VkFile::readAll(aside), "this is { not a plist");
 }
 
+// A change that would write a file too large to read back is refused: nothing is lost.
+TEST_F(VkUserDefaultsTest, AFileTooLargeToReadBackIsNeverWritten) {
+    VkUserDefaults d(path);
+    ASSERT_TRUE(d.setInteger("LogsKeepDay", 7));
+    std::string large(VkUserDefaults::kMaxFileBytes, 'x');
+    EXPECT_FALSE(d.setObject("TrustFileKey", VkPlist::array({VkPlist(large)})));
+    EXPECT_FALSE(d.objectForKey("TrustFileKey"));
+    EXPECT_EQ(VkUserDefaults(path).integerForKey("LogsKeepDay"), 7);
+    EXPECT_TRUE(VkUserDefaults(path).quarantinedCopy().empty());
+}
+
 }  // namespace
