@@ -1,3 +1,4 @@
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <optional>
@@ -46,6 +47,19 @@ std::optional<VkDate> parseDate(const std::string& text) {
     return VkDate{static_cast<double>(seconds)};
 }
 
+// Digits only, 1 to VkUpdatePublisher::kMaxSerial. A number too large for the integer must be
+// refused, not clamped: clients keep the largest serial they took and refuse anything below it.
+std::optional<int64_t> parseSerial(const std::string& text) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    int64_t serial = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), serial);
+    if (error != std::errc() || end != text.data() + text.size() || serial <= 0 ||
+        serial > VkUpdatePublisher::kMaxSerial)
+        return std::nullopt;
+    return serial;
+}
+
 std::string dateText(VkDate date) {
     time_t seconds = static_cast<time_t>(date.secondsSince1970);
     std::tm tm{};
@@ -68,7 +82,7 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
         bool noDate = false;
         bool json = false;
         std::string key;
-        int64_t serial = 0;
+        std::string serial;
     };
     auto o = std::make_shared<Options>();
     auto* cmd = app.add_subcommand(
@@ -86,12 +100,13 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
     cmd->add_option("--key", o->key,
                     "Ed25519 private key (vksig keygen) that signs the manifest; without it the "
                     "update is unsigned and clients refuse it unless they allow unsigned updates");
-    cmd->add_option("--serial", o->serial,
-                    "Publication serial, larger than the last one (default: the current time, "
-                    "or the published serial + 1)")
-        ->check(CLI::PositiveNumber);
+    auto* serial =
+        cmd->add_option("--serial", o->serial,
+                        "Publication serial, larger than the last one (default: the current time, "
+                        "or the published serial + 1), at most " +
+                            std::to_string(VkUpdatePublisher::kMaxSerial));
     cmd->add_flag("--json", o->json, "Machine-readable output");
-    cmd->callback([o, &cli] {
+    cmd->callback([o, serial, &cli] {
         std::optional<VkDate> when;
         if (!o->date.empty()) {
             when = parseDate(o->date);
@@ -103,7 +118,14 @@ static VkSigCommand registration(80, [](CLI::App& app, VkSigCli& cli) {
         }
         VkUpdatePublisher::Options options;
         options.date = when;
-        options.serial = o->serial;
+        if (serial->count() > 0) {
+            auto parsed = parseSerial(o->serial);
+            if (!parsed)
+                return vkSigFail(cli, "--serial " + o->serial +
+                                          ": expected a whole number from 1 to " +
+                                          std::to_string(VkUpdatePublisher::kMaxSerial));
+            options.serial = *parsed;
+        }
         if (!o->key.empty()) {
             auto pem = VkFile::readAll(o->key, 64 * 1024);
             if (!pem)

@@ -21,6 +21,18 @@ std::optional<std::string> encipher(const std::optional<std::string>& text) {
     return vkEncryptString(*text);
 }
 
+// A field of a trust entry as the list shows it: deciphered, or as stored when it does not
+// decipher. Removal by path goes by this too, so that what is listed under a path is removed
+// by that path, whichever of the cipher texts that read the same is stored.
+std::optional<std::string> shownField(const VkPlist& entry, const char* key) {
+    const std::string* text = entry.getString(key);
+    if (!text)
+        return std::nullopt;
+    if (auto plain = vkDecryptString(*text))
+        return plain;
+    return *text;
+}
+
 }  // namespace
 
 VkTorjanCenter::VkTorjanCenter(std::shared_ptr<VkContext> context,
@@ -157,14 +169,11 @@ bool VkTorjanCenter::addTrustFile(const std::shared_ptr<VkTorjanResultItems>& it
 }
 
 void VkTorjanCenter::removeTrustFile(const std::string& path) {
-    // The cipher has a fixed key and IV: the same path always enciphers to the same text.
-    std::optional<std::string> enciphered = vkEncryptString(path);
     context_->userDefaults->updateObject(kTrustFileKey, [&](std::optional<VkPlist>& stored) {
         VkPlist::Array list = stored && stored->asArray() ? *stored->asArray() : VkPlist::Array{};
         std::optional<VkPlist> found;
         for (const auto& entry : list) {
-            const std::string* p = entry.getString("TrustFilePath");
-            if (enciphered && p && *p == *enciphered) {
+            if (entry.isDictionary() && shownField(entry, "TrustFilePath") == path) {
                 found = entry;
                 break;
             }
@@ -209,13 +218,10 @@ VkPlist::Array VkTorjanCenter::ecryptTrustFileArray() {
         if (!entry.isDictionary())
             continue;
         VkPlist copy = entry;
+        // An entry that does not decipher is shown as stored rather than dropped.
         for (const char* key : {"TrustTrojanName", "TrustFilePath"}) {
-            const std::string* text = entry.getString(key);
-            if (!text)
-                continue;
-            // An entry that does not decipher is shown as stored rather than dropped.
-            if (auto plain = vkDecryptString(*text))
-                copy.set(key, *plain);
+            if (auto shown = shownField(entry, key))
+                copy.set(key, *shown);
         }
         result.push_back(std::move(copy));
     }

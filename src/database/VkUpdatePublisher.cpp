@@ -67,12 +67,15 @@ VkResult<VkUpdatePublisher::Published> VkUpdatePublisher::publish(
     // Clients refuse a signed manifest older than the last one they took, so the serial must
     // grow even when two publishes fall in the same second.
     const int64_t previous = publishedSerial(outDir);
+    if (options.serial == 0 && previous >= kMaxSerial)
+        return VkError{"the manifest already published has serial " + std::to_string(previous) +
+                       ", and no serial above it may be published"};
     published.serial =
         options.serial != 0
             ? options.serial
             : std::max<int64_t>(static_cast<int64_t>(std::time(nullptr)), previous + 1);
-    if (published.serial <= 0)
-        return VkError{"the serial must be a positive number"};
+    if (published.serial <= 0 || published.serial > kMaxSerial)
+        return VkError{"the serial must be a number from 1 to " + std::to_string(kMaxSerial)};
     if (published.serial <= previous)
         return VkError{"serial " + std::to_string(published.serial) +
                        " is not above the serial of the manifest already published (" +

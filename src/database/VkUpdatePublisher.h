@@ -15,6 +15,11 @@
 // it.
 class VkUpdatePublisher {
   public:
+    // The largest serial published: the largest integer a JSON reader keeps exact, and far
+    // enough below the integer's limit that a serial never wraps. Clients refuse every manifest
+    // below the largest serial they took, so one out of range would end all later updates.
+    static constexpr int64_t kMaxSerial = (int64_t{1} << 53) - 1;
+
     // One database of the manifest.
     struct Entry {
         std::string name;     // from the file's description
@@ -26,7 +31,7 @@ class VkUpdatePublisher {
     struct Options {
         std::optional<VkDate> date;
         // Grows with every publish; 0 picks the current time, or one more than the serial of
-        // the manifest already in the folder when that is larger.
+        // the manifest already in the folder when that is larger; at most kMaxSerial.
         int64_t serial = 0;
         // PEM text of the Ed25519 private key; empty publishes unsigned.
         std::string privateKeyPem;

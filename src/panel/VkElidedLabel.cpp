@@ -41,6 +41,8 @@ void VkElidedLabel::updateToolTip() {
             document.setHtml(text());
             whole = document.toPlainText();
         }
+        // The label shows a path or a state as text; its tip must not draw it as HTML.
+        whole = Qt::convertFromPlainText(whole);
     }
     if (toolTip() != whole)
         setToolTip(whole);

@@ -1,5 +1,7 @@
 #include "panel/VkQtRowModel.h"
 
+#include <QTextDocument>
+
 #include "panel/VkQtImages.h"
 
 VkQtRowModel::VkQtRowModel(QStringList columns, QStringList titles, QObject* parent)
@@ -45,11 +47,16 @@ QVariant VkQtRowModel::data(const QModelIndex& index, int role) const {
     if (!index.isValid())
         return {};
     std::string column = columnName(index.column());
-    // The whole text as tool tip: a cell too narrow for it shows it shortened.
+    // The whole text as tool tip: a cell too narrow for it shows it shortened. Escaped, since
+    // a tool tip that looks like HTML is drawn as HTML, and cells hold file names and records.
     if ((role == Qt::DisplayRole || role == Qt::ToolTipRole) && source_.value) {
-        if (auto value = source_.value(column, index.row()))
-            return QString::fromStdString(*value);
-        return {};
+        auto value = source_.value(column, index.row());
+        if (!value)
+            return {};
+        QString text = QString::fromStdString(*value);
+        if (role == Qt::ToolTipRole && !text.isEmpty())
+            return Qt::convertFromPlainText(text);
+        return text;
     }
     if (role == Qt::DecorationRole && source_.icon) {
         auto icon = source_.icon(column, index.row());

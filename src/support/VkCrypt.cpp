@@ -195,10 +195,11 @@ std::optional<std::string> VkCrypt(const std::string& text, bool encrypt,
     if (keyString)
         keyData.emplace(keyString->begin(), keyString->end());
     if (encrypt) {
-        // Text is UTF-8 by contract; bytes that are not would encipher to a field that can
-        // never be deciphered again, so refuse them now rather than lose them later.
+        // Text is UTF-8 by contract; bytes that are not, or a zero byte, would encipher to a
+        // field that can never be deciphered again, so refuse them now rather than lose them
+        // later.
         const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-        if (!VkUtf8::isValid(text))
+        if (!VkUtf8::isValid(text) || text.find('\0') != std::string::npos)
             return std::nullopt;
         auto cipher =
             VkCryptInter(std::vector<uint8_t>(bytes, bytes + text.size()), true, keyData, reserved);
@@ -212,13 +213,14 @@ std::optional<std::string> VkCrypt(const std::string& text, bool encrypt,
     auto plain = VkCryptInter(*cipher, false, keyData, reserved);
     if (!plain)
         return std::nullopt;
-    // Read as a NUL-terminated string: the text ends at the first zero byte.
-    auto end = std::find(plain->begin(), plain->end(), uint8_t{0});
-    const size_t length = static_cast<size_t>(end - plain->begin());
-    if (!VkUtf8::isValid(
-            std::string_view(reinterpret_cast<const char*>(plain->data()), length)))
+    // A zero byte would end the text where a C string ends it, so that one text could be
+    // stored as many cipher texts, with anything hidden after the zero: none is a text.
+    if (std::find(plain->begin(), plain->end(), uint8_t{0}) != plain->end())
         return std::nullopt;
-    return std::string(reinterpret_cast<const char*>(plain->data()), length);
+    std::string result(reinterpret_cast<const char*>(plain->data()), plain->size());
+    if (!VkUtf8::isValid(result))
+        return std::nullopt;
+    return result;
 }
 
 std::optional<std::string> vkEncryptString(const std::string& text) {

@@ -41,9 +41,9 @@ std::optional<std::vector<uint8_t>> VkCryptInterWithIv(const std::vector<uint8_t
                                                        bool encrypt, const VkCipherKey& key,
                                                        const VkCipherIv& iv);
 
-// Enciphers UTF-8 text to Base64 text, or deciphers Base64 text back to the text before the
-// first zero byte; keyString's UTF-8 bytes are the key. Nil for empty text, text that is not
-// UTF-8, undecodable Base64, a cipher failure or plain bytes that are not UTF-8.
+// Enciphers UTF-8 text to Base64 text, or deciphers Base64 text back to the text;
+// keyString's UTF-8 bytes are the key. Nil for empty text, undecodable Base64, a cipher
+// failure, and for text or plain bytes that are not UTF-8 or hold a zero byte.
 std::optional<std::string> VkCrypt(const std::string& text, bool encrypt,
                                    const std::optional<std::string>& keyString = std::nullopt,
                                    int32_t reserved = 0);

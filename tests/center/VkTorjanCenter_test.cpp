@@ -15,6 +15,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "remediation/VkQuarantineFileManager.h"
+#include "support/VkCrypt.h"
 
 namespace {
 
@@ -103,6 +104,20 @@ TEST_F(VkTorjanCenterTest, TrustedFileIsSkippedUntilItsTrustIsRemoved) {
     EXPECT_EQ(center->removeTrustEntry(2), 1u);
     EXPECT_EQ(*center->ecryptTrustFileArray()[0].getString("TrustTrojanName"), "OSX/Other");
     EXPECT_EQ(scan(file).size(), 1u);
+
+    // A planted path with more behind a zero byte trusts nothing, is listed as stored, and
+    // goes by what the list shows.
+    center->addTrustFile(found[0]);
+    VkPlist::Array list = *ctx->userDefaults->arrayForKey("TrustFileKey");
+    std::string planted = file + std::string("\0x", 2);
+    std::string cipher =
+        VkEncodeBase64(*VkCryptInter(std::vector<uint8_t>(planted.begin(), planted.end()), true));
+    list.back().set("TrustFilePath", cipher);
+    ctx->userDefaults->setObject("TrustFileKey", VkPlist(list));
+    EXPECT_EQ(scan(file).size(), 1u);
+    EXPECT_EQ(*center->ecryptTrustFileArray().back().getString("TrustFilePath"), cipher);
+    center->removeTrustFile(cipher);
+    EXPECT_EQ(trustCount(), 2u);
 }
 
 TEST_F(VkTorjanCenterTest, QuarantineTakesTheRecordsNameButNotASpecialFamily) {

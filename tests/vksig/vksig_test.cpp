@@ -198,6 +198,8 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
         {{"add", db, "--size", "-5", "--code", md5("q"), "--name", "X"}, "--size"},
         {{"add", db, "--name", "X"}, "give --sample"},
         {{"add", db, "--sample", sample}, "--name"},
+        {{"publish", dir / "www", db, "--serial", "99999999999999999999"}, "--serial"},
+        {{"publish", dir / "www", db, "--serial", "9223372036854775807"}, "--serial"},
     };
     for (const auto& c : cases) {
         auto run = vksig(c.args);
@@ -208,6 +210,7 @@ TEST_F(VksigTest, BadInputIsReportedWithExitCodeTwoAndChangesNothing) {
     EXPECT_EQ(*VkFile::readAll(garbage), std::string(5000, 'q'));
     EXPECT_EQ(*VkFile::readAll(foreign), before);
     EXPECT_FALSE(VkFile::existsNoFollow(dir / "no-extension.db"));
+    EXPECT_FALSE(VkFile::existsNoFollow(dir / "www"));
 }
 
 // That it detects the anti-virus test file is held end to end by
