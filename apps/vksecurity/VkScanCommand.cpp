@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -351,14 +352,30 @@ RemovalVerdict verdictOf(const VkKillOutcome& outcome) {
     return verdict;
 }
 
-// Carries out the clean step the user asked for on every finding; false when any file
-// could not be dealt with.
+// The findings grouped by the file they were found in, in the order met: members of one
+// archive are one file to act on.
+std::vector<std::vector<std::shared_ptr<VkTorjanResultItems>>> byFile(
+    const std::vector<std::shared_ptr<VkTorjanResultItems>>& findings) {
+    std::vector<std::vector<std::shared_ptr<VkTorjanResultItems>>> files;
+    std::map<std::string, size_t> index;
+    for (const auto& item : findings) {
+        auto [at, added] = index.try_emplace(item->path().value_or(""), files.size());
+        if (added)
+            files.emplace_back();
+        files[at->second].push_back(item);
+    }
+    return files;
+}
+
+// Carries out the clean step the user asked for, once per file found (an archive with
+// several members found is one file); false when any file could not be dealt with.
 bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& center,
                    VkScanLogsOper& logs,
                    const std::vector<std::shared_ptr<VkTorjanResultItems>>& findings) {
     bool allDone = true;
     if (options.trust) {
-        for (const auto& item : findings) {
+        for (const auto& members : byFile(findings)) {
+            const auto& item = members.front();
             std::string path = item->path().value_or("");
             // The list holds enciphered text; a name the cipher cannot take would be stored
             // as an entry that never matches and cannot be removed.
@@ -369,6 +386,7 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                              "the trust list cannot hold this path (it is not UTF-8 text)");
                 continue;
             }
+            // The entry binds the file's path and hash, the same for all its members.
             if (!center.addTrustFile(item)) {
                 allDone = false;
                 printOutcome(cli, path, "trusted", false,
@@ -377,32 +395,62 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                                  " would be too large, or cannot be written)");
                 continue;
             }
-            logs.addScanLogsItem(item, 1);
+            for (const auto& member : members)
+                logs.addScanLogsItem(member, 1);
             printOutcome(cli, path, "trusted", true, "trusted");
         }
     } else if (options.quarantine) {
-        for (const auto& item : findings) {
-            bool ok = center.addQuarantineItem(item);
+        for (const auto& members : byFile(findings)) {
+            bool ok = center.addQuarantineItem(members.front());
             allDone = allDone && ok;
-            printOutcome(cli, item->path().value_or(""), "quarantined", ok,
+            printOutcome(cli, members.front()->path().value_or(""), "quarantined", ok,
                          ok ? "quarantined" : "the file could not be moved into the quarantine");
         }
     } else if (options.remove) {
+        // Every finding's removal runs (each record's own instructions), the outcome is told
+        // per file.
         VkKillReport report = center.killTorjans().killTorjanItemAndWait(findings);
         if (!report.completed) {
             vkCliFail(cli, "removal did not run: the process list could not be read");
             return false;
         }
+        struct FileOutcome {
+            std::string path;
+            std::optional<RemovalVerdict> verdict;
+            std::vector<std::shared_ptr<VkTorjanResultItems>> members;
+        };
+        std::vector<FileOutcome> files;
+        std::map<std::string, size_t> index;
         for (const auto& outcome : report.outcomes) {
             if (!outcome.result)
                 continue;
-            RemovalVerdict verdict = verdictOf(outcome);
+            std::string path = outcome.result->path().value_or("");
+            auto [at, added] = index.try_emplace(path, files.size());
+            if (added)
+                files.push_back({path, std::nullopt, {}});
+            FileOutcome& file = files[at->second];
+            file.members.push_back(outcome.result);
+            // A file an earlier finding of it removed is not missed by the next one.
+            VkKillOutcome rest = outcome;
+            if (file.verdict && file.verdict->fileGone) {
+                std::erase_if(rest.deletions,
+                              [&](const VkCleanOutcome& d) { return d.path == path; });
+            }
+            RemovalVerdict verdict = verdictOf(rest);
+            // What failed is told first, then what removed the file.
+            if (!file.verdict || (file.verdict->ok && !verdict.ok) ||
+                (file.verdict->ok && verdict.ok && verdict.fileGone && !file.verdict->fileGone))
+                file.verdict = std::move(verdict);
+        }
+        for (const auto& file : files) {
             // A file left in place stays "found" in the history, never "removed".
-            if (verdict.fileGone)
-                logs.addScanLogsItem(outcome.result, 0);
-            allDone = allDone && verdict.ok;
-            printOutcome(cli, outcome.result->path().value_or(""), "removed", verdict.ok,
-                         verdict.text, verdict.done);
+            if (file.verdict->fileGone) {
+                for (const auto& member : file.members)
+                    logs.addScanLogsItem(member, 0);
+            }
+            allDone = allDone && file.verdict->ok;
+            printOutcome(cli, file.path, "removed", file.verdict->ok, file.verdict->text,
+                         file.verdict->done);
         }
     }
     return allDone;

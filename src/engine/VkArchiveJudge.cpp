@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -96,20 +97,26 @@ std::string streamName(const std::string& name) {
 }
 
 // A reader with only the decompressors built into the library: the catch-all set would
-// run external programs on the data.
-ArchiveHandle newReader() {
+// run external programs on the data. streamOnly leaves the archive formats out: its one
+// entry is the data decompressed, or as it is when it is no compressed stream.
+ArchiveHandle newReader(bool streamOnly = false) {
     ArchiveHandle a(archive_read_new());
     if (!a)
         return a;
-    int (*const setups[])(archive*) = {
-        archive_read_support_filter_gzip,     archive_read_support_filter_bzip2,
-        archive_read_support_filter_xz,       archive_read_support_filter_lzma,
-        archive_read_support_filter_compress, archive_read_support_format_zip,
-        archive_read_support_format_tar,      archive_read_support_format_cpio,
-        archive_read_support_format_xar,      archive_read_support_format_7zip,
-        archive_read_support_format_raw};
-    for (auto setup : setups) {
+    int (*const filters[])(archive*) = {
+        archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
+        archive_read_support_filter_xz, archive_read_support_filter_lzma,
+        archive_read_support_filter_compress, archive_read_support_format_raw};
+    int (*const formats[])(archive*) = {
+        archive_read_support_format_zip, archive_read_support_format_tar,
+        archive_read_support_format_cpio, archive_read_support_format_xar,
+        archive_read_support_format_7zip};
+    for (auto setup : filters) {
         if (setup(a.get()) != ARCHIVE_OK)
+            return ArchiveHandle();
+    }
+    for (auto setup : formats) {
+        if (!streamOnly && setup(a.get()) != ARCHIVE_OK)
             return ArchiveHandle();
     }
     return a;
@@ -174,8 +181,13 @@ class MemberData {
   public:
     enum class State { ok, corrupt, overLimit };
 
-    MemberData(archive* a, Walk& walk, std::optional<uint64_t> declared, bool keep)
-        : a_(a), walk_(walk), declared_(declared), keep_(keep) {}
+    // charged: the bytes count against the limits (not when they are only passed through).
+    // headOnly: only the head is kept, for data that can be read again if its whole hash is
+    // wanted (hashing all of a large stream costs more than decompressing it).
+    MemberData(archive* a, Walk& walk, std::optional<uint64_t> declared, bool keep,
+               bool charged = true, bool headOnly = false)
+        : a_(a), walk_(walk), declared_(declared), keep_(keep), charged_(charged),
+          headOnly_(headOnly) {}
 
     // Up to n bytes: the count, 0 at the end, negative once anything failed.
     ssize_t read(void* bytes, size_t n);
@@ -186,6 +198,8 @@ class MemberData {
     State state() const { return state_; }
     const std::string& error() const { return error_; }
     uint64_t total() const { return total_; }
+    // A whole hash was asked for that headOnly did not keep.
+    bool wholeMissing() const { return wholeMissing_; }
 
     // The hasher of a member's contents, by the rules files on disk are hashed with.
     std::optional<std::string> hash(int32_t type, uint64_t head);
@@ -197,6 +211,9 @@ class MemberData {
     Walk& walk_;
     std::optional<uint64_t> declared_;
     bool keep_;
+    bool charged_;
+    bool headOnly_;
+    bool wholeMissing_ = false;
     bool atEnd_ = false;
     State state_ = State::ok;
     std::string error_;
@@ -216,8 +233,17 @@ class Walk {
     // Walks the archive open in a. self names it inside the file ("" for the file itself),
     // stream is the name a single compressed stream's contents go by. False when the whole
     // walk has to end (a limit was reached, or the scan is stopping).
-    bool walkArchive(archive* a, const std::string& self, int depth, const std::string& stream);
-    // Counts n decompressed bytes; false (reported once) past a limit.
+    // inStream: a decompressed stream's contents, judged as a whole by the caller, so they
+    // need not be an archive.
+    bool walkArchive(archive* a, const std::string& self, int depth, const std::string& stream,
+                     bool inStream = false);
+    // Walks the one entry of a streamOnly reader: a compressed stream is judged as a whole
+    // (named stream inside self) and as the archive it may hold; data that is no compressed
+    // stream is passed through unchanged and must be an archive.
+    // reopen, when given, opens the same stream again from its start.
+    bool walkStream(archive* raw, const std::string& self, int depth, const std::string& stream,
+                    const std::function<ArchiveHandle()>& reopen = {});
+    // Counts n decompressed bytes; false (reported once) past a limit, or once the scan stops.
     bool charge(uint64_t n, bool produced);
     void skip(VkArchiveSkip::Reason reason, const std::string& member, std::string detail = {});
     void finish();
@@ -226,6 +252,8 @@ class Walk {
     bool judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth,
                      bool warned);
     void walkNested(MemberData& data, const std::string& name, int depth);
+    // Judges contents held whole (a link's target text) under name.
+    void judgeBytes(const std::string& bytes, const std::string& name);
     void overLimit(const std::string& what);
 
     const VkArchiveJudge::Records& records_;
@@ -243,7 +271,7 @@ void MemberData::keepBytes(const uint8_t* p, size_t n) {
     size_t toHead =
         std::min<size_t>(n, kHeadLength - std::min<uint64_t>(head_.size(), kHeadLength));
     head_.insert(head_.end(), p, p + toHead);
-    if (total_ <= kHeadLength)
+    if (total_ <= kHeadLength || headOnly_)
         return;
     if (!streams_[0]) {
         // Past the head: from here on the whole hashes are streamed, starting with the head.
@@ -278,7 +306,7 @@ ssize_t MemberData::read(void* bytes, size_t n) {
         }
         return 0;
     }
-    if (!walk_.charge(static_cast<uint64_t>(r), true)) {
+    if (!walk_.charge(charged_ ? static_cast<uint64_t>(r) : 0, true)) {
         state_ = State::overLimit;
         return -1;
     }
@@ -331,6 +359,7 @@ std::optional<std::string> MemberData::hash(int32_t type, uint64_t head) {
         return std::nullopt;
     if (total_ <= kHeadLength)
         return VkHashValue::hashWithData(head_.data(), static_cast<uint32_t>(head_.size()), type);
+    wholeMissing_ = headOnly_;
     if (!finished_) {
         for (int32_t t = 0; t < kHashTypes; ++t)
             whole_[t] = streams_[t] ? streams_[t]->finish() : std::nullopt;
@@ -375,6 +404,11 @@ bool Walk::charge(uint64_t n, bool produced) {
     spent_ += n;
     if (ended_)
         return false;
+    // Asked at every block read, so that a stop is heeded inside a long member too.
+    if (stop_ && stop_->load()) {
+        ended_ = true;
+        return false;
+    }
     if (spent_ > limits_.maxTotalBytes) {
         overLimit("more than " + std::to_string(limits_.maxTotalBytes >> 20) + " MiB decompressed");
     } else if (spent_ > VkArchiveLimits::kRatioFloor &&
@@ -420,14 +454,17 @@ void Walk::walkNested(MemberData& data, const std::string& name, int depth) {
         client.pbzx = std::make_unique<VkPbzx>(
             [&client](void* bytes, size_t n) { return client.raw(bytes, n); });
     }
-    ArchiveHandle reader = newReader();
+    // A 7z is read from memory with seeking; anything else goes through a stream reader
+    // first, which decompresses it when it is a compressed stream.
+    bool is7z = got == sizeof k7zMagic && std::memcmp(client.prefix.data(), k7zMagic, got) == 0;
+    ArchiveHandle reader = newReader(!is7z);
     if (!reader) {
         skip(VkArchiveSkip::Reason::unsupported, name, "no archive reader");
         return;
     }
     std::vector<uint8_t> held;
     FileClient heldClient{-1, 0};
-    if (got == sizeof k7zMagic && std::memcmp(client.prefix.data(), k7zMagic, got) == 0) {
+    if (is7z) {
         held = client.prefix;
         std::vector<uint8_t> block(kBlock);
         for (ssize_t r; (r = data.read(block.data(), block.size())) > 0;) {
@@ -456,7 +493,100 @@ void Walk::walkNested(MemberData& data, const std::string& name, int depth) {
             skip(VkArchiveSkip::Reason::corrupt, name, errorOf(reader.get()));
         return;
     }
-    walkArchive(reader.get(), name, depth, streamName(name));
+    if (is7z)
+        walkArchive(reader.get(), name, depth, streamName(name));
+    else
+        walkStream(reader.get(), name, depth, streamName(name));
+}
+
+bool Walk::walkStream(archive* raw, const std::string& self, int depth, const std::string& stream,
+                      const std::function<ArchiveHandle()>& reopen) {
+    archive_entry* entry = nullptr;
+    int r = archive_read_next_header(raw, &entry);
+    bool compressed = archive_filter_count(raw) > 1;
+    if (r == ARCHIVE_EOF && compressed)
+        return true;  // a stream of nothing
+    if (r != ARCHIVE_OK && r != ARCHIVE_WARN) {
+        if (!ended_)
+            skip(VkArchiveSkip::Reason::corrupt, self, r == ARCHIVE_EOF ? "empty" : errorOf(raw));
+        return !ended_;
+    }
+    const std::string name = (self.empty() ? "" : self + "!") + stream;
+    if (compressed) {
+        ++report_.members;
+        ++report_.membersDecompressed;
+    }
+    // Decompressed once: the same bytes are hashed as a whole and read as an archive.
+    MemberData data(raw, *this, std::nullopt, compressed, compressed, bool(reopen));
+    NestedClient client{data, *this, {}, 0, nullptr};
+    ArchiveHandle reader = newReader();
+    if (!reader) {
+        skip(VkArchiveSkip::Reason::unsupported, self, "no archive reader");
+        return true;
+    }
+    archive_read_set_read_callback(reader.get(), &NestedClient::read);
+    archive_read_set_callback_data(reader.get(), &client);
+    if (archive_read_open1(reader.get()) == ARCHIVE_OK) {
+        walkArchive(reader.get(), self, depth, stream, compressed);
+    } else if (!ended_ && !compressed) {
+        skip(VkArchiveSkip::Reason::corrupt, self, errorOf(reader.get()));
+    }
+    if (ended_ || data.state() == MemberData::State::overLimit)
+        return false;
+    if (!compressed)
+        return true;
+    // The file a decompressor would write ("x.jar" of "x.jar.gz") is judged as any file.
+    data.drain();
+    if (data.state() == MemberData::State::overLimit || ended_)
+        return false;
+    if (data.state() == MemberData::State::corrupt) {
+        skip(VkArchiveSkip::Reason::corrupt, name, data.error());
+        return true;
+    }
+    if (data.total() == 0 || !records_.hasSize(data.total()))
+        return true;
+    auto record = records_.match(data.total(), [&data](int32_t type, uint64_t head) {
+        return data.hash(type, head);
+    });
+    if (!record && data.wholeMissing()) {
+        // Its size and head hash match a record: read it again, hashing it whole.
+        ArchiveHandle again = reopen();
+        archive_entry* second = nullptr;
+        if (!again || archive_read_next_header(again.get(), &second) != ARCHIVE_OK) {
+            skip(VkArchiveSkip::Reason::corrupt, name, again ? errorOf(again.get()) : "");
+            return true;
+        }
+        MemberData whole(again.get(), *this, data.total(), true);
+        whole.drain();
+        if (whole.state() == MemberData::State::overLimit || ended_)
+            return false;
+        if (whole.state() == MemberData::State::corrupt) {
+            skip(VkArchiveSkip::Reason::corrupt, name, whole.error());
+            return true;
+        }
+        record = records_.match(whole.total(), [&whole](int32_t type, uint64_t head) {
+            return whole.hash(type, head);
+        });
+    }
+    if (record)
+        report_.findings.push_back({name, record});
+    return true;
+}
+
+void Walk::judgeBytes(const std::string& bytes, const std::string& name) {
+    if (bytes.empty() || !records_.hasSize(bytes.size()))
+        return;
+    auto record = records_.match(bytes.size(), [&bytes](int32_t type, uint64_t head) {
+        if (type < 0 || type >= kHashTypes)
+            return std::optional<std::string>();
+        std::string buffer = bytes;
+        if (head != 0)
+            buffer.resize(kHeadLength, '\0');
+        return VkHashValue::hashWithData(buffer.data(), static_cast<uint32_t>(buffer.size()),
+                                         type);
+    });
+    if (record)
+        report_.findings.push_back({name, record});
 }
 
 bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name, int depth,
@@ -482,12 +612,22 @@ bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name
         nested = false;
     }
     if (!candidate && !nested && sizeKnown) {
-        // Skipping inside a compressed stream (or a 7z block) still decompresses; it counts.
+        // Skipping inside a compressed stream (or a 7z block) still decompresses: it counts,
+        // and is done by reading here, where the limits and a stop are heeded block by block.
         bool costly = archive_filter_count(a) > 1 || archive_format(a) == ARCHIVE_FORMAT_7ZIP;
-        if (costly && !charge(size, false))
-            return false;
+        if (costly) {
+            if (size > limits_.maxTotalBytes - std::min(spent_, limits_.maxTotalBytes))
+                return charge(size, false);  // over the limit already by what it says
+            MemberData data(a, *this, size, false);
+            if (data.drain())
+                return true;
+            if (data.state() == MemberData::State::corrupt && !ended_)
+                skip(VkArchiveSkip::Reason::corrupt, name, data.error());
+            return !ended_ && data.state() != MemberData::State::overLimit;
+        }
         if (archive_read_data_skip(a) != ARCHIVE_OK) {
-            skip(VkArchiveSkip::Reason::corrupt, name, errorOf(a));
+            if (!ended_)
+                skip(VkArchiveSkip::Reason::corrupt, name, errorOf(a));
             return false;
         }
         return true;
@@ -518,13 +658,20 @@ bool Walk::judgeMember(archive* a, archive_entry* entry, const std::string& name
     }
     if (data.state() == MemberData::State::overLimit || ended_)
         return false;
-    if (data.state() == MemberData::State::corrupt)
-        skip(VkArchiveSkip::Reason::corrupt, name, data.error());
+    if (data.state() == MemberData::State::corrupt) {
+        // The reader gives no data for some types that declare some (a zip "directory").
+        if (archive_entry_filetype(entry) != AE_IFREG)
+            skip(VkArchiveSkip::Reason::unsupported, name, "data of an entry not typed a file");
+        else
+            skip(VkArchiveSkip::Reason::corrupt, name, data.error());
+    }
     return true;
 }
 
-bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std::string& stream) {
+bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std::string& stream,
+                       bool inStream) {
     const std::string prefix = self.empty() ? "" : self + "!";
+    bool damaged = false;
     for (;;) {
         if (stop_ && stop_->load()) {
             ended_ = true;
@@ -534,6 +681,14 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
         int r = archive_read_next_header(a, &entry);
         if (r == ARCHIVE_EOF)
             return true;
+        if (r == ARCHIVE_RETRY) {
+            // A damaged header (a wrong checksum): the reader moves on to the next one, but
+            // what the damaged one held is not examined.
+            if (!damaged)
+                skip(VkArchiveSkip::Reason::corrupt, self, errorOf(a));
+            damaged = true;
+            continue;
+        }
         if (r < ARCHIVE_WARN) {
             if (!ended_)
                 skip(VkArchiveSkip::Reason::corrupt, self, errorOf(a));
@@ -541,7 +696,8 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
         }
         if (archive_format(a) == ARCHIVE_FORMAT_RAW && archive_filter_count(a) <= 1) {
             // The reader's last resort took the bytes as they are: no archive at all.
-            skip(VkArchiveSkip::Reason::corrupt, self, "not a readable archive");
+            if (!inStream)
+                skip(VkArchiveSkip::Reason::corrupt, self, "not a readable archive");
             return true;
         }
         if (++entries_ > limits_.maxMembers) {
@@ -550,9 +706,14 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
         }
         // A hard link carries data when its format lets it (a pax link with a body, the last
         // name of a newc file): only one known to be empty names data read elsewhere.
-        if (archive_entry_filetype(entry) != AE_IFREG ||
-            (archive_entry_hardlink(entry) && archive_entry_size_is_set(entry) &&
-             archive_entry_size(entry) == 0))
+        bool empty = archive_entry_size_is_set(entry) && archive_entry_size(entry) == 0;
+        if (archive_entry_hardlink(entry) && empty)
+            continue;
+        // Extractors disagree on what a type means (a zip "directory" or "link" with data, a
+        // tar type 'M' or 'D' are written as files by some): whatever it says, an entry with
+        // data is judged, a link's target text too.
+        const char* target = archive_entry_symlink(entry);
+        if (archive_entry_filetype(entry) != AE_IFREG && empty && !target)
             continue;
         std::string name;
         if (archive_format(a) == ARCHIVE_FORMAT_RAW) {
@@ -564,6 +725,10 @@ bool Walk::walkArchive(archive* a, const std::string& self, int depth, const std
         } else {
             name = "(unnamed)";
         }
+        if (target)
+            judgeBytes(target, prefix + name);
+        if (archive_entry_filetype(entry) != AE_IFREG && empty)
+            continue;
         if (!judgeMember(a, entry, prefix + name, depth, r == ARCHIVE_WARN))
             return false;
     }
@@ -620,6 +785,28 @@ VkArchiveReport VkArchiveJudge::judge(int fd, const std::string& name,
     ArchiveHandle reader = newReader();
     if (!reader) {
         fileWalk.skip(VkArchiveSkip::Reason::unsupported, "", "no archive reader");
+        return report;
+    }
+    // A compressed stream is decompressed once, judged as a whole (the file a decompressor
+    // would write) and walked as the archive it may hold.
+    FileClient streamClient{fd, static_cast<int64_t>(st.st_size)};
+    FileClient againClient{fd, static_cast<int64_t>(st.st_size)};
+    auto openStream = [](FileClient& c) {
+        ArchiveHandle a = newReader(true);
+        if (!a)
+            return a;
+        archive_read_set_read_callback(a.get(), &FileClient::read);
+        archive_read_set_skip_callback(a.get(), &FileClient::skip);
+        archive_read_set_callback_data(a.get(), &c);
+        if (archive_read_open1(a.get()) != ARCHIVE_OK)
+            a.reset();
+        return a;
+    };
+    if (ArchiveHandle stream = openStream(streamClient);
+        stream && archive_filter_count(stream.get()) > 1) {
+        fileWalk.walkStream(stream.get(), "", 1, streamName(name),
+                            [&] { return openStream(againClient); });
+        fileWalk.finish();
         return report;
     }
     FileClient client{fd, static_cast<int64_t>(st.st_size)};

@@ -171,6 +171,19 @@ TEST_F(VkScanCommandTest, ArchiveMembersAreShownBesideTheArchiveAndScopeOptionsH
     // A broken archive is never called clean.
     auto broken = runExpect(2, {"scan", dir.write("root/cut.zip", archive.substr(0, 40))});
     EXPECT_THAT(broken.err, HasSubstr("not examined"));
+
+    // Two members found: the archive is one file, acted on and told once.
+    std::string two = vkMakeArchive(
+        "ustar", "", {{"a", "alpha-synthetic-sample"}, {"b", "alpha-synthetic-sample"}});
+    std::string tar = dir.write("root/two.tar", two);
+    std::string out = runExpect(1, {"scan", "--quarantine", tar}).out;
+    size_t told = out.find(tar + ": quarantined\n");
+    EXPECT_EQ(std::pair(told, out.find(tar + ": ", told + 1)),
+              std::pair(out.find(tar + ": "), std::string::npos))
+        << out;
+    EXPECT_FALSE(VkFile::existsNoFollow(tar));
+    runExpect(1, {"scan", "--trust", dir.write("root/two.tar", two)});
+    EXPECT_EQ(runJson({"trust", "list"}).size(), 1u);
 }
 
 TEST_F(VkScanCommandTest, FullScanWalksTheSystemRoot) {

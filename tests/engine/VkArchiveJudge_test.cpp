@@ -1,6 +1,7 @@
 #include "engine/VkArchiveJudge.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <fcntl.h>
 
 #include <gtest/gtest.h>
@@ -13,6 +14,17 @@ namespace {
 
 const std::string kPlanted = vkTestBytes(3000, 1);
 const std::string kBig = vkTestBytes(kMiB + 4321, 2);
+
+// The tar header at offset gets type flag `type`, its checksum made right again.
+std::string retyped(std::string tar, size_t offset, char type) {
+    tar[offset + 156] = type;
+    std::fill_n(tar.begin() + offset + 148, 8, ' ');
+    unsigned sum = 0;
+    for (size_t i = 0; i < 512; ++i)
+        sum += static_cast<unsigned char>(tar[offset + i]);
+    std::snprintf(tar.data() + offset + 148, 8, "%06o", sum);
+    return tar;
+}
 
 class VkArchiveJudgeTest : public VkEngineScanTest<> {
   protected:
@@ -48,6 +60,7 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         record.resize((record.size() + 3) / 4 * 4, '\0');
         return record;
     };
+
     struct Case {
         const char* file;
         std::string contents;
@@ -70,6 +83,9 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         {"big.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "big", kBig},
         {"link.cpio",
          newc("first", 2, "") + newc("second", 2, kPlanted) + newc("TRAILER!!!", 1, ""), "second"},
+        // Types some extractors write as files whatever they say.
+        {"m.tar", retyped(vkMakeArchive("ustar", "", {{"x", kPlanted}}), 0, 'M'), "x"},
+        {"x.jar.gz", vkGzip(inner), "x.jar", inner},
         // Over 1 MiB the head code must match first, as for a file on disk.
         {"head.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "", kBig, false},
     };
@@ -118,6 +134,16 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
         133);
     VkArchiveLimits small;
     small.maxTotalBytes = 4 * kMiB;
+    // A zip member whose Unix mode says "directory": the reader gives none of its data.
+    std::string dirMode = stored;
+    size_t central = dirMode.find("PK\1\2");
+    dirMode[central + 40] = static_cast<char>(0xED);
+    dirMode[central + 41] = 0x41;
+    std::string badSum = vkMakeArchive("ustar", "", {{"c.txt", "clean"}, {"x", kPlanted}});
+    badSum[1024 + 148] ^= 1;
+    // Data of a type the walk passes over still costs its decompression.
+    std::string typeBomb = vkGzip(
+        retyped(vkMakeArchive("ustar", "", {{"z", std::string(8 * kMiB, '\0')}}), 0, 'M'));
     struct Case {
         const char* file;
         std::string contents;
@@ -136,6 +162,9 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
         {"disk.dmg", kPlanted, VkArchiveSkip::Reason::diskImage},
         {"fake.zip", "not an archive at all", VkArchiveSkip::Reason::corrupt},
         {"counts.7z", hugeCounts, VkArchiveSkip::Reason::corrupt},
+        {"sum.tar", badSum, VkArchiveSkip::Reason::corrupt},
+        {"dir.zip", dirMode, VkArchiveSkip::Reason::unsupported},
+        {"type.tar.gz", typeBomb, VkArchiveSkip::Reason::overLimit, kPlanted, small},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
