@@ -6,8 +6,11 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/VkContainedFs.h"
 #include "platform/VkContext.h"
@@ -174,15 +177,17 @@ bool VkQuarantineFileManager::reloadLocked(const Folder& folder, bool keepHeld) 
             return true;
         });
         // Files that lie in the folder with no record get one.
+        std::unordered_set<std::string> recorded;
+        for (const auto& record : onDisk) {
+            if (record->filePath())
+                recorded.insert(*record->filePath());
+        }
         for (const auto& name : namesIn(folderFd)) {
             if (isReservedName(name))
                 continue;
             std::string path = VkFile::join(quarantineFolder(), name);
-            bool recorded = std::any_of(onDisk.begin(), onDisk.end(), [&](const auto& record) {
-                return record->filePath() == path;
-            });
             struct stat st {};
-            if (recorded || !inFolder(name, &st))
+            if (recorded.count(path) || !inFolder(name, &st))
                 continue;
             auto record = std::make_shared<VkQuarantineFileItem>();
             record->setFilePath(path);
@@ -193,22 +198,33 @@ bool VkQuarantineFileManager::reloadLocked(const Folder& folder, bool keepHeld) 
         }
     }
     // Keep the objects (and the order) that callers already hold; take the rest as read.
+    // Each held record takes the first record on disk of its path not yet taken.
+    struct Same {
+        std::vector<size_t> at;
+        size_t next = 0;
+    };
+    std::unordered_map<std::optional<std::string>, Same> byPath;
+    for (size_t i = 0; i < onDisk.size(); ++i)
+        byPath[onDisk[i]->filePath()].at.push_back(i);
+    std::vector<bool> taken(onDisk.size(), false);
     ItemList merged;
     merged.reserve(onDisk.size());
-    auto sameFile = [](const auto& a, const auto& b) { return a->filePath() == b->filePath(); };
     for (const auto& held : quarantineItemArray_) {
-        auto found = std::find_if(onDisk.begin(), onDisk.end(),
-                                  [&](const auto& record) { return sameFile(held, record); });
-        if (found == onDisk.end()) {
+        auto found = byPath.find(held->filePath());
+        if (found == byPath.end() || found->second.next == found->second.at.size()) {
             if (keepHeld)
                 merged.push_back(held);
             continue;
         }
-        *held = **found;
+        size_t i = found->second.at[found->second.next++];
+        *held = *onDisk[i];
         merged.push_back(held);
-        onDisk.erase(found);
+        taken[i] = true;
     }
-    merged.insert(merged.end(), onDisk.begin(), onDisk.end());
+    for (size_t i = 0; i < onDisk.size(); ++i) {
+        if (!taken[i])
+            merged.push_back(onDisk[i]);
+    }
     quarantineItemArray_ = std::move(merged);
     return changed;
 }
