@@ -38,6 +38,10 @@ nlohmann::json itemJson(size_t number, const VkQuarantineFileItem& item) {
 // error is reported and nothing is returned, so that nothing is done.
 std::optional<std::vector<std::pair<size_t, Item>>> pickItems(
     VkCli& cli, VkQuarantineFileManager& store, const std::vector<std::string>& numbers) {
+    if (std::string refused = store.folderRefusal(); !refused.empty()) {
+        vkCliFail(cli, refused);
+        return std::nullopt;
+    }
     const auto& items = store.allQuarantineItems();
     std::vector<std::pair<size_t, Item>> picked;
     std::set<size_t> seen;
@@ -85,6 +89,11 @@ void listCommand(VkCli& cli) {
     cli.context();
     // The scan center's quarantine: the same store its scans quarantine into.
     VkQuarantineFileManager& store = VkTorjanCenter::shareCenter()->quarantine();
+    // Nothing is listed from a link or anything else in the folder's place.
+    if (std::string refused = store.folderRefusal(); !refused.empty()) {
+        vkCliFail(cli, refused);
+        return;
+    }
     const auto& items = store.allQuarantineItems();
     if (cli.json) {
         nlohmann::json list = nlohmann::json::array();
@@ -125,10 +134,13 @@ void actCommand(VkCli& cli, const std::vector<std::string>& numbers, bool restor
                 error = why;
         } else {
             std::string path = textOf(item->filePath());
+            // A quarantine of another user's is left as it is, record and all.
+            std::string foreign = store.foreignOwner();
             if (!store.removeItem(item)) {
-                error = "the record was dropped, but " + (path.empty()
-                                                              ? std::string("it names no file")
-                                                              : path + " could not be deleted");
+                error = !foreign.empty() ? foreign
+                                         : "the record was dropped, but " +
+                                               (path.empty() ? std::string("it names no file")
+                                                             : path + " could not be deleted");
             }
         }
         answer["ok"] = error.empty();

@@ -7,12 +7,22 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/VkFileUtil.h"
 
 VkFileLock::VkFileLock(const std::string& path) {
     std::string lockPath = path + ".lock";
-    VkFd fd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    lock(VkFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+}
+
+VkFileLock::VkFileLock(int folderFd, const std::string& name) {
+    std::string lockName = name + ".lock";
+    lock(VkFd(
+        ::openat(folderFd, lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+}
+
+void VkFileLock::lock(VkFd fd) {
     if (!fd.valid())
         return;
     while (::flock(fd.get(), LOCK_EX) != 0) {
@@ -23,23 +33,34 @@ VkFileLock::VkFileLock(const std::string& path) {
 }
 
 void VkFileLock::removeStaleTemporaries(const std::string& path) {
-    // VkFile::writeAtomically names its temporary files ".<name>.tmp.<pid>.<n>".
     std::string folder = VkFile::deletingLastPathComponent(path);
-    std::string prefix = "." + VkFile::lastPathComponent(path) + ".tmp.";
-    VkHandle<DIR, ::closedir> dir(::opendir(folder.empty() ? "." : folder.c_str()));
-    if (!dir)
+    VkFd fd(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.valid())
+        removeStaleTemporaries(fd.get(), VkFile::lastPathComponent(path));
+}
+
+void VkFileLock::removeStaleTemporaries(int folderFd, const std::string& name) {
+    // VkFile::writeAtomically names its temporary files ".<name>.tmp.<pid>.<n>".
+    std::string prefix = "." + name + ".tmp.";
+    int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listed < 0)
         return;
+    VkHandle<DIR, ::closedir> dir(::fdopendir(listed));
+    if (!dir) {
+        ::close(listed);
+        return;
+    }
     while (struct dirent* e = ::readdir(dir.get())) {
-        std::string name = e->d_name;
-        if (name.rfind(prefix, 0) != 0)
+        std::string entry = e->d_name;
+        if (entry.rfind(prefix, 0) != 0)
             continue;
         char* end = nullptr;
-        long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
+        long pid = std::strtol(entry.c_str() + prefix.size(), &end, 10);
         if (pid <= 0 || !end || *end != '.')
             continue;
         // A writer still alive is mid-write (it may not use the lock); leave its file.
         if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH)
             continue;
-        ::unlinkat(::dirfd(dir.get()), name.c_str(), 0);
+        ::unlinkat(::dirfd(dir.get()), entry.c_str(), 0);
     }
 }

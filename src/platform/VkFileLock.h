@@ -11,6 +11,9 @@
 class VkFileLock {
   public:
     explicit VkFileLock(const std::string& path);
+    // The same lock for `name` in a folder already opened: the folder's path is not walked
+    // again, so a link swapped in for it meanwhile is never followed.
+    VkFileLock(int folderFd, const std::string& name);
     VkFileLock(const VkFileLock&) = delete;
     VkFileLock& operator=(const VkFileLock&) = delete;
 
@@ -21,7 +24,10 @@ class VkFileLock {
     // Removes the temporary files that writers of `path` left behind when they were killed
     // mid-write (their process is gone). Call while holding the lock.
     static void removeStaleTemporaries(const std::string& path);
+    static void removeStaleTemporaries(int folderFd, const std::string& name);
 
   private:
+    void lock(VkFd fd);
+
     VkFd fd_;
 };

@@ -1,9 +1,16 @@
 #include "remediation/VkQuarantineFileManager.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/VkContainedFs.h"
 #include "platform/VkContext.h"
@@ -26,6 +33,36 @@ std::string fileNameTime(double seconds) {
     return text;
 }
 
+const std::string kFolderName = "trojan_Quarantine";
+const std::string kListName = "info.list";
+
+// `name` in the open quarantine folder, for the contained file system's actions.
+VkContainedFs::Entry entryIn(int folderFd, const std::string& name) {
+    VkContainedFs::Entry entry;
+    entry.parent = VkFd(::fcntl(folderFd, F_DUPFD_CLOEXEC, 0));
+    entry.name = name;
+    entry.components = {kFolderName, name};
+    return entry;
+}
+
+// The names in an open folder ("." and ".." left out).
+std::vector<std::string> namesIn(int folderFd) {
+    std::vector<std::string> names;
+    int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listed < 0)
+        return names;
+    VkHandle<DIR, ::closedir> dir(::fdopendir(listed));
+    if (!dir) {
+        ::close(listed);
+        return names;
+    }
+    while (struct dirent* e = ::readdir(dir.get())) {
+        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+            names.emplace_back(e->d_name);
+    }
+    return names;
+}
+
 }  // namespace
 
 VkQuarantineFileManager::VkQuarantineFileManager(std::string dataFolder,
@@ -34,26 +71,61 @@ VkQuarantineFileManager::VkQuarantineFileManager(std::string dataFolder,
     : dataFolder_(std::move(dataFolder)),
       clock_(std::move(clock)),
       coreFunction_(std::move(coreFunction)) {
-    std::string folder = quarantineFolder();
-    bool isDir = false;
-    if (!VkFile::exists(folder, &isDir) || !isDir) {
-        // Created without parents, as the store has always done. The custom Finder icon
-        // of the original has no counterpart here and is left out.
-        ::mkdir(folder.c_str(), 0700);
-    }
+    // Created without parents, as the store has always done. The custom Finder icon of the
+    // original has no counterpart here and is left out.
+    Folder folder = openFolder(true);
     // Quarantined files are malware: nobody but the owner may read them. Only a real
     // folder is tightened; a link's target is left alone.
     struct stat st {};
-    if (::lstat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 07777) != 0700)
-        ::chmod(folder.c_str(), 0700);
+    if (folder.fd.valid() && ::fstat(folder.fd.get(), &st) == 0 && (st.st_mode & 07777) != 0700)
+        ::fchmod(folder.fd.get(), 0700);
 
     reload();
 }
 
+VkQuarantineFileManager::Folder VkQuarantineFileManager::openFolder(bool create) const {
+    Folder folder;
+    // The data folder is the user's choice and opened as it is; the one name below it is
+    // never followed.
+    VkFd data(::open(dataFolder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!data.valid()) {
+        if (errno != ENOENT)
+            folder.refusal = "cannot open " + dataFolder_ + ": " + std::strerror(errno);
+        return folder;
+    }
+    if (create)
+        ::mkdirat(data.get(), kFolderName.c_str(), 0700);
+    folder.fd = VkFd(::openat(data.get(), kFolderName.c_str(),
+                              O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!folder.fd.valid()) {
+        if (errno == ELOOP || errno == ENOTDIR)
+            folder.refusal =
+                "refused: " + quarantineFolder() + " is a symbolic link or not a folder";
+        else if (errno != ENOENT)
+            folder.refusal = "cannot open " + quarantineFolder() + ": " + std::strerror(errno);
+        return folder;
+    }
+    const uid_t self = ::geteuid();
+    auto foreign = [&](const std::string& path, const struct stat& st) {
+        return path + " belongs to user " + std::to_string(st.st_uid) + ", not to this one (" +
+               std::to_string(self) + "): act on it as that user";
+    };
+    // Only root could give the open folder away meanwhile, and only this user (or root) can
+    // put another list into a folder of this user's.
+    struct stat st {};
+    if (::fstat(folder.fd.get(), &st) != 0 || st.st_uid != self)
+        folder.foreign = foreign(quarantineFolder(), st);
+    else if (::fstatat(folder.fd.get(), kListName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+             st.st_uid != self)
+        folder.foreign = foreign(infoListPath(), st);
+    return folder;
+}
+
 void VkQuarantineFileManager::reload() {
-    VkFileLock lock(infoListPath());
-    if (reloadLocked())
-        writeLocked();
+    Folder folder = openFolder();
+    VkFileLock lock(folder.writable(), kListName);
+    if (reloadLocked(folder))
+        writeLocked(folder);
 }
 
 bool VkQuarantineFileManager::isReservedName(const std::string& name) const {
@@ -72,43 +144,50 @@ bool VkQuarantineFileManager::isReservedName(const std::string& name) const {
     return dot != std::string::npos && digits(rest.substr(0, dot)) && digits(rest.substr(dot + 1));
 }
 
-bool VkQuarantineFileManager::reloadLocked(bool keepHeld) {
-    VkFileLock::removeStaleTemporaries(infoListPath());
+bool VkQuarantineFileManager::reloadLocked(const Folder& folder, bool keepHeld) {
     ItemList onDisk;
-    auto list = VkPlist::readFile(infoListPath(), 64u << 20);
-    if (list && list->asArray()) {
-        for (const auto& element : *list->asArray()) {
-            if (element.isDictionary())
-                onDisk.push_back(std::make_shared<VkQuarantineFileItem>(element));
-        }
-    }
     bool changed = false;
-    // Settle the journal: a pending record whose file is in the folder was moved in; one
-    // whose file is not never was (the file is still where it was found).
-    std::erase_if(onDisk, [&](const std::shared_ptr<VkQuarantineFileItem>& record) {
-        if (!record->pending())
-            return false;
-        changed = true;
-        if (record->filePath() && holdsFile(*record->filePath()) &&
-            VkFile::existsNoFollow(*record->filePath())) {
-            record->setPending(false);
-            return false;
+    if (const int folderFd = folder.fd.get(); folderFd >= 0) {
+        if (folder.writable() >= 0)
+            VkFileLock::removeStaleTemporaries(folderFd, kListName);
+        if (auto bytes = VkContainedFs::readEntry(entryIn(folderFd, kListName), 64u << 20)) {
+            auto list = VkPlist::parse(bytes->data(), bytes->size());
+            if (list && list->asArray()) {
+                for (const auto& element : *list->asArray()) {
+                    if (element.isDictionary())
+                        onDisk.push_back(std::make_shared<VkQuarantineFileItem>(element));
+                }
+            }
         }
-        return true;
-    });
-    // Files that lie in the folder with no record get one.
-    if (auto names = VkFile::listDirectory(quarantineFolder())) {
-        for (const auto& name : *names) {
+        auto inFolder = [&](const std::string& name, struct stat* st) {
+            return ::fstatat(folderFd, name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0;
+        };
+        // Settle the journal: a pending record whose file is in the folder was moved in;
+        // one whose file is not never was (the file is still where it was found).
+        std::erase_if(onDisk, [&](const std::shared_ptr<VkQuarantineFileItem>& record) {
+            if (!record->pending())
+                return false;
+            changed = true;
+            struct stat st {};
+            if (record->filePath() && holdsFile(*record->filePath()) &&
+                inFolder(VkFile::lastPathComponent(*record->filePath()), &st)) {
+                record->setPending(false);
+                return false;
+            }
+            return true;
+        });
+        // Files that lie in the folder with no record get one.
+        std::unordered_set<std::string> recorded;
+        for (const auto& record : onDisk) {
+            if (record->filePath())
+                recorded.insert(*record->filePath());
+        }
+        for (const auto& name : namesIn(folderFd)) {
             if (isReservedName(name))
                 continue;
             std::string path = VkFile::join(quarantineFolder(), name);
-            bool recorded = std::any_of(onDisk.begin(), onDisk.end(), [&](const auto& record) {
-                return record->filePath() == path;
-            });
-            if (recorded)
-                continue;
             struct stat st {};
-            if (::lstat(path.c_str(), &st) != 0)
+            if (recorded.count(path) || !inFolder(name, &st))
                 continue;
             auto record = std::make_shared<VkQuarantineFileItem>();
             record->setFilePath(path);
@@ -119,22 +198,33 @@ bool VkQuarantineFileManager::reloadLocked(bool keepHeld) {
         }
     }
     // Keep the objects (and the order) that callers already hold; take the rest as read.
+    // Each held record takes the first record on disk of its path not yet taken.
+    struct Same {
+        std::vector<size_t> at;
+        size_t next = 0;
+    };
+    std::unordered_map<std::optional<std::string>, Same> byPath;
+    for (size_t i = 0; i < onDisk.size(); ++i)
+        byPath[onDisk[i]->filePath()].at.push_back(i);
+    std::vector<bool> taken(onDisk.size(), false);
     ItemList merged;
     merged.reserve(onDisk.size());
-    auto sameFile = [](const auto& a, const auto& b) { return a->filePath() == b->filePath(); };
     for (const auto& held : quarantineItemArray_) {
-        auto found = std::find_if(onDisk.begin(), onDisk.end(),
-                                  [&](const auto& record) { return sameFile(held, record); });
-        if (found == onDisk.end()) {
+        auto found = byPath.find(held->filePath());
+        if (found == byPath.end() || found->second.next == found->second.at.size()) {
             if (keepHeld)
                 merged.push_back(held);
             continue;
         }
-        *held = **found;
+        size_t i = found->second.at[found->second.next++];
+        *held = *onDisk[i];
         merged.push_back(held);
-        onDisk.erase(found);
+        taken[i] = true;
     }
-    merged.insert(merged.end(), onDisk.begin(), onDisk.end());
+    for (size_t i = 0; i < onDisk.size(); ++i) {
+        if (!taken[i])
+            merged.push_back(onDisk[i]);
+    }
     quarantineItemArray_ = std::move(merged);
     return changed;
 }
@@ -149,11 +239,11 @@ std::shared_ptr<VkQuarantineFileManager> VkQuarantineFileManager::shareManager()
 }
 
 std::string VkQuarantineFileManager::quarantineFolder() const {
-    return VkFile::join(dataFolder_, "trojan_Quarantine");
+    return VkFile::join(dataFolder_, kFolderName);
 }
 
 std::string VkQuarantineFileManager::infoListPath() const {
-    return VkFile::join(quarantineFolder(), "info.list");
+    return VkFile::join(quarantineFolder(), kListName);
 }
 
 std::string VkQuarantineFileManager::candidatePathFor(const std::string& originalPath) const {
@@ -178,21 +268,24 @@ std::string VkQuarantineFileManager::candidatePathFor(const std::string& origina
 bool VkQuarantineFileManager::addItem(const std::shared_ptr<VkQuarantineFileItem>& item) {
     if (!item || !item->originalPath())
         return false;
-    VkFileLock lock(infoListPath());
-    reloadLocked();
+    Folder folder = openFolder(true);
+    VkFileLock lock(folder.writable(), kListName);
+    reloadLocked(folder);
+    if (folder.writable() < 0)
+        return false;
     std::string candidate = candidatePathFor(*item->originalPath());
     item->setFilePath(candidate);
     // The record reaches the disk before the file moves: a writer killed in between
     // leaves a pending record that the next load settles, never a file without a record.
     item->setPending(true);
     quarantineItemArray_.push_back(item);
-    writeLocked();
+    writeLocked(folder);
     bool moved = coreFunction_->moveFileItem(*item->originalPath(), candidate);
     if (moved)
         item->setPending(false);
     else
         std::erase(quarantineItemArray_, item);
-    writeLocked();
+    writeLocked(folder);
     return moved;
 }
 
@@ -206,22 +299,23 @@ bool VkQuarantineFileManager::holdsFile(const std::string& path) const {
            VkFile::deletingLastPathComponent(path) == quarantineFolder();
 }
 
+std::string VkQuarantineFileManager::folderRefusal() const {
+    return openFolder().refusal;
+}
+
 std::string VkQuarantineFileManager::foreignOwner() const {
-    const uid_t self = ::geteuid();
-    for (const std::string& path : {quarantineFolder(), infoListPath()}) {
-        struct stat st {};
-        if (::lstat(path.c_str(), &st) == 0 && st.st_uid != self)
-            return path + " belongs to user " + std::to_string(st.st_uid) +
-                   ", not to this one (" + std::to_string(self) + "): act on it as that user";
-    }
-    return "";
+    Folder folder = openFolder();
+    return folder.refusal.empty() ? folder.foreign : folder.refusal;
 }
 
 bool VkQuarantineFileManager::recoverItem(std::shared_ptr<VkQuarantineFileItem> item) {
-    if (!item || !foreignOwner().empty())
+    if (!item)
         return false;
-    VkFileLock lock(infoListPath());
-    reloadLocked();
+    Folder folder = openFolder();
+    VkFileLock lock(folder.writable(), kListName);
+    reloadLocked(folder);
+    if (folder.writable() < 0)
+        return false;
     // Another process may have restored or deleted it meanwhile.
     if (std::find(quarantineItemArray_.begin(), quarantineItemArray_.end(), item) ==
         quarantineItemArray_.end()) {
@@ -236,41 +330,51 @@ bool VkQuarantineFileManager::recoverItem(std::shared_ptr<VkQuarantineFileItem> 
     if (!coreFunction_->moveFileItem(*item->filePath(), *item->originalPath()))
         return false;
     std::erase(quarantineItemArray_, item);
-    writeLocked();
+    writeLocked(folder);
     return true;
 }
 
 bool VkQuarantineFileManager::removeItem(std::shared_ptr<VkQuarantineFileItem> item) {
     if (!item)
         return false;
-    VkFileLock lock(infoListPath());
-    reloadLocked();
+    Folder folder = openFolder();
+    VkFileLock lock(folder.writable(), kListName);
+    reloadLocked(folder);
+    if (folder.writable() < 0)
+        return false;
     std::erase(quarantineItemArray_, item);
     bool removed = false;
     if (item->filePath() && holdsFile(*item->filePath())) {
-        // Deleted inside our own folder, never through a link.
-        VkContainedFs folder(quarantineFolder());
-        if (auto entry = folder.openParent(*item->filePath()))
-            removed = VkContainedFs::removeEntry(*entry, true).ok();
+        // A regular file of the folder opened above, by its name in it: never a folder,
+        // never through a link (a link is at most removed itself).
+        auto entry = entryIn(folder.writable(), VkFile::lastPathComponent(*item->filePath()));
+        auto st = VkContainedFs::statEntry(entry);
+        if (st && S_ISREG(st->st_mode))
+            removed = VkContainedFs::removeEntry(entry, false).ok();
     }
-    writeLocked();
+    writeLocked(folder);
     return removed;
 }
 
 void VkQuarantineFileManager::removeAllItem() {
-    VkFileLock lock(infoListPath());
-    reloadLocked();
+    Folder folder = openFolder();
+    VkFileLock lock(folder.writable(), kListName);
+    reloadLocked(folder);
     quarantineItemArray_.clear();
-    writeLocked();
+    writeLocked(folder);
 }
 
 bool VkQuarantineFileManager::saveQuarantineInfoList() {
-    VkFileLock lock(infoListPath());
-    reloadLocked(true);
-    return writeLocked();
+    Folder folder = openFolder();
+    VkFileLock lock(folder.writable(), kListName);
+    reloadLocked(folder, true);
+    return writeLocked(folder);
 }
 
-bool VkQuarantineFileManager::writeLocked() {
+bool VkQuarantineFileManager::writeLocked(const Folder& folder) {
+    const int folderFd = folder.writable();
+    if (folderFd < 0)
+        return false;
     VkPlist::Array list;
     list.reserve(quarantineItemArray_.size());
     for (const auto& item : quarantineItemArray_)
@@ -278,5 +382,7 @@ bool VkQuarantineFileManager::writeLocked() {
     // Written to a temporary file and renamed over the old list: there is never a moment
     // without a list on disk.
     auto bytes = VkPlist(std::move(list)).toXml();
-    return VkFile::writeAtomically(infoListPath(), bytes, 0600).ok();
+    return VkContainedFs::replaceEntry(entryIn(folderFd, kListName), bytes, 0600, ::geteuid(),
+                                       ::getegid())
+        .ok();
 }

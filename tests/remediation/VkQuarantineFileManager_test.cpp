@@ -132,6 +132,8 @@ TEST_F(VkQuarantineTest, RecoverRemoveAndRemoveAllAndFailedMovesChangeNothing) {
     if (::chown(store.infoListPath().c_str(), self + 4242, static_cast<gid_t>(-1)) == 0) {
         EXPECT_FALSE(store.recoverItem(a));
         EXPECT_FALSE(fs::exists(original));
+        EXPECT_FALSE(store.removeItem(b));
+        EXPECT_TRUE(fs::exists(*b->filePath()));
         ASSERT_EQ(::chown(store.infoListPath().c_str(), self, static_cast<gid_t>(-1)), 0);
     }
     EXPECT_TRUE(store.recoverItem(a));
@@ -177,6 +179,41 @@ TEST_F(VkQuarantineTest, RecordsNamingFilesOutsideTheFolderAreNeverActedOn) {
     EXPECT_EQ(*VkFile::readAll(precious), "keep me");
     EXPECT_TRUE(core->callsOf("startClean").empty());
     EXPECT_TRUE(core->callsOf("moveFileItem").empty());
+}
+
+TEST_F(VkQuarantineTest, OnlyRegularFilesOfTheRealFolderAreDeleted) {
+    std::string victim = dir.write("root/victim/thesis.txt", "keep me");
+    dir.write("root/victim/project/a.c", "a");
+    std::string folder;
+    {
+        // A folder and a link inside the quarantine get records on reconcile.
+        VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
+        folder = store.quarantineFolder();
+        fs::create_directory(folder + "/sub");
+        fs::create_symlink(victim, folder + "/ln");
+        store.reload();
+        const auto records = store.allQuarantineItems();
+        ASSERT_EQ(records.size(), 2u);
+        for (const auto& q : records)
+            EXPECT_FALSE(store.removeItem(q)) << *q->filePath();
+        EXPECT_TRUE(fs::is_directory(folder + "/sub"));
+        EXPECT_TRUE(fs::is_symlink(folder + "/ln"));
+    }
+    // The folder itself replaced by a link: nothing there is listed, deleted or written.
+    fs::remove_all(folder);
+    fs::create_directory_symlink(dir / "root/victim", folder);
+    VkQuarantineFileManager store(ctx->dataFolder, ctx->clock, ctx->coreFunction);
+    EXPECT_NE(store.folderRefusal().find("symbolic link"), std::string::npos);
+    auto forged = std::make_shared<VkQuarantineFileItem>();
+    forged->setFilePath(folder + "/thesis.txt");
+    store.allQuarantineItems().push_back(forged);
+    EXPECT_FALSE(store.removeItem(forged));
+    store.reload();
+    EXPECT_TRUE(store.allQuarantineItems().empty());
+    EXPECT_TRUE(fs::exists(victim));
+    EXPECT_TRUE(fs::exists(dir / "root/victim/project/a.c"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir / "root/victim"), fs::directory_iterator()),
+              2);
 }
 
 // Two writers at once, then a writer killed at random moments: every quarantined file has
