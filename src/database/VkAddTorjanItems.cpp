@@ -13,6 +13,7 @@
 
 #include "database/VkManifestCipher.h"
 #include "database/VkUpdateKeys.h"
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
 #include "support/VkSignature.h"
@@ -291,6 +292,22 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     VkUpdateReport report;
     report.manifestUrl = manifestUrl();
 
+    // Another process (the panel's loop, the timer's run, a second command) may be checking
+    // this data folder: a slower check with an older manifest would write its serial and
+    // databases over the newer ones. Checks take turns, from the serial comparison to the
+    // serial written, and a stop ends the wait.
+    std::optional<VkFileLock> updateLock;
+    while (updateLock.emplace(ctx_->dataPath(kLockName), VkFileLock::Mode::Try),
+           updateLock->busy()) {
+        if (stopLoop_) {
+            report.failure = VkUpdateReport::Failure::Fetch;
+            report.error = "stopped while another update of " + ctx_->dataFolder + " ran";
+            updateSuccess_ = false;
+            return report;
+        }
+        pacing_->sleepSeconds(kLockPollSeconds);
+    }
+
     std::optional<Manifest> fetched = fetchManifest(report);
     report.success = fetched.has_value();
     updateSuccess_ = report.success;
@@ -363,29 +380,33 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     }
     // A manifest whose server delivers other files than it lists is not taken as the last
     // one: its serial is not recorded and it vouches for nothing staged.
-    const bool delivered = std::none_of(report.entries.begin(), report.entries.end(), [](auto& e) {
-        return e.action == VkUpdateReport::Action::ChecksumMismatch;
-    });
-    if (signedManifest && !delivered) {
+    std::string notTaken;  // why a signed manifest is not kept
+    std::string mismatched;
+    for (const auto& e : report.entries) {
+        if (e.action == VkUpdateReport::Action::ChecksumMismatch)
+            mismatched += (mismatched.empty() ? "" : ", ") + e.webpath;
+    }
+    // The serial on disk is read again before this one is written, so that it never goes
+    // down, even where no lock file could be made and another process took a newer one.
+    const int64_t last = signedManifest ? lastSerial() : 0;
+    if (!mismatched.empty())
+        notTaken = mismatched + " not being the file it lists";
+    else if (signedManifest && *fetched->serial < last)
+        notTaken = "a newer manifest (serial " + std::to_string(last) + ") was taken meanwhile";
+    if (signedManifest && !notTaken.empty()) {
         // Its verified downloads are vouched for by nothing kept: removed here, with the
         // reason, rather than later as if the staging folder had been tampered with.
-        std::string mismatched;
-        for (const auto& e : report.entries) {
-            if (e.action == VkUpdateReport::Action::ChecksumMismatch)
-                mismatched += (mismatched.empty() ? "" : ", ") + e.webpath;
-        }
         for (auto& e : report.entries) {
             if (e.action != VkUpdateReport::Action::Downloaded)
                 continue;
             ::unlink(e.stagedPath.c_str());
             e.action = VkUpdateReport::Action::NotTaken;
             e.detail = "verified, but removed: the manifest (serial " +
-                       std::to_string(fetched->serial.value_or(0)) + ") was not taken, " +
-                       mismatched + " not being the file it lists";
+                       std::to_string(fetched->serial.value_or(0)) + ") was not taken, " + notTaken;
             e.stagedPath.clear();
         }
     }
-    if (signedManifest && delivered) {
+    if (signedManifest && notTaken.empty()) {
         keepSignedManifest(*fetched);
         VkFile::writeAtomically(ctx_->dataPath(kSerialFileName), std::to_string(*fetched->serial),
                                 0600);

@@ -108,6 +108,12 @@ class VkAddTorjanItems {
     // The data folder's record of the last signed manifest's serial.
     static constexpr const char* kSerialFileName = "update.serial";
     static constexpr const char* kAllowUnsignedKey = "AllowUnsignedUpdates";
+    // The data folder's lock ("update.lock", VkFileLock) that a check holds from the serial
+    // comparison to the serial written: processes (the panel's loop, the timer's run, a
+    // second command) never interleave there.
+    static constexpr const char* kLockName = "update";
+    // How often a check waiting for another process's update looks again (and for a stop).
+    static constexpr double kLockPollSeconds = 0.5;
 
     // Installs the packaged databases (resourceFolder/trojanDB/*.sql) that are missing from
     // the data folder or newer than the installed copy. Never fails; problems only cut the
@@ -154,7 +160,8 @@ class VkAddTorjanItems {
 
     // One synchronous check, as the loop makes it: fetch, decipher and read the manifest,
     // stage what is missing or newer. Updates updateSuccess and updateDate. Checks never
-    // overlap: a second caller waits for the first.
+    // overlap, in one process or several: a second caller waits for the first (a stop ends
+    // the wait, and the check then fails).
     VkUpdateReport checkUpdateOnce();
     // The manifest's address on the configured update server.
     std::string manifestUrl() const;

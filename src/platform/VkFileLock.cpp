@@ -10,12 +10,15 @@
 
 #include "platform/VkFileUtil.h"
 
-VkFileLock::VkFileLock(const std::string& path) {
+VkFileLock::VkFileLock(const std::string& path, Mode mode) {
     std::string lockPath = path + ".lock";
     VkFd fd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!fd.valid())
         return;
-    while (::flock(fd.get(), LOCK_EX) != 0) {
+    const int operation = mode == Mode::Try ? LOCK_EX | LOCK_NB : LOCK_EX;
+    while (::flock(fd.get(), operation) != 0) {
+        if (errno == EWOULDBLOCK)
+            busy_ = true;
         if (errno != EINTR)
             return;
     }

@@ -20,6 +20,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include "support/VkSignature.h"
 
 namespace {
 
@@ -73,6 +74,31 @@ class TickGate : public VkPacing {
     std::condition_variable changed_;
     uint64_t allowed_ = 0;
     int blocked_ = 0;
+};
+
+// The real client, with a call made before each database download starts.
+class HookedHttp : public VkCurlHttpClient {
+  public:
+    std::function<void(const std::string& url)> beforeDownload;
+    VkResult<uint64_t> download(const std::string& url, const std::string& path, uint64_t maxBytes,
+                                const std::atomic<bool>* cancel) override {
+        if (beforeDownload)
+            beforeDownload(url);
+        return VkCurlHttpClient::download(url, path, maxBytes, cancel);
+    }
+};
+
+// A pause that tells the test it was taken, then lets a real millisecond pass.
+class SignallingPacing : public VkPacing {
+  public:
+    explicit SignallingPacing(std::function<void()> paused) : paused_(std::move(paused)) {}
+    void sleepMicroseconds(long long) override {
+        paused_();
+        std::this_thread::sleep_for(1ms);
+    }
+
+  private:
+    std::function<void()> paused_;
 };
 
 // Records each answer as "yes|no <date or -> caller|loop": the thread is the one that made
@@ -135,6 +161,19 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         VkUpdatePublisher::Options options;
         options.date = date;
         auto published = VkUpdatePublisher::publish(dir / "www", databases, options);
+        ASSERT_TRUE(published.ok()) << published.error();
+    }
+    // What `vksig publish --key` writes into `www`, with a key the client trusts.
+    void publishSigned(const std::string& www, const std::vector<std::string>& databases,
+                       int64_t serial) {
+        if (!key) {
+            key = *VkSignature::generateKeyPair();
+            dir.write("update-keys/test.pub", key->publicPem);
+        }
+        VkUpdatePublisher::Options options;
+        options.serial = serial;
+        options.privateKeyPem = key->privatePem;
+        auto published = VkUpdatePublisher::publish(www, databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -207,6 +246,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
     VkFolderServer server{dir / "www"};
     std::unique_ptr<VkAddTorjanItems> items;
+    std::optional<VkSignature::KeyPair> key;
 };
 
 // ---- What the manifest makes the loop download ----
@@ -394,6 +434,39 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
     EXPECT_NE(VkFile::pathExtension(names[0]), "sql") << "half a database must never look like one";
     EXPECT_EQ(contents(staged("A.sql")), *a);
     EXPECT_EQ(stagedNames(), std::vector<std::string>{"A.sql"});
+}
+
+// Two processes updating one data folder (the panel's loop, the timer's run): the check with
+// the older manifest, slower, must not write its serial and databases over the newer ones.
+TEST_F(VkAddTorjanItemsTest, ChecksOfTwoUpdatersTakeTurnsAndTheSerialNeverGoesDown) {
+    publishSigned(dir / "www", {source("B.sql", "Beta", "2.0")}, 200);
+    publishSigned(dir / "www2", {makeDb(dir / "v3/B.sql", "Beta", "3.0")}, 300);
+    VkFolderServer newer{dir / "www2"};
+    std::promise<void> goOn;
+    std::once_flag once;
+    auto release = [&] { std::call_once(once, [&] { goOn.set_value(); }); };
+    auto other = std::make_shared<VkContext>(*ctx);
+    other->updateServer = newer.url();
+    other->pacing = std::make_shared<SignallingPacing>(release);  // waiting for its turn
+    VkAddTorjanItems second(other);
+    auto http = std::make_shared<HookedHttp>();
+    VkAddTorjanItems first(ctx, http);
+    // While the first downloads, the second checks and installs, or waits for its turn.
+    std::thread secondRun;
+    http->beforeDownload = [&](const std::string&) {
+        secondRun = std::thread([&] {
+            second.checkUpdateOnce();
+            second.copyToLocalPath();
+            release();
+        });
+        goOn.get_future().wait();
+    };
+    first.checkUpdateOnce();
+    first.copyToLocalPath();
+    secondRun.join();
+    first.copyToLocalPath();
+    EXPECT_EQ(contents(ctx->dataPath(VkAddTorjanItems::kSerialFileName)), "300");
+    EXPECT_EQ(versionOf(ctx->dataPath("B.sql")), "3.0");
 }
 
 // ---- Failed fetches ----
