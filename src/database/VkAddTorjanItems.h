@@ -109,8 +109,8 @@ class VkAddTorjanItems {
     static constexpr const char* kSerialFileName = "update.serial";
     static constexpr const char* kAllowUnsignedKey = "AllowUnsignedUpdates";
     // The data folder's lock ("update.lock", VkFileLock) that a check holds from the serial
-    // comparison to the serial written: processes (the panel's loop, the timer's run, a
-    // second command) never interleave there.
+    // comparison to the serial written, and that installing staged files tries for: processes
+    // (the panel's loop, the timer's run, scans, the monitor) never interleave there.
     static constexpr const char* kLockName = "update";
     // How often a check waiting for another process's update looks again (and for a stop).
     static constexpr double kLockPollSeconds = 0.5;
@@ -137,8 +137,10 @@ class VkAddTorjanItems {
     // Moves every staged "*.sql" into the data folder, replacing a file of the same name;
     // other staged files stay. A file that the signed manifest kept with the staged files
     // lists must match its SHA-256 and size (a swapped file is deleted); one it does not list
-    // is installed only when unsigned updates are allowed. Returns the paths installed and
-    // adds "PATH: REASON" to `refused` for every staged database left out (our additions).
+    // is installed only when unsigned updates are allowed. While a check in any process holds
+    // the update lock nothing is touched: it may be staging files that its manifest, not kept
+    // yet, vouches for. Returns the paths installed and adds "PATH: REASON" to `refused` for
+    // every staged database left out, or for the staging folder left for now.
     std::vector<std::string> copyToLocalPath(std::vector<std::string>* refused = nullptr);
     // Copies a database file into the data folder (path appended whole as a component).
     // Never replaces an existing file; true only when the copy succeeded.

@@ -469,6 +469,30 @@ TEST_F(VkAddTorjanItemsTest, ChecksOfTwoUpdatersTakeTurnsAndTheSerialNeverGoesDo
     EXPECT_EQ(versionOf(ctx->dataPath("B.sql")), "3.0");
 }
 
+// A scan applies staged files while an update stages newer ones: it must not judge them by
+// the manifest kept before, which does not list them.
+TEST_F(VkAddTorjanItemsTest, AScanDuringAnUpdateLeavesTheStagingFolderAlone) {
+    publishSigned(dir / "www", {source("A.sql", "Alpha", "1.0"), source("B.sql", "Beta", "1.0")},
+                  100);
+    auto http = std::make_shared<HookedHttp>();
+    VkAddTorjanItems updater(ctx, http), scanner(ctx);
+    updater.checkUpdateOnce();
+    ASSERT_EQ(updater.copyToLocalPath().size(), 2u);
+    publishSigned(
+        dir / "www",
+        {makeDb(dir / "v2/A.sql", "Alpha", "2.0"), makeDb(dir / "v2/B.sql", "Beta", "2.0")}, 200);
+    std::vector<std::string> left;
+    http->beforeDownload = [&](const std::string& url) {
+        if (VkFile::lastPathComponent(url) == "B.sql")  // A.sql is staged by now
+            scanner.copyToLocalPath(&left);
+    };
+    updater.checkUpdateOnce();
+    EXPECT_EQ(left, std::vector<std::string>{ctx->dataPath("temp") +
+                                             ": left as it is for now: an update is running"});
+    EXPECT_EQ(updater.copyToLocalPath().size(), 2u);
+    EXPECT_EQ(versionOf(ctx->dataPath("A.sql")), "2.0");
+}
+
 // ---- Failed fetches ----
 
 TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailure) {
