@@ -633,10 +633,22 @@ std::vector<std::string> VkAddTorjanItems::copyToLocalPath(std::vector<std::stri
             continue;
         }
         std::string target = ctx_->dataPath(VkFile::lastPathComponent(staged));
-        if (VkFile::existsNoFollow(target) && !VkFile::removeTree(target).ok())
-            continue;  // both files stay as they are
-        if (std::rename(staged.c_str(), target.c_str()) == 0)
-            installed.push_back(target);
+        // rename(2) replaces a file in one step, so the old database stays until the new one
+        // is in place; only a folder in the way has to go first.
+        struct stat status {};
+        if (::lstat(target.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+            !VkFile::removeTree(target).ok()) {
+            refuse(staged,
+                   "a folder that cannot be removed is in its place (left in the "
+                   "staging folder)");
+            continue;
+        }
+        if (std::rename(staged.c_str(), target.c_str()) != 0) {
+            refuse(staged, "cannot be moved to " + target + ": " + std::strerror(errno) +
+                               " (the installed database stays; left in the staging folder)");
+            continue;
+        }
+        installed.push_back(target);
     }
     return installed;
 }

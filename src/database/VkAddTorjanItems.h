@@ -134,13 +134,15 @@ class VkAddTorjanItems {
     // The loop thread's body: check, tell the waiting delegate, wait for a request, repeat
     // until stopped.
     void checkDataBaseLoop();
-    // Moves every staged "*.sql" into the data folder, replacing a file of the same name;
-    // other staged files stay. A file that the signed manifest kept with the staged files
-    // lists must match its SHA-256 and size (a swapped file is deleted); one it does not list
-    // is installed only when unsigned updates are allowed. While a check in any process holds
-    // the update lock nothing is touched: it may be staging files that its manifest, not kept
-    // yet, vouches for. Returns the paths installed and adds "PATH: REASON" to `refused` for
-    // every staged database left out, or for the staging folder left for now.
+    // Moves every staged "*.sql" into the data folder, replacing a file of the same name in
+    // one step (rename); other staged files stay. A file that the signed manifest kept with
+    // the staged files lists must match its SHA-256 and size (a swapped file is deleted); one
+    // it does not list is installed only when unsigned updates are allowed. While a check in
+    // any process holds the update lock nothing is touched: it may be staging files that its
+    // manifest, not kept yet, vouches for. Returns the paths installed and adds
+    // "PATH: REASON" to `refused` for every staged database left out (also one that could
+    // not be moved: the installed database then stays, and so does the staged one), or for
+    // the staging folder left for now.
     std::vector<std::string> copyToLocalPath(std::vector<std::string>* refused = nullptr);
     // Copies a database file into the data folder (path appended whole as a component).
     // Never replaces an existing file; true only when the copy succeeded.

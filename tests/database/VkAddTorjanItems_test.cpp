@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <limits>
+#include <sys/stat.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -491,6 +492,34 @@ TEST_F(VkAddTorjanItemsTest, AScanDuringAnUpdateLeavesTheStagingFolderAlone) {
                                              ": left as it is for now: an update is running"});
     EXPECT_EQ(updater.copyToLocalPath().size(), 2u);
     EXPECT_EQ(versionOf(ctx->dataPath("A.sql")), "2.0");
+}
+
+// A staged file that cannot be moved into place (here, a staging folder on another file system):
+// the installed database stays, the staged one too, and the caller is told.
+TEST_F(VkAddTorjanItemsTest, AStagedFileThatCannotBeMovedLeavesTheInstalledOne) {
+    struct stat here {};
+    struct stat shm {};
+    if (::stat("/dev/shm", &shm) != 0 || ::stat(dir.path().c_str(), &here) != 0 ||
+        shm.st_dev == here.st_dev)
+        GTEST_SKIP() << "needs /dev/shm on another file system than " << dir.path();
+    std::string elsewhere = "/dev/shm/vktest.XXXXXX";
+    ASSERT_NE(::mkdtemp(elsewhere.data()), nullptr);
+    struct Remove {
+        std::string path;
+        ~Remove() { std::filesystem::remove_all(path); }
+    } removeAtEnd{elsewhere};
+    std::string old = contents(installed("A.sql", "Alpha", "1.0"));
+    std::filesystem::create_directory_symlink(elsewhere, ctx->dataPath("temp"));
+    std::string update = contents(makeDb(elsewhere + "/A.sql", "Alpha", "2.0"));
+
+    std::vector<std::string> refused;
+    EXPECT_TRUE(make().copyToLocalPath(&refused).empty());
+    ASSERT_EQ(refused.size(), 1u);
+    EXPECT_EQ(
+        refused[0].rfind(staged("A.sql") + ": cannot be moved to " + ctx->dataPath("A.sql"), 0), 0u)
+        << refused[0];
+    EXPECT_EQ(contents(ctx->dataPath("A.sql")), old);
+    EXPECT_EQ(contents(staged("A.sql")), update);
 }
 
 // ---- Failed fetches ----
