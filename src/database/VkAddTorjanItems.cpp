@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -50,6 +51,21 @@ std::string partialName(const std::string& webpath) {
     static std::atomic<unsigned> counter{0};
     return "." + webpath + ".part." + std::to_string(::getpid()) + "." +
            std::to_string(counter.fetch_add(1));
+}
+
+// The process in a partial download's name (".NAME.sql.part.PID.N"); nothing for other names.
+std::optional<long> partialOwner(const std::string& name) {
+    static constexpr std::string_view kInfix = ".sql.part.";
+    size_t at = name.rfind(kInfix);
+    if (name.empty() || name.front() != '.' || at == std::string::npos)
+        return std::nullopt;
+    const char* digits = name.c_str() + at + kInfix.size();
+    char* end = nullptr;
+    long pid = std::strtol(digits, &end, 10);
+    if (end == digits || *end != '.' || pid <= 0 || end[1] == '\0' ||
+        std::string_view(end + 1).find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return pid;
 }
 
 std::string stringMember(const VkPlist& dictionary, const char* key) {
@@ -287,6 +303,22 @@ void VkAddTorjanItems::keepSignedManifest(const Manifest& manifest) {
                             manifest.signature.size(), 0600);
 }
 
+void VkAddTorjanItems::removeStalePartials(bool lockHeld) {
+    std::string folder = stagingFolder();
+    auto names = VkFile::listDirectory(folder);
+    if (!names.ok())
+        return;
+    for (const std::string& name : *names) {
+        auto pid = partialOwner(name);
+        if (!pid)
+            continue;
+        // Without the lock another check may be writing it: only a dead writer's file goes.
+        if (!lockHeld && (::kill(static_cast<pid_t>(*pid), 0) == 0 || errno != ESRCH))
+            continue;
+        ::unlink(VkFile::join(folder, name).c_str());
+    }
+}
+
 VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     std::lock_guard checking(checkMutex_);
     VkUpdateReport report;
@@ -307,6 +339,8 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
         }
         pacing_->sleepSeconds(kLockPollSeconds);
     }
+    // A check that was killed or interrupted leaves its partial download behind.
+    removeStalePartials(updateLock->held());
 
     std::optional<Manifest> fetched = fetchManifest(report);
     report.success = fetched.has_value();

@@ -165,7 +165,8 @@ class VkAddTorjanItems {
     // One synchronous check, as the loop makes it: fetch, decipher and read the manifest,
     // stage what is missing or newer. Updates updateSuccess and updateDate. Checks never
     // overlap, in one process or several: a second caller waits for the first (a stop ends
-    // the wait, and the check then fails).
+    // the wait, and the check then fails). Partial downloads that stopped checks left in the
+    // staging folder are removed first.
     VkUpdateReport checkUpdateOnce();
     // The manifest's address on the configured update server.
     std::string manifestUrl() const;
@@ -201,6 +202,9 @@ class VkAddTorjanItems {
                        VkUpdateReport::Entry& entry);
     // Keeps the signed manifest beside the staged files it vouches for.
     void keepSignedManifest(const Manifest& manifest);
+    // Removes the staging folder's partial downloads: all of them when the update lock is
+    // held (no other check is running), else those whose process is gone.
+    void removeStalePartials(bool lockHeld);
     void tellWaitingDelegate();
     void waitForRequest();
     std::string stagingFolder() const;

@@ -425,6 +425,8 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
                                  });
     });
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), entry("Beta", "1.0", "B.sql")}));
+    // What a check killed mid-download leaves: removed by the next one.
+    dir.write("data/temp/.A.sql.part.999999.0", "half of it");
 
     VkUpdateReport report = make().checkUpdateOnce();
     ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::DownloadFailed}));
