@@ -7,12 +7,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
 #include "database/VkManifestCipher.h"
 #include "database/VkUpdateKeys.h"
+#include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
 #include "support/VkSignature.h"
@@ -49,6 +51,21 @@ std::string partialName(const std::string& webpath) {
     static std::atomic<unsigned> counter{0};
     return "." + webpath + ".part." + std::to_string(::getpid()) + "." +
            std::to_string(counter.fetch_add(1));
+}
+
+// The process in a partial download's name (".NAME.sql.part.PID.N"); nothing for other names.
+std::optional<long> partialOwner(const std::string& name) {
+    static constexpr std::string_view kInfix = ".sql.part.";
+    size_t at = name.rfind(kInfix);
+    if (name.empty() || name.front() != '.' || at == std::string::npos)
+        return std::nullopt;
+    const char* digits = name.c_str() + at + kInfix.size();
+    char* end = nullptr;
+    long pid = std::strtol(digits, &end, 10);
+    if (end == digits || *end != '.' || pid <= 0 || end[1] == '\0' ||
+        std::string_view(end + 1).find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return pid;
 }
 
 std::string stringMember(const VkPlist& dictionary, const char* key) {
@@ -286,10 +303,44 @@ void VkAddTorjanItems::keepSignedManifest(const Manifest& manifest) {
                             manifest.signature.size(), 0600);
 }
 
+void VkAddTorjanItems::removeStalePartials(bool lockHeld) {
+    std::string folder = stagingFolder();
+    auto names = VkFile::listDirectory(folder);
+    if (!names.ok())
+        return;
+    for (const std::string& name : *names) {
+        auto pid = partialOwner(name);
+        if (!pid)
+            continue;
+        // Without the lock another check may be writing it: only a dead writer's file goes.
+        if (!lockHeld && (::kill(static_cast<pid_t>(*pid), 0) == 0 || errno != ESRCH))
+            continue;
+        ::unlink(VkFile::join(folder, name).c_str());
+    }
+}
+
 VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     std::lock_guard checking(checkMutex_);
     VkUpdateReport report;
     report.manifestUrl = manifestUrl();
+
+    // Another process (the panel's loop, the timer's run, a second command) may be checking
+    // this data folder: a slower check with an older manifest would write its serial and
+    // databases over the newer ones. Checks take turns, from the serial comparison to the
+    // serial written, and a stop ends the wait.
+    std::optional<VkFileLock> updateLock;
+    while (updateLock.emplace(ctx_->dataPath(kLockName), VkFileLock::Mode::Try),
+           updateLock->busy()) {
+        if (stopLoop_) {
+            report.failure = VkUpdateReport::Failure::Fetch;
+            report.error = "stopped while another update of " + ctx_->dataFolder + " ran";
+            updateSuccess_ = false;
+            return report;
+        }
+        pacing_->sleepSeconds(kLockPollSeconds);
+    }
+    // A check that was killed or interrupted leaves its partial download behind.
+    removeStalePartials(updateLock->held());
 
     std::optional<Manifest> fetched = fetchManifest(report);
     report.success = fetched.has_value();
@@ -363,29 +414,33 @@ VkUpdateReport VkAddTorjanItems::checkUpdateOnce() {
     }
     // A manifest whose server delivers other files than it lists is not taken as the last
     // one: its serial is not recorded and it vouches for nothing staged.
-    const bool delivered = std::none_of(report.entries.begin(), report.entries.end(), [](auto& e) {
-        return e.action == VkUpdateReport::Action::ChecksumMismatch;
-    });
-    if (signedManifest && !delivered) {
+    std::string notTaken;  // why a signed manifest is not kept
+    std::string mismatched;
+    for (const auto& e : report.entries) {
+        if (e.action == VkUpdateReport::Action::ChecksumMismatch)
+            mismatched += (mismatched.empty() ? "" : ", ") + e.webpath;
+    }
+    // The serial on disk is read again before this one is written, so that it never goes
+    // down, even where no lock file could be made and another process took a newer one.
+    const int64_t last = signedManifest ? lastSerial() : 0;
+    if (!mismatched.empty())
+        notTaken = mismatched + " not being the file it lists";
+    else if (signedManifest && *fetched->serial < last)
+        notTaken = "a newer manifest (serial " + std::to_string(last) + ") was taken meanwhile";
+    if (signedManifest && !notTaken.empty()) {
         // Its verified downloads are vouched for by nothing kept: removed here, with the
         // reason, rather than later as if the staging folder had been tampered with.
-        std::string mismatched;
-        for (const auto& e : report.entries) {
-            if (e.action == VkUpdateReport::Action::ChecksumMismatch)
-                mismatched += (mismatched.empty() ? "" : ", ") + e.webpath;
-        }
         for (auto& e : report.entries) {
             if (e.action != VkUpdateReport::Action::Downloaded)
                 continue;
             ::unlink(e.stagedPath.c_str());
             e.action = VkUpdateReport::Action::NotTaken;
             e.detail = "verified, but removed: the manifest (serial " +
-                       std::to_string(fetched->serial.value_or(0)) + ") was not taken, " +
-                       mismatched + " not being the file it lists";
+                       std::to_string(fetched->serial.value_or(0)) + ") was not taken, " + notTaken;
             e.stagedPath.clear();
         }
     }
-    if (signedManifest && delivered) {
+    if (signedManifest && notTaken.empty()) {
         keepSignedManifest(*fetched);
         VkFile::writeAtomically(ctx_->dataPath(kSerialFileName), std::to_string(*fetched->serial),
                                 0600);
@@ -580,14 +635,20 @@ std::vector<std::string> VkAddTorjanItems::copyToLocalPath(std::vector<std::stri
             refused->push_back(path + ": " + reason);
     };
     std::optional<std::map<std::string, VkUpdateChecksum>> vouched;
-    bool vouchedRead = false;
+    std::optional<VkFileLock> updateLock;
     for (const std::string& name : *names) {
         std::string staged = VkFile::join(folder, name);
         if (staged.size() < 4 || staged.compare(staged.size() - 4, 4, ".sql") != 0)
             continue;
-        if (!vouchedRead) {
+        if (!updateLock) {
+            // A check holding the lock may have staged files of a manifest it has not kept
+            // yet: against the kept one they would look swapped. Left for a later call.
+            updateLock.emplace(ctx_->dataPath(kLockName), VkFileLock::Mode::Try);
+            if (updateLock->busy()) {
+                refuse(folder, "left as it is for now: an update is running");
+                return installed;
+            }
             vouched = signedStagedFiles();
-            vouchedRead = true;
         }
         const VkUpdateChecksum* listed = nullptr;
         if (vouched) {
@@ -606,10 +667,22 @@ std::vector<std::string> VkAddTorjanItems::copyToLocalPath(std::vector<std::stri
             continue;
         }
         std::string target = ctx_->dataPath(VkFile::lastPathComponent(staged));
-        if (VkFile::existsNoFollow(target) && !VkFile::removeTree(target).ok())
-            continue;  // both files stay as they are
-        if (std::rename(staged.c_str(), target.c_str()) == 0)
-            installed.push_back(target);
+        // rename(2) replaces a file in one step, so the old database stays until the new one
+        // is in place; only a folder in the way has to go first.
+        struct stat status {};
+        if (::lstat(target.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+            !VkFile::removeTree(target).ok()) {
+            refuse(staged,
+                   "a folder that cannot be removed is in its place (left in the "
+                   "staging folder)");
+            continue;
+        }
+        if (std::rename(staged.c_str(), target.c_str()) != 0) {
+            refuse(staged, "cannot be moved to " + target + ": " + std::strerror(errno) +
+                               " (the installed database stays; left in the staging folder)");
+            continue;
+        }
+        installed.push_back(target);
     }
     return installed;
 }

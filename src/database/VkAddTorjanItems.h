@@ -108,6 +108,12 @@ class VkAddTorjanItems {
     // The data folder's record of the last signed manifest's serial.
     static constexpr const char* kSerialFileName = "update.serial";
     static constexpr const char* kAllowUnsignedKey = "AllowUnsignedUpdates";
+    // The data folder's lock ("update.lock", VkFileLock) that a check holds from the serial
+    // comparison to the serial written, and that installing staged files tries for: processes
+    // (the panel's loop, the timer's run, scans, the monitor) never interleave there.
+    static constexpr const char* kLockName = "update";
+    // How often a check waiting for another process's update looks again (and for a stop).
+    static constexpr double kLockPollSeconds = 0.5;
 
     // Installs the packaged databases (resourceFolder/trojanDB/*.sql) that are missing from
     // the data folder or newer than the installed copy. Never fails; problems only cut the
@@ -128,11 +134,15 @@ class VkAddTorjanItems {
     // The loop thread's body: check, tell the waiting delegate, wait for a request, repeat
     // until stopped.
     void checkDataBaseLoop();
-    // Moves every staged "*.sql" into the data folder, replacing a file of the same name;
-    // other staged files stay. A file that the signed manifest kept with the staged files
-    // lists must match its SHA-256 and size (a swapped file is deleted); one it does not list
-    // is installed only when unsigned updates are allowed. Returns the paths installed and
-    // adds "PATH: REASON" to `refused` for every staged database left out (our additions).
+    // Moves every staged "*.sql" into the data folder, replacing a file of the same name in
+    // one step (rename); other staged files stay. A file that the signed manifest kept with
+    // the staged files lists must match its SHA-256 and size (a swapped file is deleted); one
+    // it does not list is installed only when unsigned updates are allowed. While a check in
+    // any process holds the update lock nothing is touched: it may be staging files that its
+    // manifest, not kept yet, vouches for. Returns the paths installed and adds
+    // "PATH: REASON" to `refused` for every staged database left out (also one that could
+    // not be moved: the installed database then stays, and so does the staged one), or for
+    // the staging folder left for now.
     std::vector<std::string> copyToLocalPath(std::vector<std::string>* refused = nullptr);
     // Copies a database file into the data folder (path appended whole as a component).
     // Never replaces an existing file; true only when the copy succeeded.
@@ -154,7 +164,9 @@ class VkAddTorjanItems {
 
     // One synchronous check, as the loop makes it: fetch, decipher and read the manifest,
     // stage what is missing or newer. Updates updateSuccess and updateDate. Checks never
-    // overlap: a second caller waits for the first.
+    // overlap, in one process or several: a second caller waits for the first (a stop ends
+    // the wait, and the check then fails). Partial downloads that stopped checks left in the
+    // staging folder are removed first.
     VkUpdateReport checkUpdateOnce();
     // The manifest's address on the configured update server.
     std::string manifestUrl() const;
@@ -190,6 +202,9 @@ class VkAddTorjanItems {
                        VkUpdateReport::Entry& entry);
     // Keeps the signed manifest beside the staged files it vouches for.
     void keepSignedManifest(const Manifest& manifest);
+    // Removes the staging folder's partial downloads: all of them when the update lock is
+    // held (no other check is running), else those whose process is gone.
+    void removeStalePartials(bool lockHeld);
     void tellWaitingDelegate();
     void waitForRequest();
     std::string stagingFolder() const;

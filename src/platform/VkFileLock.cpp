@@ -11,21 +11,25 @@
 
 #include "platform/VkFileUtil.h"
 
-VkFileLock::VkFileLock(const std::string& path) {
+VkFileLock::VkFileLock(const std::string& path, Mode mode) {
     std::string lockPath = path + ".lock";
-    lock(VkFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+    lock(VkFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)), mode);
 }
 
-VkFileLock::VkFileLock(int folderFd, const std::string& name) {
+VkFileLock::VkFileLock(int folderFd, const std::string& name, Mode mode) {
     std::string lockName = name + ".lock";
-    lock(VkFd(
-        ::openat(folderFd, lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+    lock(
+        VkFd(::openat(folderFd, lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)),
+        mode);
 }
 
-void VkFileLock::lock(VkFd fd) {
+void VkFileLock::lock(VkFd fd, Mode mode) {
     if (!fd.valid())
         return;
-    while (::flock(fd.get(), LOCK_EX) != 0) {
+    const int operation = mode == Mode::Try ? LOCK_EX | LOCK_NB : LOCK_EX;
+    while (::flock(fd.get(), operation) != 0) {
+        if (errno == EWOULDBLOCK)
+            busy_ = true;
         if (errno != EINTR)
             return;
     }

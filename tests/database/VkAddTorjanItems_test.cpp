@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <limits>
+#include <sys/stat.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include "fakes/VkTestSignatures.h"
 #include "platform/VkFileUtil.h"
 #include "platform/VkHashValue.h"
+#include "support/VkSignature.h"
 
 namespace {
 
@@ -73,6 +75,31 @@ class TickGate : public VkPacing {
     std::condition_variable changed_;
     uint64_t allowed_ = 0;
     int blocked_ = 0;
+};
+
+// The real client, with a call made before each database download starts.
+class HookedHttp : public VkCurlHttpClient {
+  public:
+    std::function<void(const std::string& url)> beforeDownload;
+    VkResult<uint64_t> download(const std::string& url, const std::string& path, uint64_t maxBytes,
+                                const std::atomic<bool>* cancel) override {
+        if (beforeDownload)
+            beforeDownload(url);
+        return VkCurlHttpClient::download(url, path, maxBytes, cancel);
+    }
+};
+
+// A pause that tells the test it was taken, then lets a real millisecond pass.
+class SignallingPacing : public VkPacing {
+  public:
+    explicit SignallingPacing(std::function<void()> paused) : paused_(std::move(paused)) {}
+    void sleepMicroseconds(long long) override {
+        paused_();
+        std::this_thread::sleep_for(1ms);
+    }
+
+  private:
+    std::function<void()> paused_;
 };
 
 // Records each answer as "yes|no <date or -> caller|loop": the thread is the one that made
@@ -135,6 +162,19 @@ class VkAddTorjanItemsTest : public ::testing::Test {
         VkUpdatePublisher::Options options;
         options.date = date;
         auto published = VkUpdatePublisher::publish(dir / "www", databases, options);
+        ASSERT_TRUE(published.ok()) << published.error();
+    }
+    // What `vksig publish --key` writes into `www`, with a key the client trusts.
+    void publishSigned(const std::string& www, const std::vector<std::string>& databases,
+                       int64_t serial) {
+        if (!key) {
+            key = *VkSignature::generateKeyPair();
+            dir.write("update-keys/test.pub", key->publicPem);
+        }
+        VkUpdatePublisher::Options options;
+        options.serial = serial;
+        options.privateKeyPem = key->privatePem;
+        auto published = VkUpdatePublisher::publish(www, databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -207,6 +247,7 @@ class VkAddTorjanItemsTest : public ::testing::Test {
     std::shared_ptr<TickGate> gate = std::make_shared<TickGate>();
     VkFolderServer server{dir / "www"};
     std::unique_ptr<VkAddTorjanItems> items;
+    std::optional<VkSignature::KeyPair> key;
 };
 
 // ---- What the manifest makes the loop download ----
@@ -384,6 +425,8 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
                                  });
     });
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), entry("Beta", "1.0", "B.sql")}));
+    // What a check killed mid-download leaves: removed by the next one.
+    dir.write("data/temp/.A.sql.part.999999.0", "half of it");
 
     VkUpdateReport report = make().checkUpdateOnce();
     ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::DownloadFailed}));
@@ -394,6 +437,91 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
     EXPECT_NE(VkFile::pathExtension(names[0]), "sql") << "half a database must never look like one";
     EXPECT_EQ(contents(staged("A.sql")), *a);
     EXPECT_EQ(stagedNames(), std::vector<std::string>{"A.sql"});
+}
+
+// Two processes updating one data folder (the panel's loop, the timer's run): the check with
+// the older manifest, slower, must not write its serial and databases over the newer ones.
+TEST_F(VkAddTorjanItemsTest, ChecksOfTwoUpdatersTakeTurnsAndTheSerialNeverGoesDown) {
+    publishSigned(dir / "www", {source("B.sql", "Beta", "2.0")}, 200);
+    publishSigned(dir / "www2", {makeDb(dir / "v3/B.sql", "Beta", "3.0")}, 300);
+    VkFolderServer newer{dir / "www2"};
+    std::promise<void> goOn;
+    std::once_flag once;
+    auto release = [&] { std::call_once(once, [&] { goOn.set_value(); }); };
+    auto other = std::make_shared<VkContext>(*ctx);
+    other->updateServer = newer.url();
+    other->pacing = std::make_shared<SignallingPacing>(release);  // waiting for its turn
+    VkAddTorjanItems second(other);
+    auto http = std::make_shared<HookedHttp>();
+    VkAddTorjanItems first(ctx, http);
+    // While the first downloads, the second checks and installs, or waits for its turn.
+    std::thread secondRun;
+    http->beforeDownload = [&](const std::string&) {
+        secondRun = std::thread([&] {
+            second.checkUpdateOnce();
+            second.copyToLocalPath();
+            release();
+        });
+        goOn.get_future().wait();
+    };
+    first.checkUpdateOnce();
+    first.copyToLocalPath();
+    secondRun.join();
+    first.copyToLocalPath();
+    EXPECT_EQ(contents(ctx->dataPath(VkAddTorjanItems::kSerialFileName)), "300");
+    EXPECT_EQ(versionOf(ctx->dataPath("B.sql")), "3.0");
+}
+
+// A scan applies staged files while an update stages newer ones: it must not judge them by
+// the manifest kept before, which does not list them.
+TEST_F(VkAddTorjanItemsTest, AScanDuringAnUpdateLeavesTheStagingFolderAlone) {
+    publishSigned(dir / "www", {source("A.sql", "Alpha", "1.0"), source("B.sql", "Beta", "1.0")},
+                  100);
+    auto http = std::make_shared<HookedHttp>();
+    VkAddTorjanItems updater(ctx, http), scanner(ctx);
+    updater.checkUpdateOnce();
+    ASSERT_EQ(updater.copyToLocalPath().size(), 2u);
+    publishSigned(
+        dir / "www",
+        {makeDb(dir / "v2/A.sql", "Alpha", "2.0"), makeDb(dir / "v2/B.sql", "Beta", "2.0")}, 200);
+    std::vector<std::string> left;
+    http->beforeDownload = [&](const std::string& url) {
+        if (VkFile::lastPathComponent(url) == "B.sql")  // A.sql is staged by now
+            scanner.copyToLocalPath(&left);
+    };
+    updater.checkUpdateOnce();
+    EXPECT_EQ(left, std::vector<std::string>{ctx->dataPath("temp") +
+                                             ": left as it is for now: an update is running"});
+    EXPECT_EQ(updater.copyToLocalPath().size(), 2u);
+    EXPECT_EQ(versionOf(ctx->dataPath("A.sql")), "2.0");
+}
+
+// A staged file that cannot be moved into place (here, a staging folder on another file system):
+// the installed database stays, the staged one too, and the caller is told.
+TEST_F(VkAddTorjanItemsTest, AStagedFileThatCannotBeMovedLeavesTheInstalledOne) {
+    struct stat here {};
+    struct stat shm {};
+    if (::stat("/dev/shm", &shm) != 0 || ::stat(dir.path().c_str(), &here) != 0 ||
+        shm.st_dev == here.st_dev)
+        GTEST_SKIP() << "needs /dev/shm on another file system than " << dir.path();
+    std::string elsewhere = "/dev/shm/vktest.XXXXXX";
+    ASSERT_NE(::mkdtemp(elsewhere.data()), nullptr);
+    struct Remove {
+        std::string path;
+        ~Remove() { std::filesystem::remove_all(path); }
+    } removeAtEnd{elsewhere};
+    std::string old = contents(installed("A.sql", "Alpha", "1.0"));
+    std::filesystem::create_directory_symlink(elsewhere, ctx->dataPath("temp"));
+    std::string update = contents(makeDb(elsewhere + "/A.sql", "Alpha", "2.0"));
+
+    std::vector<std::string> refused;
+    EXPECT_TRUE(make().copyToLocalPath(&refused).empty());
+    ASSERT_EQ(refused.size(), 1u);
+    EXPECT_EQ(
+        refused[0].rfind(staged("A.sql") + ": cannot be moved to " + ctx->dataPath("A.sql"), 0), 0u)
+        << refused[0];
+    EXPECT_EQ(contents(ctx->dataPath("A.sql")), old);
+    EXPECT_EQ(contents(staged("A.sql")), update);
 }
 
 // ---- Failed fetches ----
