@@ -104,8 +104,8 @@ ArchiveHandle newReader(bool streamOnly = false) {
     if (!a)
         return a;
     int (*const filters[])(archive*) = {
-        archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
-        archive_read_support_filter_xz, archive_read_support_filter_lzma,
+        archive_read_support_filter_gzip,     archive_read_support_filter_bzip2,
+        archive_read_support_filter_xz,       archive_read_support_filter_lzma,
         archive_read_support_filter_compress, archive_read_support_format_raw};
     int (*const formats[])(archive*) = {
         archive_read_support_format_zip, archive_read_support_format_tar,
@@ -186,7 +186,11 @@ class MemberData {
     // wanted (hashing all of a large stream costs more than decompressing it).
     MemberData(archive* a, Walk& walk, std::optional<uint64_t> declared, bool keep,
                bool charged = true, bool headOnly = false)
-        : a_(a), walk_(walk), declared_(declared), keep_(keep), charged_(charged),
+        : a_(a),
+          walk_(walk),
+          declared_(declared),
+          keep_(keep),
+          charged_(charged),
           headOnly_(headOnly) {}
 
     // Up to n bytes: the count, 0 at the end, negative once anything failed.
@@ -545,9 +549,8 @@ bool Walk::walkStream(archive* raw, const std::string& self, int depth, const st
     }
     if (data.total() == 0 || !records_.hasSize(data.total()))
         return true;
-    auto record = records_.match(data.total(), [&data](int32_t type, uint64_t head) {
-        return data.hash(type, head);
-    });
+    auto record = records_.match(
+        data.total(), [&data](int32_t type, uint64_t head) { return data.hash(type, head); });
     if (!record && data.wholeMissing()) {
         // Its size and head hash match a record: read it again, hashing it whole.
         ArchiveHandle again = reopen();
@@ -582,8 +585,7 @@ void Walk::judgeBytes(const std::string& bytes, const std::string& name) {
         std::string buffer = bytes;
         if (head != 0)
             buffer.resize(kHeadLength, '\0');
-        return VkHashValue::hashWithData(buffer.data(), static_cast<uint32_t>(buffer.size()),
-                                         type);
+        return VkHashValue::hashWithData(buffer.data(), static_cast<uint32_t>(buffer.size()), type);
     });
     if (record)
         report_.findings.push_back({name, record});

@@ -1,8 +1,8 @@
 // End-to-end tests of the built vksecurity program on a temporary data folder and inspected
 // system: scan, trust, logs, quarantine and monitor.
 
-#include <cmath>
 #include <climits>
+#include <cmath>
 #include <set>
 #include <sstream>
 #include <sys/stat.h>

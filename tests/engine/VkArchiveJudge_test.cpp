@@ -142,8 +142,8 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
     std::string badSum = vkMakeArchive("ustar", "", {{"c.txt", "clean"}, {"x", kPlanted}});
     badSum[1024 + 148] ^= 1;
     // Data of a type the walk passes over still costs its decompression.
-    std::string typeBomb = vkGzip(
-        retyped(vkMakeArchive("ustar", "", {{"z", std::string(8 * kMiB, '\0')}}), 0, 'M'));
+    std::string typeBomb =
+        vkGzip(retyped(vkMakeArchive("ustar", "", {{"z", std::string(8 * kMiB, '\0')}}), 0, 'M'));
     struct Case {
         const char* file;
         std::string contents;
