@@ -4,6 +4,7 @@
 // trust, the removal run's delegate and the screen while it runs.
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "center/VkTorjanCenter.h"
@@ -40,12 +41,21 @@ void VkTrojanMainController::killTorjansAction() {
                 break;  // left alone
         }
     }
-    for (const auto& item : quarantineList)
-        torjanCenter_->addQuarantineItem(item);
+    // An archive with several members found is one file: moved or trusted once, by its
+    // first row; its other rows share that outcome.
+    std::set<std::string> quarantined;
+    for (const auto& item : quarantineList) {
+        if (quarantined.insert(item->path().value_or("")).second)
+            torjanCenter_->addQuarantineItem(item);
+    }
     // A file the trust list could not take stays in the list, still a finding.
+    std::map<std::string, bool> trustedPaths;
     std::set<std::shared_ptr<VkTorjanResultItems>> notTrusted;
     for (const auto& item : trustList) {
-        if (torjanCenter_->addTrustFile(item))
+        auto [at, first] = trustedPaths.try_emplace(item->path().value_or(""), false);
+        if (first)
+            at->second = torjanCenter_->addTrustFile(item);
+        if (at->second)
             scanLogs_->addScanLogsItem(item, 1);
         else
             notTrusted.insert(item);

@@ -243,8 +243,11 @@ TEST_F(VkTrojanMainControllerTest, CleaningOnlyTrustAndQuarantineEndsAtOnce) {
         << "a row is still listed, so the clean has not ended";
 
     ignored->setTrojanProcess(3);
+    // A second member found in the same file: one trust entry for both rows.
+    found("home/leave-me.bin")->setTrojanProcess(3);
     controller->killTorjansAction();
     EXPECT_EQ(controller->numberOfRows(), 0u);
+    EXPECT_EQ(ctx->userDefaults->arrayForKey("TrustFileKey")->size(), 2u);
     EXPECT_EQ(ctx->userDefaults->dateForKey("LastSecurityScanTime"), ctx->clock->date());
     EXPECT_EQ(view.shows("backButton"), "button:Finish");
     EXPECT_EQ(host->lines(), Lines{"userOperEnd"});
