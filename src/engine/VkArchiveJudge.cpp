@@ -540,17 +540,26 @@ bool Walk::walkStream(archive* raw, const std::string& self, int depth, const st
     if (!compressed)
         return true;
     // The file a decompressor would write ("x.jar" of "x.jar.gz") is judged as any file.
-    data.drain();
-    if (data.state() == MemberData::State::overLimit || ended_)
-        return false;
-    if (data.state() == MemberData::State::corrupt) {
-        skip(VkArchiveSkip::Reason::corrupt, name, data.error());
-        return true;
-    }
+    // Read to its end: nullopt to go on, else what the walk answers.
+    auto readWhole = [&](MemberData& read) -> std::optional<bool> {
+        read.drain();
+        if (read.state() == MemberData::State::overLimit || ended_)
+            return false;
+        if (read.state() == MemberData::State::corrupt) {
+            skip(VkArchiveSkip::Reason::corrupt, name, read.error());
+            return true;
+        }
+        return std::nullopt;
+    };
+    auto matchOf = [&](MemberData& read) {
+        return records_.match(
+            read.total(), [&read](int32_t type, uint64_t head) { return read.hash(type, head); });
+    };
+    if (std::optional<bool> ended = readWhole(data))
+        return *ended;
     if (data.total() == 0 || !records_.hasSize(data.total()))
         return true;
-    auto record = records_.match(
-        data.total(), [&data](int32_t type, uint64_t head) { return data.hash(type, head); });
+    auto record = matchOf(data);
     if (!record && data.wholeMissing()) {
         // Its size and head hash match a record: read it again, hashing it whole.
         ArchiveHandle again = reopen();
@@ -560,16 +569,9 @@ bool Walk::walkStream(archive* raw, const std::string& self, int depth, const st
             return true;
         }
         MemberData whole(again.get(), *this, data.total(), true);
-        whole.drain();
-        if (whole.state() == MemberData::State::overLimit || ended_)
-            return false;
-        if (whole.state() == MemberData::State::corrupt) {
-            skip(VkArchiveSkip::Reason::corrupt, name, whole.error());
-            return true;
-        }
-        record = records_.match(whole.total(), [&whole](int32_t type, uint64_t head) {
-            return whole.hash(type, head);
-        });
+        if (std::optional<bool> ended = readWhole(whole))
+            return *ended;
+        record = matchOf(whole);
     }
     if (record)
         report_.findings.push_back({name, record});

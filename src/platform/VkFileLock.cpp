@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -46,16 +45,10 @@ void VkFileLock::removeStaleTemporaries(const std::string& path) {
 void VkFileLock::removeStaleTemporaries(int folderFd, const std::string& name) {
     // VkFile::writeAtomically names its temporary files ".<name>.tmp.<pid>.<n>".
     std::string prefix = "." + name + ".tmp.";
-    int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (listed < 0)
+    auto names = VkFile::listDirectory(folderFd);
+    if (!names)
         return;
-    VkHandle<DIR, ::closedir> dir(::fdopendir(listed));
-    if (!dir) {
-        ::close(listed);
-        return;
-    }
-    while (struct dirent* e = ::readdir(dir.get())) {
-        std::string entry = e->d_name;
+    for (const std::string& entry : *names) {
         if (entry.rfind(prefix, 0) != 0)
             continue;
         char* end = nullptr;
@@ -65,6 +58,6 @@ void VkFileLock::removeStaleTemporaries(int folderFd, const std::string& name) {
         // A writer still alive is mid-write (it may not use the lock); leave its file.
         if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH)
             continue;
-        ::unlinkat(::dirfd(dir.get()), entry.c_str(), 0);
+        ::unlinkat(folderFd, entry.c_str(), 0);
     }
 }

@@ -138,9 +138,26 @@ bool createDirectory(const std::string& path, bool withParents, mode_t mode) {
 }
 
 VkResult<std::vector<std::string>> listDirectory(const std::string& path) {
-    VkHandle<DIR, ::closedir> dir(::opendir(path.c_str()));
-    if (!dir)
+    VkFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.valid())
         return VkError{errnoText("cannot list", path)};
+    auto names = listDirectory(fd.get());
+    if (!names)
+        return VkError{"cannot list " + path + ": " + names.error()};
+    return names;
+}
+
+VkResult<std::vector<std::string>> listDirectory(int folderFd) {
+    // Listed through a descriptor of its own: reading moves the one it reads.
+    int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listed < 0)
+        return VkError{std::strerror(errno)};
+    VkHandle<DIR, ::closedir> dir(::fdopendir(listed));
+    if (!dir) {
+        int error = errno;
+        ::close(listed);
+        return VkError{std::strerror(error)};
+    }
     std::vector<std::string> names;
     while (struct dirent* entry = ::readdir(dir.get())) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)

@@ -33,6 +33,8 @@ bool existsNoFollow(const std::string& path);
 bool createDirectory(const std::string& path, bool withParents, mode_t mode = 0755);
 // Names inside a folder, in the order the file system lists them (no "." and "..").
 VkResult<std::vector<std::string>> listDirectory(const std::string& path);
+// The same for a folder already open (the descriptor stays open and unmoved).
+VkResult<std::vector<std::string>> listDirectory(int folderFd);
 
 // Reads a whole file (links followed), refusing files larger than maxBytes.
 VkResult<std::string> readAll(const std::string& path, size_t maxBytes = 64u << 20,

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
@@ -43,24 +42,6 @@ VkContainedFs::Entry entryIn(int folderFd, const std::string& name) {
     entry.name = name;
     entry.components = {kFolderName, name};
     return entry;
-}
-
-// The names in an open folder ("." and ".." left out).
-std::vector<std::string> namesIn(int folderFd) {
-    std::vector<std::string> names;
-    int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (listed < 0)
-        return names;
-    VkHandle<DIR, ::closedir> dir(::fdopendir(listed));
-    if (!dir) {
-        ::close(listed);
-        return names;
-    }
-    while (struct dirent* e = ::readdir(dir.get())) {
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-            names.emplace_back(e->d_name);
-    }
-    return names;
 }
 
 }  // namespace
@@ -182,7 +163,8 @@ bool VkQuarantineFileManager::reloadLocked(const Folder& folder, bool keepHeld) 
             if (record->filePath())
                 recorded.insert(*record->filePath());
         }
-        for (const auto& name : namesIn(folderFd)) {
+        auto names = VkFile::listDirectory(folderFd);
+        for (const auto& name : names ? *names : std::vector<std::string>{}) {
             if (isReservedName(name))
                 continue;
             std::string path = VkFile::join(quarantineFolder(), name);
