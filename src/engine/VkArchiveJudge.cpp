@@ -581,6 +581,9 @@ bool Walk::walkStream(archive* raw, const std::string& self, int depth, const st
 void Walk::judgeBytes(const std::string& bytes, const std::string& name) {
     if (bytes.empty() || !records_.hasSize(bytes.size()))
         return;
+    // Judged as the contents of a member of its own: counted as one, and as one read.
+    ++report_.members;
+    ++report_.membersDecompressed;
     auto record = records_.match(bytes.size(), [&bytes](int32_t type, uint64_t head) {
         if (type < 0 || type >= kHashTypes)
             return std::optional<std::string>();

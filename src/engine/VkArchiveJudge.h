@@ -53,7 +53,9 @@ struct VkArchiveSkip {
 struct VkArchiveReport {
     std::vector<VkArchiveFinding> findings;
     std::vector<VkArchiveSkip> notExamined;
-    uint64_t members = 0;              // regular members seen, nested ones included
+    // Members seen, nested ones included: entries with data, and link targets judged as
+    // contents (when some record has their length).
+    uint64_t members = 0;
     uint64_t membersDecompressed = 0;  // of which the data was decompressed
     uint64_t bytesDecompressed = 0;    // member data produced by the decompressors
     // True when something inside went unexamined.
