@@ -3,19 +3,24 @@
 #include <syslog.h>
 
 void VkSystemLog::log(const std::string& line) {
-    std::function<void(const std::string&)> capture;
-    {
-        std::lock_guard lock(mutex_);
-        capture = capture_;
-    }
-    if (capture) {
-        capture(line);
-        return;
-    }
-    ::syslog(LOG_NOTICE, "%s", line.c_str());
+    ::syslog(LOG_NOTICE, "%s", escaped(line).c_str());
 }
 
-void VkSystemLog::setCapture(std::function<void(const std::string&)> capture) {
-    std::lock_guard lock(mutex_);
-    capture_ = std::move(capture);
+std::string VkSystemLog::escaped(std::string_view line) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(line.size());
+    for (char ch : line) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c < 0x20 || c == 0x7F) {
+            out += "\\x";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0x0F]);
+        } else {
+            out.push_back(ch);
+        }
+    }
+    return out;
 }

@@ -1,22 +1,20 @@
 #pragma once
 
-#include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
-// The system log. Lines go to syslog(3) exactly as written; tests capture them instead.
+// The system log. Lines name files, plist values and database entries that a trojan may have
+// written, so control characters go out as "\xNN" (and a backslash as "\\"): a name with a
+// newline must not add a forged line to the log. Tests capture lines instead.
 class VkSystemLog {
   public:
     virtual ~VkSystemLog() = default;
     virtual void log(const std::string& line);
 
-    // Replaces delivery to syslog by a callback (nullptr restores syslog).
-    void setCapture(std::function<void(const std::string&)> capture);
-
-  private:
-    std::mutex mutex_;
-    std::function<void(const std::string&)> capture_;
+    // The line as it goes to the log.
+    static std::string escaped(std::string_view line);
 };
 
 // A log that keeps its lines, for tests.

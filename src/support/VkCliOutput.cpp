@@ -47,11 +47,14 @@ size_t utf8Sequence(std::string_view text, size_t i, uint32_t& codePoint) {
     return extra + 1;
 }
 
-// Characters that a terminal does not show as themselves: C1 controls, and the format
-// characters that reorder text or break a line (a name could otherwise look like another).
+// Characters that a terminal does not show as themselves: C1 controls, the format
+// characters that reorder text or break a line, and those that show as nothing at all (soft
+// hyphen, zero-width spaces and joiners, the byte order mark): a name could otherwise look
+// like another.
 bool isHiddenCodePoint(uint32_t c) {
-    return (c >= 0x80 && c <= 0x9F) || c == 0x061C || c == 0x200E || c == 0x200F ||
-           (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+    return (c >= 0x80 && c <= 0x9F) || c == 0xAD || c == 0x061C || c == 0x180E ||
+           (c >= 0x200B && c <= 0x200F) || (c >= 0x2028 && c <= 0x202E) ||
+           (c >= 0x2060 && c <= 0x2064) || (c >= 0x2066 && c <= 0x2069) || c == 0xFEFF;
 }
 
 void appendByteEscape(std::string& out, uint8_t c) {

@@ -12,7 +12,8 @@
 // rewrite the terminal.
 
 // The text with the backslash, control characters (C0, DEL, C1), the format characters that
-// reorder or break a line (bidirectional overrides, line and paragraph separators) and every
+// reorder or break a line (bidirectional overrides, line and paragraph separators) or show as
+// nothing (zero-width spaces and joiners, the byte order mark, the soft hyphen) and every
 // byte that is not part of valid UTF-8 written as escapes: "\\", "\n", "\r", "\t", else "\xNN"
 // for each byte. Readable UTF-8 stays as it is, and the escaping can be undone unambiguously.
 std::string vkCliText(std::string_view text);

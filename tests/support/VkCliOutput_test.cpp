@@ -31,6 +31,7 @@ TEST(VkCliOutput, TextEscapesWhatATerminalWouldNotShowAsItself) {
         {"txt.\xe2\x80\xae"
          "exe",
          "txt.\\xe2\\x80\\xaeexe"},  // right-to-left override
+        {"ev\xe2\x80\x8bil\xef\xbb\xbf", "ev\\xe2\\x80\\x8bil\\xef\\xbb\\xbf"},  // zero-width, BOM
     };
     for (const Case& c : cases)
         EXPECT_EQ(vkCliText(c.in), c.out) << c.out;
