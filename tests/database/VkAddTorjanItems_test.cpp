@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "database/VkManifestCipher.h"
 #include "database/VkSqliteManager.h"
 #include "database/VkUpdatePublisher.h"
 #include "fakes/VkFolderServer.h"
@@ -157,24 +156,21 @@ class VkAddTorjanItemsTest : public ::testing::Test {
                        const std::string& version) {
         return makeDb(dir / ("sources/" + file), name, version);
     }
-    // What `vksig publish` writes, served by the loopback server.
-    void publish(const std::vector<std::string>& databases, std::optional<VkDate> date) {
+    // What `vksig publish` writes into `www` (served by the loopback server); with a serial,
+    // signed as `--key` signs, by a key the client trusts.
+    void publish(const std::vector<std::string>& databases, std::optional<VkDate> date,
+                 int64_t serial = 0, const std::string& www = "www") {
         VkUpdatePublisher::Options options;
         options.date = date;
-        auto published = VkUpdatePublisher::publish(dir / "www", databases, options);
-        ASSERT_TRUE(published.ok()) << published.error();
-    }
-    // What `vksig publish --key` writes into `www`, with a key the client trusts.
-    void publishSigned(const std::string& www, const std::vector<std::string>& databases,
-                       int64_t serial) {
-        if (!key) {
-            key = *VkSignature::generateKeyPair();
-            dir.write("update-keys/test.pub", key->publicPem);
-        }
-        VkUpdatePublisher::Options options;
         options.serial = serial;
-        options.privateKeyPem = key->privatePem;
-        auto published = VkUpdatePublisher::publish(www, databases, options);
+        if (serial != 0) {
+            if (!key) {
+                key = *VkSignature::generateKeyPair();
+                dir.write("update-keys/test.pub", key->publicPem);
+            }
+            options.privateKeyPem = key->privatePem;
+        }
+        auto published = VkUpdatePublisher::publish(dir / www, databases, options);
         ASSERT_TRUE(published.ok()) << published.error();
     }
     // A hand-made manifest, enciphered as the server's are.
@@ -261,7 +257,6 @@ TEST_F(VkAddTorjanItemsTest, OnlyNewerVersionsAreDownloadedComparedNumerically) 
     ASSERT_EQ(actionsOf(report), (Actions{Action::Downloaded, Action::NotNewer}));
     EXPECT_EQ(report.entries[0].localVersion, "2.9");
     EXPECT_EQ(versionOf(staged("A.sql")), "2.10");
-    EXPECT_FALSE(VkFile::exists(staged("B.sql")));
     EXPECT_EQ(fileRequests("B.sql"), 0u) << "an equal version is not even fetched";
 }
 
@@ -274,7 +269,6 @@ TEST_F(VkAddTorjanItemsTest, FoundAndNewerCarryOverToEntriesWithoutLocalNamesake
     // [A current, B absent]: found stays set from A and newer stays unset, so B is left alone.
     serveManifest(VkPlist::array({entry("Alpha", "1.0", "A.sql"), entry("Beta", "1.0", "B.sql")}));
     items->checkUpdateOnce();
-    EXPECT_FALSE(VkFile::exists(staged("B.sql")));
     EXPECT_EQ(fileRequests("B.sql"), 0u);
 
     // The same entries the other way round: nothing is found before B, so B comes.
@@ -292,8 +286,7 @@ TEST_F(VkAddTorjanItemsTest, FoundAndNewerCarryOverToEntriesWithoutLocalNamesake
 }
 
 TEST_F(VkAddTorjanItemsTest, StagedFilesAreKnownAndTheLastNamesakeDecides) {
-    std::string a2 = source("A.sql", "Alpha", "2.0");
-    publish({a2}, std::nullopt);
+    publish({source("A.sql", "Alpha", "2.0")}, std::nullopt);
     make();
     // Staged 2.0 and nothing installed: the staged file counts, nothing is fetched.
     makeDb(staged("A.sql"), "Alpha", "2.0");
@@ -442,8 +435,8 @@ TEST_F(VkAddTorjanItemsTest, DatabasesStreamThroughAPartialFileAndFailuresLeaveN
 // Two processes updating one data folder (the panel's loop, the timer's run): the check with
 // the older manifest, slower, must not write its serial and databases over the newer ones.
 TEST_F(VkAddTorjanItemsTest, ChecksOfTwoUpdatersTakeTurnsAndTheSerialNeverGoesDown) {
-    publishSigned(dir / "www", {source("B.sql", "Beta", "2.0")}, 200);
-    publishSigned(dir / "www2", {makeDb(dir / "v3/B.sql", "Beta", "3.0")}, 300);
+    publish({source("B.sql", "Beta", "2.0")}, std::nullopt, 200);
+    publish({makeDb(dir / "v3/B.sql", "Beta", "3.0")}, std::nullopt, 300, "www2");
     VkFolderServer newer{dir / "www2"};
     std::promise<void> goOn;
     std::once_flag once;
@@ -475,15 +468,13 @@ TEST_F(VkAddTorjanItemsTest, ChecksOfTwoUpdatersTakeTurnsAndTheSerialNeverGoesDo
 // A scan applies staged files while an update stages newer ones: it must not judge them by
 // the manifest kept before, which does not list them.
 TEST_F(VkAddTorjanItemsTest, AScanDuringAnUpdateLeavesTheStagingFolderAlone) {
-    publishSigned(dir / "www", {source("A.sql", "Alpha", "1.0"), source("B.sql", "Beta", "1.0")},
-                  100);
+    publish({source("A.sql", "Alpha", "1.0"), source("B.sql", "Beta", "1.0")}, std::nullopt, 100);
     auto http = std::make_shared<HookedHttp>();
     VkAddTorjanItems updater(ctx, http), scanner(ctx);
     updater.checkUpdateOnce();
     ASSERT_EQ(updater.copyToLocalPath().size(), 2u);
-    publishSigned(
-        dir / "www",
-        {makeDb(dir / "v2/A.sql", "Alpha", "2.0"), makeDb(dir / "v2/B.sql", "Beta", "2.0")}, 200);
+    publish({makeDb(dir / "v2/A.sql", "Alpha", "2.0"), makeDb(dir / "v2/B.sql", "Beta", "2.0")},
+            std::nullopt, 200);
     std::vector<std::string> left;
     http->beforeDownload = [&](const std::string& url) {
         if (VkFile::lastPathComponent(url) == "B.sql")  // A.sql is staged by now
@@ -496,8 +487,7 @@ TEST_F(VkAddTorjanItemsTest, AScanDuringAnUpdateLeavesTheStagingFolderAlone) {
     EXPECT_EQ(versionOf(ctx->dataPath("A.sql")), "2.0");
 }
 
-// A staged file that cannot be moved into place (here, a staging folder on another file system):
-// the installed database stays, the staged one too, and the caller is told.
+// Here a staging folder on another file system, from which a rename cannot move a file.
 TEST_F(VkAddTorjanItemsTest, AStagedFileThatCannotBeMovedLeavesTheInstalledOne) {
     struct stat here {};
     struct stat shm {};
@@ -553,7 +543,6 @@ TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailur
         c.arrange();
         VkUpdateReport report = items->checkUpdateOnce();
         EXPECT_FALSE(report.success);
-        EXPECT_FALSE(items->updateSuccess());
         EXPECT_EQ(report.failure, c.failure);
         EXPECT_FALSE(report.error.empty());
         EXPECT_NE(report.error.find(c.error), std::string::npos) << report.error;
@@ -566,12 +555,9 @@ TEST_F(VkAddTorjanItemsTest, FailedManifestFetchesDownloadNothingAndReportFailur
 
 // ---- startUpdate, the wait and stopping ----
 
-TEST_F(VkAddTorjanItemsTest, StartUpdateStagesUnknownDatabasesAndAnswersAtOnceSoonAfter) {
-    std::string a = source("A.sql", "Alpha", "1.0");
-    publish({a}, VkDate{1700000000});
+TEST_F(VkAddTorjanItemsTest, StartUpdateChecksAndAnswersAtOnceSoonAfter) {
+    publish({source("A.sql", "Alpha", "1.0")}, VkDate{1700000000});
     EXPECT_EQ(firstAnswer(), "yes 1700000000 loop");
-    EXPECT_EQ(contents(staged("A.sql")), contents(a));
-    EXPECT_FALSE(VkFile::exists(ctx->dataPath("A.sql"))) << "only staged, not installed";
     EXPECT_EQ(gate->lastRequest.load(), 2000000) << "startUpdate runs the loop with 2-second ticks";
     gate->allow(3);
     ASSERT_TRUE(gate->waitBlockedAfter(3));
@@ -648,7 +634,6 @@ TEST_F(VkAddTorjanItemsTest, StopReturnsWithinOneTick) {
     gate->allow(1);  // the one tick the loop is sleeping in
     stopper.join();
     EXPECT_EQ(gate->taken.load(), 3u);
-    EXPECT_FALSE(gate->overrun);
 
     // Stopped for good: no new thread, and a request is answered at once with failure.
     items->startUpdateNotification(0.01);
@@ -685,9 +670,7 @@ TEST_F(VkAddTorjanItemsTest, StopAbandonsARunningDownload) {
 
 TEST_F(VkAddTorjanItemsTest, StagedFilesReplaceDatabasesButAddedOnesNeverDo) {
     installed("x.sql", "X", "1.0");
-    make().stopUpdateNotification();  // no loop to stop: returns at once
-    EXPECT_TRUE(items->stopLoop());
-    EXPECT_TRUE(items->copyToLocalPath().empty()) << "no staging folder";
+    EXPECT_TRUE(make().copyToLocalPath().empty()) << "no staging folder";
     makeDb(staged("x.sql"), "X", "2.0");
     makeDb(staged("y.sql"), "Y", "1.0");
     std::string notes = ctx->dataPath("temp/notes.txt");

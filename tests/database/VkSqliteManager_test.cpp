@@ -96,8 +96,6 @@ TEST_F(VkSqliteManagerTest, ListsOnlyFilesWithTheExactSqlExtensionInListingOrder
 TEST_F(VkSqliteManagerTest, ANewFileGetsTheExactSchemaAndOnlySqlPathsAreOpened) {
     manager.openDataBase(dbPath);
     ASSERT_TRUE(manager.isOpen());
-    EXPECT_EQ(described(manager.TorjanItemArray()), Strings{});
-    EXPECT_EQ(describe(manager.currentDataBaseInfo()), "none");
     // What `sqlite3 FILE .schema` shows is the text stored in sqlite_master.
     EXPECT_EQ(VkRawDb(dbPath).column("select sql from sqlite_master order by rowid"),
               (Strings{"CREATE TABLE description(name varchar[50], version varchar[10])",

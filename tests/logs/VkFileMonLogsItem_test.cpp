@@ -66,7 +66,6 @@ TEST(VkFileMonLogsItemTest, ArchiveKeepsEveryFieldUnderItsKeysAndOtherArchivesAr
                                            "trojanName", "downLoadTime", "logTime"}));
 
     // What is no list of records is refused.
-    EXPECT_FALSE(VkFileMonLogsItem::unarchiveItems({'n', 'o', 't', ' ', 'a', 'r', 'c', 'h'}));
     for (const VkArchivedValue& root :
          {VkArchivedValue(VkArchivedValue::Array{VkArchivedValue("a string")}),
           VkArchivedValue(VkPlist::dictionary({{"FilePath", "/x"}}))}) {

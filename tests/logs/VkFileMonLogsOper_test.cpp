@@ -33,10 +33,6 @@ class VkFileMonLogsOperTest : public ::testing::Test {
   protected:
     VkFileMonLogsOperTest() { ctx->netClient = client; }
 
-    std::unique_ptr<VkFileMonLogsOper> makeOper() {
-        return std::make_unique<VkFileMonLogsOper>(ctx);
-    }
-
     VkTempDir dir;
     std::shared_ptr<VkContext> ctx = VkContext::forTesting(dir.path());
     std::shared_ptr<VkRecordingNetClient> client = std::make_shared<VkRecordingNetClient>();
@@ -44,7 +40,7 @@ class VkFileMonLogsOperTest : public ::testing::Test {
 
 TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) {
     client->archive = vkMonitorArchive({{"/a"}, {"/b"}});
-    auto oper = makeOper();
+    auto oper = std::make_unique<VkFileMonLogsOper>(ctx);
     EXPECT_EQ(pathsOf(*oper), (std::vector<std::string>{"/a", "/b"}));
     EXPECT_EQ(client->fileMonLogsCalls, 1);
     ASSERT_EQ(client->delegates.size(), 1u);
@@ -68,16 +64,16 @@ TEST_F(VkFileMonLogsOperTest, LoadsRecordsSubscribesAndRegistersAgainUntilGone) 
 
     // An unreachable client, one that answers garbage, or none at all: no records.
     client->archive = std::nullopt;
-    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+    EXPECT_EQ(VkFileMonLogsOper(ctx).logsFileCount(), 0u);
     client->archive = std::vector<uint8_t>{1, 2, 3};
-    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+    EXPECT_EQ(VkFileMonLogsOper(ctx).logsFileCount(), 0u);
     ctx->netClient = nullptr;
-    EXPECT_EQ(makeOper()->logsFileCount(), 0u);
+    EXPECT_EQ(VkFileMonLogsOper(ctx).logsFileCount(), 0u);
 }
 
 TEST_F(VkFileMonLogsOperTest, PushedListsReplaceTheRecordsAndTellEachListenerOnce) {
     client->archive = vkMonitorArchive({{"/kept"}});
-    auto oper = makeOper();
+    auto oper = std::make_unique<VkFileMonLogsOper>(ctx);
     auto listener = std::make_shared<CountingListener>(oper.get());
     auto other = std::make_shared<CountingListener>(oper.get());
     oper->addFileMonLogsDelegate(listener);

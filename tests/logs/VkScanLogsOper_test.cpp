@@ -91,7 +91,6 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeysAndRemovedAll) {
     EXPECT_EQ(onDisk(logs), VkPlist::array());
 }
 
-// Old scans go by LogsKeepDay; loading brings both time stamps up to the latest full scan.
 TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
     double fullTime = 0;
     {

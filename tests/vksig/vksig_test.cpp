@@ -97,7 +97,6 @@ TEST_F(VksigTest, ADatabaseBuiltFromSamplesMatchesThemAndListsThemDeciphered) {
                           "1 with a kill list)"));
 }
 
-// Added without a sample (a head code needed above one mebibyte), refused twice, removed.
 TEST_F(VksigTest, RecordsWithoutASampleAreAddedOnceAndRemovedByCode) {
     create();
     std::string testFile = vkAntiVirusTestFile();
