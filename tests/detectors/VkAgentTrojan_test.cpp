@@ -38,24 +38,21 @@ const Infection kInfections[] = {
     {"OSX/Imuler.A", "~/library/LaunchAgents/checkvir.plist", "~/library/LaunchAgents/checkvir"},
 };
 
-TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundFromXmlAndFromBinaryPropertyLists) {
-    for (bool binary : {false, true}) {
-        for (const auto& infection : kInfections) {
-            SCOPED_TRACE(std::string(infection.family) + (binary ? " binary" : " xml"));
-            VkFile::removeTree(ctx->systemRoot);
-            VkPlist item = launchItem(infection.program);
-            Paths p = plant({{infection.launchPlist, binary ? bin(item) : item.toXml()},
-                             {infection.program, "payload"}});
-            auto detector = make<VkAgentTrojan>();
-            EXPECT_EQ(scan(detector), (VkSpecialResult{{infection.family, p}}));
-            EXPECT_EQ(detector.serviceFiles(), Paths{p[0]});
-            EXPECT_EQ(detector.binFiles(), Paths{p[1]});
-            EXPECT_EQ(logLines().back(), std::string("[VkAnti] detect ") + infection.family);
-        }
+// Binary property lists are read the same way: the "arguments" case below is one.
+TEST_F(VkAgentTrojanTest, EveryFamilyIsFoundByItsLaunchItemAndProgram) {
+    for (const auto& infection : kInfections) {
+        SCOPED_TRACE(infection.family);
+        VkFile::removeTree(ctx->systemRoot);
+        Paths p = plant({{infection.launchPlist, launchItem(infection.program).toXml()},
+                         {infection.program, "payload"}});
+        auto detector = make<VkAgentTrojan>();
+        EXPECT_EQ(scan(detector), (VkSpecialResult{{infection.family, p}}));
+        EXPECT_EQ(detector.serviceFiles(), Paths{p[0]});
+        EXPECT_EQ(detector.binFiles(), Paths{p[1]});
+        EXPECT_EQ(logLines().back(), std::string("[VkAnti] detect ") + infection.family);
     }
 }
 
-// One launch item at a time: which shapes of item, and which programs, make a family.
 TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
     const std::string olyx = "~/Library/LaunchAgents/www.google.com.tstart.plist";
     const std::string kontrol = "~/Library/LaunchAgents/com.apple.FolderActionsxl.plist";

@@ -49,7 +49,6 @@ TEST_F(VkAntiTrojanTest, ScanMergesBothDetectorsOverOneProgressRangeStoppingOnly
     const VkSpecialResult agent = {{"OSX/Tsunami.A", {agentPlist}}};
     const VkSpecialResult both = {{"OSX/Tsunami.A", {agentPlist}}, {"OSX/Flashback", {conf}}};
     const Case cases[] = {
-        {"no stop", {}, 12, both},
         {"stop on the launch-agent detector's last call skips Flashback", {9}, 10, agent},
         {"stop on every earlier call, then go on: both run", {0, 1, 2, 3, 4, 5, 6, 7, 8}, 12, both},
         {"stop from Flashback's own calls changes nothing", {10, 11}, 12, both},

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "detectors/VkSpecialResult.h"
 #include "fakes/VkRecordingCoreFunction.h"
 #include "fakes/VkRecordingPacing.h"
 #include "fakes/VkTempDir.h"
@@ -18,7 +19,8 @@
 using Paths = std::vector<std::string>;
 
 // A fake Mac tree in a temporary folder: the context's system root is <tmp>/root, the
-// inspected home "/Users/tester", core operations recorded, nothing sleeps.
+// inspected home "/Users/tester", core operations recorded, nothing sleeps. The removal
+// tests work on it too.
 class VkFakeMacTest : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -43,29 +43,25 @@ void waitFor(const std::atomic<bool>& flag) {
         std::this_thread::yield();
 }
 
-// Keeps the paths not examined as well.
-class SkipRecordingDelegate : public VkRecordingScanDelegate {
+// Keeps the paths not examined as well, and holds the scan in its first report of an item
+// until released.
+class BlockingDelegate : public VkRecordingScanDelegate {
   public:
     void scanNotExamined(const VkNotExamined& skipped) override {
         std::lock_guard lock(mutex);
         skips.push_back(skipped);
     }
-    std::mutex mutex;
-    std::vector<VkNotExamined> skips;
-};
-
-// Holds the scan in its first report of an item until released.
-class BlockingDelegate : public SkipRecordingDelegate {
-  public:
-    std::atomic<bool> release{false};
-    std::atomic<bool> inside{false};
     bool scanTorjanProcess(float p, const std::optional<std::string>& item) override {
         if (item) {
             inside = true;
             waitFor(release);
         }
-        return SkipRecordingDelegate::scanTorjanProcess(p, item);
+        return VkRecordingScanDelegate::scanTorjanProcess(p, item);
     }
+    std::mutex mutex;
+    std::vector<VkNotExamined> skips;
+    std::atomic<bool> release{false};
+    std::atomic<bool> inside{false};
 };
 
 // Names every file whose contents are read; may slow each read, or hold the reads until
@@ -204,12 +200,13 @@ TEST_F(VkScanWalkTest, JudgesWhatExistsAndIsNoFolderLinksFollowedButReportsRealF
     }
 }
 
-// A file rewritten during each read is read twice, then named as changed: never clean.
+// Read twice, then named as changed: never called clean.
 TEST_F(VkScanWalkTest, AFileRewrittenWhileItIsReadIsNotExamined) {
     std::string evil = plant("moving/evil.bin");
     auto s = scanner<HashSpyScan>();
     s->rewrite = true;
-    auto d = std::make_shared<SkipRecordingDelegate>();
+    auto d = std::make_shared<BlockingDelegate>();
+    d->release = true;
     s->startScan(std::vector<std::string>{root + "/moving"}, d);
     ASSERT_TRUE(d->waitForEnd());
     EXPECT_TRUE(d->results().empty());
@@ -360,7 +357,8 @@ TEST_F(VkScanWalkTest, StopWhileListingAndJudgingEndsWithOneFinalReport) {
 
 // A kept hash spares the read only while the file's identity and times stand: contents
 // rewritten in place with the old modification time restored, or a new file renamed over
-// the old, are read again. A cache file that is corrupt or missing is rebuilt unnoticed.
+// the old, are read again. A corrupt cache file is rebuilt unnoticed (a missing one is made
+// by the first scan and read by the third).
 TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
     const std::string clean(sizeof kPayload - 1, 'c');
     const std::string cachePath = dir.mkdir("cache") + "/" + VkHashCache::kFileName;
@@ -417,19 +415,11 @@ TEST_F(VkScanWalkTest, HashCacheSparesOnlyFilesWhoseIdentityAndTimesStand) {
     EXPECT_EQ(hashed, (std::set<std::string>{inPlace, swapped}));
     EXPECT_EQ(VkHashCache(cachePath).entryCount(), 3u) << "the vanished file is forgotten";
 
-    for (bool corrupt : {true, false}) {
-        SCOPED_TRACE(corrupt ? "corrupt" : "missing");
-        if (corrupt) {
-            dir.write("cache/" + std::string(VkHashCache::kFileName), std::string(8192, 'Z'));
-        } else {
-            for (const char* suffix : {"", "-wal", "-shm"})
-                ::unlink((cachePath + suffix).c_str());
-        }
-        EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
-        EXPECT_EQ(hashed.size(), 3u);
-        EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
-        EXPECT_TRUE(hashed.empty()) << "rebuilt and used again";
-    }
+    dir.write("cache/" + std::string(VkHashCache::kFileName), std::string(8192, 'Z'));
+    EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
+    EXPECT_EQ(hashed.size(), 3u);
+    EXPECT_EQ(scanOnce(hashed), (std::set<std::string>{kept, inPlace}));
+    EXPECT_TRUE(hashed.empty()) << "rebuilt and used again";
 }
 
 // Stores through a shared mapping into a page not yet written back leave the file's times as

@@ -42,19 +42,7 @@ class CountingScan : public VkTorjanScan {
     }
 };
 
-class VkTorjanScanTest : public VkEngineScanTest<CountingScan> {
-  protected:
-    // Trusts the file the way the panel does, through another writer of the defaults file.
-    void trust(const std::string& path, const std::string& hash) {
-        VkUserDefaults other(ctx->defaultsFile);
-        VkPlist::Array list = other.arrayForKey("TrustFileKey").value_or(VkPlist::Array{});
-        list.push_back(VkPlist::dictionary({{"TrustFilePath", *vkEncryptString(path)},
-                                            {"TrustTrojanName", *vkEncryptString("x")},
-                                            {"TrustFileHash", *vkEncryptString(hash)},
-                                            {"TrustFileSize", VkPlist::unsignedInteger(1)}}));
-        other.setObject("TrustFileKey", list);
-    }
-};
+using VkTorjanScanTest = VkEngineScanTest<CountingScan>;
 
 TEST_F(VkTorjanScanTest, MatchesExactSizeAndWholeHashFirstRecordInListOrderWinning) {
     std::string bad = vkTestBytes(300, 1);
@@ -187,7 +175,14 @@ TEST_F(VkTorjanScanTest, TrustOfPathAndContentsTogetherStopsTheSearch) {
                         VkPlist("not a dictionary")}));
     ASSERT_NE(check(path, {record}), nullptr);
 
-    trust(path, md5(bad));
+    // Trusted the way the panel does, through another writer of the defaults file.
+    VkUserDefaults other(ctx->defaultsFile);
+    VkPlist::Array list = other.arrayForKey("TrustFileKey").value_or(VkPlist::Array{});
+    list.push_back(VkPlist::dictionary({{"TrustFilePath", *vkEncryptString(path)},
+                                        {"TrustTrojanName", *vkEncryptString("x")},
+                                        {"TrustFileHash", *vkEncryptString(md5(bad))},
+                                        {"TrustFileSize", VkPlist::unsignedInteger(1)}}));
+    other.setObject("TrustFileKey", list);
     EXPECT_TRUE(scan->checkTrustFile(path, md5(bad)));
     // Trusted: no result from this record nor from any later one.
     EXPECT_EQ(check(path, {record, recordFor("Later", bad)}), nullptr);

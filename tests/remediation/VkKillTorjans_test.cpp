@@ -16,10 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "fakes/VkRecordingCoreFunction.h"
-#include "fakes/VkTempDir.h"
-#include "platform/VkContext.h"
-#include "platform/VkFileUtil.h"
+#include "detectors/VkFakeMac.h"
 
 namespace {
 
@@ -101,13 +98,11 @@ class FakeProcessList : public VkProcessList {
     std::atomic<int> listings{0};
 };
 
-class VkKillTorjansTest : public ::testing::Test {
+class VkKillTorjansTest : public VkFakeMacTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
+        VkFakeMacTest::SetUp();
         core->performDeletes(true);
-        ctx->coreFunction = core;
         processes = std::make_shared<FakeProcessList>();
         processes->names = {{100, "launchd-ish"}, {200, "Finder"}};
         ctx->processList = processes;
@@ -142,20 +137,7 @@ class VkKillTorjansTest : public ::testing::Test {
         r->setTorjanItem(record);
         return r;
     }
-    // Every core call as "op arg...", in order.
-    Lines callLines() const {
-        Lines out;
-        for (const auto& call : core->calls()) {
-            out.push_back(call.op);
-            for (const auto& arg : call.args)
-                out.back() += " " + arg;
-        }
-        return out;
-    }
 
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingCoreFunction> core;
     std::shared_ptr<FakeProcessList> processes;
     std::shared_ptr<VkAntiTrojan> anti;
     std::shared_ptr<RecordingDelegate> delegate;
@@ -175,9 +157,9 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
 
     // On the main thread, after the detectors' removal.
     EXPECT_EQ(delegate->heard, Lines{"end after 3 on main"});
-    EXPECT_EQ(callLines(),
+    EXPECT_EQ(coreCalls(),
               (Lines{"startClean", "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES",
-                     "startClean " + agentFile}));
+                     "startClean (files) " + agentFile}));
     EXPECT_FALSE(fs::exists(agentFile));
 }
 
@@ -211,9 +193,16 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     auto killer = newKiller();
     VkKillReport report = killer->killTorjanItemAndWait({result(own, entries)}, delegate);
     EXPECT_EQ(dir.snapshot(), before) << "only the good entry's file is gone";
+    // The entries the list refuses itself never reach the clean step; the others are refused
+    // there, all but the good one last.
+    Lines reached;
+    for (const char* path : {"/etc", "/Users/tester", "/Users/tester/Documents",
+                             "/Library/lnk/precious", "/Library/lnk/precious",
+                             "/Library/nothing-here", "/Library/Foo/bar.plist"})
+        reached.push_back(ctx->resolve(path));
     auto cleans = core->callsOf("startClean");
     ASSERT_EQ(cleans.size(), 1u);
-    EXPECT_EQ(cleans[0].args.back(), ctx->resolve("/Library/Foo/bar.plist"));
+    EXPECT_EQ(cleans[0].args, reached);
     EXPECT_TRUE(core->callsOf("killProcessByID").empty());
 
     ASSERT_TRUE(report.completed);
@@ -237,7 +226,7 @@ TEST_F(VkKillTorjansTest, FourResultsGiveFourQuartersAndSpecialResultsComeAfterT
               (Lines{"a.bin 0.25 ok after 0", "b.bin 0.25 ok after 0", "c.bin 0.25 ok after 0",
                      "special.plist 0.25 ok after 1", "end after 1 on main"}));
 
-    EXPECT_EQ(callLines(), Lines{"startClean " + a + " " + b + " " + c});
+    EXPECT_EQ(coreCalls(), Lines{"startClean " + a + " " + b + " " + c});
     for (const auto& gone : {a, b, c})
         EXPECT_FALSE(fs::exists(gone)) << gone;
     EXPECT_TRUE(fs::exists(s)) << "special files are left to the detectors";
@@ -305,7 +294,7 @@ TEST_F(VkKillTorjansTest, KillEntriesNeverEndThisProgramOrTheFirstProcess) {
     VkKillReport report =
         killer->killTorjanItemAndWait({result(own, {{{"k", "Foo", "ignored"}}})}, delegate);
 
-    EXPECT_EQ(callLines(), (Lines{"killProcessByID 4242", "startClean"}))
+    EXPECT_EQ(coreCalls(), (Lines{"killProcessByID 4242", "startClean"}))
         << "a record with only \"k\" entries deletes nothing";
     EXPECT_TRUE(fs::exists(own));
 

@@ -10,24 +10,19 @@
 
 #include <gtest/gtest.h>
 
-#include "fakes/VkRecordingCoreFunction.h"
-#include "fakes/VkTempDir.h"
-#include "platform/VkContext.h"
-#include "platform/VkFileUtil.h"
+#include "detectors/VkFakeMac.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class VkQuarantineTest : public ::testing::Test {
+class VkQuarantineTest : public VkFakeMacTest {
   protected:
     void SetUp() override {
-        ctx = VkContext::forTesting(dir.path());
+        VkFakeMacTest::SetUp();
         VkFile::createDirectory(ctx->dataFolder, true);
-        core = std::make_shared<VkRecordingCoreFunction>(ctx->systemRoot, ctx->dataFolder);
         core->performMoves(true);
         core->performDeletes(true);
-        ctx->coreFunction = core;
     }
 
     std::shared_ptr<VkQuarantineFileItem> item(const std::string& path,
@@ -61,10 +56,6 @@ class VkQuarantineTest : public ::testing::Test {
         std::replace(s.begin(), s.end(), ':', '.');
         return s;
     }
-
-    VkTempDir dir;
-    std::shared_ptr<VkContext> ctx;
-    std::shared_ptr<VkRecordingCoreFunction> core;
 };
 
 TEST_F(VkQuarantineTest, FolderIsPrivateNamesNeverCollideAndTheListSurvivesARestart) {
@@ -216,8 +207,6 @@ TEST_F(VkQuarantineTest, OnlyRegularFilesOfTheRealFolderAreDeleted) {
               2);
 }
 
-// Two writers at once, then a writer killed at random moments: every quarantined file has
-// exactly one record, every file is somewhere, no temporary file is left behind.
 TEST_F(VkQuarantineTest, TwoWritersAndKilledWritersNeverOrphanAFile) {
     constexpr int kEach = 30;
     for (const char* who : {"a", "b", "k"}) {
