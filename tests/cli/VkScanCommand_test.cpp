@@ -303,9 +303,8 @@ TEST_F(VkScanCommandTest, NamesWithNewlinesAndRawBytesAreReportedTruthfully) {
     EXPECT_EQ(listed, findings);
 }
 
-// Nothing the scan did not examine is called clean: each such path is named on stderr,
-// counted, and the exit code says so. Made to work as root: a FIFO and a link named on the
-// command line, a file below /dev, and a finding deeper than a path can name.
+// Nothing the scan did not examine is called clean, even as root: a FIFO and a link named on
+// the command line, a file below /dev, and a finding deeper than a path can name.
 TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
     std::string fifo = dir / "root/tree/pipe";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
@@ -341,7 +340,6 @@ TEST_F(VkScanCommandTest, WhatWasNotExaminedIsNamedCountedAndExitsTwo) {
               std::set<std::string>{deep + "/deep.bin: Test.Alpha FOUND"});
 }
 
-// As a user who cannot read some of the tree (when the test can become one).
 TEST_F(VkScanCommandTest, UnreadableFilesAndFoldersAreNotExaminedForANormalUser) {
     if (::geteuid() != 0 || ::access("/usr/bin/setpriv", X_OK) != 0)
         GTEST_SKIP() << "needs root and setpriv to drop to nobody";

@@ -116,7 +116,6 @@ TEST_F(VkPanelFlowTest, APickInAnActionPopUpChangesTheRowItIsDrawnOn) {
     EXPECT_GE(checked, 5);
 }
 
-// The detail sheet is modal and ends with its page, whichever way the page goes.
 TEST_F(VkPanelFlowTest, TheDetailSheetHoldsThePageAndEndsWithIt) {
     dir.write("root/Users/me/setup.bin", kSample);
     dropAndScan(dir / "root/Users/me");

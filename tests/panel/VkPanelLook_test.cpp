@@ -112,10 +112,8 @@ class VkPanelLookTest : public VkPanelFixture, public ::testing::WithParamInterf
     std::vector<std::regex> texts;
 };
 
-// The whole way through every screen on the real engine, in each language: a dropped folder
-// is scanned and listed; two files go to the quarantine and one comes back from it, the third
-// onto the trust list and off it again; the scan and its findings are in the logs. Each
-// screen shows only texts of the table and is saved as a picture.
+// A dropped folder is scanned and listed; two files go to the quarantine and one comes back
+// from it, the third onto the trust list and off it again; the scan is in the logs.
 TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
     // No clean on record yet: the warning.
     EXPECT_TRUE(showing({"mainView", "userScanView", "headView", "!scanView"}));
@@ -233,7 +231,6 @@ TEST_P(VkPanelLookTest, EveryScreenShowsOnlyTextsOfTheStringsTable) {
 // The logs page and the result screen at two window sizes: each covers the window, its list
 // grows with it, the logs page's search field and clear button lie side by side inside it.
 TEST_P(VkPanelLookTest, ScreensUseTheWholeWindowAndShortenWhatDoesNotFit) {
-    EXPECT_EQ(panel->size(), QSize(640, 480));
     dropAndScan(plantThree());
     VkLogsWidget* logs = nullptr;
     int lastLogsList = 0, lastResults = 0;
