@@ -33,35 +33,27 @@ inline const std::vector<VkNulCase> kVkNulCases = {
     {"BinaryKey", VkNulPlace::BinaryKey},
 };
 
-// Zeroes the byte at `at` within every occurrence of `pattern`; fails the test when none.
-inline void vkZeroIn(std::string& bytes, const std::string& pattern, size_t at) {
-    size_t count = 0;
-    for (size_t pos = bytes.find(pattern); pos != std::string::npos;
-         pos = bytes.find(pattern, pos + 1), ++count)
-        bytes[pos + at] = '\0';
-    EXPECT_GT(count, 0u) << "no marker to plant a NUL at";
-}
-
 // The list's bytes in the place's format, with the NUL planted at the place's marker, which
 // the list must hold (fails the test otherwise); with plant false, the same bytes unharmed.
 inline std::string vkPlantNul(const VkPlist& plist, VkNulPlace place, bool plant = true) {
     bool key = place == VkNulPlace::XmlKey || place == VkNulPlace::BinaryKey;
-    std::string ascii = key ? "@KEY@" : "@NUL@";
-    std::string bytes;
-    if (place == VkNulPlace::XmlString || place == VkNulPlace::XmlKey) {
-        bytes = plist.toXml();
-        if (plant)
-            vkZeroIn(bytes, ascii, 0);
-    } else {
+    std::string marker = key ? "@KEY@" : "@NUL@";
+    std::string bytes = plist.toXml();
+    if (place == VkNulPlace::BinaryUtf16String || place == VkNulPlace::BinaryKey) {
         auto binary = plist.toBinary();
         bytes.assign(binary.begin(), binary.end());
-        // The "@" unit 00 40 becomes 00 00.
+        // The "@" is the UTF-16 unit 00 40 there, whose second byte becomes the zero.
         std::string utf16;
-        for (char c : ascii)
+        for (char c : marker)
             utf16 += std::string(1, '\0') + c;
-        if (plant)
-            vkZeroIn(bytes, utf16, 1);
+        marker = utf16;
     }
+    size_t at = marker[0] == '\0' ? 1 : 0;
+    size_t planted = 0;
+    for (size_t pos = bytes.find(marker); plant && pos != std::string::npos;
+         pos = bytes.find(marker, pos + 1), ++planted)
+        bytes[pos + at] = '\0';
+    EXPECT_TRUE(planted > 0 || !plant) << "no marker to plant a NUL at";
     return bytes;
 }
 // The same for a keyed archive: read back, given a top-level member named by the key marker

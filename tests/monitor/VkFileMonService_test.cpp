@@ -1,15 +1,12 @@
 #include "monitor/VkFileMonService.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>
 #include <set>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -113,27 +110,20 @@ class VkFileMonServiceTest : public ::testing::Test {
     std::string socketPath() const { return VkMonitorConfig::socketPath(ctx->dataFolder); }
 
     // Sends raw bytes on a fresh connection; the error frame that comes back ("<nothing>" for
-    // none) and whether the service closed the connection within 5 seconds.
+    // none) and whether the service then closed the connection (within 5 seconds, not timed out).
     std::string rawError(const std::string& bytes, bool& closed) {
         auto fd = VkMonitorSocket::connectTo(socketPath());
         EXPECT_TRUE(fd);
         if (!fd)
             return {};
-        ::send(fd->get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        timeval wait{5, 0};
-        ::setsockopt(fd->get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-        std::string received;
-        char buffer[4096];
-        ssize_t n;
-        while ((n = ::recv(fd->get(), buffer, sizeof buffer, 0)) > 0)
-            received.append(buffer, static_cast<size_t>(n));
-        closed = n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
-        if (received.empty())
-            return "<nothing>";
+        VkMonitorSocket::sendAll(fd->get(), bytes, 5);
         VkFrameDecoder decoder(P::kMaxReplyBytes);
-        decoder.feed(received.data(), received.size());
-        auto frame = decoder.next();
-        return frame && frame->opcode == P::kError ? frame->body : "<no error frame>";
+        auto frame = VkMonitorSocket::readFrame(fd->get(), decoder, 5);
+        auto end = frame ? VkMonitorSocket::readFrame(fd->get(), decoder, 5) : frame;
+        closed = !end && end.error().find("did not answer in time") == std::string::npos;
+        if (!frame)
+            return "<nothing>";
+        return frame->opcode == P::kError ? frame->body : "<no error frame>";
     }
 
     VkTempDir dir;
@@ -184,7 +174,6 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
     EXPECT_EQ(judgedPaths(true), (Paths{bad, zip}));
     auto items = records();
     ASSERT_EQ(pathsOf(items), (Paths{bad, zip + "!App/evil"}));
-    EXPECT_EQ(items[0]->trojanName(), "OSX/Test.A");
     struct stat st {};
     ASSERT_EQ(::stat(bad.c_str(), &st), 0);
     EXPECT_EQ(items[0]->downLoadTime(), VkDate{st.st_mtim.tv_sec + st.st_mtim.tv_nsec / 1e9});
@@ -346,11 +335,9 @@ TEST_F(VkFileMonServiceTest, FoldersPastTheWatchBoundsAreNamedAndCounted) {
     std::string fifth = dir.mkdir("watch/fifth");
     ASSERT_TRUE(waitUntil([&] { return statusNumber("Unwatched") >= 2; }));
     std::lock_guard lock(mutex);
-    auto said = [&](const std::string& text) {
-        return std::count(lines.begin(), lines.end(),
-                          "[VkFileMon] not watching " + text +
-                              ": files that arrive there are not "
-                              "judged");
+    auto said = [&](const std::string& what) {
+        std::string line = "[VkFileMon] not watching " + what + ": files that arrive there are";
+        return std::count(lines.begin(), lines.end(), line + " not judged");
     };
     EXPECT_EQ(said(deep + " (more than 2 folders below a watched folder)"), 1);
     EXPECT_EQ(said(fifth + " (the monitor watches at most 4 folders)"), 1);

@@ -35,7 +35,6 @@ TEST(VkMonitorProtocolTest, AnOversizedOrEmptyFrameFailsKeepingNothingOfIt) {
     std::string header("\x7f\xff\xff\xff\x01", 5);
     decoder.feed(header.data(), header.size());
     EXPECT_TRUE(decoder.failed());
-    EXPECT_EQ(decoder.failure(), "message too large");
     EXPECT_FALSE(decoder.partial());  // nothing buffered
     std::string more(1000, 'a');
     decoder.feed(more.data(), more.size());

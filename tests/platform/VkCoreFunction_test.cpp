@@ -86,23 +86,19 @@ TEST_F(VkCoreFunctionTest, FixPlistKeepsFormatModeAndOtherKeys) {
     VkPlist p = VkPlist::dictionary(
         {{"LSEnvironment", VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/x.dylib"}})},
          {"CFBundleName", "Safari"}});
-    std::string bin = root + "/Info.plist";
-    ASSERT_TRUE(p.writeBinaryFile(bin).ok());
-    ::chmod(bin.c_str(), 0640);
-    EXPECT_TRUE(core.fixPlistFile(bin, "LSEnvironment"));
-    EXPECT_EQ(VkFile::readAll(bin)->rfind("bplist00", 0), 0u) << "binary stays binary";
-    EXPECT_EQ(VkPlist::contentsOfFile(bin), VkPlist::dictionary({{"CFBundleName", "Safari"}}));
-    struct stat st {};
-    ::stat(bin.c_str(), &st);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
-
-    std::string xml = root + "/environment.plist";
-    ASSERT_TRUE(VkPlist::dictionary({{"DYLD_INSERT_LIBRARIES", "/y"}, {"PATH", "/bin"}})
-                    .writeXmlFile(xml)
-                    .ok());
-    EXPECT_TRUE(core.fixPlistFile(xml, "DYLD_INSERT_LIBRARIES"));
-    EXPECT_EQ(VkFile::readAll(xml)->rfind("<?xml", 0), 0u);
-    EXPECT_EQ(VkPlist::contentsOfFile(xml), VkPlist::dictionary({{"PATH", "/bin"}}));
+    for (const char* format : {"bplist00", "<?xml"}) {
+        SCOPED_TRACE(format);
+        std::string file = root + "/Info.plist";
+        bool binary = format == std::string("bplist00");
+        ASSERT_TRUE((binary ? p.writeBinaryFile(file) : p.writeXmlFile(file)).ok());
+        ::chmod(file.c_str(), 0640);
+        EXPECT_TRUE(core.fixPlistFile(file, "LSEnvironment"));
+        EXPECT_EQ(VkFile::readAll(file)->rfind(format, 0), 0u) << "the format stays";
+        EXPECT_EQ(VkPlist::contentsOfFile(file), VkPlist::dictionary({{"CFBundleName", "Safari"}}));
+        struct stat st {};
+        ::stat(file.c_str(), &st);
+        EXPECT_EQ(st.st_mode & 0777, 0640u);
+    }
     EXPECT_FALSE(core.fixPlistFile(root + "/missing.plist", "x"));
 }
 

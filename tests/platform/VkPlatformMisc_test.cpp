@@ -36,12 +36,8 @@ TEST(VkLocalizerTest, ParsesStringsFilesWithCommentsAndEscapes) {
 
 TEST(VkContextTest, ResolvesInspectedPathsUnderTheRootAndExpandsTilde) {
     VkTempDir dir;
-    VkContextOptions options;
-    options.systemRoot = dir.path() + "/";
-    options.userName = "alice";
-    options.dataFolder = dir / "data";
-    options.defaultsFile = dir / "d.plist";
-    auto ctx = VkContext::create(options);
+    auto ctx =
+        VkContext::create({dir.path() + "/", dir / "data", dir / "d.plist", "alice", "", ""});
     EXPECT_EQ(ctx->systemRoot, dir.path());
     EXPECT_EQ(ctx->homeDirectory, "/Users/alice");
     EXPECT_EQ(ctx->expandTilde("~/Library/x"), "/Users/alice/Library/x");

@@ -152,9 +152,7 @@ TEST(VkPlistTest, BothFormsKeepEveryTypeAndWriteWhatNoListCanCarryVisibly) {
         SCOPED_TRACE(isBinary ? "binary" : "XML");
         auto same = parse(isBinary ? binary(sample()) : sample().toXml());
         ASSERT_TRUE(same.ok()) << same.error();
-        EXPECT_EQ(*same, sample());
-        EXPECT_EQ(*same->get("big")->asUInt64(), 5000000000ULL);
-        EXPECT_EQ(*same->get("count")->asInt64(), -3);
+        EXPECT_EQ(*same, sample());  // every value with its exact type
         EXPECT_EQ(*same->get("max")->asUInt64(), UINT64_MAX);
         EXPECT_EQ(*same->get("max")->asInt64(), INT64_MAX) << "unsigned, not -1";
 

@@ -15,17 +15,6 @@ class VkUserDefaultsTest : public ::testing::Test {
     std::string path = dir / "prefs/VkSecurity.plist";
 };
 
-// Lists written, removed and read back by other instances are the scanner's and the scan
-// center's tests of the trust list.
-TEST_F(VkUserDefaultsTest, AnotherInstanceSeesTypedValues) {
-    VkUserDefaults a(path);
-    VkUserDefaults b(path);
-    EXPECT_TRUE(a.setDouble("LastQuickScanTime", 1234.5));
-    EXPECT_DOUBLE_EQ(b.doubleForKey("LastQuickScanTime"), 1234.5);
-    EXPECT_TRUE(b.setBool("FileMonStart", true));
-    EXPECT_TRUE(a.boolForKey("FileMonStart"));
-}
-
 TEST_F(VkUserDefaultsTest, RegisteredValuesAnswerButAreNeverWritten) {
     VkUserDefaults d(path);
     d.registerDefaults({{"FileMonStart", VkPlist::boolean(true)}});
