@@ -9,7 +9,7 @@ packages=(
   libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-base-dev qt6-svg-dev libgl-dev
-  libarchive-dev liblzma-dev
+  libarchive-dev liblzma-dev zlib1g-dev
   clang libclang-rt-14-dev
   systemd
   # The Debian package (packaging/build-deb.sh) and its checks in scripts/test.sh.

@@ -15,6 +15,7 @@
 #include "platform/VkHashValue.h"
 #include <archive.h>
 #include <archive_entry.h>
+#include <zlib.h>
 
 namespace {
 
@@ -127,6 +128,100 @@ std::string errorOf(archive* a) {
     return text ? text : "";
 }
 
+// A xar (an installer package) starts with a table of its contents: zlib-compressed XML that
+// the reader parses whole before it hands out the first member, with no call back to us on
+// the way. A small file can hold a table that takes minutes to parse (a kilobyte of
+// compressed text stands for a megabyte of elements), so the table is inflated here, as its
+// bytes pass to the reader, and the archive is given up once it exceeds the limit.
+class XarTableGuard {
+  public:
+    static constexpr size_t kHeaderSize = 28;
+    static constexpr uint32_t kMagic = 0x78617221;  // "xar!"
+
+    // tooLarge is told once, when the table passes the limit.
+    XarTableGuard(uint64_t limit, std::function<void(const std::string&)> tooLarge)
+        : limit_(limit), tooLarge_(std::move(tooLarge)) {}
+    ~XarTableGuard() {
+        if (inflating_)
+            inflateEnd(&z_);
+    }
+    XarTableGuard(const XarTableGuard&) = delete;
+    XarTableGuard& operator=(const XarTableGuard&) = delete;
+
+    // Looks at the n bytes at offset `at` of the data before the reader gets them; false
+    // once the table has grown past the limit. Bytes are taken in order, each once, so a
+    // read elsewhere (a seek, a second look) changes nothing.
+    bool pass(const uint8_t* p, size_t n, uint64_t at) {
+        if (state_ == State::header && at <= next_ && at + n > next_) {
+            size_t take = std::min<uint64_t>(at + n - next_, kHeaderSize - next_);
+            std::memcpy(header_ + next_, p + (next_ - at), take);
+            next_ += take;
+            if (next_ == kHeaderSize)
+                startTable();
+        }
+        if (state_ != State::table || at > next_ || at + n <= next_)
+            return true;
+        const uint64_t end = std::min(at + n, tableEnd_);
+        z_.next_in = const_cast<Bytef*>(p + (next_ - at));
+        z_.avail_in = static_cast<uInt>(end - next_);
+        next_ = end;
+        while (z_.avail_in > 0) {
+            z_.next_out = out_.data();
+            z_.avail_out = static_cast<uInt>(out_.size());
+            int r = inflate(&z_, Z_NO_FLUSH);
+            inflated_ += out_.size() - z_.avail_out;
+            if (inflated_ > limit_) {
+                state_ = State::tooLarge;
+                tooLarge_("a table of contents of more than " + std::to_string(limit_ >> 20) +
+                          " MiB");
+                return false;
+            }
+            // The end of the table, or bytes that are no zlib stream: the reader judges them.
+            if (r != Z_OK) {
+                state_ = State::done;
+                return true;
+            }
+        }
+        if (next_ >= tableEnd_)
+            state_ = State::done;
+        return true;
+    }
+    bool tooLarge() const { return state_ == State::tooLarge; }
+
+  private:
+    enum class State { header, table, done, tooLarge };
+
+    void startTable() {
+        state_ = State::done;
+        auto be = [&](size_t at, size_t bytes) {
+            uint64_t v = 0;
+            for (size_t i = 0; i < bytes; ++i)
+                v = (v << 8) | header_[at + i];
+            return v;
+        };
+        if (be(0, 4) != kMagic || be(4, 2) != kHeaderSize)
+            return;
+        const uint64_t compressed = be(8, 8);
+        tableEnd_ = compressed > UINT64_MAX - kHeaderSize ? UINT64_MAX : kHeaderSize + compressed;
+        if (inflateInit(&z_) != Z_OK)
+            return;
+        inflating_ = true;
+        out_.resize(kBlock);
+        state_ = State::table;
+    }
+
+    const uint64_t limit_;
+    const std::function<void(const std::string&)> tooLarge_;
+    State state_ = State::header;
+    uint8_t header_[kHeaderSize] = {};
+    uint64_t next_ = 0;  // the offset of the next byte to look at
+    uint64_t tableEnd_ = 0;
+    z_stream z_{};
+    bool inflating_ = false;
+    uint64_t inflated_ = 0;
+    std::vector<uint8_t> out_;
+};
+
 // The file on disk, read with pread so the descriptor's offset is never relied on, or a
 // member held in memory; seekable, so a zip is read through its central directory and a
 // 7z can be read at all.
@@ -136,6 +231,7 @@ struct FileClient {
     const uint8_t* memory = nullptr;
     int64_t offset = 0;
     std::vector<uint8_t> block = std::vector<uint8_t>(kBlock);
+    XarTableGuard* guard = nullptr;
 
     static la_ssize_t read(archive*, void* client, const void** buffer) {
         auto* c = static_cast<FileClient*>(client);
@@ -151,6 +247,8 @@ struct FileClient {
             if (r < 0 && errno == EINTR)
                 continue;
             if (r < 0)
+                return ARCHIVE_FATAL;
+            if (c->guard && !c->guard->pass(c->block.data(), static_cast<size_t>(r), c->offset))
                 return ARCHIVE_FATAL;
             c->offset += r;
             return r;
@@ -250,6 +348,9 @@ class Walk {
     // Counts n decompressed bytes; false (reported once) past a limit, or once the scan stops.
     bool charge(uint64_t n, bool produced);
     void skip(VkArchiveSkip::Reason reason, const std::string& member, std::string detail = {});
+    // Ends the walk: the rest of the archive goes unexamined, for the reason given.
+    void overLimit(const std::string& what);
+    uint64_t tableLimit() const { return limits_.maxTableBytes; }
     void finish();
 
   private:
@@ -258,7 +359,6 @@ class Walk {
     void walkNested(MemberData& data, const std::string& name, int depth);
     // Judges contents held whole (a link's target text) under name.
     void judgeBytes(const std::string& bytes, const std::string& name);
-    void overLimit(const std::string& what);
 
     const VkArchiveJudge::Records& records_;
     const VkArchiveLimits& limits_;
@@ -381,6 +481,9 @@ struct NestedClient {
     size_t prefixPos = 0;
     std::unique_ptr<VkPbzx> pbzx;
     std::vector<uint8_t> block = std::vector<uint8_t>(kBlock);
+    XarTableGuard guard{walk.tableLimit(),
+                        [this](const std::string& what) { walk.overLimit(what); }};
+    uint64_t given = 0;  // bytes handed to the reader so far
 
     ssize_t raw(void* bytes, size_t n) {
         if (prefixPos < prefix.size()) {
@@ -398,6 +501,9 @@ struct NestedClient {
                             : c->raw(c->block.data(), c->block.size());
         if (r > 0 && c->pbzx && !c->walk.charge(static_cast<uint64_t>(r), false))
             return ARCHIVE_FATAL;
+        if (r > 0 && !c->guard.pass(c->block.data(), static_cast<size_t>(r), c->given))
+            return ARCHIVE_FATAL;
+        c->given += r > 0 ? static_cast<uint64_t>(r) : 0;
         return r < 0 ? ARCHIVE_FATAL : r;
     }
 };
@@ -817,12 +923,17 @@ VkArchiveReport VkArchiveJudge::judge(int fd, const std::string& name,
         return report;
     }
     FileClient client{fd, static_cast<int64_t>(st.st_size)};
+    XarTableGuard guard(limits_.maxTableBytes,
+                        [&](const std::string& what) { fileWalk.overLimit(what); });
+    client.guard = &guard;
     archive_read_set_read_callback(reader.get(), &FileClient::read);
     archive_read_set_skip_callback(reader.get(), &FileClient::skip);
     archive_read_set_seek_callback(reader.get(), &FileClient::seek);
     archive_read_set_callback_data(reader.get(), &client);
     if (archive_read_open1(reader.get()) != ARCHIVE_OK) {
-        fileWalk.skip(VkArchiveSkip::Reason::corrupt, "", errorOf(reader.get()));
+        // Telling the format can read far enough to meet a limit, which said so already.
+        if (!guard.tooLarge())
+            fileWalk.skip(VkArchiveSkip::Reason::corrupt, "", errorOf(reader.get()));
         return report;
     }
     fileWalk.walkArchive(reader.get(), "", 1, streamName(name));

@@ -21,6 +21,8 @@ struct VkArchiveLimits {
     // Decompressed bytes per byte of the file on disk, counted once past kRatioFloor.
     uint64_t maxRatio = 1000;
     static constexpr uint64_t kRatioFloor = 16ull << 20;
+    // A xar's table of contents, decompressed (parsed whole before any member is read).
+    uint64_t maxTableBytes = 16ull << 20;
     // Archives inside archives: the file on disk is depth 1.
     int maxDepth = 3;
 };

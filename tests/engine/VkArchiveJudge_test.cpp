@@ -9,6 +9,7 @@
 #include "engine/VkEngineTestData.h"
 #include "fakes/VkTestArchives.h"
 #include "platform/VkHandle.h"
+#include <zlib.h>
 
 namespace {
 
@@ -24,6 +25,28 @@ std::string retyped(std::string tar, size_t offset, char type) {
         sum += static_cast<unsigned char>(tar[offset + i]);
     std::snprintf(tar.data() + offset + 148, 8, "%06o", sum);
     return tar;
+}
+
+// A xar holding `data` as member "x", its table of contents padded with `padding` spaces.
+std::string xarWith(const std::string& data, size_t padding) {
+    const std::string n = std::to_string(data.size());
+    std::string toc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xar><toc>" +
+                      std::string(padding, ' ') + "<file id=\"1\"><data><length>" + n +
+                      "</length><offset>0</offset><size>" + n +
+                      "</size><encoding style=\"application/octet-stream\"/></data>"
+                      "<name>x</name><type>file</type></file></toc></xar>";
+    uLongf size = compressBound(toc.size());
+    std::string packed(size, '\0');
+    compress(reinterpret_cast<Bytef*>(packed.data()), &size,
+             reinterpret_cast<const Bytef*>(toc.data()), toc.size());
+    packed.resize(size);
+    std::string header = {'x', 'a', 'r', '!', 0, 28, 0, 1};
+    for (uint64_t v : {uint64_t(packed.size()), uint64_t(toc.size())}) {
+        for (int shift = 56; shift >= 0; shift -= 8)
+            header.push_back(static_cast<char>(v >> shift));
+    }
+    header.append(4, '\0');  // no checksum
+    return header + packed + data;
 }
 
 class VkArchiveJudgeTest : public VkEngineScanTest<> {
@@ -78,6 +101,7 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
          vkMakeArchive("ustar", "", {{"in.7z", vkMakeArchive("7zip", "", {{"x", kPlanted}})}}),
          "in.7z!x"},
         {"a.pkg", vkMakeArchive("xar", "", {{"Payload", vkGzip(cpio)}}), "Payload!./usr/bin/x"},
+        {"toc.pkg", xarWith(kPlanted, 4096), "x"},
         {"b.pkg", vkMakeArchive("xar", "", {{"Payload", vkPbzx(cpio, 1024)}}),
          "Payload!./usr/bin/x"},
         {"big.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "big", kBig},
@@ -144,6 +168,10 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
     // Data of a type the walk passes over still costs its decompression.
     std::string typeBomb =
         vkGzip(retyped(vkMakeArchive("ustar", "", {{"z", std::string(8 * kMiB, '\0')}}), 0, 'M'));
+    // A table of contents is parsed whole before any member: its size is a limit of its own.
+    VkArchiveLimits table;
+    table.maxTableBytes = kMiB;
+    const std::string bigTable = xarWith(kPlanted, 2 * kMiB);
     struct Case {
         const char* file;
         std::string contents;
@@ -165,6 +193,9 @@ TEST_F(VkArchiveJudgeTest, HostileArchivesAreReportedNotExaminedAndNeverClean) {
         {"sum.tar", badSum, VkArchiveSkip::Reason::corrupt},
         {"dir.zip", dirMode, VkArchiveSkip::Reason::unsupported},
         {"type.tar.gz", typeBomb, VkArchiveSkip::Reason::overLimit, kPlanted, small},
+        {"toc.pkg", bigTable, VkArchiveSkip::Reason::overLimit, kPlanted, table},
+        {"toc.tar", vkMakeArchive("ustar", "", {{"in.pkg", bigTable}}),
+         VkArchiveSkip::Reason::overLimit, kPlanted, table},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
