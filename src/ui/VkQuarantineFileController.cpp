@@ -106,8 +106,13 @@ void VkQuarantineFileController::reloadDataView() {
     if (!view_)
         return;
     view_->reloadData();
+    // A quarantine folder replaced by a link, or a list another user can write, is never
+    // acted on: said instead of the count, so that it does not pass for an empty quarantine
+    // or for restores and deletes that quietly do nothing.
+    std::string refused = quarantineManager_->foreignOwner();
     view_->setText("QuarantineFileText",
-                   vkCountLineText(*localizer_, "Security-1-12-1", numberOfRows()));
+                   refused.empty() ? vkCountLineText(*localizer_, "Security-1-12-1", numberOfRows())
+                                   : localized("Security-1-12-2") + " " + refused);
 }
 
 void VkQuarantineFileController::didClickTableColumn(VkListColumn column) {

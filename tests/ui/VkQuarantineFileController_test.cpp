@@ -114,6 +114,16 @@ TEST_F(VkQuarantineFileControllerTest, RestoreDeleteAndRevealActOnTheirRowOnly) 
     EXPECT_FALSE(fs::exists(copy));
     EXPECT_EQ(column(VkListColumn::fileName), (Lines{"payload"}));
     EXPECT_EQ(view.texts["QuarantineFileText"], "1 in quarantine");
+
+    // A link put in the folder's place is said, not shown as an empty quarantine.
+    const fs::path folder = store->quarantineFolder();
+    fs::rename(folder, dir / "moved");
+    fs::create_directory_symlink(dir / "moved", folder);
+    store->reload();
+    controller->reloadDataView();
+    EXPECT_EQ(controller->numberOfRows(), 0u);
+    EXPECT_EQ(view.texts["QuarantineFileText"], "Security-1-12-2 refused: " + folder.string() +
+                                                    " is a symbolic link or not a folder");
 }
 
 TEST(VkListSupportTest, CountLineFillsOneIntegerPlaceholderOnly) {
