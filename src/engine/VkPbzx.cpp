@@ -82,7 +82,9 @@ bool VkPbzx::startChunk() {
                  std::memcmp(input_.data(), kXzMagic, sizeof kXzMagic) == 0;
     if (chunkIsXz_) {
         decoder_ = std::make_unique<Decoder>();
-        if (lzma_stream_decoder(&decoder_->stream, kMemoryLimit, 0) != LZMA_OK)
+        // A chunk may hold several xz streams one after another (a decoder fed the chunk's
+        // bytes, as `xz -d` is, reads them all): each is read, never dropped unread.
+        if (lzma_stream_decoder(&decoder_->stream, kMemoryLimit, LZMA_CONCATENATED) != LZMA_OK)
             return false;
     }
     return true;
@@ -139,13 +141,8 @@ ssize_t VkPbzx::read(void* bytes, size_t n) {
         inputPos_ = input_.size() - s.avail_in;
         size_t produced = n - s.avail_out;
         if (ret == LZMA_STREAM_END) {
-            // Whatever follows the xz stream inside the chunk is padding: dropped.
-            while (chunkLeft_ > 0) {
-                if (!fill()) {
-                    failed_ = true;
-                    return -1;
-                }
-            }
+            // Only once the whole chunk was given: anything but xz streams and their zero
+            // padding in it is an error of the decoder's.
             decoder_.reset();
             inChunk_ = false;
         } else if (ret != LZMA_OK) {

@@ -49,6 +49,20 @@ std::string xarWith(const std::string& data, size_t padding) {
     return header + packed + data;
 }
 
+// data as pbzx of one chunk that holds two xz streams, one after the other.
+std::string twoStreamChunk(const std::string& data) {
+    const size_t half = data.size() / 2;
+    // Each one-chunk pbzx is "pbzx", the chunk size, the flags and the length: 28 bytes.
+    const std::string xz = vkPbzx(data.substr(0, half), data.size()).substr(28) +
+                           vkPbzx(data.substr(half), data.size()).substr(28);
+    std::string out = "pbzx";
+    for (uint64_t v : {uint64_t(data.size()), uint64_t(0), uint64_t(xz.size())}) {
+        for (int shift = 56; shift >= 0; shift -= 8)
+            out.push_back(static_cast<char>(v >> shift));
+    }
+    return out + xz;
+}
+
 class VkArchiveJudgeTest : public VkEngineScanTest<> {
   protected:
     // The judge alone, with a record list of one record, for what it did not examine.
@@ -103,6 +117,8 @@ TEST_F(VkArchiveJudgeTest, PlantedMembersAreFoundInEveryFormatAndNamedByTheirMem
         {"a.pkg", vkMakeArchive("xar", "", {{"Payload", vkGzip(cpio)}}), "Payload!./usr/bin/x"},
         {"toc.pkg", xarWith(kPlanted, 4096), "x"},
         {"b.pkg", vkMakeArchive("xar", "", {{"Payload", vkPbzx(cpio, 1024)}}),
+         "Payload!./usr/bin/x"},
+        {"c.pkg", vkMakeArchive("xar", "", {{"Payload", twoStreamChunk(cpio)}}),
          "Payload!./usr/bin/x"},
         {"big.zip", vkMakeArchive("zip", "", {{"big", kBig}}), "big", kBig},
         {"link.cpio",
