@@ -628,8 +628,10 @@ void runScan(VkCli& cli, const ScanOptions& options) {
                         names.c_str(), names.empty() ? "" : ")");
             std::printf("Files judged:  %llu\n",
                         static_cast<unsigned long long>(scanner.filesJudged()));
-            std::printf("Not examined:  %llu\n", static_cast<unsigned long long>(notExamined));
         }
+        // A quick scan names what its detectors could not read, when there is any.
+        if (!options.quick || notExamined > 0)
+            std::printf("Not examined:  %llu\n", static_cast<unsigned long long>(notExamined));
         std::printf("Findings:      %zu\n", found);
         std::printf("Time:          %s (%.2f s)\n", elapsedText(seconds).c_str(), seconds);
     }

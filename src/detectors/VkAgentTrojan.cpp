@@ -1,6 +1,8 @@
 #include "detectors/VkAgentTrojan.h"
 
 #include <algorithm>
+#include <string_view>
+#include <vector>
 
 #include "detectors/VkLaunchItem.h"
 #include "platform/VkFileUtil.h"
@@ -38,6 +40,31 @@ constexpr AgentTrojanRow kAgentTrojans[] = {
      false},
 };
 
+// The lexical normal form of an absolute path ("//", "/./" and "dir/.." folded, as the kernel
+// takes them when no link is on the way), so that a spelling of its own does not hide a known
+// program. A relative path is left as it is: it names no known program.
+std::string normalised(const std::string& path) {
+    if (path.empty() || path[0] != '/')
+        return path;
+    std::vector<std::string_view> parts;
+    std::string_view rest(path);
+    while (!rest.empty()) {
+        size_t slash = rest.find('/');
+        std::string_view part = rest.substr(0, slash);
+        rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
+        if (part == "..") {
+            if (!parts.empty())
+                parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+    }
+    std::string out;
+    for (std::string_view part : parts)
+        out.append("/").append(part);
+    return out.empty() ? "/" : out;
+}
+
 }  // namespace
 
 VkAgentTrojan::VkAgentTrojan(VkInspectedSystem system, std::shared_ptr<VkCoreFunction> coreFunction,
@@ -63,7 +90,9 @@ void VkAgentTrojan::addToBinFiles(const std::string& path) {
         binFiles_.push_back(path);
 }
 
-VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
+VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress, VkDetectorSkips* skips) {
+    const VkLaunchItem::Reader read{system_.systemRoot.empty() ? "/" : system_.systemRoot,
+                                    systemLog_.get(), skips};
     VkSpecialResult result;
     std::vector<std::string> names;
     names.reserve(agentTrojanDefs_.size());
@@ -87,7 +116,7 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
             continue;
 
         std::string plistPath = system_.resolve(system_.expandTilde(*plistText));
-        auto item = VkLaunchItem::readDictionary(plistPath, systemLog_.get());
+        auto item = read.dictionary(plistPath);
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);
@@ -95,8 +124,8 @@ VkSpecialResult VkAgentTrojan::scan(const VkDetectorProgress& progress) {
             continue;
 
         // Compared as paths of the inspected system; only the file checks are resolved.
-        std::string programPath = system_.expandTilde(*program);
-        std::string expected = system_.expandTilde(*expectedText);
+        std::string programPath = normalised(system_.expandTilde(*program));
+        std::string expected = normalised(system_.expandTilde(*expectedText));
         // Like the platform's prefix test, an empty expected path is nobody's prefix.
         bool matches = *prefixMatch ? !expected.empty() && programPath.rfind(expected, 0) == 0
                                     : programPath == expected;

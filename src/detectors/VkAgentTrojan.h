@@ -39,7 +39,8 @@ class VkAgentTrojan {
     // Examines every family, calling progress N + 1 times (i / N before each family, then
     // 1.0); returns family -> [property list] or [property list, program] when the
     // program file exists. Findings are added to the lists, which are never emptied.
-    VkSpecialResult scan(const VkDetectorProgress& progress);
+    // Property lists it could not read go to `skips`, if given.
+    VkSpecialResult scan(const VkDetectorProgress& progress, VkDetectorSkips* skips = nullptr);
     // Deletes everything recorded in all scans so far (property lists, then programs)
     // after unsetting the loader's insert variable; does nothing when nothing was found.
     // What became of each path deleted (refusals with their reasons). Paths in `keep` (the

@@ -35,17 +35,20 @@ bool VkAntiTrojan::sendProgressInfo(const VkDetectorProgress& progress, const st
     return answer;
 }
 
-VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool needDelay) {
+VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool needDelay,
+                                   VkDetectorSkips* skips) {
     VkSpecialResult merged;
     // Holds the latest answer only: an earlier "stop" followed by "go on" is forgotten.
     bool stop = false;
 
-    VkSpecialResult agents = antiAgentTrojan_.scan([&](const std::string& name, float p) -> bool {
-        stop = progress ? progress(name, p * 0.5f) : false;
-        if (needDelay)
-            randomDelay();
-        return stop;
-    });
+    VkSpecialResult agents = antiAgentTrojan_.scan(
+        [&](const std::string& name, float p) -> bool {
+            stop = progress ? progress(name, p * 0.5f) : false;
+            if (needDelay)
+                randomDelay();
+            return stop;
+        },
+        skips);
     merged.insert(agents.begin(), agents.end());
 
     // The detectors run to their end whatever their callback answers; a stop takes
@@ -53,14 +56,16 @@ VkSpecialResult VkAntiTrojan::scan(const VkDetectorProgress& progress, bool need
     if (stop)
         return merged;
 
-    VkSpecialResult flashback = antiFlashback_.scan([&](const std::string& name, float p) -> bool {
-        // Computed in double from the float progress, then narrowed.
-        float mapped = static_cast<float>(static_cast<double>(p) * 0.5 + 0.5);
-        stop = progress ? progress(name, mapped) : false;
-        if (needDelay)
-            randomDelay();
-        return stop;
-    });
+    VkSpecialResult flashback = antiFlashback_.scan(
+        [&](const std::string& name, float p) -> bool {
+            // Computed in double from the float progress, then narrowed.
+            float mapped = static_cast<float>(static_cast<double>(p) * 0.5 + 0.5);
+            stop = progress ? progress(name, mapped) : false;
+            if (needDelay)
+                randomDelay();
+            return stop;
+        },
+        skips);
     merged.insert(flashback.begin(), flashback.end());
     return merged;
 }

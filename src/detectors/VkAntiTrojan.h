@@ -30,8 +30,10 @@ class VkAntiTrojan {
     bool sendProgressInfo(const VkDetectorProgress& progress, const std::string& str, float value);
     // Runs the launch-agent detector (progress 0.0..0.5) and, unless the last answer it
     // got was "stop", the Flashback detector (0.5, 1.0); pauses after each progress call
-    // when needDelay. Returns both results merged.
-    VkSpecialResult scan(const VkDetectorProgress& progress, bool needDelay);
+    // when needDelay. Returns both results merged; what they could not read goes to
+    // `skips`, if given.
+    VkSpecialResult scan(const VkDetectorProgress& progress, bool needDelay,
+                         VkDetectorSkips* skips = nullptr);
     // The launch-agent detector's remove, then the Flashback detector's, both sparing the
     // paths in `keep`. What became of each path deleted (refusals with their reasons).
     std::vector<VkCleanOutcome> remove(const std::set<std::string>& keep = {});

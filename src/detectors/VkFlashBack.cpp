@@ -81,28 +81,41 @@ void VkFlashBack::addToBinFiles(const std::string& path) {
         binFiles_.push_back(path);
 }
 
-void VkFlashBack::addNamedBinFile(const std::string& path, uint32_t owner) {
+VkLaunchItem::Reader VkFlashBack::reader(VkDetectorSkips* skips) const {
+    return {system_.systemRoot.empty() ? "/" : system_.systemRoot, systemLog_.get(), skips};
+}
+
+void VkFlashBack::addNamedBinFile(const std::string& named, uint32_t owner) {
+    // A relative path names nothing of the inspected system (it would be read from wherever
+    // this program runs): the property list is the finding, cleaned all the same.
+    std::string inspected = system_.expandTilde(named);
+    if (inspected.empty() || inspected[0] != '/') {
+        systemLog_->log("[VkAnti] not looked for, a relative path: " + inspected);
+        return;
+    }
+    std::string path = system_.resolve(inspected);
     addToBinFiles(path);
     auto [it, added] = namedBy_.emplace(path, owner);
     if (!added && it->second == 0)
         it->second = owner;
 }
 
-VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
+VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress, VkDetectorSkips* skips) {
     if (progress)
         progress(kFamily, 0.0f);
     VkSpecialResult result;
     bool found = false;
+    const VkLaunchItem::Reader read = reader(skips);
 
     for (const char* browser : kBrowserPlists)
-        scanEnvironmentFile(browser, found);
-    scanEnvironmentFile(system_.homeDirectory + "/.MacOSX/environment.plist", found);
+        scanEnvironmentFile(read, browser, found);
+    scanEnvironmentFile(read, system_.homeDirectory + "/.MacOSX/environment.plist", found);
 
-    scanLaunchFolder(system_.homeDirectory + "/Library/LaunchAgents", found);
-    scanLaunchFolder("/Library/LaunchAgents", found);
-    scanLaunchFolder("/Library/LaunchDaemons", found);
+    scanLaunchFolder(read, system_.homeDirectory + "/Library/LaunchAgents", found);
+    scanLaunchFolder(read, "/Library/LaunchAgents", found);
+    scanLaunchFolder(read, "/Library/LaunchDaemons", found);
 
-    bool confInfected = scanLaunchdConf();
+    bool confInfected = scanLaunchdConf(read);
 
     if (confInfected || found) {
         // Everything recorded so far, not only this scan's findings: the lists live as
@@ -121,10 +134,11 @@ VkSpecialResult VkFlashBack::scan(const VkDetectorProgress& progress) {
     return result;
 }
 
-void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& found) {
+void VkFlashBack::scanEnvironmentFile(const VkLaunchItem::Reader& read,
+                                      const std::string& inspectedPath, bool& found) {
     std::string path = system_.resolve(inspectedPath);
     uint32_t owner = 0;
-    auto plist = VkLaunchItem::readDictionary(path, systemLog_.get(), &owner);
+    auto plist = read.dictionary(path, &owner);
     if (!plist)
         return;
     const VkPlist* environment = &*plist;
@@ -141,13 +155,14 @@ void VkFlashBack::scanEnvironmentFile(const std::string& inspectedPath, bool& fo
     systemLog_->log("[VkAnti] detect " + path + " - " + describe(*value));
     plistFiles_.push_back(path);
     if (const std::string* library = value->asString())
-        addNamedBinFile(system_.resolve(system_.expandTilde(*library)), owner);
+        addNamedBinFile(*library, owner);
     found = true;
 }
 
-void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& found) {
+void VkFlashBack::scanLaunchFolder(const VkLaunchItem::Reader& read,
+                                   const std::string& inspectedFolder, bool& found) {
     std::string folder = system_.resolve(inspectedFolder);
-    auto entries = VkFile::listDirectory(folder);
+    auto entries = read.list(folder);
     if (!entries)
         return;
     // The file system's own order differs between machines; a fixed order keeps the
@@ -156,7 +171,7 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
     for (const std::string& entry : *entries) {
         std::string itemPath = VkFile::join(folder, entry);
         uint32_t owner = 0;
-        auto item = VkLaunchItem::readDictionary(itemPath, systemLog_.get(), &owner);
+        auto item = read.dictionary(itemPath, &owner);
         if (!item)
             continue;
         auto program = VkLaunchItem::programOf(*item);
@@ -167,14 +182,14 @@ void VkFlashBack::scanLaunchFolder(const std::string& inspectedFolder, bool& fou
             continue;
         systemLog_->log("[VkAnti] detect " + entry + " - " + *program);
         serviceFiles_.push_back(itemPath);
-        addNamedBinFile(system_.resolve(system_.expandTilde(*program)), owner);
+        addNamedBinFile(*program, owner);
         found = true;
     }
 }
 
-bool VkFlashBack::scanLaunchdConf() {
+bool VkFlashBack::scanLaunchdConf(const VkLaunchItem::Reader& read) {
     std::string path = system_.resolve(kLaunchdConf);
-    auto text = VkFile::readAll(path, kMaxConfBytes);
+    auto text = read.read(path, kMaxConfBytes);
     // Text that is not UTF-8 could not be read as such, and so is not looked at.
     if (!text || !VkUtf8::isValid(*text))
         return false;
@@ -248,8 +263,10 @@ std::vector<VkCleanOutcome> VkFlashBack::remove(const std::set<std::string>& kee
             core.systemCommand({"launchctl", "unload", service});
     // What became of each property list cleaned in place, so a caller can say so.
     std::vector<VkCleanOutcome> edited;
+    // Read again before it is rewritten; what cannot be read was told when it was found.
+    const VkLaunchItem::Reader check{reader().root};
     for (const std::string& plist : plistFiles_) {
-        if (kept(plist) || !VkLaunchItem::readDictionary(plist))
+        if (kept(plist) || !check.dictionary(plist))
             continue;
         // A browser loses its whole launch environment, not just the one variable.
         bool isEnvironment = VkFile::lastPathComponent(plist) == "environment.plist";

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "detectors/VkLaunchItem.h"
 #include "detectors/VkSpecialResult.h"
 #include "platform/VkCoreFunction.h"
 #include "platform/VkInspectedSystem.h"
@@ -32,7 +33,8 @@ class VkFlashBack {
     void addToBinFiles(const std::string& path);
     // Calls progress with 0.0 and 1.0; returns {} or {"OSX/Flashback": plistFiles +
     // binFiles + serviceFiles}, everything recorded so far, when this scan found anything.
-    VkSpecialResult scan(const VkDetectorProgress& progress);
+    // Files it had to read and could not go to `skips`, if given.
+    VkSpecialResult scan(const VkDetectorProgress& progress, VkDetectorSkips* skips = nullptr);
     // Unsets the variable, unloads and deletes the launch items, strips the environment
     // from the property lists, deletes the injected files and the LaunchServices
     // databases under "/var/folders". Does nothing when nothing was ever found.
@@ -50,12 +52,16 @@ class VkFlashBack {
     static constexpr size_t kMaxConfBytes = 1u << 20;
 
   private:
-    void scanEnvironmentFile(const std::string& inspectedPath, bool& found);
-    void scanLaunchFolder(const std::string& inspectedFolder, bool& found);
-    bool scanLaunchdConf();
+    void scanEnvironmentFile(const VkLaunchItem::Reader& read, const std::string& inspectedPath,
+                             bool& found);
+    void scanLaunchFolder(const VkLaunchItem::Reader& read, const std::string& inspectedFolder,
+                          bool& found);
+    bool scanLaunchdConf(const VkLaunchItem::Reader& read);
     std::vector<std::string> launchServicesDatabases();
-    // addToBinFiles for a path that a property list owned by `owner` names.
-    void addNamedBinFile(const std::string& path, uint32_t owner);
+    // addToBinFiles for the program or library that a property list owned by `owner`
+    // names (a path of the inspected system, "~" allowed).
+    void addNamedBinFile(const std::string& named, uint32_t owner);
+    VkLaunchItem::Reader reader(VkDetectorSkips* skips = nullptr) const;
 
     VkInspectedSystem system_;
     std::shared_ptr<VkCoreFunction> coreFunction_;

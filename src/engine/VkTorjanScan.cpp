@@ -147,25 +147,28 @@ std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& pa
     // A folder is no file, and the detectors' clean-up never deletes one.
     if (S_ISDIR(st.st_mode))
         return std::nullopt;
-    std::string file = path;
-    if (S_ISLNK(st.st_mode)) {
-        char real[PATH_MAX];
-        char realRoot[PATH_MAX];
-        std::string root = systemRoot_.empty() ? "/" : systemRoot_;
-        if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot)) {
-            std::string failed = std::strerror(errno);
-            why = VkNotExamined{
-                path, Reason::symbolicLink, 0, {}, "a link leading nowhere: " + failed};
-            return std::nullopt;
-        }
-        // A link out of the inspected system is never read: it could name anything here.
-        if (!VkContainedFs(realRoot).contains(real)) {
-            why = VkNotExamined{
-                path, Reason::symbolicLink, 0, {}, "a link leading out of the inspected system"};
-            return std::nullopt;
-        }
-        file = real;
+    // Read where the path really leads, a final link or links on the way followed, as long
+    // as that stays inside the inspected system: out of it, a link could name anything here.
+    char real[PATH_MAX];
+    char realRoot[PATH_MAX];
+    std::string root = systemRoot_.empty() ? "/" : systemRoot_;
+    if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot)) {
+        int error = errno;
+        why = S_ISLNK(st.st_mode)
+                  ? VkNotExamined{path,
+                                  Reason::symbolicLink,
+                                  0,
+                                  {},
+                                  "a link leading nowhere: " + std::string(std::strerror(error))}
+                  : VkNotExamined{path, Reason::unreadable, error};
+        return std::nullopt;
     }
+    if (!VkContainedFs(realRoot).contains(real)) {
+        why = VkNotExamined{
+            path, Reason::symbolicLink, 0, {}, "a link leading out of the inspected system"};
+        return std::nullopt;
+    }
+    const std::string file = real;
     errno = 0;
     std::optional<std::string> hash = hashCodeWithPath(file, 0, 0);
     if (!hash) {

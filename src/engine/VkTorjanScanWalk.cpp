@@ -746,7 +746,21 @@ void VkTorjanScan::quickScan() {
             scanDelegate->scanTorjanProcess(isQuickScan_.load() ? p : 0.0f, item);
         return isSearchStop_.load();
     };
-    VkSpecialResult found = antiTrojan_->scan(progress, paceScans_.load());
+    VkDetectorSkips unread;
+    VkSpecialResult found = antiTrojan_->scan(progress, paceScans_.load(), &unread);
+    // A launch item or property list that could not be read may be the trojan's own, spoilt
+    // on purpose or put behind a link: named, never passed over as clean. Two families that
+    // share a property list name it once.
+    std::set<std::string> told;
+    for (VkDetectorSkip& skip : unread) {
+        if (told.insert(skip.path).second)
+            reportNotExamined(VkNotExamined{
+                std::move(skip.path),
+                Reason::unreadable,
+                0,
+                {},
+                "could not be read for the built-in detectors (" + skip.reason + ")"});
+    }
     for (const auto& [family, paths] : found) {
         for (const auto& path : paths) {
             // The whole file is read through a final link (a launch agent may be one), as

@@ -338,7 +338,8 @@ VkResult<void> VkContainedFs::removeEntry(const Entry& entry, bool allowFolders,
     return {};
 }
 
-VkResult<std::string> VkContainedFs::readEntry(const Entry& entry, size_t maxBytes) {
+VkResult<std::string> VkContainedFs::readEntry(const Entry& entry, size_t maxBytes,
+                                               struct stat* info) {
     VkFd fd(::openat(entry.parent.get(), entry.name.c_str(),
                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid())
@@ -348,6 +349,8 @@ VkResult<std::string> VkContainedFs::readEntry(const Entry& entry, size_t maxByt
         return VkError{"not a regular file: " + entry.name};
     if (static_cast<uint64_t>(st.st_size) > maxBytes)
         return VkError{"file too large: " + entry.name};
+    if (info)
+        *info = st;
     std::string out;
     char buf[65536];
     for (;;) {

@@ -49,8 +49,10 @@ class VkContainedFs {
     // folder whose identity is in `keep`, or a link; the first refusal stops the deletion.
     static VkResult<void> removeEntry(const Entry& entry, bool allowFolders,
                                       const std::vector<std::pair<dev_t, ino_t>>& keep = {});
-    // Reads a regular file (no final link followed), at most maxBytes.
-    static VkResult<std::string> readEntry(const Entry& entry, size_t maxBytes);
+    // Reads a regular file (no final link followed), at most maxBytes; `info`, if given,
+    // receives the attributes of the very file read.
+    static VkResult<std::string> readEntry(const Entry& entry, size_t maxBytes,
+                                           struct stat* info = nullptr);
     // Replaces a file's contents atomically through a temporary file in the same folder,
     // with the given mode, owner and group (owner and group are kept only where allowed).
     static VkResult<void> replaceEntry(const Entry& entry, const std::string& bytes, mode_t mode,

@@ -70,12 +70,16 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
         const char* what;
         std::string plist, bytes, family;
         bool found;
+        bool unread = false;  // named as not read, never passed over
     } cases[] = {
         // Only prefix families accept a program below the expected path; case counts.
         {"below a prefix", legion, launchItem("/Users/tester/Library/mdsa1331/bin/agent").toXml(),
          "OSX/DevilRobber.A", true},
         {"longer than exact", olyx, launchItem(startp + "2").toXml(), "OSX/Olyx.A", false},
         {"other case", kontrol, launchItem("/library/launched").toXml(), "OSX/MacKontrol.A", false},
+        // Spelt otherwise, the same path is the same program.
+        {"another spelling", kontrol, launchItem("/Library//./x/../launched").toXml(),
+         "OSX/MacKontrol.A", true},
         // ProgramArguments stand in only when Program is absent.
         {"arguments", kontrol, bin(launchItemWithArguments(VkPlist::array({launched, "-d"}))),
          "OSX/MacKontrol.A", true},
@@ -94,10 +98,10 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
          "OSX/MacKontrol.A", false},
         // Bad property lists count as absent (the parser's own tests hold the hostile shapes).
         {"malformed xml", olyx, "<?xml version=\"1.0\"?><plist><dict><key>Program</key><string>",
-         "OSX/Olyx.A", false},
-        {"not a dictionary", olyx, VkPlist::array({startp}).toXml(), "OSX/Olyx.A", false},
-        {"empty", olyx, "", "OSX/Olyx.A", false},
-        {"too large", olyx, padded(5), "OSX/Olyx.A", false},
+         "OSX/Olyx.A", false, true},
+        {"not a dictionary", olyx, VkPlist::array({startp}).toXml(), "OSX/Olyx.A", false, true},
+        {"empty", olyx, "", "OSX/Olyx.A", false, true},
+        {"too large", olyx, padded(5), "OSX/Olyx.A", false, true},
         // The size cap is what keeps the large one out: a few megabytes less and it counts.
         {"large", olyx, padded(3), "OSX/Olyx.A", true},
         {"a folder", olyx + "/", "", "OSX/Olyx.A", false},
@@ -109,6 +113,7 @@ TEST_F(VkAgentTrojanTest, OnlyItemsNamingTheProgramAsTheFamilyExpectsAreFound) {
         auto detector = make<VkAgentTrojan>();
         EXPECT_EQ(scan(detector).count(c.family), c.found ? 1u : 0u);
         EXPECT_EQ(detector.serviceFiles().size(), c.found ? 1u : 0u);
+        EXPECT_EQ(skips.size(), c.unread ? 1u : 0u);
     }
 }
 

@@ -80,15 +80,20 @@ class VkFakeMacTest : public ::testing::Test {
             {{"Label", "com.example.item"}, {"ProgramArguments", arguments}});
     }
 
-    // Scans with a launch-agent or Flashback detector, recording its progress calls. Each
-    // call asks to stop: only the combined detector may honour that, between the two.
+    // Scans with a launch-agent or Flashback detector, recording its progress calls and
+    // what it could not read. Each call asks to stop: only the combined detector may honour
+    // that, between the two.
     template <class Detector>
     VkSpecialResult scan(Detector&& detector) {
-        return detector.scan([this](const std::string& name, float value) {
-            progress.emplace_back(name, value);
-            return true;
-        });
+        skips.clear();
+        return detector.scan(
+            [this](const std::string& name, float value) {
+                progress.emplace_back(name, value);
+                return true;
+            },
+            &skips);
     }
+    VkDetectorSkips skips;
 
     // The recorded core calls, one "op [(files)] arg..." line each.
     std::vector<std::string> coreCalls() const {

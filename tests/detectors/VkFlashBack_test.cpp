@@ -197,11 +197,28 @@ TEST_F(VkFlashBackTest, RemoveUnloadsEditsWalksAndDeletesInOrder) {
     // A file a property list names carries that list's owner, so the clean step can refuse
     // someone else's file; found databases and launch items carry none.
     const std::optional<uint32_t> owner = ::getuid(), none;
-    EXPECT_EQ(core->callsOf("startClean")[0].namedBy, (std::vector{none, none, none, owner, owner,
-                                                                   owner}));
+    EXPECT_EQ(core->callsOf("startClean")[0].namedBy,
+              (std::vector{none, none, none, owner, owner, owner}));
     auto lines = logLines();
     EXPECT_EQ(Paths(lines.begin() + static_cast<long>(before), lines.end()),
               (Paths{"[VkAnti] remove cstore: " + p[4], "[VkAnti] remove cstore: " + p[5]}));
+}
+
+// A folder of launch items that leads out of the inspected system is named, never read: what
+// a file there says must not decide a deletion inside. A relative program names nothing.
+TEST_F(VkFlashBackTest, NothingOutOfTheRootOrRelativeDecidesWhatIsDeleted) {
+    dir.write("outside/x.plist", launchItem("/Users/tester/.lib").toXml());
+    Paths p = plant({{"~/Library/LaunchAgents", "->" + dir.path() + "/outside"},
+                     {"/Users/tester/.lib", "x"},
+                     {"/Library/LaunchAgents/rel.plist", launchItem(".evil").toXml()}});
+    auto detector = make<VkFlashBack>();
+    EXPECT_EQ(scan(detector), (VkSpecialResult{{"OSX/Flashback", {p[2]}}}));
+    ASSERT_EQ(skips.size(), 1u);
+    EXPECT_EQ(std::tuple(skips[0].path, skips[0].reason),
+              std::tuple(p[0], "a link leading out of the inspected system"));
+    EXPECT_TRUE(detector.binFiles().empty());
+    detector.remove();
+    EXPECT_TRUE(std::filesystem::exists(p[1]));
 }
 
 TEST_F(VkFlashBackTest, WalkFollowsNoLinksAndSurvivesLoopsAndDeepTrees) {
