@@ -452,6 +452,14 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
             printOutcome(cli, file.path, "removed", file.verdict->ok, file.verdict->text,
                          file.verdict->done);
         }
+        // The detectors' clean-up also takes what no finding names (a file a launch item
+        // named that could not be examined, their caches): each is told.
+        for (const auto& other : report.otherDeletions) {
+            bool ok = other.removed || other.editedInPlace;
+            allDone = allDone && ok;
+            printOutcome(cli, other.path, "removed", ok,
+                         ok ? (other.editedInPlace ? "edited in place" : "removed") : other.reason);
+        }
     }
     return allDone;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <system_error>
 #include <unistd.h>
 
@@ -248,6 +249,7 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
     }
 
     if (report) {
+        std::set<std::string> answered;
         for (auto& outcome : report->outcomes) {
             if (!outcome.special || !outcome.result)
                 continue;
@@ -257,7 +259,16 @@ void VkKillTorjans::runRemoval(const ResultList& items, VkKillReport* report) {
                 if (path && answer.path == *path)
                     outcome.deletions.push_back(answer);
             }
+            if (path)
+                answered.insert(*path);
             outcome.specialFileRemains = path && VkFile::existsNoFollow(*path);
+        }
+        // A path with nothing there (a library a property list names but nobody wrote, a
+        // file an earlier run took) was nothing to delete.
+        for (const auto& answer : detectorOutcomes) {
+            bool nothing = !answer.removed && !VkFile::existsNoFollow(answer.path);
+            if (!answered.count(answer.path) && !nothing)
+                report->otherDeletions.push_back(answer);
         }
         report->completed = true;
     }

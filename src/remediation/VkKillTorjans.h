@@ -58,6 +58,10 @@ struct VkKillReport {
     bool completed = false;
     // One per result, in the order given.
     std::vector<VkKillOutcome> outcomes;
+    // What the detectors' clean-up did to paths that no result of this run names: a file a
+    // launch item named that could not be examined, their caches, findings of an earlier
+    // scan. Told as well, so that nothing is deleted unsaid.
+    std::vector<VkCleanOutcome> otherDeletions;
 };
 
 // Removes what a scan found: carries out each result's removal instructions (the typed kill

@@ -161,6 +161,14 @@ TEST_F(VkKillTorjansTest, EmptyListStillCleansRunsTheDetectorsRemovalAndEnds) {
               (Lines{"startClean", "systemCommand launchctl unsetenv DYLD_INSERT_LIBRARIES",
                      "startClean (files) " + agentFile}));
     EXPECT_FALSE(fs::exists(agentFile));
+
+    // What no result of the run names is reported all the same.
+    std::string other = dir.write("root/Users/tester/.named", "x");
+    anti->antiAgentTrojan().addToBinFiles(other);
+    VkKillReport report = newKiller()->killTorjanItemAndWait({});
+    ASSERT_EQ(report.otherDeletions.size(), 1u) << "the file the first run took is not told";
+    EXPECT_EQ(std::tuple(report.otherDeletions[0].path, report.otherDeletions[0].removed),
+              std::tuple(other, true));
 }
 
 // A "d" entry deletes folder/name in the inspected system, not the result's own file.
@@ -196,9 +204,9 @@ TEST_F(VkKillTorjansTest, DeleteEntriesActInTheInspectedSystemAndHostileOnesTouc
     // The entries the list refuses itself never reach the clean step; the others are refused
     // there, all but the good one last.
     Lines reached;
-    for (const char* path : {"/etc", "/Users/tester", "/Users/tester/Documents",
-                             "/Library/lnk/precious", "/Library/lnk/precious",
-                             "/Library/nothing-here", "/Library/Foo/bar.plist"})
+    for (const char* path :
+         {"/etc", "/Users/tester", "/Users/tester/Documents", "/Library/lnk/precious",
+          "/Library/lnk/precious", "/Library/nothing-here", "/Library/Foo/bar.plist"})
         reached.push_back(ctx->resolve(path));
     auto cleans = core->callsOf("startClean");
     ASSERT_EQ(cleans.size(), 1u);
