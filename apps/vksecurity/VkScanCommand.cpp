@@ -374,6 +374,7 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                    const std::vector<std::shared_ptr<VkTorjanResultItems>>& findings) {
     bool allDone = true;
     if (options.trust) {
+        std::vector<std::shared_ptr<VkTorjanResultItems>> trusted;
         for (const auto& members : byFile(findings)) {
             const auto& item = members.front();
             std::string path = item->path().value_or("");
@@ -395,10 +396,11 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                                  " would be too large, or cannot be written)");
                 continue;
             }
-            for (const auto& member : members)
-                logs.addScanLogsItem(member, 1);
+            trusted.insert(trusted.end(), members.begin(), members.end());
             printOutcome(cli, path, "trusted", true, "trusted");
         }
+        if (!trusted.empty())
+            logs.addScanLogsItems(trusted, 1);
     } else if (options.quarantine) {
         for (const auto& members : byFile(findings)) {
             bool ok = center.addQuarantineItem(members.front());
@@ -442,16 +444,17 @@ bool cleanFindings(VkCli& cli, const ScanOptions& options, VkTorjanCenter& cente
                 (file.verdict->ok && verdict.ok && verdict.fileGone && !file.verdict->fileGone))
                 file.verdict = std::move(verdict);
         }
+        std::vector<std::shared_ptr<VkTorjanResultItems>> removed;
         for (const auto& file : files) {
             // A file left in place stays "found" in the history, never "removed".
-            if (file.verdict->fileGone) {
-                for (const auto& member : file.members)
-                    logs.addScanLogsItem(member, 0);
-            }
+            if (file.verdict->fileGone)
+                removed.insert(removed.end(), file.members.begin(), file.members.end());
             allDone = allDone && file.verdict->ok;
             printOutcome(cli, file.path, "removed", file.verdict->ok, file.verdict->text,
                          file.verdict->done);
         }
+        if (!removed.empty())
+            logs.addScanLogsItems(removed, 0);
         // The detectors' clean-up also takes what no finding names (a file a launch item
         // named that could not be examined, their caches): each is told.
         for (const auto& other : report.otherDeletions) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <unordered_map>
 
 #include "engine/VkTorjanResultItems.h"
 #include "platform/VkFileLock.h"
@@ -61,8 +62,28 @@ void VkScanLogsOper::scanEnd(int32_t scanType) {
 void VkScanLogsOper::addScanLogsArray(const ResultList& results) {
     if (results.empty())
         return;
-    for (const auto& result : results)
-        addScanLogsItem(result, 2);
+    addScanLogsItems(results, 2);
+}
+
+void VkScanLogsOper::addScanLogsItems(const ResultList& results, int32_t operType) {
+    if (currentLogs_) {
+        // The files already listed, by path (the first of a path, as a lookup would find).
+        std::unordered_map<std::string, VkScanLogsItem*> listed;
+        auto& items = currentLogs_->scanLogsItems();
+        for (const auto& item : items)
+            listed.emplace(item->filePath(), item.get());
+        for (const auto& result : results) {
+            if (!result)
+                continue;
+            std::string path = result->shownPath();
+            if (auto it = listed.find(path); it != listed.end()) {
+                it->second->setOperType(operType);
+                continue;
+            }
+            items.push_back(std::make_shared<VkScanLogsItem>(*result, operType));
+            listed.emplace(std::move(path), items.back().get());
+        }
+    }
     saveFileMonToDisk();
 }
 

@@ -34,6 +34,10 @@ class VkScanLogsOper {
     void scanEnd(int32_t scanType);
     // Records each result as found (operation 2), then writes once more.
     void addScanLogsArray(const ResultList& results);
+    // Records every result with this operation, then writes once: a scan may have found
+    // thousands of files (one archive can hold them), and a write per file rewrote the
+    // whole history each time.
+    void addScanLogsItems(const ResultList& results, int32_t operType);
     // Records one file in the current scan; a file already listed only changes its
     // operation, which reaches the disk with the next write.
     void addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>& result, int32_t operType);

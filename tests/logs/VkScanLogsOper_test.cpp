@@ -56,7 +56,8 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeysAndRemovedAll) {
     logs.scanEnd(1);
     auto evil = result("a/evil.bin", "Test.A");
     logs.addScanLogsArray({evil, result("b/bad.bin", "Test.B")});
-    EXPECT_EQ(listener.refreshes, 4) << "scanEnd, two items, and the final write";
+    // One write for all of a scan's results: one archive can hold thousands of them.
+    EXPECT_EQ(listener.refreshes, 2) << "scanEnd, then the results";
     // The log as written, the first file with the given operation.
     auto written = [&](int64_t evilOper) {
         auto item = [&](const char* rel, int64_t oper, const char* name) {
