@@ -141,6 +141,12 @@ void showLogs(VkCli& cli, const LogsOptions& options) {
             std::printf("The scan history is empty now.\n");
         return;
     }
+    // A history that cannot be read is not an empty one; the next write sets it aside.
+    if (!logs->loadError().empty()) {
+        vkCliFail(cli, "the scan history " + logs->logsFilePath() + " cannot be read (" +
+                           logs->loadError() + ")");
+        return;
+    }
     const auto& nodes = logs->scanLogsArray();
     if (cli.json) {
         nlohmann::json out = nlohmann::json::array();

@@ -2,16 +2,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <unordered_map>
 
 #include "engine/VkTorjanResultItems.h"
 #include "platform/VkFileLock.h"
 #include "platform/VkFileUtil.h"
+#include "platform/VkSystemLog.h"
 
 VkScanLogsOper::VkScanLogsOper(std::shared_ptr<VkContext> context)
     : context_(std::move(context)), common_(context_) {
     VkDate now = context_->clock->date();
-    auto file = VkPlist::readFile(logsFilePath(), 256u << 20);
+    auto file = VkPlist::readFile(logsFilePath(), kMaxFileBytes);
+    if (VkFile::exists(logsFilePath()) && (!file || !file->asArray()))
+        loadError_ = file ? "not a list of scans" : file.error();
     if (file && file->asArray()) {
         for (const auto& element : *file->asArray()) {
             if (element.isDictionary())
@@ -103,6 +107,40 @@ void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>&
     saveFileMonToDisk();
 }
 
+void VkScanLogsOper::setAside(const std::string& why) {
+    const std::string aside = logsFilePath() + ".unreadable";
+    bool moved = ::rename(logsFilePath().c_str(), aside.c_str()) == 0;
+    if (context_->systemLog) {
+        context_->systemLog->log(
+            "[VkScanLogs] " + logsFilePath() + " cannot be read (" + why +
+            (moved ? "): set aside as " + aside : "): it could not be set aside, and is replaced"));
+    }
+}
+
+void VkScanLogsOper::boundItems() {
+    size_t total = 0;
+    for (const auto& node : logsArray_)
+        total += node->scanLogsItems().size();
+    if (total <= kMaxKeptItems)
+        return;
+    std::vector<std::shared_ptr<VkScanLogsNode>> byAge = logsArray_;
+    std::stable_sort(byAge.begin(), byAge.end(), [](const auto& a, const auto& b) {
+        return a->logTime().secondsSince1970 < b->logTime().secondsSince1970;
+    });
+    for (const auto& node : byAge) {
+        if (total <= kMaxKeptItems)
+            break;
+        if (node == currentLogs_)
+            continue;
+        total -= node->scanLogsItems().size();
+        std::erase(logsArray_, node);
+    }
+    if (total > kMaxKeptItems && currentLogs_) {
+        auto& items = currentLogs_->scanLogsItems();
+        items.resize(items.size() - std::min(items.size(), total - kMaxKeptItems));
+    }
+}
+
 VkScanLogsOper::NodeId VkScanLogsOper::idOf(const VkScanLogsNode& node) {
     double t = node.logTime().secondsSince1970;
     return {std::isfinite(t) ? t : 0.0, node.scanType()};
@@ -152,7 +190,10 @@ void VkScanLogsOper::saveFileMonToDisk() {
     // processes (the panel, another command-line run) wrote meanwhile are kept.
     VkFileLock lock(logsFilePath());
     VkFileLock::removeStaleTemporaries(logsFilePath());
-    if (auto file = VkPlist::readFile(logsFilePath(), 256u << 20); file && file->asArray()) {
+    auto file = VkPlist::readFile(logsFilePath(), kMaxFileBytes);
+    if (VkFile::exists(logsFilePath()) && (!file || !file->asArray()))
+        setAside(file ? "not a list of scans" : file.error());
+    if (file && file->asArray()) {
         // Ordered by (type, time), so a node's namesakes within a second are found by one
         // search: the merge stays linear in the size of the file, however large it is.
         std::set<std::pair<int32_t, double>> known;
@@ -192,6 +233,7 @@ void VkScanLogsOper::saveFileMonToDisk() {
         if (hadCurrent)
             logsArray_.push_back(currentLogs_);
     }
+    boundItems();
     out.reserve(logsArray_.size());
     for (const auto& node : logsArray_)
         out.push_back(node->convertToDict());

@@ -55,6 +55,9 @@ class VkScanLogsOper {
     void setScanLogsOperDelegate(VkScanLogsOperDelegate* delegate) { delegate_ = delegate; }
 
     std::string logsFilePath() const;
+    // Why the history on disk could not be read when this object was made (empty when it
+    // could, or there was none): a history that reads as empty is not taken for none.
+    const std::string& loadError() const { return loadError_; }
 
     // A history file is the user's to write, and so the trojan's: what it can cost a write
     // is bounded. Nodes made later than this after now are no scans of this clock's (a small
@@ -62,6 +65,11 @@ class VkScanLogsOper {
     // oldest going first (the scan just ended stays).
     static constexpr double kFutureSkewSeconds = 86400.0;
     static constexpr size_t kMaxKeptScans = 10000;
+    // Files listed in all kept scans together, well below what the reader takes (4,000,000
+    // elements, 256 MiB): the oldest scans go first, and the scan just ended keeps its first
+    // files up to the limit. A history past what its own reader takes would be lost whole.
+    static constexpr size_t kMaxKeptItems = 200000;
+    static constexpr size_t kMaxFileBytes = 256u << 20;
     // "LogsKeepDay" as `vksecurity logs --keep-days` stores it: 0..36500, 30 by default.
     static constexpr int64_t kDefaultKeepDays = 30;
     static constexpr int64_t kMaxKeepDays = 36500;
@@ -75,10 +83,15 @@ class VkScanLogsOper {
     static NodeId idOf(const VkScanLogsNode& node);
     static bool sameId(const NodeId& a, const NodeId& b);
     int64_t keepDays() const;
+    // Moves a history file that cannot be read aside ("vkScan.logs.unreadable") and says
+    // so, rather than write over it: it may hold the only record of what was found.
+    void setAside(const std::string& why);
+    void boundItems();
 
     NodeList logsArray_;
     std::shared_ptr<VkScanLogsNode> currentLogs_;
     // Nodes this process removed: never taken back from the file on a merge.
     std::vector<NodeId> removed_;
     VkScanLogsOperDelegate* delegate_ = nullptr;
+    std::string loadError_;
 };

@@ -155,6 +155,17 @@ TEST_F(VkScanLogsTest, APlantedHistoryIsCutToTheNewestScansAndNothingFromTheFutu
     EXPECT_EQ(kept->front().get("LogCreateTime")->asDate()->secondsSince1970,
               clock->now() - 86400 + 1)
         << "the oldest and the future go";
+
+    // A history its reader refuses is said, and set aside rather than written over.
+    const std::string unreadable = "<plist><array>" + std::string(100, '<') + "</plist>";
+    dir.write("data/Logs/vkScan.logs", unreadable);
+    VkScanLogsOper again(ctx);
+    EXPECT_FALSE(again.loadError().empty());
+    again.scanEnd(0);
+    auto aside = VkFile::readAll(ctx->dataPath("Logs/vkScan.logs.unreadable"), 1u << 20);
+    ASSERT_TRUE(aside.ok());
+    EXPECT_EQ(*aside, unreadable);
+    EXPECT_EQ(onDisk(again).asArray()->size(), 1u);
 }
 
 }  // namespace
