@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <set>
 #include <unordered_map>
 
 #include "engine/VkTorjanResultItems.h"
@@ -127,14 +128,16 @@ void VkScanLogsOper::boundItems() {
     std::stable_sort(byAge.begin(), byAge.end(), [](const auto& a, const auto& b) {
         return a->logTime().secondsSince1970 < b->logTime().secondsSince1970;
     });
+    std::set<const VkScanLogsNode*> dropped;
     for (const auto& node : byAge) {
         if (total <= kMaxKeptItems)
             break;
         if (node == currentLogs_)
             continue;
         total -= node->scanLogsItems().size();
-        std::erase(logsArray_, node);
+        dropped.insert(node.get());
     }
+    std::erase_if(logsArray_, [&](const auto& node) { return dropped.count(node.get()) > 0; });
     if (total > kMaxKeptItems && currentLogs_) {
         auto& items = currentLogs_->scanLogsItems();
         items.resize(items.size() - std::min(items.size(), total - kMaxKeptItems));
