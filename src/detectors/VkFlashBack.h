@@ -47,8 +47,7 @@ class VkFlashBack {
     const std::vector<std::string>& binFiles() const { return binFiles_; }
     const std::vector<std::string>& serviceFiles() const { return serviceFiles_; }
 
-    // Larger property lists and configuration files count as unreadable.
-    static constexpr size_t kMaxPlistBytes = 4u << 20;
+    // A larger launchd.conf counts as unreadable (property lists: VkLaunchItem's limit).
     static constexpr size_t kMaxConfBytes = 1u << 20;
 
   private:
