@@ -1,12 +1,8 @@
 #include "detectors/VkLaunchItem.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
-#include <utility>
 
 #include "platform/VkContainedFs.h"
 #include "platform/VkFileUtil.h"
@@ -24,28 +20,13 @@ bool somethingThere(const std::string& path, bool folderWanted) {
     return folderWanted || !S_ISDIR(st.st_mode);
 }
 
-// Where path really leads, links followed, and the inspected system's root as it really is:
-// a path that leads out of the root (through a link anywhere on the way) is refused.
-VkResult<std::pair<std::string, std::string>> resolvedInside(const std::string& root,
-                                                             const std::string& path) {
-    char real[PATH_MAX];
-    char realRoot[PATH_MAX];
-    if (!::realpath(root.c_str(), realRoot))
-        return VkError{std::string("the root cannot be resolved: ") + std::strerror(errno)};
-    if (!::realpath(path.c_str(), real))
-        return VkError{std::string("a link leading nowhere: ") + std::strerror(errno)};
-    if (!VkContainedFs(realRoot).contains(real))
-        return VkError{"a link leading out of the inspected system"};
-    return std::make_pair(std::string(realRoot), std::string(real));
-}
-
 // The entry for path, opened beneath the root without following a link: the path as it
 // really leads, so that a link inside the root (a launch item may be one) is taken.
 VkResult<VkContainedFs::Entry> openInside(const std::string& root, const std::string& path) {
-    auto resolved = resolvedInside(root, path);
+    auto resolved = VkContainedFs::resolveInside(root, path);
     if (!resolved)
         return VkError{resolved.error()};
-    return VkContainedFs(resolved->first).openParent(resolved->second);
+    return VkContainedFs(resolved->root).openParent(resolved->path);
 }
 
 }  // namespace

@@ -149,26 +149,16 @@ std::optional<std::string> VkTorjanScan::hashFollowingLink(const std::string& pa
         return std::nullopt;
     // Read where the path really leads, a final link or links on the way followed, as long
     // as that stays inside the inspected system: out of it, a link could name anything here.
-    char real[PATH_MAX];
-    char realRoot[PATH_MAX];
-    std::string root = systemRoot_.empty() ? "/" : systemRoot_;
-    if (!::realpath(path.c_str(), real) || !::realpath(root.c_str(), realRoot)) {
-        int error = errno;
-        why = S_ISLNK(st.st_mode)
-                  ? VkNotExamined{path,
-                                  Reason::symbolicLink,
-                                  0,
-                                  {},
-                                  "a link leading nowhere: " + std::string(std::strerror(error))}
-                  : VkNotExamined{path, Reason::unreadable, error};
+    int error = 0;
+    auto resolved =
+        VkContainedFs::resolveInside(systemRoot_.empty() ? "/" : systemRoot_, path, &error);
+    if (!resolved) {
+        why = error != 0 && !S_ISLNK(st.st_mode)
+                  ? VkNotExamined{path, Reason::unreadable, error}
+                  : VkNotExamined{path, Reason::symbolicLink, 0, {}, resolved.error()};
         return std::nullopt;
     }
-    if (!VkContainedFs(realRoot).contains(real)) {
-        why = VkNotExamined{
-            path, Reason::symbolicLink, 0, {}, "a link leading out of the inspected system"};
-        return std::nullopt;
-    }
-    const std::string file = real;
+    const std::string file = resolved->path;
     errno = 0;
     std::optional<std::string> hash = hashCodeWithPath(file, 0, 0);
     if (!hash) {

@@ -4,6 +4,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -244,6 +246,26 @@ VkResult<std::vector<std::string>> VkContainedFs::componentsBelowRoot(
     }
     return std::vector<std::string>(parts->begin() + static_cast<long>(rootParts->size()),
                                     parts->end());
+}
+
+VkResult<VkContainedFs::Resolved> VkContainedFs::resolveInside(const std::string& root,
+                                                               const std::string& path,
+                                                               int* error) {
+    char realRoot[PATH_MAX];
+    char real[PATH_MAX];
+    if (error)
+        *error = 0;
+    bool rootResolved = ::realpath(root.c_str(), realRoot) != nullptr;
+    if (!rootResolved || !::realpath(path.c_str(), real)) {
+        if (error)
+            *error = errno;
+        return VkError{std::string(rootResolved ? "a link leading nowhere: "
+                                                : "the root cannot be resolved: ") +
+                       std::strerror(errno)};
+    }
+    if (!VkContainedFs(realRoot).contains(real))
+        return VkError{"a link leading out of the inspected system"};
+    return Resolved{realRoot, real};
 }
 
 bool VkContainedFs::contains(const std::string& path) const {

@@ -34,6 +34,16 @@ class VkContainedFs {
     static VkResult<std::vector<std::string>> normalise(const std::string& path);
     // True when the path (lexically normal) lies at or below the root.
     bool contains(const std::string& path) const;
+    // Where a path of this machine really leads (every link on the way followed) and the
+    // root as it really is, for reading what a link inside the tree names. Fails when the
+    // path leads out of the tree ("a link leading out of the inspected system") or cannot be
+    // resolved (`error`, if given, then receives the errno; it is 0 for a path outside).
+    struct Resolved {
+        std::string root;
+        std::string path;
+    };
+    static VkResult<Resolved> resolveInside(const std::string& root, const std::string& path,
+                                            int* error = nullptr);
     // The components of a path of this machine below the root; fails outside it.
     VkResult<std::vector<std::string>> componentsBelowRoot(const std::string& path) const;
 
