@@ -339,10 +339,28 @@ bool VkDirectoryWalker::walkEntries(const std::string& root,
     return true;
 }
 
+void VkDirectoryWalker::WalkGate::open() {
+    {
+        std::lock_guard lock(mutex_);
+        open_.store(true);
+    }
+    opened_.notify_all();
+}
+
+void VkDirectoryWalker::WalkGate::wait(std::chrono::steady_clock::duration most,
+                                       const std::function<bool()>& stopped) {
+    const auto until = std::chrono::steady_clock::now() + most;
+    std::unique_lock lock(mutex_);
+    // A stop is not signalled here: it is looked for a few times a second.
+    while (!open_.load() && !stopped() && std::chrono::steady_clock::now() < until)
+        opened_.wait_for(lock, std::chrono::milliseconds(20), [&] { return open_.load(); });
+}
+
 uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                          const std::function<bool()>& stopped,
                                          const std::function<bool(const std::string&)>& counts,
-                                         Listings* keep, unsigned threads, bool atOnce) {
+                                         Listings* keep, unsigned threads, bool atOnce,
+                                         WalkGate* gate) {
     // Each folder is read whole when it is entered and its subfolders are put on a stack that
     // `threads` counters share: the order does not matter to a count, and several folders in
     // reading at once keep more of a cold disk's reads in flight. Taken last first, the
@@ -362,6 +380,11 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
     std::vector<Waiting> waiting;
     unsigned busy = 0;
     bool ended = false;
+    // Ahead of a walk that waits, every thread counts from the start.
+    const bool ahead = gate && keep && threads > 1;
+    if (gate && !ahead)
+        gate->open();
+    std::atomic<bool> fromDisk{false};
 
     // Lists one folder: counts its entries, keeps its listing and queues its subfolders.
     auto enter = [&](std::string path, std::unique_ptr<Listing> dir, std::string& full) {
@@ -373,6 +396,8 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
         std::vector<std::string> subfolders;
         Names names;
         size_t room = keep && stamp ? keep->room() : 0;
+        if (ahead && stamp && room == 0)
+            gate->open();  // the walk would list what follows itself
         uint64_t counted = 0;
         for (size_t n = 0; std::optional<Listing::Item> e = dir->next(); ++n) {
             if (n % 1024 == 1023 && stopped())
@@ -389,6 +414,8 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
                 if (names.bytes() > room) {
                     room = 0;  // too large to keep: the walk lists this one itself
                     names.clear();
+                    if (ahead)
+                        gate->open();
                 }
             }
         }
@@ -416,8 +443,10 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
     };
     // Helpers start once the listings have to be read from the disk: then several reads in
     // flight are what makes the count quick, while on cached folders more threads would only
-    // take processor time from the walk.
-    const long blocksBefore = threads > 1 && !atOnce ? blocksRead() : 0;
+    // take processor time from the walk. Ahead of a waiting walk they have the processors to
+    // themselves, until the gate opens.
+    const long blocksBefore = threads > 1 ? blocksRead() : 0;
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
     std::vector<std::thread> helpers;
     size_t listed = 0;
     auto count = [&](auto& self, bool first) -> void {
@@ -427,6 +456,10 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
             changed.wait(lock, [&] { return ended || !waiting.empty() || busy == 0; });
             if (ended || waiting.empty())
                 break;
+            if (!first && ahead && gate->isOpen() && !fromDisk.load()) {
+                changed.notify_all();  // what this one would have taken is for the others
+                break;
+            }
             Waiting next = std::move(waiting.back());
             waiting.pop_back();
             ++busy;
@@ -439,10 +472,20 @@ uint64_t VkDirectoryWalker::countEntries(const std::string& root, const std::vec
                 going = enter(std::move(next.path), std::move(dir), full);
             }
             next.parent.reset();
-            if (first && helpers.empty() && threads > 1 &&
-                (atOnce || (++listed % 4 == 0 && blocksRead() > blocksBefore))) {
+            if (first && threads > 1 && !fromDisk.load() && ++listed % 4 == 0 &&
+                blocksRead() > blocksBefore) {
+                fromDisk.store(true);
+                if (ahead)
+                    gate->open();
+            }
+            // Ahead of the walk on cached folders, one thread per processor: more would only
+            // wait on each other.
+            const unsigned wanted = fromDisk.load() || atOnce ? threads
+                                    : ahead                   ? std::min(threads, processors)
+                                                              : 1;
+            if (first && helpers.size() + 1 < wanted) {
                 try {
-                    while (helpers.size() + 1 < threads)
+                    while (helpers.size() + 1 < wanted)
                         helpers.emplace_back([&] { self(self, false); });
                 } catch (const std::system_error&) {
                     // No more threads to be had: those running count the rest.

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -83,6 +85,25 @@ class VkDirectoryWalker {
         std::map<FolderId, Kept> kept_;
     };
 
+    // Holds a walk back while the count of the same tree runs ahead of it on every processor.
+    // On folders the system has cached, listing is all there is to a count, and a count that
+    // shares the processors with the walk and its judges ends late; the walk loses nothing by
+    // waiting, as it then takes the folders the count kept instead of listing them itself.
+    // Opened for good when the count ends or stops, when it has to read from a disk (the
+    // walk's reads then belong beside its own), or when it has no more room to keep listings.
+    class WalkGate {
+      public:
+        void open();
+        bool isOpen() const { return open_.load(); }
+        // Returns once open, once stopped() says so, or after `most`.
+        void wait(std::chrono::steady_clock::duration most, const std::function<bool()>& stopped);
+
+      private:
+        std::atomic<bool> open_{false};
+        std::mutex mutex_;
+        std::condition_variable opened_;
+    };
+
     // Calls visit(fullPath) for each entry below root (root itself excluded); fullPath is
     // root + "/" + the relative path. Stops as soon as visit returns false. Returns false
     // when root itself could not be opened as a folder. Folders in `skip` (this program's
@@ -114,12 +135,15 @@ class VkDirectoryWalker {
     // returning what it counted so far, as soon as stopped() says so. Each folder read whole
     // is kept in `keep` while there is room. Up to `threads` threads list folders at once
     // (`counts` is then called from each of them): the calling one starts the others as soon
-    // as it has had to read from a disk, or at once with `atOnce`.
+    // as it has had to read from a disk, or at once with `atOnce`. With a `gate` (and more
+    // than one thread) they start at once, and the count opens it as WalkGate says; opened
+    // without a disk read, the others stop there and the calling thread counts on alone,
+    // leaving the processors to the walk.
     static uint64_t countEntries(const std::string& root, const std::vector<FolderId>& skip,
                                  const std::function<bool()>& stopped,
                                  const std::function<bool(const std::string&)>& counts = {},
                                  Listings* keep = nullptr, unsigned threads = 1,
-                                 bool atOnce = false);
+                                 bool atOnce = false, WalkGate* gate = nullptr);
     // Opens a folder without following a link in its place, one component at a time when
     // the path is too long for the system to take whole (links met on the way refused).
     static VkFd openFolder(const std::string& path);

@@ -35,6 +35,9 @@ constexpr size_t kOpenAhead = 16;
 // Threads that list folders for the count, each waiting on one folder's read at a time.
 constexpr unsigned kCountThreadsPerJob = 4;
 constexpr unsigned kMaxCountThreads = 8;
+// The longest the judging walk waits for the count to run ahead of it (a disk that does not
+// say it was read, as a network's, would otherwise hold it until the count ends).
+constexpr std::chrono::milliseconds kMostBehindCount{500};
 
 void sleepMicroseconds(int us) {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
@@ -210,9 +213,9 @@ void VkTorjanScan::scanBaseItem() {
 
     // The count: the same entries listed again, names and d_type only, beside the walk that
     // judges. Progress climbs as soon as it ends, long before the judging walk does, while
-    // the judging walk keeps its bounded memory. It starts before the records load, and the
-    // walk takes what the count read of each folder while that fits in the room, rather than
-    // list it again.
+    // the judging walk keeps its bounded memory. It starts before the records load; unpaced,
+    // the walk lets it run ahead alone for a while (see WalkGate). The walk takes what the
+    // count read of each folder while that fits in the room, rather than list it again.
     VkDirectoryWalker::Listings listings;
     std::atomic<uint64_t> total{0};
     std::atomic<bool> counted{false};
@@ -222,8 +225,11 @@ void VkTorjanScan::scanBaseItem() {
     // scan, which stays gentle.
     const unsigned countThreads =
         needDelay() ? 1 : std::min(kMaxCountThreads, kCountThreadsPerJob * judgingJobs());
+    VkDirectoryWalker::WalkGate gate;
+    VkDirectoryWalker::WalkGate* const aheadOfWalk = countThreads > 1 ? &gate : nullptr;
     std::thread counter([&] {
         uint64_t entries = 0;
+        bool complete = true;
         auto ended = [&] { return isSearchStop_.load() || walkEnded.load(); };
         for (size_t i = 0; i < roots.size(); ++i) {
             const std::string& root = roots[i];
@@ -236,14 +242,19 @@ void VkTorjanScan::scanBaseItem() {
                 std::function<bool(const std::string&)> inScope;
                 if (fullScan || skip)
                     inScope = [&](const std::string& path) { return !outOfScope(path); };
-                entries += VkDirectoryWalker::countEntries(root, ownFolders, ended, inScope,
-                                                           &listings, countThreads);
+                entries += VkDirectoryWalker::countEntries(
+                    root, ownFolders, ended, inScope, &listings, countThreads, false, aheadOfWalk);
             }
-            if (ended())
-                return;
+            if (ended()) {
+                complete = false;
+                break;
+            }
         }
-        total.store(entries);
-        counted.store(true);
+        if (complete) {
+            total.store(entries);
+            counted.store(true);
+        }
+        gate.open();
     });
 
     // The records load while the walk begins: entries are looked at meanwhile and held, in
@@ -529,6 +540,8 @@ void VkTorjanScan::scanBaseItem() {
             return sendLookups() && pipeline.submit(settled, std::move(*candidate));
         };
 
+        if (aheadOfWalk)
+            aheadOfWalk->wait(kMostBehindCount, [&] { return isSearchStop_.load(); });
         for (size_t i = 0; i < roots.size(); ++i) {
             const std::string& root = roots[i];
             int error = 0;

@@ -150,7 +150,8 @@ TEST(VkDirectoryWalkerTest, TakesAKeptListingOnlyForTheSameUnchangedFreshFolder)
     // What a count keeps of a folder that changes before the walk comes is not taken: an
     // entry made meanwhile is seen, and so is a folder made on the inode of one removed.
     Listings listings;
-    EXPECT_EQ(VkDirectoryWalker::countEntries(dir / "t", {}, [] { return false; }, {}, &listings),
+    EXPECT_EQ(VkDirectoryWalker::countEntries(
+                  dir / "t", {}, [] { return false; }, {}, &listings),
               3u);
     dir.write("t/late", "late");
     fs::remove_all(dir / "t/a");
@@ -164,6 +165,34 @@ TEST(VkDirectoryWalkerTest, TakesAKeptListingOnlyForTheSameUnchangedFreshFolder)
         },
         {}, {}, &listings);
     EXPECT_EQ(seen, (std::set<std::string>{"b", "b/new", "c", "late"}));
+}
+
+// A count lets the walk waiting behind it go as soon as waiting gains nothing: no room left to
+// keep listings, none kept at all, or a single counting thread. Otherwise the gate stays shut
+// until the caller opens it when the count ends. The count is right either way.
+TEST(VkDirectoryWalkerTest, ACountOpensTheWalksGateOnlyWhenWaitingGainsNothing) {
+    using Listings = VkDirectoryWalker::Listings;
+    VkTempDir dir;
+    for (const char* file : {"t/a/1", "t/a/2", "t/b/c/3", "t/d/4"})
+        dir.write(file, "x");
+    const struct Case {
+        size_t room;
+        bool keep;
+        unsigned threads;
+        bool open;
+    } cases[] = {{Listings::kRoom, true, 4, false},
+                 {1, true, 4, true},
+                 {Listings::kRoom, false, 4, true},
+                 {Listings::kRoom, true, 1, true}};
+    for (const Case& c : cases) {
+        Listings listings(c.room);
+        VkDirectoryWalker::WalkGate gate;
+        EXPECT_EQ(VkDirectoryWalker::countEntries(
+                      dir / "t", {}, [] { return false; }, {}, c.keep ? &listings : nullptr,
+                      c.threads, false, &gate),
+                  8u);
+        EXPECT_EQ(gate.isOpen(), c.open) << "room " << c.room << " threads " << c.threads;
+    }
 }
 
 TEST(VkScanPipelineTest, ReportsInWalkOrderBoundedAndReleasesAStoppedWalk) {
