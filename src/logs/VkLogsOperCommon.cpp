@@ -1,8 +1,5 @@
 #include "logs/VkLogsOperCommon.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "platform/VkFileUtil.h"
 
 VkLogsOperCommon::VkLogsOperCommon(std::shared_ptr<VkContext> context)
@@ -19,16 +16,9 @@ std::string VkLogsOperCommon::logsFolder() const {
 }
 
 void VkLogsOperCommon::creatLogsFilePath() {
-    std::string logs = logsFolder();
-    bool isDir = false;
-    if (VkFile::exists(logs, &isDir) && isDir)
-        return;
-    if (VkFile::existsNoFollow(logs))
-        VkFile::removeTree(logs);
-    bool dataIsDir = false;
-    if (!VkFile::exists(context_->dataFolder, &dataIsDir) || !dataIsDir) {
-        if (::mkdir(context_->dataFolder.c_str(), 0700) != 0)
-            return;
-    }
-    ::mkdir(logs.c_str(), 0700);
+    openLogsFolder(true);
+}
+
+VkResult<VkFd> VkLogsOperCommon::openLogsFolder(bool make) const {
+    return VkFile::openOwnFolder(context_->dataFolder, "Logs", make, 0700);
 }

@@ -15,6 +15,11 @@ class VkLogsOperCommon {
     // folder is created without parents when missing. Failures are silent.
     void creatLogsFilePath();
     std::string logsFolder() const;
+    // The "Logs" folder itself, never a link in its place: with `make`, made as
+    // creatLogsFilePath() does, a link there removed like a file; without, a link there fails.
+    // What is read and written in it goes through this descriptor, so that a link swapped in
+    // for the folder never leads a write (or a lock file, or a removal) elsewhere.
+    VkResult<VkFd> openLogsFolder(bool make) const;
 
   private:
     std::shared_ptr<VkContext> context_;

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fcntl.h>
+#include <optional>
 #include <set>
+#include <sys/stat.h>
 #include <unordered_map>
 
 #include "engine/VkTorjanResultItems.h"
@@ -11,14 +14,41 @@
 #include "platform/VkFileUtil.h"
 #include "platform/VkSystemLog.h"
 
+namespace {
+
+constexpr const char* kFileName = "vkScan.logs";
+
+// The history in the open "Logs" folder: nothing when there is no file, else what it holds or
+// why it cannot be read. A link in the file's place is not followed: it cannot be read.
+std::optional<VkResult<VkPlist>> readHistory(int logsFd, const std::string& label,
+                                             size_t maxBytes) {
+    struct stat st {};
+    if (::fstatat(logsFd, kFileName, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    auto bytes = VkFile::readAllAt(logsFd, kFileName, label, maxBytes);
+    if (!bytes)
+        return VkResult<VkPlist>(VkError{bytes.error()});
+    auto parsed = VkPlist::parse(bytes->data(), bytes->size());
+    if (!parsed)
+        return VkResult<VkPlist>(VkError{label + ": " + parsed.error()});
+    return parsed;
+}
+
+}  // namespace
+
 VkScanLogsOper::VkScanLogsOper(std::shared_ptr<VkContext> context)
     : context_(std::move(context)), common_(context_) {
     VkDate now = context_->clock->date();
-    auto file = VkPlist::readFile(logsFilePath(), kMaxFileBytes);
-    if (VkFile::exists(logsFilePath()) && (!file || !file->asArray()))
-        loadError_ = file ? "not a list of scans" : file.error();
-    if (file && file->asArray()) {
-        for (const auto& element : *file->asArray()) {
+    // A "Logs" that is no folder holds no history; the first write makes the folder.
+    auto logs = common_.openLogsFolder(false);
+    std::optional<VkResult<VkPlist>> read;
+    if (logs)
+        read = readHistory(logs->get(), logsFilePath(), kMaxFileBytes);
+    if (read && (!*read || !(*read)->asArray()))
+        loadError_ = *read ? "not a list of scans" : read->error();
+    if (read && *read && (*read)->asArray()) {
+        const VkPlist& file = **read;
+        for (const auto& element : *file.asArray()) {
             if (element.isDictionary())
                 logsArray_.push_back(std::make_shared<VkScanLogsNode>(element, now));
         }
@@ -49,7 +79,7 @@ std::shared_ptr<VkScanLogsOper> VkScanLogsOper::sharedOper() {
 }
 
 std::string VkScanLogsOper::logsFilePath() const {
-    return VkFile::join(common_.logsFolder(), "vkScan.logs");
+    return VkFile::join(common_.logsFolder(), kFileName);
 }
 
 void VkScanLogsOper::scanEnd(int32_t scanType) {
@@ -108,9 +138,10 @@ void VkScanLogsOper::addScanLogsItem(const std::shared_ptr<VkTorjanResultItems>&
     saveFileMonToDisk();
 }
 
-void VkScanLogsOper::setAside(const std::string& why) {
+void VkScanLogsOper::setAside(int logsFd, const std::string& why) {
     const std::string aside = logsFilePath() + ".unreadable";
-    bool moved = ::rename(logsFilePath().c_str(), aside.c_str()) == 0;
+    const std::string asideName = std::string(kFileName) + ".unreadable";
+    bool moved = ::renameat(logsFd, kFileName, logsFd, asideName.c_str()) == 0;
     if (context_->systemLog) {
         context_->systemLog->log(
             "[VkScanLogs] " + logsFilePath() + " cannot be read (" + why +
@@ -188,15 +219,23 @@ void VkScanLogsOper::saveFileMonToDisk() {
         std::find(logsArray_.begin(), logsArray_.end(), currentLogs_) == logsArray_.end()) {
         logsArray_.push_back(currentLogs_);
     }
-    common_.creatLogsFilePath();
+    auto logs = common_.openLogsFolder(true);
+    if (!logs) {
+        if (context_->systemLog)
+            context_->systemLog->log("[VkScanLogs] the scan history cannot be written: " +
+                                     logs.error());
+        return;
+    }
+    const int logsFd = logs->get();
     // Reloaded, changed and written under a lock beside the file: scans that other
     // processes (the panel, another command-line run) wrote meanwhile are kept.
-    VkFileLock lock(logsFilePath());
-    VkFileLock::removeStaleTemporaries(logsFilePath());
-    auto file = VkPlist::readFile(logsFilePath(), kMaxFileBytes);
-    if (VkFile::exists(logsFilePath()) && (!file || !file->asArray()))
-        setAside(file ? "not a list of scans" : file.error());
-    if (file && file->asArray()) {
+    VkFileLock lock(logsFd, kFileName);
+    VkFileLock::removeStaleTemporaries(logsFd, kFileName);
+    auto read = readHistory(logsFd, logsFilePath(), kMaxFileBytes);
+    if (read && (!*read || !(*read)->asArray()))
+        setAside(logsFd, *read ? "not a list of scans" : read->error());
+    if (read && *read && (*read)->asArray()) {
+        const VkPlist& file = **read;
         // Ordered by (type, time), so a node's namesakes within a second are found by one
         // search: the merge stays linear in the size of the file, however large it is.
         std::set<std::pair<int32_t, double>> known;
@@ -209,7 +248,7 @@ void VkScanLogsOper::saveFileMonToDisk() {
             return it != known.end() && sameId({it->second, it->first}, id);
         };
         VkDate now = context_->clock->date();
-        for (const auto& element : *file->asArray()) {
+        for (const auto& element : *file.asArray()) {
             if (!element.isDictionary())
                 continue;
             auto node = std::make_shared<VkScanLogsNode>(element, now);
@@ -240,7 +279,8 @@ void VkScanLogsOper::saveFileMonToDisk() {
     out.reserve(logsArray_.size());
     for (const auto& node : logsArray_)
         out.push_back(node->convertToDict());
-    VkFile::writeAtomically(logsFilePath(), VkPlist(std::move(out)).toXml(), 0600);
+    VkFile::writeAtomicallyAt(logsFd, kFileName, logsFilePath(), VkPlist(std::move(out)).toXml(),
+                              0600);
     if (delegate_)
         delegate_->refreshLogsOper();
 }

@@ -85,7 +85,7 @@ class VkScanLogsOper {
     int64_t keepDays() const;
     // Moves a history file that cannot be read aside ("vkScan.logs.unreadable") and says
     // so, rather than write over it: it may hold the only record of what was found.
-    void setAside(const std::string& why);
+    void setAside(int logsFd, const std::string& why);
     void boundItems();
 
     NodeList logsArray_;

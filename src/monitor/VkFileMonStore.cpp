@@ -1,6 +1,8 @@
 #include "monitor/VkFileMonStore.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -15,19 +17,15 @@ bool sameRecord(const VkFileMonLogsItem& a, const VkFileMonLogsItem& b) {
            a.downLoadTime() == b.downLoadTime();
 }
 
-// The "Logs" folder as the scan log keeps it: a plain file of that name gives way to it.
-VkResult<void> makeLogsFolder(const std::string& dataFolder) {
-    std::string logs = VkFile::join(dataFolder, VkFileMonStore::kLogsFolder);
-    bool isDirectory = false;
-    if (VkFile::exists(logs, &isDirectory) && isDirectory)
-        return {};
-    if (VkFile::existsNoFollow(logs))
-        VkFile::removeTree(logs);
-    if (!VkFile::exists(dataFolder) && !VkFile::createDirectory(dataFolder, true, 0700))
-        return VkError{"cannot create the data folder " + dataFolder};
-    if (!VkFile::createDirectory(logs, false, 0700))
-        return VkError{"cannot create the folder " + logs};
-    return {};
+// The "Logs" folder as the scan log keeps it, opened without following a link in its place:
+// with `make`, a file or link of that name gives way to a folder.
+VkResult<VkFd> openLogsFolder(const std::string& dataFolder, bool make) {
+    return VkFile::openOwnFolder(dataFolder, VkFileMonStore::kLogsFolder, make, 0700);
+}
+
+bool existsIn(int folderFd, const char* name) {
+    struct stat st {};
+    return ::fstatat(folderFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 }  // namespace
@@ -42,10 +40,12 @@ std::vector<uint8_t> VkFileMonStore::emptyArchive() {
 }
 
 VkResult<std::vector<uint8_t>> VkFileMonStore::readArchive(const std::string& dataFolder) {
-    std::string path = recordsPath(dataFolder);
-    if (!VkFile::existsNoFollow(path))
+    // No "Logs" folder (or something else in its place, never followed): no records.
+    auto logs = openLogsFolder(dataFolder, false);
+    if (!logs || !existsIn(logs->get(), kRecordsFile))
         return emptyArchive();
-    auto text = VkFile::readAll(path, kMaxArchiveBytes);
+    auto text =
+        VkFile::readAllAt(logs->get(), kRecordsFile, recordsPath(dataFolder), kMaxArchiveBytes);
     if (!text)
         return VkError{text.error()};
     return std::vector<uint8_t>(text->begin(), text->end());
@@ -53,11 +53,13 @@ VkResult<std::vector<uint8_t>> VkFileMonStore::readArchive(const std::string& da
 
 VkResult<void> VkFileMonStore::writeArchive(const std::string& dataFolder,
                                             const std::vector<uint8_t>& bytes) {
-    if (auto made = makeLogsFolder(dataFolder); !made)
-        return made;
+    auto logs = openLogsFolder(dataFolder, true);
+    if (!logs)
+        return VkError{logs.error()};
     // The monitor appends, the client clears while no monitor runs: one writer at a time.
-    VkFileLock lock(recordsPath(dataFolder));
-    return VkFile::writeAtomically(recordsPath(dataFolder), bytes.data(), bytes.size(), 0600);
+    VkFileLock lock(logs->get(), kRecordsFile);
+    return VkFile::writeAtomicallyAt(logs->get(), kRecordsFile, recordsPath(dataFolder),
+                                     std::string(bytes.begin(), bytes.end()), 0600);
 }
 
 VkFileMonStore::VkFileMonStore(std::string dataFolder, size_t maxRecords)
@@ -71,20 +73,25 @@ VkResult<void> VkFileMonStore::load() {
     archive_ = emptyArchive();
     ++generation_;
     std::string path = recordsPath(dataFolder_);
-    VkFileLock::removeStaleTemporaries(path);
-    if (!VkFile::existsNoFollow(path))
+    auto logs = openLogsFolder(dataFolder_, false);
+    if (!logs)
         return {};
-    auto bytes = readArchive(dataFolder_);
+    const int logsFd = logs->get();
+    VkFileLock::removeStaleTemporaries(logsFd, kRecordsFile);
+    if (!existsIn(logsFd, kRecordsFile))
+        return {};
+    auto bytes = VkFile::readAllAt(logsFd, kRecordsFile, path, kMaxArchiveBytes);
     std::string problem;
     if (bytes) {
-        auto items = VkFileMonLogsItem::unarchiveItems(*bytes);
+        auto items =
+            VkFileMonLogsItem::unarchiveItems(std::vector<uint8_t>(bytes->begin(), bytes->end()));
         if (items) {
             if (*items)
                 items_ = std::move(**items);
             if (items_.size() > maxRecords_)
                 items_.erase(items_.begin(), items_.end() - static_cast<long>(maxRecords_));
             // Owner-only, whatever an older version or the user left.
-            ::chmod(path.c_str(), 0600);
+            ::fchmodat(logsFd, kRecordsFile, 0600, AT_SYMLINK_NOFOLLOW);
             auto archive = VkFileMonLogsItem::archiveItems(items_);
             if (archive)
                 archive_ = std::move(*archive);
@@ -95,7 +102,8 @@ VkResult<void> VkFileMonStore::load() {
         problem = bytes.error();
     }
     std::string aside = path + ".unreadable";
-    if (::rename(path.c_str(), aside.c_str()) != 0)
+    std::string asideName = std::string(kRecordsFile) + ".unreadable";
+    if (::renameat(logsFd, kRecordsFile, logsFd, asideName.c_str()) != 0)
         return VkError{"the records in " + path + " cannot be read (" + problem + ")"};
     return VkError{"the records in " + path + " cannot be read (" + problem + "); moved to " +
                    aside};

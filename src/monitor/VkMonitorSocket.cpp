@@ -92,8 +92,9 @@ VkResult<VkFd> VkMonitorSocket::listenAt(const std::string& path, int backlog) {
     if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof(sockaddr_un)) != 0)
         return VkError{errnoText("cannot bind " + path)};
     // Until this chmod another user could reach the socket file; every connection is also
-    // checked for the owner's user, so nobody else gets an answer in that moment.
-    if (::chmod(path.c_str(), 0600) != 0) {
+    // checked for the owner's user, so nobody else gets an answer in that moment. A link
+    // swapped in for the socket meanwhile is not followed: its target keeps its mode.
+    if (::fchmodat(AT_FDCWD, path.c_str(), 0600, AT_SYMLINK_NOFOLLOW) != 0) {
         VkError error{errnoText("cannot restrict " + path)};
         ::unlink(path.c_str());
         return error;

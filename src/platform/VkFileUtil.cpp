@@ -167,8 +167,10 @@ VkResult<std::vector<std::string>> listDirectory(int folderFd) {
     return names;
 }
 
-VkResult<std::string> readAll(const std::string& path, size_t maxBytes, struct stat* info) {
-    VkFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+namespace {
+
+VkResult<std::string> readOpened(const VkFd& fd, const std::string& path, size_t maxBytes,
+                                 struct stat* info) {
     if (!fd.valid())
         return VkError{errnoText("cannot open", path)};
     struct stat st {};
@@ -199,17 +201,21 @@ VkResult<std::string> readAll(const std::string& path, size_t maxBytes, struct s
     return out;
 }
 
-VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_t size,
-                               mode_t mode) {
+// Writes a temporary file ".<name>.tmp.<pid>.<n>" in the folder (`folder`, relative to
+// `folderFd`; empty for the folder itself) and renames it over `name` there.
+VkResult<void> writeBeside(int folderFd, const std::string& folder, const std::string& name,
+                           const std::string& label, const void* bytes, size_t size, mode_t mode) {
     static std::atomic<unsigned> counter{0};
-    std::string folder = deletingLastPathComponent(path);
-    std::string temp = join(folder.empty() ? "." : folder,
-                            "." + lastPathComponent(path) + ".tmp." + std::to_string(::getpid()) +
-                                "." + std::to_string(counter.fetch_add(1)));
+    std::string temp = "." + name + ".tmp." + std::to_string(::getpid()) + "." +
+                       std::to_string(counter.fetch_add(1));
+    if (!folder.empty())
+        temp = join(folder, temp);
+    const std::string target = folder.empty() ? name : join(folder, name);
     {
-        VkFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+        VkFd fd(::openat(folderFd, temp.c_str(),
+                         O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
         if (!fd.valid())
-            return VkError{errnoText("cannot create", temp)};
+            return VkError{errnoText("cannot create a temporary file for", label)};
         const char* p = static_cast<const char*>(bytes);
         size_t left = size;
         while (left > 0) {
@@ -217,8 +223,8 @@ VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_
             if (n < 0) {
                 if (errno == EINTR)
                     continue;
-                std::string message = errnoText("cannot write", temp);
-                ::unlink(temp.c_str());
+                std::string message = errnoText("cannot write", label);
+                ::unlinkat(folderFd, temp.c_str(), 0);
                 return VkError{message};
             }
             p += n;
@@ -226,17 +232,68 @@ VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_
         }
         ::fchmod(fd.get(), mode);
         if (::fsync(fd.get()) != 0) {
-            std::string message = errnoText("cannot flush", temp);
-            ::unlink(temp.c_str());
+            std::string message = errnoText("cannot flush", label);
+            ::unlinkat(folderFd, temp.c_str(), 0);
             return VkError{message};
         }
     }
-    if (::rename(temp.c_str(), path.c_str()) != 0) {
-        std::string message = errnoText("cannot replace", path);
-        ::unlink(temp.c_str());
+    if (::renameat(folderFd, temp.c_str(), folderFd, target.c_str()) != 0) {
+        std::string message = errnoText("cannot replace", label);
+        ::unlinkat(folderFd, temp.c_str(), 0);
         return VkError{message};
     }
     return {};
+}
+
+}  // namespace
+
+VkResult<std::string> readAll(const std::string& path, size_t maxBytes, struct stat* info) {
+    return readOpened(VkFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)), path, maxBytes,
+                      info);
+}
+
+VkResult<std::string> readAllAt(int folderFd, const std::string& name, const std::string& label,
+                                size_t maxBytes, struct stat* info) {
+    return readOpened(
+        VkFd(::openat(folderFd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW)),
+        label, maxBytes, info);
+}
+
+VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_t size,
+                               mode_t mode) {
+    std::string folder = deletingLastPathComponent(path);
+    return writeBeside(AT_FDCWD, folder.empty() ? "." : folder, lastPathComponent(path), path,
+                       bytes, size, mode);
+}
+
+VkResult<void> writeAtomicallyAt(int folderFd, const std::string& name, const std::string& label,
+                                 const std::string& bytes, mode_t mode) {
+    return writeBeside(folderFd, "", name, label, bytes.data(), bytes.size(), mode);
+}
+
+VkResult<VkFd> openOwnFolder(const std::string& parent, const std::string& name, bool make,
+                             mode_t mode) {
+    const std::string path = join(parent, name);
+    VkFd parentFd(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parentFd.valid() && errno == ENOENT && make && ::mkdir(parent.c_str(), mode) == 0)
+        parentFd.reset(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parentFd.valid())
+        return VkError{errnoText("cannot open", parent)};
+    const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    VkFd fd(::openat(parentFd.get(), name.c_str(), flags));
+    if (fd.valid() || !make)
+        return fd.valid() ? VkResult<VkFd>(std::move(fd))
+                          : VkResult<VkFd>(VkError{errnoText("cannot open", path)});
+    struct stat st {};
+    if (::fstatat(parentFd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        !S_ISDIR(st.st_mode) && ::unlinkat(parentFd.get(), name.c_str(), 0) != 0)
+        return VkError{errnoText("cannot remove what lies at", path)};
+    if (::mkdirat(parentFd.get(), name.c_str(), mode) != 0 && errno != EEXIST)
+        return VkError{errnoText("cannot create", path)};
+    fd.reset(::openat(parentFd.get(), name.c_str(), flags));
+    if (!fd.valid())
+        return VkError{errnoText("cannot open", path)};
+    return fd;
 }
 
 VkResult<void> writeAtomically(const std::string& path, const std::string& bytes, mode_t mode) {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "platform/VkHandle.h"
 #include "platform/VkResult.h"
 
 // Path and file helpers with the platform's path-string semantics.
@@ -45,6 +46,19 @@ VkResult<void> writeAtomically(const std::string& path, const void* bytes, size_
                                mode_t mode = 0644);
 VkResult<void> writeAtomically(const std::string& path, const std::string& bytes,
                                mode_t mode = 0644);
+// The same inside a folder already open, the final name never followed: a link there is
+// refused on reading and replaced itself (never what it names) on writing. `label` names the
+// file in errors.
+VkResult<std::string> readAllAt(int folderFd, const std::string& name, const std::string& label,
+                                size_t maxBytes = 64u << 20, struct stat* info = nullptr);
+VkResult<void> writeAtomicallyAt(int folderFd, const std::string& name, const std::string& label,
+                                 const std::string& bytes, mode_t mode = 0644);
+// Opens the folder `name` inside `parent` (a path, followed as given: the user chose it)
+// without following a link in its place. With `make`, whatever else lies under that name (a
+// file, a link someone swapped in) is removed, the link itself and never what it names, and
+// a folder made instead with `mode`; a missing parent is made too, with the same mode.
+VkResult<VkFd> openOwnFolder(const std::string& parent, const std::string& name, bool make,
+                             mode_t mode = 0700);
 // Copies a regular file; fails when the target exists.
 VkResult<void> copyFile(const std::string& from, const std::string& to);
 // Removes a file, link or folder tree without following links.

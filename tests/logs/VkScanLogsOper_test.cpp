@@ -92,6 +92,28 @@ TEST_F(VkScanLogsTest, ScanEndAndResultsAreWrittenWithTheirKeysAndRemovedAll) {
     EXPECT_EQ(onDisk(logs), VkPlist::array());
 }
 
+// A link someone put in place of Logs is never followed: the history it leads to is not read,
+// nothing is written, locked or set aside there, and a real folder takes the link's place.
+TEST_F(VkScanLogsTest, ALinkInPlaceOfLogsIsNeverFollowed) {
+    VkPlist::Array planted{VkPlist::dictionary()};
+    const std::string history = VkPlist(planted).toXml();
+    dir.write("elsewhere/vkScan.logs", history);
+    fs::create_directory_symlink(dir / "elsewhere", ctx->dataPath("Logs"));
+    ctx->userDefaults->setInteger("LogsKeepDay", 30);
+    VkScanLogsOper logs(ctx);
+    EXPECT_TRUE(logs.scanLogsArray().empty());
+    logs.scanEnd(1);
+    logs.addScanLogsArray({result("a/evil.bin", "Test.A")});
+    std::vector<std::string> there;
+    for (const auto& entry : fs::directory_iterator(dir / "elsewhere"))
+        there.push_back(entry.path().filename());
+    EXPECT_EQ(there, std::vector<std::string>{"vkScan.logs"});
+    EXPECT_EQ(*VkFile::readAll(dir / "elsewhere/vkScan.logs"), history);
+    EXPECT_FALSE(fs::is_symlink(ctx->dataPath("Logs")));
+    ASSERT_TRUE(onDisk(logs).asArray());
+    EXPECT_EQ(onDisk(logs).asArray()->size(), 1u);
+}
+
 TEST_F(VkScanLogsTest, RetentionByLogsKeepDayAndTimeStampsOfTheLatestFullScan) {
     double fullTime = 0;
     {

@@ -1,6 +1,7 @@
 #include "monitor/VkFileMonStore.h"
 
 #include <filesystem>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -67,10 +68,47 @@ TEST_F(VkFileMonStoreTest, AnUnreadableFileIsSetAsideNotLost) {
     EXPECT_EQ(store.count(), 1u);
 }
 
-TEST_F(VkFileMonStoreTest, APlainFileNamedLogsGivesWayToTheFolder) {
-    dir.write("data/Logs", "in the way");
-    ASSERT_TRUE(*VkFileMonStore(data).append(record("/d/a")));
-    EXPECT_TRUE(std::filesystem::is_directory(data + "/Logs"));
+// Whatever lies in place of the Logs folder gives way to it; a link there (to a folder with
+// records of its own, or to a file) is never followed: nothing there is read, changed in
+// mode, written or locked.
+TEST_F(VkFileMonStoreTest, AFileOrLinkNamedLogsGivesWayToTheFolder) {
+    namespace fs = std::filesystem;
+    std::vector<uint8_t> theirs;
+    {
+        VkFileMonStore other(dir / "other");
+        ASSERT_TRUE(*other.append(record("/theirs")));
+        theirs = other.archive();
+    }
+    const std::string records = dir / "other/Logs/vkFileMon.logs";
+    ::chmod(records.c_str(), 0644);
+    auto entriesThere = [&] {
+        size_t entries = 0;
+        for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir / "other/Logs"))
+            ++entries;
+        return entries;
+    };
+    const size_t before = entriesThere();
+    for (const char* inTheWay : {"file", "link to a folder", "link to a file"}) {
+        SCOPED_TRACE(inTheWay);
+        fs::remove_all(data);
+        fs::create_directory(data);
+        if (inTheWay[0] == 'f')
+            dir.write("data/Logs", "in the way");
+        else if (std::string(inTheWay).ends_with("folder"))
+            fs::create_directory_symlink(dir / "other/Logs", data + "/Logs");
+        else
+            fs::create_symlink(records, data + "/Logs");
+        EXPECT_EQ(*VkFileMonStore::readArchive(data), VkFileMonStore::emptyArchive());
+        VkFileMonStore store(data);
+        ASSERT_TRUE(store.load());
+        EXPECT_EQ(store.count(), 0u);
+        ASSERT_TRUE(*store.append(record("/d/a")));
+        EXPECT_TRUE(fs::is_directory(data + "/Logs") && !fs::is_symlink(data + "/Logs"));
+        EXPECT_EQ(vkmon::permissionsOf(records), 0644);
+        auto kept = VkFile::readAll(records);
+        EXPECT_EQ(std::vector<uint8_t>(kept->begin(), kept->end()), theirs);
+        EXPECT_EQ(entriesThere(), before);
+    }
 }
 
 TEST(VkMonitorConfigTest, RemembersAddedFoldersOnceEachAndForgetsThem) {
