@@ -201,7 +201,13 @@ VkResult<void> VkFileMonService::start() {
     stampLastRun();
     startTime_ = ctx_->clock->now();
     started_ = true;
-    judgeThread_ = std::thread([this] { judgeLoop(); });
+    // The records load before the first file comes, so that the status says how many
+    // signatures the monitor judges with from its first answer, not 0 until a file arrives.
+    auto judge = std::make_unique<VkFileMonJudge>(ctx_);
+    judge->reloadIfChanged();
+    signatureCount_.store(judge->recordCount());
+    noteFailedDatabases(judge->failedDatabases());
+    judgeThread_ = std::thread([this, judge = std::move(judge)] { judgeLoop(*judge); });
     return {};
 }
 
@@ -520,9 +526,7 @@ void VkFileMonService::moveSettled(double now) {
     }
 }
 
-void VkFileMonService::judgeLoop() {
-    VkFileMonJudge judge(ctx_);
-    signatureCount_.store(0);
+void VkFileMonService::judgeLoop(VkFileMonJudge& judge) {
     for (;;) {
         std::string path;
         std::string root;

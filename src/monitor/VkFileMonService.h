@@ -28,6 +28,7 @@
 #include "platform/VkPlist.h"
 
 struct VkNotExamined;
+class VkFileMonJudge;
 
 struct VkFileMonServiceOptions {
     // Folders watched from the start (and retried while they cannot be watched).
@@ -107,7 +108,7 @@ class VkFileMonService {
     void stampLastRun();
 
     // Judging thread.
-    void judgeLoop();
+    void judgeLoop(VkFileMonJudge& judge);
     void wake();
 
     std::shared_ptr<VkContext> ctx_;

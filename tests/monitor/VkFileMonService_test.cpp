@@ -150,6 +150,7 @@ TEST_F(VkFileMonServiceTest, RecordsInfectedDownloadsButNotCleanOrTrustedOnes) {
                                              {"TrustFileHash", *vkEncryptString(md5)},
                                              {"TrustFileSize", VkPlist::integer(777)}})}));
     auto runner = startService();
+    EXPECT_EQ(statusNumber("Signatures"), 1u) << "known before the first file comes";
     std::string bad = watchFolder + "/installer.dmg", clean = watchFolder + "/photo.jpg",
                 zip = watchFolder + "/download.zip", cut = watchFolder + "/cut.zip";
     VkFile::writeAtomically(clean, vkTestBytes(777, 2));  // same size, other contents
