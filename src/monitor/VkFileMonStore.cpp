@@ -90,8 +90,10 @@ VkResult<void> VkFileMonStore::load() {
                 items_ = std::move(**items);
             if (items_.size() > maxRecords_)
                 items_.erase(items_.begin(), items_.end() - static_cast<long>(maxRecords_));
-            // Owner-only, whatever an older version or the user left.
-            ::fchmodat(logsFd, kRecordsFile, 0600, AT_SYMLINK_NOFOLLOW);
+            // Owner-only, whatever an older version or the user left; where that cannot be
+            // done the records are used all the same.
+            [[maybe_unused]] int restricted =
+                ::fchmodat(logsFd, kRecordsFile, 0600, AT_SYMLINK_NOFOLLOW);
             auto archive = VkFileMonLogsItem::archiveItems(items_);
             if (archive)
                 archive_ = std::move(*archive);

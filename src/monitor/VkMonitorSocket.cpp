@@ -46,6 +46,18 @@ VkResult<sockaddr_un> addressOf(const std::string& path, VkFd& folder) {
     return address;
 }
 
+// Makes the socket file owner-only without following a link in its place.
+bool restrictToOwner(const std::string& path) {
+    if (::fchmodat(AT_FDCWD, path.c_str(), 0600, AT_SYMLINK_NOFOLLOW) == 0)
+        return true;
+    // Where the C library cannot refuse links this way (it needs /proc on older Linux), the
+    // path is looked at first: only a socket is changed.
+    struct stat st {};
+    if (errno == EOPNOTSUPP && ::lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+        return ::chmod(path.c_str(), 0600) == 0;
+    return false;
+}
+
 VkFd newSocket() {
 #ifdef SOCK_CLOEXEC
     return VkFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -94,7 +106,7 @@ VkResult<VkFd> VkMonitorSocket::listenAt(const std::string& path, int backlog) {
     // Until this chmod another user could reach the socket file; every connection is also
     // checked for the owner's user, so nobody else gets an answer in that moment. A link
     // swapped in for the socket meanwhile is not followed: its target keeps its mode.
-    if (::fchmodat(AT_FDCWD, path.c_str(), 0600, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (!restrictToOwner(path)) {
         VkError error{errnoText("cannot restrict " + path)};
         ::unlink(path.c_str());
         return error;
