@@ -15,10 +15,10 @@ std::string VkLogsOperCommon::logsFolder() const {
     return context_->dataPath("Logs");
 }
 
-void VkLogsOperCommon::creatLogsFilePath() {
-    openLogsFolder(true);
+VkResult<VkFd> VkLogsOperCommon::creatLogsFilePath() const {
+    return VkFile::openOwnFolder(context_->dataFolder, "Logs", true, 0700);
 }
 
-VkResult<VkFd> VkLogsOperCommon::openLogsFolder(bool make) const {
-    return VkFile::openOwnFolder(context_->dataFolder, "Logs", make, 0700);
+VkResult<VkFd> VkLogsOperCommon::openLogsFolder() const {
+    return VkFile::openOwnFolder(context_->dataFolder, "Logs", false);
 }

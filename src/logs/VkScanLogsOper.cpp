@@ -40,7 +40,7 @@ VkScanLogsOper::VkScanLogsOper(std::shared_ptr<VkContext> context)
     : context_(std::move(context)), common_(context_) {
     VkDate now = context_->clock->date();
     // A "Logs" that is no folder holds no history; the first write makes the folder.
-    auto logs = common_.openLogsFolder(false);
+    auto logs = common_.openLogsFolder();
     std::optional<VkResult<VkPlist>> read;
     if (logs)
         read = readHistory(logs->get(), logsFilePath(), kMaxFileBytes);
@@ -219,7 +219,7 @@ void VkScanLogsOper::saveFileMonToDisk() {
         std::find(logsArray_.begin(), logsArray_.end(), currentLogs_) == logsArray_.end()) {
         logsArray_.push_back(currentLogs_);
     }
-    auto logs = common_.openLogsFolder(true);
+    auto logs = common_.creatLogsFilePath();
     if (!logs) {
         if (context_->systemLog)
             context_->systemLog->log("[VkScanLogs] the scan history cannot be written: " +
